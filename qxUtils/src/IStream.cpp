@@ -1,0 +1,8 @@
+#include "qxUtils/IStream.h"
+
+namespace quna {
+
+IOutputStream::~IOutputStream() noexcept(false) = default;
+IInputStream::~IInputStream() = default;
+
+} // namespace quna
