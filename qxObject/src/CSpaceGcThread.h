@@ -1,0 +1,55 @@
+// The collector thread of a domain and the clock by which it runs.
+#pragma once
+
+#include "qxObject/CSpace.h"
+#include "qxUtils/Export.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+namespace quna {
+
+// Threads: every method from any thread. Start and StopAndJoin wait for a thread that is about to end, so their caller
+//   holds no lock that the collector needs; RequestStop, Wake and SetPeriod are allowed under any lock.
+class QX_API CSpaceGcThread {
+public:
+    CSpaceGcThread(CSpace& cspace, int period, GCThreadFn fn);
+    CSpaceGcThread(const CSpaceGcThread&) = delete;
+    CSpaceGcThread& operator=(const CSpaceGcThread&) = delete;
+
+    void Start();
+    void RequestStop();
+    void StopAndJoin();
+
+    // Blocks until a collection is due; false when the thread is to end.
+    bool WaitUntilDue();
+
+    // The next collection is due now. Calm takes that back: what asked for it has been done.
+    void Wake();
+    void Calm() noexcept { m_wake.store(false, std::memory_order_relaxed); }
+
+    void SetPeriod(int milliSecs);
+
+    // True on the collector thread itself.
+    bool IsCurrentThread() const;
+    bool IsRunning() const noexcept { return m_tid.load(std::memory_order_relaxed) != 0; }
+
+private:
+    void Run();
+
+    CSpace&                 m_cspace;
+    const GCThreadFn        m_fn;
+    std::mutex              m_startMutex; // serialises Start and StopAndJoin; outside m_mutex
+    std::thread             m_thread;     // guarded by m_startMutex
+    std::mutex              m_mutex;      // leaf lock
+    std::condition_variable m_changed;    // m_stop, m_wake or m_period has changed
+    int                     m_period;     // milliseconds, below 1 for no sleep; guarded by m_mutex
+    bool                    m_stop = false;    // guarded by m_mutex
+    bool                    m_leaving = false; // the thread has been told to end, or has; guarded by m_mutex
+    std::atomic<bool>       m_wake{false};     // set under m_mutex
+    std::atomic<int32>      m_tid{0};          // of the collector thread while it runs
+};
+
+} // namespace quna
