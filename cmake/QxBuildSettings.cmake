@@ -32,6 +32,11 @@ endif()
 add_library(qx_options INTERFACE)
 target_compile_features(qx_options INTERFACE cxx_std_20)
 target_compile_options(qx_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    # Part of clang's -Wconversion but not of g++'s: both shall find the same code good. Sizes are signed here, those of
+    # the standard containers are not, so this one would ask for a cast at every index.
+    target_compile_options(qx_options INTERFACE -Wno-sign-conversion)
+endif()
 if(QX_WERROR)
     target_compile_options(qx_options INTERFACE -Werror)
 endif()
