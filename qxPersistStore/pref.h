@@ -160,6 +160,8 @@ public:
 private:
     friend prefbase LoadPref(const void* address) noexcept;
     friend void StorePref(void* address, const prefbase& value) noexcept;
+    friend QX_API bool operator==(const prefbase& x, const prefbase& y);
+    friend QX_API bool operator==(const prefbase& x, ptr<const IObject> q);
     template <class T>
     friend class cref;
 
