@@ -1,0 +1,109 @@
+#include "qxPersistStore/src/DOS.h"
+
+#include "qxObject/ReflectedClass.h"
+#include "qxPersistStore/src/PSpace.h"
+#include "qxPersistStore/src/PersistStore.h"
+#include "qxUtils/Assert.h"
+#include "qxUtils/AutoCloser.h"
+#include "qxUtils/Tracer.h"
+
+namespace quna {
+
+namespace {
+
+constexpr ConstStringZ SOURCE_PATH = "src/DOS";
+
+// Traces, when an exception ends the scope, which object was being written: a reader of the log has no other way to
+// find it.
+class TraceOnFailedWrite {
+public:
+    TraceOnFailedWrite(ptr<const IPersistable> po, OID oid) : m_po(po), m_oid(oid) {}
+    TraceOnFailedWrite(const TraceOnFailedWrite&) = delete;
+    TraceOnFailedWrite& operator=(const TraceOnFailedWrite&) = delete;
+    ~TraceOnFailedWrite() {
+        if (std::uncaught_exceptions() == m_uncaught)
+            return;
+        const ReflectedClass* rc = m_po->GetReflectedClass();
+        TracerX() << "PSpace: error : writing object with OID = " << m_oid << " of class "
+                  << (rc ? rc->GetName() : "?") << " failed\n";
+    }
+
+private:
+    ptr<const IPersistable> m_po;
+    OID m_oid;
+    int m_uncaught = std::uncaught_exceptions();
+};
+
+} // namespace
+
+void PSpaceDos::AddDirtyObject(ptr<const IPersistable> po) {
+    QX_ASSERT(po);
+    QX_ASSERT(m_pspace.HaveWriteAccess());
+    QX_ASSERT(IsPersistableDirty(po));
+    MarkAsDirty();
+    m_dirtyObjectSet.push_back(po);
+}
+
+void PSpaceDos::MarkAsDirty() const {
+    QX_ASSERT(m_pspace.HaveWriteAccess());
+    if (m_dirty.load(std::memory_order_relaxed))
+        return;
+    m_dirty.store(true, std::memory_order_release);
+    m_pspace.m_ps.m_dosWriter.m_dirtyPSpaces.PushBack(&m_pspace);
+}
+
+void PSpaceDos::AssertDirty() const { QX_ASSERT(m_dirty); }
+
+void PSpaceDos::VisitObjects(IObjectVisitor& v) const {
+    QX_ASSERT(m_pspace.HaveReadOrWriteAccess());
+    const std::lock_guard lock(mutex_);
+    for (const ptr<const IPersistable>& po : m_dirtyObjectSet)
+        v << po;
+}
+
+void PSpaceDos::WriteChangesToLSS(ILssTransaction& txn) {
+    QX_ASSERT(m_pspace.HaveReadOrWriteAccess());
+    QX_ASSERT(m_dirty);
+    DIRTY_OBJECT_SET objects;
+    {
+        const std::lock_guard lock(mutex_);
+        objects.TakePages(m_dirtyObjectSet);
+    }
+    for (const ptr<const IPersistable>& po : objects)
+        WriteObject(txn, po);
+    QX_ASSERT(m_dirtyObjectSet.empty());
+    m_dirty.store(false, std::memory_order_release);
+    m_pspace.m_ps.m_dosWriter.m_dirtyPSpaces.Remove(&m_pspace);
+}
+
+void PSpaceDos::WriteObject(ILssTransaction& txn, ptr<const IPersistable> po) {
+    QX_ASSERT(po);
+    const OID oid = GetOid(po);
+    QX_ASSERT(oid);
+    QX_ASSERT(IsPersistableDirty(po));
+    const TraceOnFailedWrite trace(po, oid);
+    ObjSysState& state = po->GetSysState();
+    if (state.GetFlag(PERSISTABLE_DELETED)) {
+        txn.DeleteSerialElement(oid); // false for an object that was deleted before its first write
+    } else {
+        AutoCloser<ICloseableOutputStream> os(txn.WriteSerialElement(oid));
+        {
+            Archive ar(os.Get());
+            m_pspace.m_ps.DynCreateSerialise(ar, po);
+        }
+        os.Close();
+    }
+    state.ClearFlag(PERSISTABLE_DIRTY);
+}
+
+void PSpaceDos::Transfer(PSpaceDos& src) {
+    const std::lock_guard lock(mutex_);
+    const std::lock_guard srcLock(src.mutex_);
+    if (src.m_dirtyObjectSet.empty())
+        return;
+    m_dirtyObjectSet.insert(m_dirtyObjectSet.end(), src.m_dirtyObjectSet.begin(), src.m_dirtyObjectSet.end());
+    src.m_dirtyObjectSet.clear();
+    MarkAsDirty();
+}
+
+} // namespace quna

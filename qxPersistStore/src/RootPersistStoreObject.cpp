@@ -1,0 +1,72 @@
+#include "qxPersistStore/src/RootPersistStoreObject.h"
+
+#include "qxObject/QunaSystemException.h"
+#include "qxPersistStore/src/DirtyFlagScope.h"
+#include "qxUtils/Assert.h"
+#include "qxUtils/AutoCloser.h"
+#include "qxUtils/RecordLimits.h"
+#include "qxUtils/Schema.h"
+
+namespace quna {
+
+namespace {
+
+constexpr ConstStringZ SOURCE_PATH = "src/RootPersistStoreObject";
+constexpr int RootPersistStoreObject_SCHEMA = 2;
+
+} // namespace
+
+void RootPersistStoreObject::Serialise(Archive& ar) const {
+    QX_ASSERT(m_oidHighForOidAllocations);
+    SerialiseSchema(ar, RootPersistStoreObject_SCHEMA);
+    m_cidMap.Serialise(ar);
+    ar << m_oidHighForOidAllocations;
+    m_typeOpsMap.Serialise(ar);
+}
+
+InputArchive RootPersistStoreObject::Deserialise(InputArchive ar, ClassNameTranslationTable const* table) {
+    int schema = 0;
+    ar = DeserialiseSchema(ar, RootPersistStoreObject_SCHEMA, schema);
+    bool renamed = false;
+    ar = m_cidMap.Deserialise(ar, table, renamed);
+    m_dirty.store(renamed, std::memory_order_relaxed);
+    ar = ar >> m_oidHighForOidAllocations;
+    QX_ASSERT(m_oidHighForOidAllocations);
+    if (schema > 1)
+        ar = m_typeOpsMap.Deserialise(ar);
+    return ar;
+}
+
+void RootPersistStoreObject::WriteIfDirty(ILssTransaction& txn) const {
+    if (!m_dirty.load(std::memory_order_acquire))
+        return;
+    DirtyFlagScope dirty(m_dirty);
+    AutoCloser<ICloseableOutputStream> os(txn.WriteSerialElement(ROOT_PERSISTSTORE_OBJECT_SEID));
+    {
+        Archive ar(os.Get());
+        Serialise(ar);
+    }
+    os.Close();
+    dirty.Complete();
+}
+
+void RootPersistStoreObject::Read(ILogStructuredStore& lss, ClassNameTranslationTable const* table) {
+    AutoCloser<IContiguousSerialElement> se(lss.OpenSerialElement(ROOT_PERSISTSTORE_OBJECT_SEID));
+    if (!se)
+        throw QunaSystemException("PersistStore is missing root object");
+    const ReadOnlyBuffer rob = se->GetBuffer();
+    {
+        const RecordLimitsScope limits(rob.buffer, rob.buffer + rob.size);
+        const InputArchive end = Deserialise(rob.buffer, table);
+        if (end != rob.buffer + rob.size)
+            throw QunaSystemException("PersistStore root object is corupt");
+    }
+    se.Close();
+    if (!m_dirty.load(std::memory_order_relaxed))
+        return;
+    AutoCloser<ILssTransaction> txn(lss.OpenTransaction());
+    WriteIfDirty(*txn);
+    txn.Close();
+}
+
+} // namespace quna
