@@ -54,6 +54,7 @@ function(qx_add_shared_library name)
     # Before version 1 a minor version may change the binary interface.
     set_target_properties(${name} PROPERTIES
         LINKER_LANGUAGE CXX
+        VERIFY_INTERFACE_HEADER_SETS ON     # the target all_verify_interface_header_sets compiles each header alone
         VERSION ${PROJECT_VERSION}
         SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
 endfunction()

@@ -69,9 +69,9 @@ void ExpectAssertion(const std::string& text, const std::string& path, Action&& 
         "expected the assertion \"" + text + "\" in " + path, action,
         [&](const QunaAssertionError& e) {
             if (text != e.GetText() || path != e.GetPath())
-                ADD_FAILURE_AT(file, line) << "expected the assertion \"" << text << "\" in " << path
-                                           << "\nbut found     \"" << e.GetText() << "\" in " << e.GetPath() << ":"
-                                           << e.GetLine();
+                ADD_FAILURE_AT(file, line)
+                    << "expected the assertion \"" << text << "\" in " << path << "\nbut found     \"" << e.GetText()
+                    << "\" in " << e.GetPath() << ":" << e.GetLine();
         },
         file, line);
 }
@@ -87,8 +87,8 @@ void ExpectException(const std::string& text, Action&& action, const char* file 
         [&](const E& e) {
             const std::string found = TextOf(e);
             if (found != text)
-                ADD_FAILURE_AT(file, line) << "expected a " << typeid(E).name() << " \"" << text
-                                           << "\"\nbut found \"" << found << "\"";
+                ADD_FAILURE_AT(file, line)
+                    << "expected a " << typeid(E).name() << " \"" << text << "\"\nbut found \"" << found << "\"";
             if (found != e.what())
                 ADD_FAILURE_AT(file, line) << "Write gives \"" << found << "\"\nbut what() \"" << e.what() << "\"";
         },

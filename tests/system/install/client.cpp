@@ -1,3 +1,7 @@
 #include "qxPersistStore/IPersistStore.h"
 #include "qxPersistStore/qxPersistStore.h"
-int main(int, char** argv) { Register_Project_qxPersistStore(); quna::Close(quna::OpenPersistStore(argv[1], quna::OM_CREATE_NEW, quna::PersistStoreSettings())); }
+
+int main(int, char** argv) {
+    Register_Project_qxPersistStore();
+    quna::Close(quna::OpenPersistStore(argv[1], quna::OM_CREATE_NEW, quna::PersistStoreSettings()));
+}
