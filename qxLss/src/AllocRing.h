@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <string>
 #include <vector>
 
 namespace quna {
@@ -83,7 +84,9 @@ public:
         std::map<uint32, uint32> horizons;                 // the largest of each high
     };
 
-    AllocRing(File& file, const StoreId& storeId);
+    // `wakeCheckpoint` (may be empty) is called when the ring comes to want a checkpoint: see WantsCheckpoint. The caller
+    // of an allocation may hold a high's mutex then, so it must not allocate, nor wait.
+    AllocRing(File& file, const StoreId& storeId, std::function<void()> wakeCheckpoint = {});
     AllocRing(const AllocRing&) = delete;
     AllocRing& operator=(const AllocRing&) = delete;
 
@@ -104,12 +107,17 @@ public:
     // --- running
 
     // Makes it durable that every low of `high` below `horizon` is spent, then stores `horizon` to `durable` (unless
-    // that is larger). Throws FileException when the ring is full or the write fails; a failed write is final.
+    // that is larger). False, and nothing is changed, when the ring is full until the next checkpoint. Throws
+    // FileException when the write fails, which is final: see HasFailed.
+    [[nodiscard]] bool TryRaiseHorizon(uint32 high, uint32 horizon, std::atomic<uint32>& durable);
+    // As TryRaiseHorizon, but a full ring throws FileException too (and does not fail the ring).
     void RaiseHorizon(uint32 high, uint32 horizon, std::atomic<uint32>& durable);
-    // The next high, after that is durable. Throws as RaiseHorizon, and when all highs are gone.
+    // The next high, after that is durable. Throws FileException when the write fails or all highs are gone.
     uint32 TakeHigh();
     uint32 NextHigh() const { return m_nextHigh.load(std::memory_order_relaxed); }
     uint64 SequenceBase() const;
+    // Has a write failed? Then every further one throws what that one threw.
+    bool HasFailed() const;
     // Are so many blocks sealed that a checkpoint should come soon?
     bool WantsCheckpoint() const { return m_wantsCheckpoint.load(std::memory_order_relaxed); }
 
@@ -131,16 +139,18 @@ private:
         bool           sealed = false;
     };
 
+    // All with m_mutex held.
     void WriteBlock(bool running);
     int  ChooseSlot() const;
     void SealCurrentSet();
+    bool MakeRoomInSet(uint32 high);
     int  NumSealed() const;
-    void SealWhatIsKnownOnlyHere(const std::vector<AllocHorizon>& known, uint32 nextHigh);
+    void SealWhatOnlyTheRingKnows(const std::vector<AllocHorizon>& known, uint32 nextHigh);
     void ThrowIfFailed() const;
-    void CountSealed();
 
     File&         m_file;
     const StoreId m_storeId;
+    const std::function<void()> m_wakeCheckpoint;
 
     mutable std::mutex           m_mutex;                 // guards all below; held across the write of a block
     std::array<Slot, NUM_BLOCKS> m_slots;

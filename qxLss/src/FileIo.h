@@ -18,7 +18,7 @@ enum class EFileAccess {
 
 // Throws the FileException of a failed operation: "Can't <operation> file '<path>' [at offset <offset>]: <text of
 // error> (errno <error>)". `offset` below 0 means none.
-[[noreturn]] QX_API void ThrowFileError(const char* operation, const std::string& path, int error, int64 offset = -1);
+[[noreturn]] QX_API void ThrowFileError(ConstStringZ operation, const std::string& path, int error, int64 offset = -1);
 
 // One open file, and the operations on names that belong to it. The only user of SysCalls.
 //
@@ -80,7 +80,7 @@ public:
 
 private:
     template <class Call>
-    void WriteLoop(const char* operation, int64 offset, const void* p, ssize_t n, Call call);
+    void WriteLoop(ConstStringZ operation, int64 offset, const void* p, ssize_t n, Call call);
 
     SysCalls&   m_sys;
     std::string m_path;

@@ -17,7 +17,7 @@ namespace quna {
 // Ownership: borrows the file, which must stay open; owns the mapping and the bitmap.
 // Threads:   Load and MarkLoaded from any number of threads. Two threads that meet at one chunk may both load it, which
 //            is harmless.
-// Invariant: a set bit means that every page of the chunk that the file had at that time has been read without an error.
+// Invariant: a set bit means that the whole chunk lies in the file and has been read without an error.
 class QX_API FileMap {
 public:
     static constexpr ssize_t CHUNK_BYTES = 16384;

@@ -14,8 +14,6 @@
 
 namespace quna {
 
-class SeidFamilies;
-
 // What a checkpoint keeps of one high: the allocator's fields of a HIGHS entry.
 struct HighAllocation {
     uint32 high;
@@ -66,8 +64,11 @@ public:
     bool AllocateAffiliateSeid(Seid& seid);
     // Was `high` returned by AllocateSeidHigh, now or in an earlier life?
     bool IsAllocatedHigh(SeidHigh high) const;
+    // May `seid` have been handed out: is its high known and its low below the horizon?
+    bool IsAllocated(Seid seid) const;
 
-    // Raises the horizons of which half is spent, without holding up allocation. Throws FileException.
+    // Raises the horizons of which half is spent, without holding up allocation. Leaves them as they are when the ring is
+    // full until the next checkpoint. Throws FileException when the write fails.
     void TopUp();
 
     // A checkpoint begins: the allocation state of every high ever used, sorted by high, as one moment saw it, and the
@@ -81,16 +82,19 @@ private:
 
     HighState* Find(SeidHigh high) const;
     HighState& FindOrAdd(SeidHigh high);
-    Seid       AllocateSeidSlowly(HighState& state);
+    Seid       AllocateSeidSlowly(SeidHigh high);
+    bool       TakeAffiliate(HighState& state, uint32 hint, uint32& low);
     bool       Carve(HighState& state, uint32 n, uint32& first, uint32& end);
     bool       AdvanceFrontier(HighState& state, uint32 n, uint32& first, uint32& end);
-    void       EnsureHorizon(HighState& state, uint64 frontier);
-    void       NoteSpending(HighState& state);
+    void       EnsureHorizon(HighState& state, uint32 frontier);
+    bool       QueueForTopUp(HighState& state);
 
     AllocRing&                   m_ring;
     const std::function<void()>  m_wakeTopUp;
     std::unique_ptr<Directory>   m_directory;
-    std::atomic<bool>            m_topUpWanted{false};
+
+    std::mutex                   m_topUpMutex;        // leaf
+    std::vector<HighState*>      m_topUp;             // states that wait for TopUp; guarded by m_topUpMutex
 };
 
 } // namespace quna
