@@ -34,9 +34,17 @@ need() {
         as_root=(sudo)
     fi
     echo "Installing ${missing[*]}"
-    "${as_root[@]}" apt-get -qq update
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-        apt-get -qq install -y --no-install-recommends "${missing[@]}" </dev/null >/dev/null
+    local log
+    log=$(mktemp)
+    if ! { "${as_root[@]}" apt-get -qq update &&
+        "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+            apt-get -qq -o Dpkg::Use-Pty=0 install -y --no-install-recommends "${missing[@]}"; } \
+        </dev/null >"$log" 2>&1; then
+        cat "$log" >&2
+        rm -f "$log"
+        exit 1
+    fi
+    rm -f "$log"
 }
 
 need_build_tools() {
