@@ -13,9 +13,18 @@
 namespace quna {
 
 class CSpace;
+class DGBaseNode;
+class DGDepNode;
 class DGGraph;
 class IObjectVisitor;
 struct DGEdge;
+
+// A place in a ring of nodes. Alone, it points at itself.
+struct DGNodeLink {
+    DGNodeLink*       prev = this;
+    DGNodeLink*       next = this;
+    const DGBaseNode* node = nullptr; // null for the head of a ring
+};
 
 // Threads: ReadBarrier under the domain's lock in any mode; OnChange and AlwaysEvict under the domain's lock, with no
 //   other thread changing the same node. The edges themselves are guarded inside the graph; no node is called while
@@ -50,15 +59,18 @@ public:
     void AlwaysEvict() const;
 
 protected:
-    DGBaseNode() = default;
+    DGBaseNode() { m_link.node = this; }
 
 private:
+    friend class DGDepNode;
     friend class DGGraph;
 
-    mutable std::atomic<CSpace*> m_cspace{nullptr};  // the domain that lists the node; null when none does
-    mutable const DGBaseNode*    m_prev = nullptr;   // in the list of m_cspace; guarded by the graph
-    mutable const DGBaseNode*    m_next = nullptr;   // likewise
-    mutable DGEdge*              m_outEdges = nullptr; // edges to the dependents; guarded by the graph
+    mutable std::atomic<CSpace*> m_cspace{nullptr};    // the domain that lists the node; null when none does
+    const DGDepNode*             m_asDepNode = nullptr; // this node, when it calculates; constant after construction
+    // All below is guarded by the graph.
+    mutable DGNodeLink           m_link;                // in the list of m_cspace
+    mutable DGEdge*              m_outEdges = nullptr;  // to the dependents
+    mutable unsigned long long   m_lastReader = 0;      // number of the calculation that read the node last
 };
 
 // A node with no inputs.
@@ -72,8 +84,8 @@ protected:
 };
 
 // Data that is no node can be depended on by its address. A calculation that reads it says so with
-// DataSourceReadBarrier; DataSourceEvict marks stale and evicts what depends on it in the thread's current domain, under
-// that domain's lock.
+// DataSourceReadBarrier; DataSourceEvict marks stale and evicts what depends on it in the thread's current domain, which
+// its caller has locked exclusively.
 QX_API void DataSourceReadBarrier(const void* source);
 QX_API void DataSourceEvict(const void* source);
 

@@ -50,6 +50,11 @@ void CSpaceGcThread::Start() {
     m_thread = std::thread([this] { Run(); });
 }
 
+bool CSpaceGcThread::HasThread() {
+    std::lock_guard<std::mutex> starting(m_startMutex);
+    return m_thread.joinable();
+}
+
 void CSpaceGcThread::Run() {
     SetThreadName("CSpace collector");
     m_tid.store(CSpaceLockTable::Current().Tid(), std::memory_order_relaxed);

@@ -34,7 +34,8 @@ public:
 
     // True on the collector thread itself.
     bool IsCurrentThread() const;
-    bool IsRunning() const noexcept { return m_tid.load(std::memory_order_relaxed) != 0; }
+    // A thread has been started and not yet joined.
+    bool HasThread();
 
 private:
     void Run();

@@ -21,7 +21,7 @@ public:
     void*                m_slots[CSPACE_NUM_RESERVED_PTR_SLOTS] = {};
     CSpaceObjects        m_objects;
     Collector            m_collector;
-    DGNodeList           m_dgNodes; // guarded by the graph
+    DGDomain             m_graph; // guarded by the graph
     CSpaceGcThread       m_gcThread;
 };
 

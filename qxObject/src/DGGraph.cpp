@@ -1,0 +1,383 @@
+#include "qxObject/src/DGGraph.h"
+
+#include "qxObject/CSpace.h"
+#include "qxObject/src/CSpaceImpl.h"
+#include "qxUtils/Assert.h"
+#include "qxUtils/Tracer.h"
+
+#include <exception>
+#include <mutex>
+#include <string>
+
+namespace quna {
+
+// Staleness is a version. A calculation notes the node's version, subscribes the node (m_subscribed), and records an
+// edge for every input that it reads. Invalidating an input takes each subscribed dependent, unsubscribes it, drops its
+// edges and raises its version, and goes on with the dependent's own dependents, by a list, not by recursion. So a
+// result is kept only if the version is still the one noted, and a stale node costs nothing until it is read again.
+
+// One input of one dependent, in the input's list of out-edges and in the dependent's list of in-edges.
+struct DGEdge {
+    const DGBaseNode* in;
+    const DGDepNode*  dep;
+    DGEdge*           prevOut;
+    DGEdge*           nextOut;
+    DGEdge*           prevIn;
+    DGEdge*           nextIn;
+};
+
+namespace {
+
+constexpr ConstStringZ SOURCE_PATH = "src/DGGraph";
+
+std::mutex& GraphMutex() {
+    static std::mutex* const mutex = new std::mutex; // never destroyed: nodes may outlive static objects
+    return *mutex;
+}
+
+using Guard = std::lock_guard<std::mutex>;
+
+std::atomic<uint64> s_numCalculations{0};
+
+constinit thread_local DGCalculation* t_calculation = nullptr; // the innermost of the thread
+
+bool IsAlone(const DGNodeLink& link) {
+    return link.next == &link;
+}
+
+void Unlink(DGNodeLink& link) {
+    link.prev->next = link.next;
+    link.next->prev = link.prev;
+    link.prev = link.next = &link;
+}
+
+void LinkAtEnd(DGNodeLink& head, DGNodeLink& link) {
+    link.prev = head.prev;
+    link.next = &head;
+    head.prev->next = &link;
+    head.prev = &link;
+}
+
+// Moves all of `from` to the end of `to`.
+void SpliceAtEnd(DGNodeLink& to, DGNodeLink& from) {
+    if (IsAlone(from)) return;
+    from.next->prev = to.prev;
+    to.prev->next = from.next;
+    from.prev->next = &to;
+    to.prev = from.prev;
+    from.prev = from.next = &from;
+}
+
+// A datum that is no node of its own, known by its address.
+class DataSourceNode final : public DGIndepNode {
+public:
+    DataSourceNode(CSpace& cspace, const void* source) : m_domain(cspace), m_source(source) {}
+
+    // The domain's table owns this node.
+    void OnEvict() const override {
+        std::unique_ptr<DGIndepNode> self; // ends after the guard
+        Guard                        guard(GraphMutex());
+        const auto                   i = m_domain.m_graph.sources.find(m_source);
+        if (i == m_domain.m_graph.sources.end() || i->second.get() != this) return;
+        self = std::move(i->second);
+        m_domain.m_graph.sources.erase(i);
+    }
+    xstring Name() const override { return "data source"; }
+    void    VisitContainingObject(IObjectVisitor&) const override {}
+
+private:
+    CSpace&           m_domain;
+    const void* const m_source;
+};
+
+} // namespace
+
+// --- Lists ----------------------------------------------------------------------------------------------------------
+
+void DGGraph::List(const DGBaseNode& node) {
+    CSpace* const cspace = GetThreadCSpace();
+    if (!cspace) return;
+    Guard guard(GraphMutex());
+    if (node.m_cspace.load(std::memory_order_relaxed)) return;
+    LinkAtEnd(cspace->m_graph.nodes, node.m_link);
+    node.m_cspace.store(cspace, std::memory_order_release);
+}
+
+void DGGraph::Unlist(const DGBaseNode& node) noexcept {
+    Unlink(node.m_link);
+    node.m_cspace.store(nullptr, std::memory_order_relaxed);
+}
+
+void DGGraph::EvictAll(CSpace& cspace) {
+    DGNodeLink work;
+    {
+        Guard guard(GraphMutex());
+        SpliceAtEnd(work, cspace.m_graph.nodes);
+    }
+    for (;;) {
+        const DGBaseNode* node = nullptr;
+        {
+            Guard guard(GraphMutex());
+            if (IsAlone(work)) return;
+            node = work.next->node;
+            Unlink(*work.next);
+            LinkAtEnd(cspace.m_graph.nodes, node->m_link);
+        }
+        if (node->IsEvictable()) Evict(*node);
+    }
+}
+
+void DGGraph::ForgetDomain(CSpace& cspace) {
+    std::unordered_map<const void*, std::unique_ptr<DGIndepNode>> sources; // ends after the guard
+    Guard                                                          guard(GraphMutex());
+    while (!IsAlone(cspace.m_graph.nodes)) Unlist(*cspace.m_graph.nodes.next->node);
+    sources.swap(cspace.m_graph.sources);
+}
+
+// --- Edges ----------------------------------------------------------------------------------------------------------
+
+void DGGraph::Read(const DGBaseNode& node) {
+    if (!node.m_cspace.load(std::memory_order_acquire)) List(node);
+    if (t_calculation) AddEdge(node, *t_calculation);
+}
+
+void DGGraph::AddEdge(const DGBaseNode& in, DGCalculation& calculation) {
+    const DGDepNode& dep = calculation.m_node;
+    Guard            guard(GraphMutex());
+    if (!dep.m_subscribed || dep.m_version.load(std::memory_order_relaxed) != calculation.m_version) return; // stale already
+    if (in.m_lastReader == calculation.m_number) return;
+    DGEdge* const edge = new DGEdge{&in, &dep, nullptr, in.m_outEdges, nullptr, dep.m_inEdges};
+    if (edge->nextOut) edge->nextOut->prevOut = edge;
+    if (edge->nextIn) edge->nextIn->prevIn = edge;
+    in.m_outEdges = edge;
+    dep.m_inEdges = edge;
+    in.m_lastReader = calculation.m_number;
+}
+
+void DGGraph::DropEdge(DGEdge* edge) noexcept {
+    (edge->prevOut ? edge->prevOut->nextOut : edge->in->m_outEdges) = edge->nextOut;
+    if (edge->nextOut) edge->nextOut->prevOut = edge->prevOut;
+    (edge->prevIn ? edge->prevIn->nextIn : edge->dep->m_inEdges) = edge->nextIn;
+    if (edge->nextIn) edge->nextIn->prevIn = edge->prevIn;
+    // The input is no longer read by the calculation that may be under way.
+    edge->in->m_lastReader = 0;
+    delete edge;
+}
+
+void DGGraph::DropInEdges(const DGDepNode& node) noexcept {
+    while (node.m_inEdges) DropEdge(node.m_inEdges);
+}
+
+void DGGraph::MakeStale(const DGDepNode& node) noexcept {
+    node.m_subscribed = false;
+    node.m_version.fetch_add(1, std::memory_order_release);
+    DropInEdges(node);
+}
+
+// Makes everything stale that depends on `node`, and appends it to `pending`, except what stands in such a ring already.
+void DGGraph::CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept {
+    DGNodeLink        fresh;
+    const DGNodeLink* done = &fresh;
+    const DGBaseNode* current = &node;
+    for (;;) {
+        while (current->m_outEdges) {
+            const DGDepNode& dep = *current->m_outEdges->dep;
+            MakeStale(dep);
+            if (IsAlone(dep.m_pending)) LinkAtEnd(fresh, dep.m_pending);
+        }
+        if (done->next == &fresh) break;
+        done = done->next;
+        current = done->node;
+    }
+    SpliceAtEnd(pending, fresh);
+}
+
+void DGGraph::NotifyPending(DGNodeLink& pending) {
+    for (;;) {
+        const DGDepNode* node = nullptr;
+        {
+            Guard guard(GraphMutex());
+            if (IsAlone(pending)) return;
+            node = pending.next->node->m_asDepNode;
+            Unlink(*pending.next);
+        }
+        node->OnInvalidate();
+    }
+}
+
+void DGGraph::Invalidate(const DGBaseNode& node) {
+    DGNodeLink pending;
+    {
+        Guard guard(GraphMutex());
+        CollectStale(node, pending);
+    }
+    NotifyPending(pending);
+}
+
+void DGGraph::Evict(const DGBaseNode& node) {
+    DGNodeLink pending;
+    {
+        Guard guard(GraphMutex());
+        if (node.m_asDepNode) MakeStale(*node.m_asDepNode);
+        CollectStale(node, pending);
+        Unlist(node);
+    }
+    NotifyPending(pending);
+    node.OnEvict();
+}
+
+// The node ends.
+void DGGraph::Forget(const DGBaseNode& node) {
+    DGNodeLink pending;
+    {
+        Guard guard(GraphMutex());
+        CollectStale(node, pending);
+        Unlist(node);
+    }
+    NotifyPending(pending);
+}
+
+// --- Calculations ---------------------------------------------------------------------------------------------------
+
+void DGGraph::BeginCalculation(DGCalculation& calculation) {
+    const DGDepNode& node = calculation.m_node;
+    for (const DGCalculation* c = t_calculation; c; c = c->m_outer) {
+        if (&c->m_node != &node) continue;
+        std::string cycle = node.Name().str();
+        for (const DGCalculation* d = t_calculation; d != c; d = d->m_outer) cycle = d->m_node.Name().str() + " -> " + cycle;
+        cycle = "cycle in a calculation: " + node.Name().str() + " -> " + cycle;
+        ThrowQunaAssertionError(cycle.c_str(), SOURCE_PATH, __LINE__);
+    }
+    calculation.m_number = s_numCalculations.fetch_add(1, std::memory_order_relaxed) + 1;
+    calculation.m_outer = t_calculation;
+    {
+        Guard guard(GraphMutex());
+        node.m_subscribed = true; // another thread may have done so: then both record
+        calculation.m_version = node.m_version.load(std::memory_order_relaxed);
+    }
+    t_calculation = &calculation;
+}
+
+bool DGGraph::EndCalculation(DGCalculation& calculation, bool complete) noexcept {
+    t_calculation = calculation.m_outer;
+    Guard guard(GraphMutex());
+    if (calculation.m_node.m_version.load(std::memory_order_relaxed) != calculation.m_version) return false;
+    if (!complete) MakeStale(calculation.m_node);
+    return complete;
+}
+
+DGCalculation::DGCalculation(const DGDepNode& node) : m_node(node) {
+    DGGraph::BeginCalculation(*this);
+}
+
+DGCalculation::~DGCalculation() {
+    if (!m_finished) DGGraph::EndCalculation(*this, false);
+}
+
+uint64 DGCalculation::Finish() {
+    m_finished = true;
+    return DGGraph::EndCalculation(*this, true) ? m_version : 0;
+}
+
+// --- Data sources ---------------------------------------------------------------------------------------------------
+
+void DGGraph::ReadSource(CSpace& cspace, const void* source) {
+    if (!t_calculation) return;
+    const DGIndepNode* node = nullptr;
+    {
+        Guard guard(GraphMutex());
+        auto& entry = cspace.m_graph.sources[source];
+        if (!entry) entry = std::make_unique<DataSourceNode>(cspace, source);
+        node = entry.get();
+        cspace.m_graph.haveSources.store(true, std::memory_order_relaxed);
+    }
+    node->ReadBarrier();
+}
+
+void DGGraph::EvictSource(CSpace& cspace, const void* source) {
+    if (!cspace.m_graph.haveSources.load(std::memory_order_relaxed)) return;
+    for (;;) {
+        const DGBaseNode* victim = nullptr;
+        {
+            Guard      guard(GraphMutex());
+            const auto i = cspace.m_graph.sources.find(source);
+            if (i == cspace.m_graph.sources.end()) return;
+            victim = i->second.get();
+            // Evicting a dependent takes it off the list; the source itself comes last.
+            if (const DGEdge* const edge = victim->m_outEdges) victim = edge->dep;
+        }
+        if (victim->IsEvictable())
+            Evict(*victim);
+        else
+            victim->EnsureNoInnodesOrOutnodes();
+    }
+}
+
+void DataSourceReadBarrier(const void* source) {
+    if (CSpace* const cspace = GetThreadCSpace()) DGGraph::ReadSource(*cspace, source);
+}
+
+void DataSourceEvict(const void* source) {
+    if (CSpace* const cspace = GetThreadCSpace()) DGGraph::EvictSource(*cspace, source);
+}
+
+// --- Nodes ----------------------------------------------------------------------------------------------------------
+
+DGBaseNode::~DGBaseNode() noexcept(false) {
+    const int uncaught = std::uncaught_exceptions();
+    try {
+        DGGraph::Forget(*this);
+    } catch (...) {
+        if (uncaught == 0) throw;
+        TraceSwallowedException("~DGBaseNode");
+    }
+}
+
+void DGBaseNode::OnChange() const {
+    DGGraph::Invalidate(*this);
+}
+
+void DGBaseNode::ReadBarrier() const {
+    DGGraph::Read(*this);
+}
+
+void DGBaseNode::AlwaysEvict() const {
+    DGGraph::Evict(*this);
+}
+
+DGIndepNode::DGIndepNode() = default;
+
+bool DGIndepNode::IsEvictable() const {
+    return true;
+}
+
+void DGIndepNode::EnsureNoInnodesOrOutnodes() const {
+    DGGraph::Invalidate(*this);
+}
+
+DGDepNode::DGDepNode() {
+    m_asDepNode = this;
+    m_pending.node = this;
+}
+
+DGDepNode::~DGDepNode() noexcept(false) {
+    Guard guard(GraphMutex());
+    DGGraph::MakeStale(*this);
+    Unlink(m_pending);
+}
+
+bool DGDepNode::IsEvictable() const {
+    return true;
+}
+
+void DGDepNode::EnsureNoInnodesOrOutnodes() const {
+    {
+        Guard guard(GraphMutex());
+        DGGraph::MakeStale(*this);
+    }
+    DGGraph::Invalidate(*this);
+}
+
+void DGDepNode::OnInvalidate() const {}
+
+} // namespace quna
