@@ -68,15 +68,13 @@ struct IPersistable : IObjectForwards<IPersistable> {
         }
         static bool RepresentsSubTree(const void* self) { return static_cast<const T*>(self)->RepresentsSubTree(); }
         static void Serialise(const void* self, Archive& ar) { static_cast<const T*>(self)->Serialise(ar); }
-        static InputArchive Deserialise(void* self, InputArchive ar) {
-            return static_cast<T*>(self)->Deserialise(ar);
-        }
+        static InputArchive Deserialise(void* self, InputArchive ar) { return static_cast<T*>(self)->Deserialise(ar); }
         static void OnCreate(void* self, bool created) { static_cast<T*>(self)->OnCreate(created); }
         static PersistObjState& GetPersistObjState(const void* self) {
             return static_cast<const T*>(self)->GetPersistObjState();
         }
 
-        static constexpr FnTable s_table = {IObject::Stubs<T>::s_table, &Stubs::VisitPrefs, &Stubs::RepresentsSubTree,
+        static constexpr FnTable s_table = {IObject::Stubs<T>::s_table, &Stubs::VisitPrefs,  &Stubs::RepresentsSubTree,
                                             &Stubs::Serialise,          &Stubs::Deserialise, &Stubs::OnCreate,
                                             &Stubs::GetPersistObjState};
 
@@ -114,7 +112,7 @@ struct IPersistable : IObjectForwards<IPersistable> {
     // Writable through const pointers too: identity stands beside the object's value.
     PersistObjState& GetPersistObjState() const { return m_table->GetPersistObjState(m_self); }
 
-    void*          m_self = nullptr;
+    void* m_self = nullptr;
     const FnTable* m_table = nullptr;
 };
 

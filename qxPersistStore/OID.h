@@ -32,9 +32,9 @@ class OID : public Seid {
 public:
     constexpr OID() = default;
     constexpr OID(SeidLow low, SeidHigh high) : Seid(low, high) {}
-    constexpr OID(Seid seid) : Seid(seid) {}          // NOLINT(google-explicit-constructor): an OID is a Seid
-    constexpr OID(std::nullptr_t) : Seid() {}         // NOLINT(google-explicit-constructor)
-    constexpr OID(NullInterface) : Seid() {}          // NOLINT(google-explicit-constructor)
+    constexpr OID(Seid seid) : Seid(seid) {}  // NOLINT(google-explicit-constructor): an OID is a Seid
+    constexpr OID(std::nullptr_t) : Seid() {} // NOLINT(google-explicit-constructor)
+    constexpr OID(NullInterface) : Seid() {}  // NOLINT(google-explicit-constructor)
 };
 static_assert(sizeof(OID) == 8);
 
@@ -104,6 +104,6 @@ inline InputArchive operator>>(InputArchive ar, OID& oid) { return DeserialiseOi
 
 // The reflected class "quna::OID" and its operations: construction gives null, copies are by value.
 QX_API const ReflectedClass& _GetReflected(const OID*);
-QX_API const TypeOps& _GetTypeOps(const OID*);
+QX_API const TypeOps* _GetTypeOps(const OID*);
 
 } // namespace quna

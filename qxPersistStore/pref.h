@@ -160,6 +160,7 @@ public:
 private:
     friend prefbase LoadPref(const void* address) noexcept;
     friend void StorePref(void* address, const prefbase& value) noexcept;
+    friend bool ShouldStoreVisited(const prefbase& before, const prefbase& after) noexcept;
     friend QX_API bool operator==(const prefbase& x, const prefbase& y);
     friend QX_API bool operator==(const prefbase& x, ptr<const IObject> q);
     template <class T>
@@ -233,7 +234,7 @@ QX_API void SerialisePref(Archive& ar, const prefbase* p);
 QX_API InputArchive DeserialisePref(InputArchive ar, prefbase* p);
 
 // The operations on references in arrays, which may lie at any address.
-QX_API const TypeOps& _GetTypeOps(const prefbase*);
+QX_API const TypeOps* _GetTypeOps(const prefbase*);
 
 // References in packed records may stand at any address. At an address that is no multiple of 8 the words can tear, so
 // nothing is written there but under the exclusive lock: bind and ask a copy. Moving the 24 bytes moves the reference.
@@ -253,6 +254,16 @@ inline void StorePref(void* address, const prefbase& value) noexcept {
     const void* words[2] = {p.m_self, p.m_table};
     std::memcpy(address, &oid, sizeof oid);
     std::memcpy(static_cast<char*>(address) + sizeof oid, words, sizeof words);
+}
+
+// Whether a visitor aimed a reference elsewhere, as the deep copy does. A cached half that was filled in is no change:
+// a copy of a packed reference does not go back to its place for it.
+inline bool ShouldStoreVisited(const prefbase& before, const prefbase& after) noexcept {
+    const ptr<IPersistable> p = before.LoadWords();
+    const ptr<IPersistable> q = after.LoadWords();
+    const OID oid = before.LoadOid();
+    if (oid == after.LoadOid()) return p.m_self != q.m_self && (p.m_self || !oid);
+    return oid || !p.m_self || p.m_self != q.m_self;
 }
 
 // A reference to an object seen through the interface T.
