@@ -164,9 +164,7 @@ public:
         IteratorOver() = default;
         explicit IteratorOver(const IteratorPolicy& position) : IteratorPolicy(position) {}
         // A position that may write is also one that may read.
-        operator IteratorOver<const T>() const
-            requires(!std::is_const_v<Value>)
-        {
+        operator IteratorOver<const T>() const requires(!std::is_const_v<Value>) {
             return IteratorOver<const T>(*this);
         }
 

@@ -2,11 +2,11 @@
 
 #include "qxUtils/Exceptions.h"
 
-#include <gtest/gtest.h>
-
 #include <new>
 #include <random>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

@@ -2,14 +2,14 @@
 
 #include "qxUtils/Exceptions.h"
 
-#include <gtest/gtest.h>
-
 #include <functional>
 #include <new>
 #include <numeric>
 #include <random>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
