@@ -1,5 +1,6 @@
 #include "qxPersistStore/pref.h"
 
+#include "qxObject/PrintInstance.h"
 #include "qxObject/ReflectedClass.h"
 #include "qxObject/TypeOpsArrays.h"
 #include "qxPersistStore/PersistStoreExceptions.h"
