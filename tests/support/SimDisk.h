@@ -1,0 +1,94 @@
+// What is on an imagined disk after a given sequence of system calls, and what may be on it if the power fails there.
+#pragma once
+
+#include "qxUtils/BasicTypes.h"
+
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace quna {
+
+// One changing call, as SimSys records it.
+struct SimCall {
+    enum class EKind {
+        CREATE,        // name -> file
+        WRITE,         // offset, data
+        WRITE_DURABLE, // offset, data
+        SYNC,          // of file
+        FAILED_SYNC,   // the pending changes of file are lost
+        SYNC_DIR,
+        ALLOCATE, // offset, size
+        TRUNCATE, // size
+        PUNCH,    // offset, size
+        RENAME,   // name -> name2
+        REMOVE    // name
+    };
+
+    EKind kind;
+    int file = -1;
+    int64 offset = 0;
+    int64 size = 0;
+    std::vector<octet_t> data;
+    std::string name;
+    std::string name2;
+};
+
+using FileBytes = std::vector<octet_t>;
+using DiskImage = std::map<std::string, FileBytes>; // name -> content
+
+// How to choose among what has not been synced.
+struct CrashVariant {
+    enum class EChoice {
+        NONE, // only what completed syncs cover
+        ALL,  // everything: also what a mere process death leaves
+        ALL_BUT_LAST,
+        ONLY_LAST,
+        RANDOM_SUBSET, // each call whole or not, in order
+        TORN,          // each call whole, not, or torn at a sector boundary or inside a sector
+        SECTORS        // each sector of 512 bytes as of some moment after the last sync; new space zero or garbage
+    };
+    EChoice choice = EChoice::NONE;
+    uint64 seed = 0; // of the random ones
+};
+
+// The base is what completed syncs cover; the rest is pending. Calls are fed in order; an image can be taken after each.
+//
+// Names: creations and renames become durable by a sync of the directory, in their order (as in a journal). Contents:
+// a sync covers everything before it, a durable write its own bytes.
+class SimDisk {
+public:
+    SimDisk() = default;
+    explicit SimDisk(const DiskImage& image);
+
+    void Apply(const SimCall& call);
+
+    // What a crash now leaves. `inFlight`, if not null, is the call under way: it may count as pending.
+    DiskImage Image(const CrashVariant& variant, const SimCall* inFlight = nullptr) const;
+
+    // The content that the disk holds for `file` with all pending changes, in order.
+    FileBytes Content(int file) const;
+
+    ssize_t NumPending() const;
+
+private:
+    struct Pending {
+        SimCall call;
+        bool durable; // a durable write: always there, but not before what is pending from earlier
+    };
+    struct File {
+        FileBytes base;
+        std::vector<Pending> pending;
+    };
+
+    static void ApplyTo(FileBytes& bytes, const SimCall& call);
+    static void ApplyName(std::map<std::string, int>& names, const SimCall& call);
+    FileBytes FileImage(const File& file, const CrashVariant& variant, std::mt19937_64& random) const;
+
+    std::vector<File> m_files;
+    std::map<std::string, int> m_names; // durable
+    std::vector<SimCall> m_pendingNames;
+};
+
+} // namespace quna

@@ -1,0 +1,389 @@
+#include "tests/support/SimSys.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <stdexcept>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace quna {
+namespace {
+
+using EKind = SimCall::EKind;
+
+constexpr uint64 FIRST_WALL_CLOCK = 16'000'000'000'000'000; // September 2020
+
+std::string DirectoryOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash);
+}
+
+} // namespace
+
+SimSys::SimSys(const DiskImage& image) : m_initial(image), m_wallClock(0) {
+    for (const auto& [name, bytes] : image) m_names[name] = NewFile(bytes);
+    // Another process draws other numbers.
+    uint64 sum = 1;
+    for (const auto& [name, bytes] : image)
+        for (size_t i = 0; i < bytes.size(); i += 61) sum = sum * 31 + bytes[i];
+    m_identity.seed(sum);
+}
+
+SimSys::~SimSys() {
+    for (const Inode& inode : m_files) ::close(inode.memory);
+}
+
+// --- disturbing and looking
+
+void SimSys::FailCall(ESimCall kind, int64 n, int error, bool forever) {
+    const std::lock_guard lock(m_mutex);
+    m_faults[static_cast<size_t>(kind)] = {m_calls[static_cast<size_t>(kind)] + n, error, forever};
+}
+
+void SimSys::Disturb(uint64 seed, int oneIn) {
+    const std::lock_guard lock(m_mutex);
+    m_random.seed(seed);
+    m_oneIn = oneIn;
+}
+
+void SimSys::Heal() {
+    const std::lock_guard lock(m_mutex);
+    m_faults = {};
+    m_oneIn = 0;
+}
+
+int64 SimSys::NumCalls(ESimCall kind) const {
+    const std::lock_guard lock(m_mutex);
+    return m_calls[static_cast<size_t>(kind)];
+}
+
+int64 SimSys::NumFailures() const {
+    const std::lock_guard lock(m_mutex);
+    return m_failures;
+}
+
+ssize_t SimSys::NumRecorded() const {
+    const std::lock_guard lock(m_mutex);
+    return std::ssize(m_record);
+}
+
+std::vector<SimCall> SimSys::Record() const {
+    const std::lock_guard lock(m_mutex);
+    return m_record;
+}
+
+DiskImage SimSys::CachedImage() const {
+    const std::lock_guard lock(m_mutex);
+    DiskImage image;
+    for (const auto& [name, file] : m_names) {
+        const Inode& inode = m_files[static_cast<size_t>(file)];
+        FileBytes bytes(static_cast<size_t>(inode.size));
+        if (::pread(inode.memory, bytes.data(), bytes.size(), 0) != inode.size)
+            throw std::runtime_error("SimSys: memory file is shorter than its size");
+        image[name] = std::move(bytes);
+    }
+    return image;
+}
+
+void SimSys::StopRecording() {
+    const std::lock_guard lock(m_mutex);
+    m_recording = false;
+    m_record.clear();
+}
+
+ssize_t SimSys::NumOpen() const {
+    const std::lock_guard lock(m_mutex);
+    return std::ssize(m_open);
+}
+
+// --- helpers
+
+// Counts the call; 0, or the error with which it is to end before it does anything.
+int SimSys::Begin(ESimCall kind) {
+    const int64 number = ++m_calls[static_cast<size_t>(kind)];
+    const Fault& fault = m_faults[static_cast<size_t>(kind)];
+    if (fault.at != 0 && (number == fault.at || (fault.forever && number > fault.at))) {
+        ++m_failures;
+        return -fault.error;
+    }
+    const bool canBeInterrupted =
+        kind != ESimCall::DROP_CACHE && kind != ESimCall::MAP && kind != ESimCall::SIZE && kind != ESimCall::WRITE_BACK;
+    if (m_oneIn != 0 && canBeInterrupted && m_random() % static_cast<uint64>(m_oneIn) == 0) return -EINTR;
+    return 0;
+}
+
+size_t SimSys::Shortened(size_t n) {
+    if (m_oneIn == 0 || n < 2 || m_random() % static_cast<uint64>(m_oneIn) != 0) return n;
+    return 1 + m_random() % (n - 1);
+}
+
+SimSys::Descriptor* SimSys::Find(int fd) {
+    const auto found = m_open.find(fd);
+    return found == m_open.end() ? nullptr : &found->second;
+}
+
+SimSys::Inode& SimSys::FileOf(int fd) {
+    Descriptor* descriptor = Find(fd);
+    if (!descriptor) throw std::logic_error("SimSys: call with a descriptor that is not open");
+    return m_files[static_cast<size_t>(descriptor->file)];
+}
+
+int SimSys::NewFile(const FileBytes& bytes) {
+    Inode inode;
+    inode.memory = ::memfd_create("simulated", MFD_CLOEXEC);
+    if (inode.memory < 0) throw std::runtime_error("SimSys: memfd_create failed");
+    SetSize(inode, std::ssize(bytes));
+    // Zero blocks are left out: a store's file begins with many.
+    constexpr size_t BLOCK = 4096;
+    static const std::array<octet_t, BLOCK> zeros{};
+    for (size_t at = 0; at < bytes.size(); at += BLOCK) {
+        const size_t n = std::min(BLOCK, bytes.size() - at);
+        if (std::memcmp(bytes.data() + at, zeros.data(), n) == 0) continue;
+        if (::pwrite(inode.memory, bytes.data() + at, n, static_cast<off_t>(at)) != static_cast<ssize_t>(n))
+            throw std::runtime_error("SimSys: can't fill a memory file");
+    }
+    m_files.push_back(inode);
+    return static_cast<int>(m_files.size()) - 1;
+}
+
+void SimSys::SetSize(Inode& inode, int64 size) {
+    if (::ftruncate(inode.memory, size) != 0) throw std::runtime_error("SimSys: can't size a memory file");
+    inode.size = size;
+}
+
+void SimSys::Note(SimCall call) {
+    if (m_recording) m_record.push_back(std::move(call));
+}
+
+// Requires: everything was recorded.
+SimDisk SimSys::Disk() const {
+    SimDisk disk(m_initial);
+    for (const SimCall& call : m_record) disk.Apply(call);
+    return disk;
+}
+
+// --- the calls
+
+int SimSys::Open(const char* path, int flags, int) {
+    const std::lock_guard lock(m_mutex);
+    if (const int error = Begin(ESimCall::OPEN)) return error;
+    auto name = m_names.find(path);
+    if (name == m_names.end()) {
+        if (!(flags & O_CREAT)) return -ENOENT;
+        const int file = NewFile({});
+        name = m_names.emplace(path, file).first;
+        Note({.kind = EKind::CREATE, .file = file, .data = {}, .name = path, .name2 = {}});
+    }
+    m_open[m_nextDescriptor] = {name->second, (flags & O_ACCMODE) != O_RDONLY};
+    return m_nextDescriptor++;
+}
+
+ssize_t SimSys::Read(int fd, void* p, size_t n, off_t at) {
+    const std::lock_guard lock(m_mutex);
+    if (const int error = Begin(ESimCall::READ)) return error;
+    return ::pread(FileOf(fd).memory, p, Shortened(n), at);
+}
+
+ssize_t SimSys::WriteTo(int fd, const void* p, size_t n, off_t at, EKind kind, ESimCall call) {
+    const std::lock_guard lock(m_mutex);
+    if (const int error = Begin(call)) return error;
+    Inode& inode = FileOf(fd);
+    if (!Find(fd)->writable) return -EBADF;
+    n = Shortened(n);
+    if (::pwrite(inode.memory, p, n, at) != static_cast<ssize_t>(n))
+        throw std::runtime_error("SimSys: can't write a memory file");
+    inode.size = std::max<int64>(inode.size, at + static_cast<off_t>(n));
+    const octet_t* bytes = static_cast<const octet_t*>(p);
+    Note({.kind = kind,
+          .file = Find(fd)->file,
+          .offset = at,
+          .data = FileBytes(bytes, bytes + n),
+          .name = {},
+          .name2 = {}});
+    return static_cast<ssize_t>(n);
+}
+
+ssize_t SimSys::Write(int fd, const void* p, size_t n, off_t at) {
+    return WriteTo(fd, p, n, at, EKind::WRITE, ESimCall::WRITE);
+}
+
+ssize_t SimSys::WriteDurable(int fd, const void* p, size_t n, off_t at) {
+    return WriteTo(fd, p, n, at, EKind::WRITE_DURABLE, ESimCall::WRITE_DURABLE);
+}
+
+int SimSys::SyncData(int fd) {
+    const std::lock_guard lock(m_mutex);
+    const int error = Begin(ESimCall::SYNC);
+    Inode& inode = FileOf(fd);
+    const bool lost = error != 0 && error != -EINTR;
+    if (lost) inode.lostWrites = true;
+    if (error == 0 || lost)
+        Note({.kind = lost ? EKind::FAILED_SYNC : EKind::SYNC,
+              .file = Find(fd)->file,
+              .data = {},
+              .name = {},
+              .name2 = {}});
+    return error;
+}
+
+int SimSys::SyncDir(const char* path) {
+    const std::lock_guard lock(m_mutex);
+    if (const int error = Begin(ESimCall::SYNC_DIR)) return error;
+    const bool known =
+        std::any_of(m_names.begin(), m_names.end(), [&](const auto& name) { return DirectoryOf(name.first) == path; });
+    if (!known) return -ENOENT;
+    Note({.kind = EKind::SYNC_DIR, .data = {}, .name = path, .name2 = {}});
+    return 0;
+}
+
+int SimSys::WriteBack(int, off_t, off_t) {
+    const std::lock_guard lock(m_mutex);
+    return Begin(ESimCall::WRITE_BACK);
+}
+
+int SimSys::Allocate(int fd, off_t at, off_t n) {
+    const std::lock_guard lock(m_mutex);
+    if (const int error = Begin(ESimCall::ALLOCATE)) return error;
+    Inode& inode = FileOf(fd);
+    if (!Find(fd)->writable) return -EBADF;
+    if (at + n > inode.size) SetSize(inode, at + n);
+    Note({.kind = EKind::ALLOCATE,
+          .file = Find(fd)->file,
+          .offset = at,
+          .size = n,
+          .data = {},
+          .name = {},
+          .name2 = {}});
+    return 0;
+}
+
+int SimSys::Truncate(int fd, off_t n) {
+    const std::lock_guard lock(m_mutex);
+    if (const int error = Begin(ESimCall::TRUNCATE)) return error;
+    if (!Find(fd)->writable) return -EBADF;
+    SetSize(FileOf(fd), n);
+    Note({.kind = EKind::TRUNCATE, .file = Find(fd)->file, .size = n, .data = {}, .name = {}, .name2 = {}});
+    return 0;
+}
+
+int SimSys::PunchHole(int fd, off_t at, off_t n) {
+    const std::lock_guard lock(m_mutex);
+    if (const int error = Begin(ESimCall::PUNCH)) return error;
+    Inode& inode = FileOf(fd);
+    if (!Find(fd)->writable) return -EBADF;
+    if (::fallocate(inode.memory, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, at, n) != 0) return -errno;
+    Note({.kind = EKind::PUNCH, .file = Find(fd)->file, .offset = at, .size = n, .data = {}, .name = {}, .name2 = {}});
+    return 0;
+}
+
+int64 SimSys::Size(int fd) {
+    const std::lock_guard lock(m_mutex);
+    if (const int error = Begin(ESimCall::SIZE)) return error;
+    return FileOf(fd).size;
+}
+
+int SimSys::RenameTo(const char* from, const char* to, bool replace) {
+    const std::lock_guard lock(m_mutex);
+    if (const int error = Begin(ESimCall::RENAME)) return error;
+    const auto name = m_names.find(from);
+    if (name == m_names.end()) return -ENOENT;
+    if (!replace && m_names.contains(to)) return -EEXIST;
+    const int file = name->second;
+    m_names.erase(name);
+    m_names[to] = file;
+    Note({.kind = EKind::RENAME, .file = file, .data = {}, .name = from, .name2 = to});
+    return 0;
+}
+
+int SimSys::Rename(const char* from, const char* to) { return RenameTo(from, to, true); }
+int SimSys::RenameNoReplace(const char* from, const char* to) { return RenameTo(from, to, false); }
+
+int SimSys::Remove(const char* path) {
+    const std::lock_guard lock(m_mutex);
+    if (const int error = Begin(ESimCall::REMOVE)) return error;
+    if (m_names.erase(path) == 0) return -ENOENT;
+    Note({.kind = EKind::REMOVE, .data = {}, .name = path, .name2 = {}});
+    return 0;
+}
+
+int SimSys::Lock(int fd, bool exclusive) {
+    const std::lock_guard lock(m_mutex);
+    if (const int error = Begin(ESimCall::LOCK)) return error;
+    Descriptor* self = Find(fd);
+    if (!self) return -EBADF;
+    for (const auto& [otherFd, other] : m_open)
+        if (otherFd != fd && other.file == self->file && other.lock != 0 && (exclusive || other.lock == 2))
+            return -EAGAIN;
+    self->lock = exclusive ? 2 : 1;
+    return 0;
+}
+
+int SimSys::NamesFile(const char* path, int fd) {
+    const std::lock_guard lock(m_mutex);
+    if (const int error = Begin(ESimCall::NAMES_FILE)) return error;
+    const auto name = m_names.find(path);
+    return name != m_names.end() && Find(fd) && name->second == Find(fd)->file ? 1 : 0;
+}
+
+// What a failed sync lost is gone from the cache too; everything else is the same on the disk, or dirty and stays.
+int SimSys::DropCache(int fd) {
+    const std::lock_guard lock(m_mutex);
+    if (const int error = Begin(ESimCall::DROP_CACHE)) return error;
+    Inode& inode = FileOf(fd);
+    if (!inode.lostWrites) return 0;
+    if (!m_recording) throw std::logic_error("SimSys: the content of the disk is known only while recording");
+    const FileBytes bytes = Disk().Content(Find(fd)->file);
+    SetSize(inode, 0);
+    SetSize(inode, std::ssize(bytes));
+    if (::pwrite(inode.memory, bytes.data(), bytes.size(), 0) != std::ssize(bytes))
+        throw std::runtime_error("SimSys: can't fill a memory file");
+    inode.lostWrites = false;
+    return 0;
+}
+
+int SimSys::Map(int fd, size_t n, const octet_t*& base) {
+    const std::lock_guard lock(m_mutex);
+    if (const int error = Begin(ESimCall::MAP)) return error;
+    void* p = ::mmap(nullptr, n, PROT_READ, MAP_SHARED | MAP_NORESERVE, FileOf(fd).memory, 0);
+    if (p == MAP_FAILED) return -errno;
+    base = static_cast<const octet_t*>(p);
+    return 0;
+}
+
+int SimSys::Unmap(const octet_t* base, size_t n) { return ::munmap(const_cast<octet_t*>(base), n) == 0 ? 0 : -errno; }
+
+int SimSys::Load(int fd, const octet_t*, off_t at, size_t n) {
+    const std::lock_guard lock(m_mutex);
+    if (const int error = Begin(ESimCall::LOAD)) return error;
+    const int64 end = (FileOf(fd).size + 4095) / 4096 * 4096;
+    return at + static_cast<int64>(n) <= end ? 0 : -EFAULT;
+}
+
+int SimSys::Close(int fd) {
+    const std::lock_guard lock(m_mutex);
+    return m_open.erase(fd) == 1 ? 0 : -EBADF;
+}
+
+int64 SimSys::MonotonicNanos() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+uint64 SimSys::WallClock100ns() {
+    const std::lock_guard lock(m_mutex);
+    return FIRST_WALL_CLOCK + m_wallClock++;
+}
+
+int SimSys::RandomBytes(void* p, size_t n) {
+    const std::lock_guard lock(m_mutex);
+    for (size_t i = 0; i < n; ++i) static_cast<octet_t*>(p)[i] = static_cast<octet_t>(m_identity());
+    return 0;
+}
+
+} // namespace quna
