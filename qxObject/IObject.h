@@ -3,6 +3,7 @@
 #pragma once
 
 #include "qxObject/Interface.h"
+#include "qxObject/MemberList.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
 
@@ -160,6 +161,10 @@ public:
     void EvictDgsNodes() const {}
 };
 
+// Reports what the fields of an object hold. Defined in qxObject/ValueOps.h, which comes with qxObject/Members.h.
+template <HasMembers T>
+void VisitMemberObjects(IObjectVisitor& visitor, const T& object);
+
 // Implements IObject for the plain class `Final`, which derives from it, directly or through further mixins. Nothing is
 // virtual but the destructor: `Final` or a mixin between replaces a default by declaring a member of the same name, and
 // the table binds to the most derived one when it is generated.
@@ -187,6 +192,12 @@ public:
     AnyInterface BindInterface(const ReflectedInterface& ri) { return static_cast<Final*>(this)->QueryInterface(ri); }
 
     const ReflectedClass* GetReflectedClass() const { return &quna::GetReflectedClass<Final>(); }
+
+    // Every field, if the class lists its members; otherwise nothing.
+    void VisitObjects(IObjectVisitor& visitor) const {
+        if constexpr (HasMembers<Final>) VisitMemberObjects(visitor, static_cast<const Final&>(*this));
+        else Base::VisitObjects(visitor);
+    }
 
     void OnGarbageCollect() {}
     void Destroy() { delete static_cast<Final*>(this); }

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "qxObject/IObject.h"
-#include "qxObject/Members.h"
+#include "qxObject/MemberList.h"
 #include "qxObject/ReflectedClass.h"
 #include "qxObject/Registry.h"
 #include "qxObject/TypeDescription.h"

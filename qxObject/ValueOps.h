@@ -8,7 +8,7 @@
 
 #include "qxObject/IObject.h"
 #include "qxObject/IObjectVisitor.h"
-#include "qxObject/Members.h"
+#include "qxObject/MemberList.h"
 #include "qxUtils/Archive.h"
 #include "qxUtils/ArchiveContainers.h"
 #include "qxUtils/BasicTypes.h"
@@ -216,10 +216,7 @@ struct ValueOps {
         } else if constexpr (detail::VisitObjectsOperator<T>) {
             visitor << x;
         } else {
-            ForEachMember<T>([&](const auto& member) {
-                using Ops = OpsOf<decltype(member)>;
-                if constexpr (Ops::CAN_VISIT_OBJECTS) Ops::VisitObjects(visitor, x.*member.m_pointer);
-            });
+            VisitMemberObjects(visitor, x);
         }
     }
 
@@ -388,5 +385,13 @@ struct ValueOps<std::pair<A, B>> {
         if constexpr (Second::CAN_VISIT_PREFS) Second::VisitPrefs(visitor, x.second);
     }
 };
+
+template <HasMembers T>
+void VisitMemberObjects(IObjectVisitor& visitor, const T& object) {
+    ForEachMember<T>([&](const auto& member) {
+        using Ops = ValueOps<typename std::remove_cvref_t<decltype(member)>::FieldType>;
+        if constexpr (Ops::CAN_VISIT_OBJECTS) Ops::VisitObjects(visitor, object.*member.m_pointer);
+    });
+}
 
 } // namespace quna
