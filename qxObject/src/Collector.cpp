@@ -7,6 +7,7 @@
 #include "qxUtils/HPTime.h"
 
 #include <algorithm>
+#include <climits>
 #include <exception>
 #include <vector>
 
@@ -80,6 +81,11 @@ void DestroyObject(ptr<IObject> object, FirstFailure& failure) {
     } catch (...) {
         failure.Note(rc);
     }
+}
+
+// A sum that stands for "without limit" where it doesn't fit.
+ssize_t SaturatedSum(ssize_t x, ssize_t y) {
+    return x > SSIZE_MAX - y ? SSIZE_MAX : x + y;
 }
 
 class ScopedFlag {
@@ -273,7 +279,7 @@ void Collector::NoteCollection(const GcMarker& marker, const Going& going, int64
     const ssize_t               bytes = m_objects.Bytes();
     const ssize_t               budget = m_budget.load(std::memory_order_relaxed);
     std::lock_guard<std::mutex> guard(m_mutex);
-    m_pressureThreshold.store(std::max(bytes, budget) + budget / 4, std::memory_order_relaxed);
+    m_pressureThreshold.store(SaturatedSum(std::max(bytes, budget), budget / 4), std::memory_order_relaxed);
     ++m_stats.collections;
     m_stats.lastPauseMicros = pauseMicros;
     m_stats.longestPauseMicros = std::max(m_stats.longestPauseMicros, pauseMicros);
@@ -317,7 +323,7 @@ void Collector::SetBudget(ssize_t bytes) {
     QX_ASSERT(bytes >= 0);
     std::lock_guard<std::mutex> guard(m_mutex);
     m_budget.store(bytes, std::memory_order_relaxed);
-    m_pressureThreshold.store(bytes + bytes / 4, std::memory_order_relaxed);
+    m_pressureThreshold.store(SaturatedSum(bytes, bytes / 4), std::memory_order_relaxed);
 }
 
 CSpaceGcStats Collector::GetStats() const {
