@@ -13,7 +13,7 @@ namespace {
 
 constexpr ConstStringZ SOURCE_PATH = "src/AllocRing";
 
-constexpr char    MAGIC[8] = {'L', 'S', 'S', 'A', 'L', 'L', 'O', 'C'};
+constexpr char MAGIC[8] = {'L', 'S', 'S', 'A', 'L', 'L', 'O', 'C'};
 constexpr ssize_t ENTRIES_OFFSET = 56;
 constexpr ssize_t ENTRY_BYTES = 8;
 constexpr ssize_t CRC_OFFSET = AllocRingBlock::BYTES - 4;
@@ -60,8 +60,7 @@ bool AllocRingBlock::Decode(const octet_t (&bytes)[BYTES]) {
     if (std::memcmp(bytes, MAGIC, sizeof MAGIC) != 0 || Get<uint32>(bytes, CRC_OFFSET) != Crc32c(bytes, CRC_OFFSET))
         return false;
     const ssize_t count = Get<uint16>(bytes, 44);
-    if (count > MAX_ENTRIES)
-        return false;
+    if (count > MAX_ENTRIES) return false;
     ringSequence = Get<uint64>(bytes, 8);
     std::memcpy(storeId.data(), bytes + 16, storeId.size());
     checkpointSequence = Get<uint64>(bytes, 32);
@@ -110,10 +109,8 @@ bool AllocRing::VouchesForCleanClose(uint64 checkpointSequence) const {
     const std::lock_guard lock(m_mutex);
     const AllocRingBlock* newest = nullptr;
     for (const Slot& slot : m_slots) {
-        if (slot.block.ringSequence == 0 || slot.block.checkpointSequence != checkpointSequence)
-            continue;
-        if (!newest || slot.block.ringSequence > newest->ringSequence)
-            newest = &slot.block;
+        if (slot.block.ringSequence == 0 || slot.block.checkpointSequence != checkpointSequence) continue;
+        if (!newest || slot.block.ringSequence > newest->ringSequence) newest = &slot.block;
     }
     return newest && !(newest->flags & AllocRingBlock::FLAG_RUNNING);
 }
@@ -125,11 +122,9 @@ void AllocRing::BeginOwner(uint64 checkpointSequence, const std::vector<AllocHor
     m_sequenceBase = sequenceBase;
     uint32 largestHigh = nextHigh;
     for (const Slot& slot : m_slots)
-        if (slot.block.ringSequence != 0)
-            largestHigh = std::max(largestHigh, slot.block.nextHigh);
+        if (slot.block.ringSequence != 0) largestHigh = std::max(largestHigh, slot.block.nextHigh);
     m_nextHigh.store(largestHigh, std::memory_order_relaxed);
-    if (!clean)
-        SealWhatOnlyTheRingKnows(known, nextHigh);
+    if (!clean) SealWhatOnlyTheRingKnows(known, nextHigh);
     WriteBlock(true);
 }
 
@@ -138,13 +133,11 @@ void AllocRing::BeginOwner(uint64 checkpointSequence, const std::vector<AllocHor
 // with sets, and one with the newest base, if the last open was cut short before its checkpoint.
 void AllocRing::SealWhatOnlyTheRingKnows(const std::vector<AllocHorizon>& known, uint32 nextHigh) {
     std::map<uint32, uint32> horizons;
-    for (const AllocHorizon& entry : known)
-        horizons[entry.high] = entry.horizon;
+    for (const AllocHorizon& entry : known) horizons[entry.high] = entry.horizon;
 
     std::vector<Slot*> newestFirst;
     for (Slot& slot : m_slots)
-        if (slot.block.ringSequence != 0)
-            newestFirst.push_back(&slot);
+        if (slot.block.ringSequence != 0) newestFirst.push_back(&slot);
     std::sort(newestFirst.begin(), newestFirst.end(),
               [](const Slot* a, const Slot* b) { return a->block.ringSequence > b->block.ringSequence; });
 
@@ -171,28 +164,25 @@ bool AllocRing::TryRaiseHorizon(uint32 high, uint32 horizon, std::atomic<uint32>
     {
         const std::lock_guard lock(m_mutex);
         ThrowIfFailed();
-        if (durable.load(std::memory_order_relaxed) >= horizon)
-            return true;
+        if (durable.load(std::memory_order_relaxed) >= horizon) return true;
         const bool wanted = WantsCheckpoint();
-        if (!MakeRoomInSet(high))
-            return false;
+        if (!MakeRoomInSet(high)) return false;
         uint32& entry = m_set[high];
         entry = std::max(entry, horizon);
         WriteBlock(true);
         durable.store(horizon, std::memory_order_release);
         wake = !wanted && WantsCheckpoint();
     }
-    if (wake && m_wakeCheckpoint)
-        m_wakeCheckpoint();
+    if (wake && m_wakeCheckpoint) m_wakeCheckpoint();
     return true;
 }
 
 void AllocRing::RaiseHorizon(uint32 high, uint32 horizon, std::atomic<uint32>& durable) {
-    if (TryRaiseHorizon(high, horizon, durable))
-        return;
-    const std::string text = "Can't allocate identifiers in file \"" + m_file.Path() + "\": the horizons of " +
-                             std::to_string(MAX_SET_BLOCKS * AllocRingBlock::MAX_ENTRIES) +
-                             " identifier spaces have moved since the last checkpoint, and no more can be kept before the next";
+    if (TryRaiseHorizon(high, horizon, durable)) return;
+    const std::string text =
+        "Can't allocate identifiers in file \"" + m_file.Path() + "\": the horizons of " +
+        std::to_string(MAX_SET_BLOCKS * AllocRingBlock::MAX_ENTRIES) +
+        " identifier spaces have moved since the last checkpoint, and no more can be kept before the next";
     throw FileException(text.c_str());
 }
 
@@ -201,10 +191,8 @@ void AllocRing::RaiseHorizon(uint32 high, uint32 horizon, std::atomic<uint32>& d
 bool AllocRing::MakeRoomInSet(uint32 high) {
     const bool full = std::ssize(m_set) == AllocRingBlock::MAX_ENTRIES && !m_set.contains(high);
     const bool beginsSet = full || m_set.empty();
-    if (beginsSet && NumSealed() + (full ? 1 : 0) >= MAX_SET_BLOCKS)
-        return false;
-    if (full)
-        SealCurrentSet();
+    if (beginsSet && NumSealed() + (full ? 1 : 0) >= MAX_SET_BLOCKS) return false;
+    if (full) SealCurrentSet();
     return true;
 }
 
@@ -237,8 +225,7 @@ uint64 AllocRing::BeginCheckpoint(const std::function<void()>& copy, uint32& nex
     const std::lock_guard lock(m_mutex);
     copy();
     nextHigh = NextHigh();
-    if (!m_set.empty())
-        SealCurrentSet();
+    if (!m_set.empty()) SealCurrentSet();
     return m_ringSequence;
 }
 
@@ -246,8 +233,7 @@ void AllocRing::EndCheckpoint(uint64 checkpointSequence, uint64 ringSequence, bo
     const std::lock_guard lock(m_mutex);
     ThrowIfFailed();
     for (Slot& slot : m_slots)
-        if (slot.block.ringSequence <= ringSequence)
-            slot.sealed = false;
+        if (slot.block.ringSequence <= ringSequence) slot.sealed = false;
     m_wantsCheckpoint.store(NumSealed() >= CHECKPOINT_WANTED_AT, std::memory_order_relaxed);
     m_checkpointSequence = checkpointSequence;
     WriteBlock(running);
@@ -263,14 +249,14 @@ int AllocRing::NumSealedForTest() const {
 // The set begins anew. If it was ever written, its block stays.
 void AllocRing::SealCurrentSet() {
     m_set.clear();
-    if (m_current >= 0)
-        m_slots[static_cast<size_t>(m_current)].sealed = true;
+    if (m_current >= 0) m_slots[static_cast<size_t>(m_current)].sealed = true;
     m_current = -1;
     m_wantsCheckpoint.store(NumSealed() >= CHECKPOINT_WANTED_AT, std::memory_order_relaxed);
 }
 
 int AllocRing::NumSealed() const {
-    return static_cast<int>(std::count_if(m_slots.begin(), m_slots.end(), [](const Slot& slot) { return slot.sealed; }));
+    return static_cast<int>(
+        std::count_if(m_slots.begin(), m_slots.end(), [](const Slot& slot) { return slot.sealed; }));
 }
 
 // The unsealed block of lowest sequence. There are always two unsealed ones, so this is never the newest, which holds the
@@ -279,10 +265,8 @@ int AllocRing::ChooseSlot() const {
     int chosen = -1;
     for (int i = 0; i < NUM_BLOCKS; ++i) {
         const Slot& slot = m_slots[static_cast<size_t>(i)];
-        if (slot.sealed)
-            continue;
-        if (chosen < 0 || slot.block.ringSequence < m_slots[static_cast<size_t>(chosen)].block.ringSequence)
-            chosen = i;
+        if (slot.sealed) continue;
+        if (chosen < 0 || slot.block.ringSequence < m_slots[static_cast<size_t>(chosen)].block.ringSequence) chosen = i;
     }
     return chosen;
 }
@@ -297,8 +281,7 @@ void AllocRing::WriteBlock(bool running) {
     block.nextHigh = NextHigh();
     block.flags = running ? AllocRingBlock::FLAG_RUNNING : uint16{0};
     block.sequenceBase = m_sequenceBase;
-    for (const auto& [high, horizon] : m_set)
-        block.horizons.push_back({high, horizon});
+    for (const auto& [high, horizon] : m_set) block.horizons.push_back({high, horizon});
 
     octet_t bytes[AllocRingBlock::BYTES];
     block.Encode(bytes);
@@ -310,13 +293,11 @@ void AllocRing::WriteBlock(bool running) {
     }
     m_ringSequence = block.ringSequence;
     m_slots[static_cast<size_t>(index)].block = std::move(block);
-    if (!m_set.empty())
-        m_current = index;
+    if (!m_set.empty()) m_current = index;
 }
 
 void AllocRing::ThrowIfFailed() const {
-    if (!m_failure.empty())
-        throw FileException(m_failure.c_str());
+    if (!m_failure.empty()) throw FileException(m_failure.c_str());
 }
 
 } // namespace quna

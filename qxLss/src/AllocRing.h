@@ -35,14 +35,14 @@ struct AllocHorizon {
 struct AllocRingBlock {
     static constexpr ssize_t BYTES = 4096;
     static constexpr ssize_t MAX_ENTRIES = 504;
-    static constexpr uint16  FLAG_RUNNING = 1;
+    static constexpr uint16 FLAG_RUNNING = 1;
 
-    uint64                    ringSequence = 0;
-    std::array<octet_t, 16>   storeId{};
-    uint64                    checkpointSequence = 0;
-    uint32                    nextHigh = 1;
-    uint16                    flags = 0;
-    uint64                    sequenceBase = 0;
+    uint64 ringSequence = 0;
+    std::array<octet_t, 16> storeId{};
+    uint64 checkpointSequence = 0;
+    uint32 nextHigh = 1;
+    uint16 flags = 0;
+    uint64 sequenceBase = 0;
     std::vector<AllocHorizon> horizons;
 
     // Requires: at most MAX_ENTRIES horizons.
@@ -68,20 +68,20 @@ struct AllocRingBlock {
 //            block torn.
 class QX_API AllocRing {
 public:
-    static constexpr int64   FILE_OFFSET = 8192;
-    static constexpr int     NUM_BLOCKS = 30;
-    static constexpr int     MAX_SET_BLOCKS = 28;          // with it 14,112 highs between two checkpoints
-    static constexpr int     CHECKPOINT_WANTED_AT = 8;     // sealed blocks
+    static constexpr int64 FILE_OFFSET = 8192;
+    static constexpr int NUM_BLOCKS = 30;
+    static constexpr int MAX_SET_BLOCKS = 28;      // with it 14,112 highs between two checkpoints
+    static constexpr int CHECKPOINT_WANTED_AT = 8; // sealed blocks
 
     using StoreId = std::array<octet_t, 16>;
 
     // What all valid blocks say together.
     struct Contents {
-        ssize_t                  numValidBlocks = 0;
-        uint64                   newestCheckpoint = 0;
-        uint64                   sequenceBase = 0;         // the largest
-        uint32                   nextHigh = 1;             // the largest
-        std::map<uint32, uint32> horizons;                 // the largest of each high
+        ssize_t numValidBlocks = 0;
+        uint64 newestCheckpoint = 0;
+        uint64 sequenceBase = 0;           // the largest
+        uint32 nextHigh = 1;               // the largest
+        std::map<uint32, uint32> horizons; // the largest of each high
     };
 
     // `wakeCheckpoint` (may be empty) is called when the ring comes to want a checkpoint: see WantsCheckpoint. The caller
@@ -101,8 +101,8 @@ public:
     // so that the checkpoint alone says everything. Otherwise the blocks that know more than the checkpoint's horizons
     // `known` stay sealed until the next header is durable. After Read, or for a new store in whose file the ring is
     // zero. Requires: `known` sorted by high.
-    void BeginOwner(uint64 checkpointSequence, const std::vector<AllocHorizon>& known, uint32 nextHigh, uint64 sequenceBase,
-                    bool clean);
+    void BeginOwner(uint64 checkpointSequence, const std::vector<AllocHorizon>& known, uint32 nextHigh,
+                    uint64 sequenceBase, bool clean);
 
     // --- running
 
@@ -135,33 +135,33 @@ public:
 
 private:
     struct Slot {
-        AllocRingBlock block;            // last read or written; ringSequence 0 if there was no valid one
-        bool           sealed = false;
+        AllocRingBlock block; // last read or written; ringSequence 0 if there was no valid one
+        bool sealed = false;
     };
 
     // All with m_mutex held.
     void WriteBlock(bool running);
-    int  ChooseSlot() const;
+    int ChooseSlot() const;
     void SealCurrentSet();
     bool MakeRoomInSet(uint32 high);
-    int  NumSealed() const;
+    int NumSealed() const;
     void SealWhatOnlyTheRingKnows(const std::vector<AllocHorizon>& known, uint32 nextHigh);
     void ThrowIfFailed() const;
 
-    File&         m_file;
+    File& m_file;
     const StoreId m_storeId;
     const std::function<void()> m_wakeCheckpoint;
 
-    mutable std::mutex           m_mutex;                 // guards all below; held across the write of a block
+    mutable std::mutex m_mutex; // guards all below; held across the write of a block
     std::array<Slot, NUM_BLOCKS> m_slots;
-    int                          m_current = -1;          // slot that holds m_set, or -1: none does
-    std::map<uint32, uint32>     m_set;                   // high -> horizon, at most MAX_ENTRIES
-    uint64                       m_ringSequence = 0;      // of the newest block
-    uint64                       m_checkpointSequence = 0;
-    uint64                       m_sequenceBase = 0;
-    std::string                  m_failure;               // text of the failed write, empty: none
-    std::atomic<uint32>          m_nextHigh{1};           // written under m_mutex
-    std::atomic<bool>            m_wantsCheckpoint{false};
+    int m_current = -1;             // slot that holds m_set, or -1: none does
+    std::map<uint32, uint32> m_set; // high -> horizon, at most MAX_ENTRIES
+    uint64 m_ringSequence = 0;      // of the newest block
+    uint64 m_checkpointSequence = 0;
+    uint64 m_sequenceBase = 0;
+    std::string m_failure;             // text of the failed write, empty: none
+    std::atomic<uint32> m_nextHigh{1}; // written under m_mutex
+    std::atomic<bool> m_wantsCheckpoint{false};
 };
 
 } // namespace quna

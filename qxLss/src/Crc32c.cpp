@@ -24,7 +24,7 @@ namespace {
 
 constexpr ConstStringZ SOURCE_PATH = "src/Crc32c";
 
-constexpr uint32  POLYNOMIAL = 0x82F63B78;        // reflected
+constexpr uint32 POLYNOMIAL = 0x82F63B78; // reflected
 constexpr ssize_t SMALL_BLOCK = 128;
 constexpr ssize_t LARGE_BLOCK = 1024;
 
@@ -36,13 +36,11 @@ constexpr Tables MakeTables() {
     Tables tables{};
     for (uint32 i = 0; i < 256; ++i) {
         uint32 crc = i;
-        for (int bit = 0; bit < 8; ++bit)
-            crc = (crc >> 1) ^ ((crc & 1) ? POLYNOMIAL : 0);
+        for (int bit = 0; bit < 8; ++bit) crc = (crc >> 1) ^ ((crc & 1) ? POLYNOMIAL : 0);
         tables[0][i] = crc;
     }
     for (size_t t = 1; t < 8; ++t)
-        for (size_t i = 0; i < 256; ++i)
-            tables[t][i] = (tables[t - 1][i] >> 8) ^ tables[0][tables[t - 1][i] & 0xFF];
+        for (size_t i = 0; i < 256; ++i) tables[t][i] = (tables[t - 1][i] >> 8) ^ tables[0][tables[t - 1][i] & 0xFF];
     return tables;
 }
 
@@ -61,8 +59,7 @@ uint32 ByTable(const octet_t* p, ssize_t n, uint32 crc) {
               TABLES[4][(word >> 24) & 0xFF] ^ TABLES[3][(word >> 32) & 0xFF] ^ TABLES[2][(word >> 40) & 0xFF] ^
               TABLES[1][(word >> 48) & 0xFF] ^ TABLES[0][word >> 56];
     }
-    for (; n > 0; --n)
-        crc = (crc >> 8) ^ TABLES[0][(crc ^ *p++) & 0xFF];
+    for (; n > 0; --n) crc = (crc >> 8) ^ TABLES[0][(crc ^ *p++) & 0xFF];
     return crc;
 }
 
@@ -70,8 +67,7 @@ uint32 ByTable(const octet_t* p, ssize_t n, uint32 crc) {
 
 __attribute__((target("sse4.2"))) inline uint32 OneChain(const octet_t* p, ssize_t n, uint32 crc) {
     uint64 wide = crc;
-    for (; n >= 8; n -= 8, p += 8)
-        wide = _mm_crc32_u64(wide, ReadWord(p));
+    for (; n >= 8; n -= 8, p += 8) wide = _mm_crc32_u64(wide, ReadWord(p));
     crc = static_cast<uint32>(wide);
     if (n >= 4) {
         uint32 word;
@@ -80,8 +76,7 @@ __attribute__((target("sse4.2"))) inline uint32 OneChain(const octet_t* p, ssize
         p += 4;
         n -= 4;
     }
-    for (; n > 0; --n)
-        crc = _mm_crc32_u8(crc, *p++);
+    for (; n > 0; --n) crc = _mm_crc32_u8(crc, *p++);
     return crc;
 }
 
@@ -94,18 +89,15 @@ __attribute__((target("sse4.2"))) uint32 BySse42(const octet_t* p, ssize_t n, ui
 // x^n modulo P, reflected: bit 31 is x^0.
 constexpr uint32 PowerOfX(int n) {
     uint32 value = 0x80000000;
-    for (; n > 0; --n)
-        value = (value >> 1) ^ ((value & 1) ? POLYNOMIAL : 0);
+    for (; n > 0; --n) value = (value >> 1) ^ ((value & 1) ? POLYNOMIAL : 0);
     return value;
 }
 
-constexpr uint32 ShiftFactor(ssize_t bytes) {
-    return PowerOfX(static_cast<int>(8 * bytes) - 33);
-}
+constexpr uint32 ShiftFactor(ssize_t bytes) { return PowerOfX(static_cast<int>(8 * bytes) - 33); }
 
 __attribute__((target("sse4.2,pclmul"))) inline uint32 Shift(uint64 crc, uint32 factor) {
-    const __m128i product =
-        _mm_clmulepi64_si128(_mm_cvtsi64_si128(static_cast<long long>(crc)), _mm_cvtsi32_si128(static_cast<int>(factor)), 0);
+    const __m128i product = _mm_clmulepi64_si128(_mm_cvtsi64_si128(static_cast<long long>(crc)),
+                                                 _mm_cvtsi32_si128(static_cast<int>(factor)), 0);
     return static_cast<uint32>(_mm_crc32_u64(0, static_cast<uint64>(_mm_cvtsi128_si64(product))));
 }
 
@@ -126,10 +118,8 @@ __attribute__((target("sse4.2,pclmul"))) inline uint32 ThreeBlocks(const octet_t
 }
 
 __attribute__((target("sse4.2,pclmul"))) uint32 ByPclmul(const octet_t* p, ssize_t n, uint32 crc) {
-    for (; n >= 3 * LARGE_BLOCK; n -= 3 * LARGE_BLOCK, p += 3 * LARGE_BLOCK)
-        crc = ThreeBlocks<LARGE_BLOCK>(p, crc);
-    for (; n >= 3 * SMALL_BLOCK; n -= 3 * SMALL_BLOCK, p += 3 * SMALL_BLOCK)
-        crc = ThreeBlocks<SMALL_BLOCK>(p, crc);
+    for (; n >= 3 * LARGE_BLOCK; n -= 3 * LARGE_BLOCK, p += 3 * LARGE_BLOCK) crc = ThreeBlocks<LARGE_BLOCK>(p, crc);
+    for (; n >= 3 * SMALL_BLOCK; n -= 3 * SMALL_BLOCK, p += 3 * SMALL_BLOCK) crc = ThreeBlocks<SMALL_BLOCK>(p, crc);
     return OneChain(p, n, crc);
 }
 
@@ -174,10 +164,8 @@ bool IsCrc32cPathSupported(ECrc32cPath path) {
 }
 
 ECrc32cPath BestCrc32cPath() {
-    if (IsCrc32cPathSupported(ECrc32cPath::PCLMUL))
-        return ECrc32cPath::PCLMUL;
-    if (IsCrc32cPathSupported(ECrc32cPath::SSE42))
-        return ECrc32cPath::SSE42;
+    if (IsCrc32cPathSupported(ECrc32cPath::PCLMUL)) return ECrc32cPath::PCLMUL;
+    if (IsCrc32cPathSupported(ECrc32cPath::SSE42)) return ECrc32cPath::SSE42;
     return ECrc32cPath::TABLE;
 }
 

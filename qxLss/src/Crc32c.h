@@ -8,9 +8,9 @@ namespace quna {
 
 // The three implementations. All give the same results.
 enum class ECrc32cPath {
-    TABLE,        // eight tables of 256 words
-    SSE42,        // the crc32 instruction, one chain
-    PCLMUL        // the crc32 instruction, three chains joined by carry-less multiplication
+    TABLE, // eight tables of 256 words
+    SSE42, // the crc32 instruction, one chain
+    PCLMUL // the crc32 instruction, three chains joined by carry-less multiplication
 };
 
 // The CRC32C of `n` bytes at `p`. `start` is 0, or the CRC32C of what comes before:

@@ -11,9 +11,9 @@ namespace quna {
 
 // How a File is opened.
 enum class EFileAccess {
-    READ_ONLY,     // must exist
-    READ_WRITE,    // must exist
-    CREATE,        // created if it is missing; never emptied by the open
+    READ_ONLY,  // must exist
+    READ_WRITE, // must exist
+    CREATE,     // created if it is missing; never emptied by the open
 };
 
 // Throws the FileException of a failed operation: "Can't <operation> file '<path>' [at offset <offset>]: <text of
@@ -82,9 +82,9 @@ private:
     template <class Call>
     void WriteLoop(ConstStringZ operation, int64 offset, const void* p, ssize_t n, Call call);
 
-    SysCalls&   m_sys;
+    SysCalls& m_sys;
     std::string m_path;
-    int         m_fd = -1;         // -1: not open
+    int m_fd = -1; // -1: not open
 };
 
 // Gives the file `from` the name `to`. With `replace` false an existing `to` makes the result false, and nothing is

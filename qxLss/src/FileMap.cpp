@@ -31,12 +31,12 @@ FileMap::FileMap(File& file, int64 maxBytes) : m_file(file), m_maxBytes(maxBytes
         m_maxBytes /= 2;
         result = m_file.Sys().Map(m_file.Descriptor(), static_cast<size_t>(m_maxBytes), m_base);
     }
-    if (result < 0)
-        ThrowFileError("map", m_file.Path(), -result);
+    if (result < 0) ThrowFileError("map", m_file.Path(), -result);
 
     // Anonymous pages are zero, and a word that nobody touches costs no memory: 64 MiB of addresses for 8 TiB.
     m_bitmapBytes = static_cast<size_t>(m_maxBytes / CHUNK_BYTES / 64 + 1) * sizeof(uint64);
-    void* bits = ::mmap(nullptr, m_bitmapBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    void* bits =
+        ::mmap(nullptr, m_bitmapBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (bits == MAP_FAILED) {
         const int error = errno;
         m_file.Sys().Unmap(m_base, static_cast<size_t>(m_maxBytes));
@@ -69,11 +69,12 @@ void FileMap::SetBits(int64 first, int64 end) {
 void FileMap::LoadMissing(int64 offset, ssize_t size) {
     const int64 fileSize = m_file.Size();
     if (offset < 0 || size < 1 || offset > m_maxBytes - size || offset + size > fileSize) {
-        const std::string text = "Can't read " + std::to_string(size) + " bytes of file \"" + m_file.Path() + "\" at offset " +
-                                 std::to_string(offset) + ": the file has " + std::to_string(fileSize) + " bytes";
+        const std::string text = "Can't read " + std::to_string(size) + " bytes of file \"" + m_file.Path() +
+                                 "\" at offset " + std::to_string(offset) + ": the file has " +
+                                 std::to_string(fileSize) + " bytes";
         throw FileException(text.c_str());
     }
-    int64       chunk = offset >> CHUNK_SHIFT;
+    int64 chunk = offset >> CHUNK_SHIFT;
     const int64 end = ((offset + size - 1) >> CHUNK_SHIFT) + 1;
     const int64 fileEnd = (std::min(fileSize, m_maxBytes) + CHUNK_BYTES - 1) >> CHUNK_SHIFT;
     while (chunk < end) {
@@ -85,8 +86,7 @@ void FileMap::LoadMissing(int64 offset, ssize_t size) {
         const bool scan = chunk > 0 && IsChunkLoaded(chunk - 1);
         const int64 limit = std::min(fileEnd, scan ? std::max(end, chunk + READ_AHEAD_CHUNKS) : end);
         int64 runEnd = chunk + 1;
-        while (runEnd < limit && !IsChunkLoaded(runEnd))
-            ++runEnd;
+        while (runEnd < limit && !IsChunkLoaded(runEnd)) ++runEnd;
         LoadChunks(chunk, runEnd, fileSize);
         chunk = runEnd;
     }
@@ -98,8 +98,7 @@ void FileMap::LoadChunks(int64 first, int64 end, int64 fileSize) {
     const int64 from = first << CHUNK_SHIFT;
     const int64 to = std::min(end << CHUNK_SHIFT, (fileSize + page - 1) / page * page);
     int result;
-    do
-        result = m_file.Sys().Load(m_file.Descriptor(), m_base, from, static_cast<size_t>(to - from));
+    do result = m_file.Sys().Load(m_file.Descriptor(), m_base, from, static_cast<size_t>(to - from));
     while (result == -EINTR || result == -EAGAIN);
     if (result < 0)
         // The populating call says EFAULT where an access would have raised SIGBUS: the disk could not be read.

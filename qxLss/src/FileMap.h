@@ -21,7 +21,7 @@ namespace quna {
 class QX_API FileMap {
 public:
     static constexpr ssize_t CHUNK_BYTES = 16384;
-    static constexpr int     CHUNK_SHIFT = 14;
+    static constexpr int CHUNK_SHIFT = 14;
     // Chunks loaded at once when the chunk before is loaded already, as in a scan.
     static constexpr ssize_t READ_AHEAD_CHUNKS = 4;
     // The most that a location can name is 8 TiB. The race detector leaves less room for mappings.
@@ -67,9 +67,7 @@ public:
     // chunks that lie in it entirely.
     void MarkLoaded(int64 offset, int64 size);
 
-    bool IsChunkLoaded(int64 chunk) const {
-        return (Word(chunk).load(std::memory_order_acquire) >> (chunk & 63)) & 1;
-    }
+    bool IsChunkLoaded(int64 chunk) const { return (Word(chunk).load(std::memory_order_acquire) >> (chunk & 63)) & 1; }
 
 private:
     std::atomic<uint64>& Word(int64 chunk) const { return m_bits[chunk >> 6]; }
@@ -77,11 +75,11 @@ private:
     void LoadChunks(int64 first, int64 end, int64 fileSize);
     void SetBits(int64 first, int64 end);
 
-    File&                m_file;
-    int64                m_maxBytes;          // constant after construction
-    const octet_t*       m_base = nullptr;    // constant after construction
-    std::atomic<uint64>* m_bits = nullptr;    // one bit a chunk; the pages of the bitmap appear at their first use
-    size_t               m_bitmapBytes = 0;
+    File& m_file;
+    int64 m_maxBytes;                      // constant after construction
+    const octet_t* m_base = nullptr;       // constant after construction
+    std::atomic<uint64>* m_bits = nullptr; // one bit a chunk; the pages of the bitmap appear at their first use
+    size_t m_bitmapBytes = 0;
 };
 
 } // namespace quna

@@ -14,31 +14,21 @@ namespace {
 
 constexpr ConstStringZ SOURCE_PATH = "src/SeidAllocator";
 
-constexpr uint32 LEAF = 256;                     // ids in a leaf of the index
-constexpr uint32 SMALL_EXTENT = 64;              // extents up to this share a leaf
+constexpr uint32 LEAF = 256;        // ids in a leaf of the index
+constexpr uint32 SMALL_EXTENT = 64; // extents up to this share a leaf
 constexpr uint32 FIRST_INCREMENTAL_BLOCK = 64;
 constexpr uint32 LAST_INCREMENTAL_BLOCK = 1024;
 
 // Sums of lows are taken in 64 bits: the last extents end at the limit.
-uint32 ClampToLimit(uint64 low) {
-    return static_cast<uint32>(std::min<uint64>(low, SeidAllocator::LOW_LIMIT));
-}
+uint32 ClampToLimit(uint64 low) { return static_cast<uint32>(std::min<uint64>(low, SeidAllocator::LOW_LIMIT)); }
 
-uint64 RoundUp(uint64 low, uint64 step) {
-    return (low + step - 1) / step * step;
-}
+uint64 RoundUp(uint64 low, uint64 step) { return (low + step - 1) / step * step; }
 
 // The incremental block in one word, so that it is taken from without a lock: the next low in the low half, the end in
 // the high half.
-constexpr uint64 PackBlock(uint32 next, uint32 end) {
-    return uint64{end} << 32 | next;
-}
-constexpr uint32 NextOf(uint64 block) {
-    return static_cast<uint32>(block);
-}
-constexpr uint32 EndOf(uint64 block) {
-    return static_cast<uint32>(block >> 32);
-}
+constexpr uint64 PackBlock(uint32 next, uint32 end) { return uint64{end} << 32 | next; }
+constexpr uint32 NextOf(uint64 block) { return static_cast<uint32>(block); }
+constexpr uint32 EndOf(uint64 block) { return static_cast<uint32>(block >> 32); }
 
 // The next low of the block, or false. Never steps beyond the end: at the end of a high that would carry into the other
 // half of the word.
@@ -58,18 +48,18 @@ bool TakeFromBlock(std::atomic<uint64>& block, uint32& low) {
 struct SeidAllocator::HighState {
     explicit HighState(SeidHigh high) : m_high(high) {}
 
-    const SeidHigh      m_high;
-    std::atomic<uint32> m_durable{0};            // the horizon; raised under the ring's mutex
-    std::atomic<bool>   m_queued{false};         // for TopUp
-    alignas(64) std::atomic<uint64> m_block{0};  // the incremental block; refilled under m_mutex
+    const SeidHigh m_high;
+    std::atomic<uint32> m_durable{0};           // the horizon; raised under the ring's mutex
+    std::atomic<bool> m_queued{false};          // for TopUp
+    alignas(64) std::atomic<uint64> m_block{0}; // the incremental block; refilled under m_mutex
 
-    alignas(64) std::mutex m_mutex;              // guards all below
-    uint32 m_frontier = 0;                       // lows from here on belong to no extent
-    uint32 m_smallNext = 0;                      // [m_smallNext, m_smallEnd) of a leaf are for small extents
+    alignas(64) std::mutex m_mutex; // guards all below
+    uint32 m_frontier = 0;          // lows from here on belong to no extent
+    uint32 m_smallNext = 0;         // [m_smallNext, m_smallEnd) of a leaf are for small extents
     uint32 m_smallEnd = 0;
     uint32 m_nextBlock = FIRST_INCREMENTAL_BLOCK;
-    uint32 m_horizonStep = FIRST_HORIZON_STEP;   // of the next raise
-    std::unique_ptr<SeidFamilies> m_families;    // null until the first affiliate
+    uint32 m_horizonStep = FIRST_HORIZON_STEP; // of the next raise
+    std::unique_ptr<SeidFamilies> m_families;  // null until the first affiliate
 };
 
 // All states by high: the first thousand highs, which is all that most stores have, directly, the rest in a radix of
@@ -86,10 +76,8 @@ struct SeidAllocator::Directory {
     ~Directory() {
         for (std::atomic<Inner*>& node : m_top) {
             Inner* inner = node.load(std::memory_order_relaxed);
-            if (!inner)
-                continue;
-            for (std::atomic<Leaf*>& leaf : inner->leaves)
-                delete leaf.load(std::memory_order_relaxed);
+            if (!inner) continue;
+            for (std::atomic<Leaf*>& leaf : inner->leaves) delete leaf.load(std::memory_order_relaxed);
             delete inner;
         }
     }
@@ -98,8 +86,7 @@ struct SeidAllocator::Directory {
         if (high < NUM_FIRST) [[likely]]
             return m_first[high].load(std::memory_order_acquire);
         const Inner* inner = m_top[high >> 20].load(std::memory_order_acquire);
-        if (!inner)
-            return nullptr;
+        if (!inner) return nullptr;
         const Leaf* leaf = inner->leaves[(high >> 10) & 1023].load(std::memory_order_acquire);
         return leaf ? leaf->states[high & 1023].load(std::memory_order_acquire) : nullptr;
     }
@@ -107,8 +94,7 @@ struct SeidAllocator::Directory {
     HighState& FindOrAdd(SeidHigh high) {
         const std::lock_guard lock(m_mutex);
         std::atomic<HighState*>& cell = Cell(high);
-        if (HighState* state = cell.load(std::memory_order_relaxed))
-            return *state;
+        if (HighState* state = cell.load(std::memory_order_relaxed)) return *state;
         m_states.push_back(std::make_unique<HighState>(high));
         cell.store(m_states.back().get(), std::memory_order_release);
         return *m_states.back();
@@ -118,31 +104,28 @@ struct SeidAllocator::Directory {
         std::vector<HighState*> states;
         {
             const std::lock_guard lock(m_mutex);
-            for (const std::unique_ptr<HighState>& state : m_states)
-                states.push_back(state.get());
+            for (const std::unique_ptr<HighState>& state : m_states) states.push_back(state.get());
         }
-        std::sort(states.begin(), states.end(), [](const HighState* a, const HighState* b) { return a->m_high < b->m_high; });
+        std::sort(states.begin(), states.end(),
+                  [](const HighState* a, const HighState* b) { return a->m_high < b->m_high; });
         return states;
     }
 
 private:
     // Requires: m_mutex held.
     std::atomic<HighState*>& Cell(SeidHigh high) {
-        if (high < NUM_FIRST)
-            return m_first[high];
+        if (high < NUM_FIRST) return m_first[high];
         std::atomic<Inner*>& top = m_top[high >> 20];
-        if (!top.load(std::memory_order_relaxed))
-            top.store(new Inner(), std::memory_order_release);
+        if (!top.load(std::memory_order_relaxed)) top.store(new Inner(), std::memory_order_release);
         std::atomic<Leaf*>& leaf = top.load(std::memory_order_relaxed)->leaves[(high >> 10) & 1023];
-        if (!leaf.load(std::memory_order_relaxed))
-            leaf.store(new Leaf(), std::memory_order_release);
+        if (!leaf.load(std::memory_order_relaxed)) leaf.store(new Leaf(), std::memory_order_release);
         return leaf.load(std::memory_order_relaxed)->states[high & 1023];
     }
 
     std::array<std::atomic<HighState*>, NUM_FIRST> m_first{};
-    std::array<std::atomic<Inner*>, 4096>          m_top{};
+    std::array<std::atomic<Inner*>, 4096> m_top{};
 
-    mutable std::mutex                      m_mutex;     // leaf; guards m_states and additions
+    mutable std::mutex m_mutex; // leaf; guards m_states and additions
     std::vector<std::unique_ptr<HighState>> m_states;
 };
 
@@ -165,13 +148,11 @@ void SeidAllocator::Import(const std::vector<HighAllocation>& highs, const Alloc
             state.m_block.store(PackBlock(entry.nextIncremental, entry.nextIncremental + entry.incrementalLeft),
                                 std::memory_order_relaxed);
     }
-    if (clean)
-        return;
+    if (clean) return;
     for (const auto& [high, horizon] : ring.horizons) {
         HighState& state = FindOrAdd(high);
         const std::lock_guard lock(state.m_mutex);
-        if (horizon <= state.m_durable.load(std::memory_order_relaxed))
-            continue;
+        if (horizon <= state.m_durable.load(std::memory_order_relaxed)) continue;
         state.m_durable.store(horizon, std::memory_order_relaxed);
         state.m_frontier = ClampToLimit(RoundUp(horizon, SeidFamilies::GRANULE));
     }
@@ -190,28 +171,21 @@ uint64 SeidAllocator::BeginCheckpoint(bool clean, std::vector<HighAllocation>& h
     for (HighState* state : m_directory->StatesByHigh()) {
         const std::lock_guard lock(state->m_mutex);
         const uint64 block = state->m_block.load(std::memory_order_relaxed);
-        highs.push_back({state->m_high, state->m_frontier, NextOf(block), static_cast<uint16>(EndOf(block) - NextOf(block))});
+        highs.push_back(
+            {state->m_high, state->m_frontier, NextOf(block), static_cast<uint16>(EndOf(block) - NextOf(block))});
     }
     return m_ring.BeginCheckpoint([] {}, nextHigh);
 }
 
 // --- allocation
 
-SeidAllocator::HighState* SeidAllocator::Find(SeidHigh high) const {
-    return m_directory->Find(high);
-}
+SeidAllocator::HighState* SeidAllocator::Find(SeidHigh high) const { return m_directory->Find(high); }
 
-SeidAllocator::HighState& SeidAllocator::FindOrAdd(SeidHigh high) {
-    return m_directory->FindOrAdd(high);
-}
+SeidAllocator::HighState& SeidAllocator::FindOrAdd(SeidHigh high) { return m_directory->FindOrAdd(high); }
 
-SeidHigh SeidAllocator::AllocateSeidHigh() {
-    return m_ring.TakeHigh();
-}
+SeidHigh SeidAllocator::AllocateSeidHigh() { return m_ring.TakeHigh(); }
 
-bool SeidAllocator::IsAllocatedHigh(SeidHigh high) const {
-    return high != 0 && high < m_ring.NextHigh();
-}
+bool SeidAllocator::IsAllocatedHigh(SeidHigh high) const { return high != 0 && high < m_ring.NextHigh(); }
 
 bool SeidAllocator::IsAllocated(Seid seid) const {
     const HighState* state = Find(seid.high_);
@@ -231,13 +205,14 @@ Seid SeidAllocator::AllocateSeidSlowly(SeidHigh high) {
     QX_ASSERT(IsAllocatedHigh(high));
     HighState& state = FindOrAdd(high);
     uint32 low;
-    bool   wake = false;
+    bool wake = false;
     {
         const std::lock_guard lock(state.m_mutex);
         if (!TakeFromBlock(state.m_block, low)) {
             uint32 end;
             if (!Carve(state, state.m_nextBlock, low, end)) {
-                const std::string text = "Can't allocate an identifier: all of identifier space " + std::to_string(high) + " are in use";
+                const std::string text =
+                    "Can't allocate an identifier: all of identifier space " + std::to_string(high) + " are in use";
                 throw FileException(text.c_str());
             }
             state.m_nextBlock = std::min(2 * state.m_nextBlock, LAST_INCREMENTAL_BLOCK);
@@ -245,35 +220,29 @@ Seid SeidAllocator::AllocateSeidSlowly(SeidHigh high) {
             wake = QueueForTopUp(state);
         }
     }
-    if (wake && m_wakeTopUp)
-        m_wakeTopUp();
+    if (wake && m_wakeTopUp) m_wakeTopUp();
     return Seid(low, high);
 }
 
 bool SeidAllocator::AllocateAffiliateSeid(Seid& seid) {
-    if (!IsAllocatedHigh(seid.high_))
-        return false;
+    if (!IsAllocatedHigh(seid.high_)) return false;
     HighState* found = Find(seid.high_);
     HighState& state = found ? *found : FindOrAdd(seid.high_);
     uint32 low;
-    bool   wake = false;
+    bool wake = false;
     {
         const std::lock_guard lock(state.m_mutex);
         const uint32 frontier = state.m_frontier;
-        if (!TakeAffiliate(state, seid.low_, low))
-            return false;
-        if (state.m_frontier != frontier)
-            wake = QueueForTopUp(state);
+        if (!TakeAffiliate(state, seid.low_, low)) return false;
+        if (state.m_frontier != frontier) wake = QueueForTopUp(state);
     }
     seid = Seid(low, seid.high_);
-    if (wake && m_wakeTopUp)
-        m_wakeTopUp();
+    if (wake && m_wakeTopUp) m_wakeTopUp();
     return true;
 }
 
 bool SeidAllocator::TakeAffiliate(HighState& state, uint32 hint, uint32& low) {
-    if (!state.m_families)
-        state.m_families = std::make_unique<SeidFamilies>();
+    if (!state.m_families) state.m_families = std::make_unique<SeidFamilies>();
     SeidFamilies& families = *state.m_families;
     const SeidFamilies::Family family = families.FamilyFor(hint);
     if (!families.HasRoom(family)) {
@@ -295,7 +264,8 @@ bool SeidAllocator::TakeAffiliate(HighState& state, uint32 hint, uint32& low) {
 // state's mutex held.
 bool SeidAllocator::Carve(HighState& state, uint32 n, uint32& first, uint32& end) {
     if (n > SMALL_EXTENT)
-        return AdvanceFrontier(state, n, first, end) || (state.m_smallNext < state.m_smallEnd && Carve(state, SMALL_EXTENT, first, end));
+        return AdvanceFrontier(state, n, first, end) ||
+               (state.m_smallNext < state.m_smallEnd && Carve(state, SMALL_EXTENT, first, end));
     if (state.m_smallEnd - state.m_smallNext < n) {
         uint32 leaf;
         uint32 leafEnd;
@@ -314,11 +284,9 @@ bool SeidAllocator::Carve(HighState& state, uint32 n, uint32& first, uint32& end
 // [first, end) of `n` lows at the frontier, below a durable horizon; an extent that would cross a leaf begins at one.
 // Throws FileException, with nothing changed, if the horizon cannot be raised.
 bool SeidAllocator::AdvanceFrontier(HighState& state, uint32 n, uint32& first, uint32& end) {
-    if (state.m_frontier == LOW_LIMIT)
-        return false;
+    if (state.m_frontier == LOW_LIMIT) return false;
     uint64 begin = state.m_frontier;
-    if (begin % LEAF + n > LEAF && RoundUp(begin, LEAF) < LOW_LIMIT)
-        begin = RoundUp(begin, LEAF);
+    if (begin % LEAF + n > LEAF && RoundUp(begin, LEAF) < LOW_LIMIT) begin = RoundUp(begin, LEAF);
     const uint32 limit = ClampToLimit(begin + n);
     EnsureHorizon(state, limit);
     first = static_cast<uint32>(begin);
@@ -332,8 +300,7 @@ bool SeidAllocator::AdvanceFrontier(HighState& state, uint32 n, uint32& first, u
 // Afterwards the durable horizon is at or above `frontier`. Requires: the state's mutex held.
 void SeidAllocator::EnsureHorizon(HighState& state, uint32 frontier) {
     const uint32 durable = state.m_durable.load(std::memory_order_relaxed);
-    if (frontier <= durable)
-        return;
+    if (frontier <= durable) return;
     const uint32 horizon = std::max(frontier, ClampToLimit(uint64{durable} + state.m_horizonStep));
     m_ring.RaiseHorizon(state.m_high, horizon, state.m_durable);
     state.m_horizonStep = std::min(2 * state.m_horizonStep, MAX_HORIZON_STEP);
@@ -343,10 +310,8 @@ void SeidAllocator::EnsureHorizon(HighState& state, uint32 frontier) {
 bool SeidAllocator::QueueForTopUp(HighState& state) {
     const uint32 durable = state.m_durable.load(std::memory_order_relaxed);
     const uint32 lastStep = state.m_horizonStep == MAX_HORIZON_STEP ? MAX_HORIZON_STEP : state.m_horizonStep / 2;
-    if (durable == LOW_LIMIT || durable - state.m_frontier > lastStep / 2)
-        return false;
-    if (state.m_queued.exchange(true, std::memory_order_relaxed))
-        return false;
+    if (durable == LOW_LIMIT || durable - state.m_frontier > lastStep / 2) return false;
+    if (state.m_queued.exchange(true, std::memory_order_relaxed)) return false;
     const std::lock_guard lock(m_topUpMutex);
     m_topUp.push_back(&state);
     return true;

@@ -17,8 +17,8 @@ namespace quna {
 // What a checkpoint keeps of one high: the allocator's fields of a HIGHS entry.
 struct HighAllocation {
     uint32 high;
-    uint32 horizon;               // every low below is spent
-    uint32 nextIncremental;       // the incremental block: lows nextIncremental .. + incrementalLeft - 1 are unused
+    uint32 horizon;         // every low below is spent
+    uint32 nextIncremental; // the incremental block: lows nextIncremental .. + incrementalLeft - 1 are unused
     uint16 incrementalLeft;
 };
 
@@ -39,7 +39,7 @@ struct HighAllocation {
 // Invariant: frontier <= durable horizon of the ring, for each high; no low is handed out twice.
 class QX_API SeidAllocator {
 public:
-    static constexpr uint32 LOW_LIMIT = 0xFFFFFFFF;       // lows handed out are below
+    static constexpr uint32 LOW_LIMIT = 0xFFFFFFFF; // lows handed out are below
     static constexpr uint32 FIRST_HORIZON_STEP = 4096;
     static constexpr uint32 MAX_HORIZON_STEP = 65536;
 
@@ -82,19 +82,19 @@ private:
 
     HighState* Find(SeidHigh high) const;
     HighState& FindOrAdd(SeidHigh high);
-    Seid       AllocateSeidSlowly(SeidHigh high);
-    bool       TakeAffiliate(HighState& state, uint32 hint, uint32& low);
-    bool       Carve(HighState& state, uint32 n, uint32& first, uint32& end);
-    bool       AdvanceFrontier(HighState& state, uint32 n, uint32& first, uint32& end);
-    void       EnsureHorizon(HighState& state, uint32 frontier);
-    bool       QueueForTopUp(HighState& state);
+    Seid AllocateSeidSlowly(SeidHigh high);
+    bool TakeAffiliate(HighState& state, uint32 hint, uint32& low);
+    bool Carve(HighState& state, uint32 n, uint32& first, uint32& end);
+    bool AdvanceFrontier(HighState& state, uint32 n, uint32& first, uint32& end);
+    void EnsureHorizon(HighState& state, uint32 frontier);
+    bool QueueForTopUp(HighState& state);
 
-    AllocRing&                   m_ring;
-    const std::function<void()>  m_wakeTopUp;
-    std::unique_ptr<Directory>   m_directory;
+    AllocRing& m_ring;
+    const std::function<void()> m_wakeTopUp;
+    std::unique_ptr<Directory> m_directory;
 
-    std::mutex                   m_topUpMutex;        // leaf
-    std::vector<HighState*>      m_topUp;             // states that wait for TopUp; guarded by m_topUpMutex
+    std::mutex m_topUpMutex;         // leaf
+    std::vector<HighState*> m_topUp; // states that wait for TopUp; guarded by m_topUpMutex
 };
 
 } // namespace quna

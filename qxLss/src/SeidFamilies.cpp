@@ -18,22 +18,17 @@ SmallHashMap::SmallHashMap()
     : m_entries(size_t{1} << FIRST_BITS), m_mask((size_t{1} << FIRST_BITS) - 1), m_shift(32 - FIRST_BITS) {}
 
 void SmallHashMap::Set(uint32 key, uint32 value) {
-    if (2 * (m_size + 1) > std::ssize(m_entries))
-        Grow();
+    if (2 * (m_size + 1) > std::ssize(m_entries)) Grow();
     size_t i = Home(key);
-    while (m_entries[i].value != NONE && m_entries[i].key != key)
-        i = (i + 1) & m_mask;
-    if (m_entries[i].value == NONE)
-        ++m_size;
+    while (m_entries[i].value != NONE && m_entries[i].key != key) i = (i + 1) & m_mask;
+    if (m_entries[i].value == NONE) ++m_size;
     m_entries[i] = {key, value};
 }
 
 void SmallHashMap::Erase(uint32 key) {
     size_t i = Home(key);
-    while (m_entries[i].value != NONE && m_entries[i].key != key)
-        i = (i + 1) & m_mask;
-    if (m_entries[i].value == NONE)
-        return;
+    while (m_entries[i].value != NONE && m_entries[i].key != key) i = (i + 1) & m_mask;
+    if (m_entries[i].value == NONE) return;
     --m_size;
     // Moves later entries of the run back into the gap, so that no search ends too early.
     size_t gap = i;
@@ -54,19 +49,15 @@ void SmallHashMap::Grow() {
     --m_shift;
     m_size = 0;
     for (const Entry& entry : old)
-        if (entry.value != NONE)
-            Set(entry.key, entry.value);
+        if (entry.value != NONE) Set(entry.key, entry.value);
 }
 
 SeidFamilies::Family SeidFamilies::FamilyFor(uint32 hint) {
     const Family own = m_founders.Find(hint);
-    if (own != SmallHashMap::NONE)
-        return own;
+    if (own != SmallHashMap::NONE) return own;
     const Family family = m_granules.Find(hint / GRANULE);
-    if (family == SmallHashMap::NONE)
-        return Found(hint);
-    if (m_families[family].total > LARGE_FAMILY && HasOftenBeenUsed(hint))
-        return Found(hint);
+    if (family == SmallHashMap::NONE) return Found(hint);
+    if (m_families[family].total > LARGE_FAMILY && HasOftenBeenUsed(hint)) return Found(hint);
     return family;
 }
 
@@ -86,10 +77,8 @@ SeidFamilies::Family SeidFamilies::Found(uint32 hint) {
 
 bool SeidFamilies::HasOftenBeenUsed(uint32 hint) {
     Use& use = m_uses[(hint * 0x9E3779B1u) >> 24];
-    if (use.hint != hint || use.count == 0)
-        use = {hint, 0};
-    if (++use.count < USES_TO_FOUND)
-        return false;
+    if (use.hint != hint || use.count == 0) use = {hint, 0};
+    if (++use.count < USES_TO_FOUND) return false;
     use = {};
     return true;
 }
@@ -110,8 +99,7 @@ void SeidFamilies::AddExtent(Family family, uint32 first, uint32 end) {
         m_order.push_back(granule);
         ++entry.granules;
     }
-    while (std::ssize(m_order) > MAX_GRANULES)
-        ForgetOldestGranule();
+    while (std::ssize(m_order) > MAX_GRANULES) ForgetOldestGranule();
 }
 
 void SeidFamilies::ForgetOldestGranule() {
@@ -119,8 +107,7 @@ void SeidFamilies::ForgetOldestGranule() {
     m_order.pop_front();
     const Family family = m_granules.Find(granule);
     m_granules.Erase(granule);
-    if (--m_families[family].granules == 0)
-        Drop(family);
+    if (--m_families[family].granules == 0) Drop(family);
 }
 
 uint32 SeidFamilies::Take(Family family) {
@@ -130,8 +117,7 @@ uint32 SeidFamilies::Take(Family family) {
 }
 
 void SeidFamilies::DropIfEmpty(Family family) {
-    if (m_families[family].granules == 0)
-        Drop(family);
+    if (m_families[family].granules == 0) Drop(family);
 }
 
 void SeidFamilies::Drop(Family family) {
