@@ -1,0 +1,85 @@
+// A graph of live objects that survives its process: the packages of this machine, from the package manager's database
+// into a store and back. scripts/demo shows it at work.
+#include "Commands.h"
+#include "DpkgStatus.h"
+#include "Package.h"
+#include "Session.h"
+#include "qxLss/CorruptLSSException.h"
+#include "qxPersistStore/PersistStoreExceptions.h"
+#include "qxUtils/Exceptions.h"
+
+#include <cerrno>
+#include <exception>
+#include <iostream>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr const char* USAGE =
+    "usage: packagegraph import STORE [DATABASE]   make a store from a package database\n"
+    "                                              (default: /var/lib/dpkg/status)\n"
+    "       packagegraph info STORE                say what the store holds\n"
+    "       packagegraph show STORE PACKAGE        what the package depends on\n"
+    "       packagegraph hold STORE PACKAGE        change the package, then wait to be killed\n";
+
+constexpr const char* DEFAULT_DATABASE = "/var/lib/dpkg/status";
+
+// False when the arguments are no command.
+bool Run(const std::vector<std::string>& args) {
+    using namespace packagegraph;
+    const std::string command = args.empty() ? "" : args[0];
+    if (command == "import" && (args.size() == 2 || args.size() == 3))
+        Import(args[1], args.size() == 3 ? args[2] : DEFAULT_DATABASE);
+    else if (command == "info" && args.size() == 2)
+        Info(args[1]);
+    else if (command == "show" && args.size() == 3)
+        Show(args[1], args[2]);
+    else if (command == "hold" && args.size() == 3)
+        Hold(args[1], args[2]);
+    else
+        return false;
+    return true;
+}
+
+const char* WhatToDoAbout(const quna::FileException& e) {
+    switch (e.GetErrno()) {
+    case ENOENT: return "Make the store first: packagegraph import STORE";
+    case EEXIST: return "Remove that file, or give the new store another name.";
+    case EAGAIN:
+    case EACCES:
+        return "Wait until the other process has closed the store, and see that you may read and write the file.";
+    case ENOSPC: return "Make room on that file system. The store is as it was.";
+    case EROFS: return "Give a path on a file system that can be written.";
+    default: return "Look at the path in this message.";
+    }
+}
+
+int Fail(const std::exception& e, const char* whatToDo) {
+    std::cerr << "packagegraph: " << e.what() << '\n' << whatToDo << '\n';
+    return 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    std::cout << std::unitbuf; // whoever watches through a pipe sees each line when it is written
+    try {
+        packagegraph::RegisterClasses();
+        if (Run(std::vector<std::string>(argv + 1, argv + argc))) return 0;
+        std::cerr << USAGE;
+        return 2;
+    } catch (const packagegraph::DpkgStatusError& e) {
+        return Fail(e, "Give another database: packagegraph import STORE DATABASE (examples/data has a sample).");
+    } catch (const packagegraph::NotFoundError& e) {
+        return Fail(e, "See what the store holds: packagegraph info STORE");
+    } catch (const quna::OpenPSpaceException& e) {
+        return Fail(e, "This store was not made by 'packagegraph import'. Give one that was.");
+    } catch (const quna::CorruptLSSException& e) {
+        return Fail(e, "The file was left as it is. Put a copy in its place, or remove it and import again.");
+    } catch (const quna::FileException& e) {
+        return Fail(e, WhatToDoAbout(e));
+    } catch (const std::exception& e) {
+        return Fail(e, "This is not foreseen: keep the store and the text above for whoever looks into it.");
+    }
+}

@@ -1,0 +1,71 @@
+#!/usr/bin/env bash
+# Three processes, one store: the first makes it, the second changes it and is killed, the third finds the change.
+#
+#   run-demo.sh BUILD_FOLDER [DATABASE [PACKAGE]]
+#
+# DATABASE is a package database (default: this machine's, or else the sample in examples/data), PACKAGE one of its
+# packages (default: apt). Everything is kept in a temporary folder that is removed at the end.
+set -euo pipefail
+
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+sample=$here/../data/dpkg-status-sample
+
+if [[ $# -lt 1 || $# -gt 3 ]]; then
+    echo "usage: run-demo.sh BUILD_FOLDER [DATABASE [PACKAGE]]" >&2
+    exit 2
+fi
+program=$1/bin/packagegraph
+if [[ ! -x $program ]]; then
+    echo "run-demo.sh: there is no program $program; build it first: scripts/demo does" >&2
+    exit 1
+fi
+database=${2:-/var/lib/dpkg/status}
+if [[ $# -lt 2 && ! -r $database ]]; then
+    echo "This machine has no $database; taking the sample in examples/data"
+    database=$(cd "$here/../data" && pwd)/${sample##*/}
+fi
+package=${3:-apt}
+
+folder=$(mktemp -d "${TMPDIR:-/tmp}/packagegraph-XXXXXX")
+pid=
+finish() {
+    [[ -z $pid ]] || kill -KILL "$pid" 2>/dev/null || true
+    rm -rf "$folder"
+}
+trap finish EXIT
+store=$folder/packages.store
+
+say() {
+    printf '\n--- %s\n' "$*"
+}
+
+say "First process: import $database"
+"$program" import "$store" "$database"
+
+say "Second process: open the store, walk from '$package', change it"
+mkfifo "$folder/output"
+"$program" hold "$store" "$package" >"$folder/output" &
+pid=$!
+while IFS= read -r line; do
+    printf '%s\n' "$line"
+    if [[ $line == "Waiting to be killed"* ]]; then
+        say "kill -9 $pid: nothing closes the store"
+        kill -KILL "$pid"
+        break
+    fi
+done <"$folder/output"
+status=0
+wait "$pid" 2>/dev/null || status=$?
+pid=
+if [[ $status -ne 137 ]]; then
+    echo "run-demo.sh: the second process was to be killed, but it ended with status $status" >&2
+    exit 1
+fi
+
+say "Third process: open the store again"
+"$program" show "$store" "$package" | tee "$folder/shown"
+if ! grep -qF 'is held (1 time)' "$folder/shown"; then
+    echo "run-demo.sh: the change that the second process wrote is not there" >&2
+    exit 1
+fi
+say "The change outlived the process that made it"
