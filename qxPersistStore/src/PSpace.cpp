@@ -139,7 +139,7 @@ void PSpace::Close() {
     QX_ASSERT(!HaveChangesToWriteToLss());
     QX_ASSERT(m_nextInTxnGrp == this);
     QX_ASSERT(m_inGrp == false);
-    Destroy(m_cspace);
+    quna::Destroy(m_cspace);
     m_cspace = nullptr;
     m_ps.m_spaceMap.RemovePSpace(this);
     delete this; // the pair is restored after it, from copies of its own
