@@ -30,7 +30,7 @@ uint32 ByDefinition(const std::vector<octet_t>& bytes) {
 }
 
 std::vector<octet_t> RandomBytes(ssize_t n, uint64 seed) {
-    std::mt19937_64      random(seed);
+    std::mt19937_64 random(seed);
     std::vector<octet_t> bytes(static_cast<size_t>(n));
     for (octet_t& byte : bytes) byte = static_cast<octet_t>(random());
     return bytes;
@@ -50,7 +50,7 @@ TEST(Crc32c, GivesThePublishedCheckValues) {
 TEST(Crc32c, AllPathsAgreeWithTheDefinitionForEveryShortLengthAndAlignment) {
     for (ssize_t n = 0; n <= 1300; n += n < 400 ? 1 : 13) {
         const std::vector<octet_t> bytes = RandomBytes(n, static_cast<uint64>(n) + 1);
-        const uint32               expected = ByDefinition(bytes);
+        const uint32 expected = ByDefinition(bytes);
         for (size_t shift = 0; shift < 8; shift += 3) {
             std::vector<octet_t> moved(shift);
             moved.insert(moved.end(), bytes.begin(), bytes.end());
@@ -65,7 +65,7 @@ TEST(Crc32c, AllPathsAgreeAroundTheBlockBoundariesOfTheThreeChains) {
     for (ssize_t base : {384, 768, 3072, 3456, 6144, 6528, 65536})
         for (ssize_t n = base - 9; n <= base + 9; ++n) {
             const std::vector<octet_t> bytes = RandomBytes(n, static_cast<uint64>(n));
-            const uint32               expected = Crc32cByPath(ECrc32cPath::TABLE, bytes.data(), n);
+            const uint32 expected = Crc32cByPath(ECrc32cPath::TABLE, bytes.data(), n);
             EXPECT_EQ(expected, ByDefinition(bytes));
             for (ECrc32cPath path : SupportedPaths())
                 ASSERT_EQ(Crc32cByPath(path, bytes.data(), n), expected)
@@ -75,7 +75,7 @@ TEST(Crc32c, AllPathsAgreeAroundTheBlockBoundariesOfTheThreeChains) {
 
 TEST(Crc32c, AStartValueContinuesWhatCameBefore) {
     const std::vector<octet_t> bytes = RandomBytes(5000, 3);
-    const uint32               whole = Crc32c(bytes.data(), 5000);
+    const uint32 whole = Crc32c(bytes.data(), 5000);
     for (ECrc32cPath path : SupportedPaths())
         for (ssize_t cut : {0, 1, 7, 400, 3072, 4999, 5000}) {
             const uint32 head = Crc32cByPath(path, bytes.data(), cut);

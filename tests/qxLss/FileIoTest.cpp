@@ -39,7 +39,7 @@ int ErrnoOf(Action action) {
 
 TEST(FileIo, WhatIsWrittenAtAnOffsetIsReadThere) {
     TempDir dir;
-    File    file(RealSysCalls());
+    File file(RealSysCalls());
     file.Open(dir.File("f"), EFileAccess::CREATE);
     const std::string text = Bytes(10000);
     file.Write(5, text.data(), std::ssize(text));
@@ -56,7 +56,7 @@ TEST(FileIo, WhatIsWrittenAtAnOffsetIsReadThere) {
 
 TEST(FileIo, ReadingBeyondTheEndThrows) {
     TempDir dir;
-    File    file(RealSysCalls());
+    File file(RealSysCalls());
     file.Open(dir.File("f"), EFileAccess::CREATE);
     file.Write(0, "abc", 3);
     char bytes[4];
@@ -67,11 +67,10 @@ TEST(FileIo, ReadingBeyondTheEndThrows) {
 
 TEST(FileIo, AMissingFileIsFalseOrAnExceptionThatNamesIt) {
     TempDir dir;
-    File    file(RealSysCalls());
+    File file(RealSysCalls());
     EXPECT_FALSE(file.TryOpen(dir.File("none"), EFileAccess::READ_WRITE));
     EXPECT_FALSE(file.IsOpen());
-    ExpectException<FileException>("Can't open file \"" + dir.File("none") +
-                                       "\": No such file or directory (errno 2)",
+    ExpectException<FileException>("Can't open file \"" + dir.File("none") + "\": No such file or directory (errno 2)",
                                    [&] { file.Open(dir.File("none"), EFileAccess::READ_ONLY); });
     EXPECT_EQ(ErrnoOf([&] { file.Open(dir.File("no/dir"), EFileAccess::CREATE); }), ENOENT);
     EXPECT_EQ(ErrnoOf([&] { file.Open(dir.File(""), EFileAccess::READ_WRITE); }), EISDIR);
@@ -91,14 +90,14 @@ TEST(FileIo, CreatingDoesNotEmptyAnExistingFile) {
 
 TEST(FileIo, OpeningAnOpenFileIsAnAssertion) {
     TempDir dir;
-    File    file(RealSysCalls());
+    File file(RealSysCalls());
     file.Open(dir.File("f"), EFileAccess::CREATE);
     ExpectAssertion("!IsOpen()", "src/FileIo", [&] { file.Open(dir.File("f"), EFileAccess::CREATE); });
 }
 
 TEST(FileIo, ALockKeepsOutOthersAlsoInThisProcess) {
     TempDir dir;
-    File    owner(RealSysCalls());
+    File owner(RealSysCalls());
     owner.Open(dir.File("f"), EFileAccess::CREATE);
     EXPECT_TRUE(owner.TryLock(true));
     EXPECT_TRUE(owner.TryLock(true)); // its own lock is not in its way
@@ -118,7 +117,7 @@ TEST(FileIo, ALockKeepsOutOthersAlsoInThisProcess) {
 
 TEST(FileIo, AFileKnowsWhetherItsNameStillMeansIt) {
     TempDir dir;
-    File    file(RealSysCalls());
+    File file(RealSysCalls());
     file.Open(dir.File("f"), EFileAccess::CREATE);
     EXPECT_TRUE(file.IsStillNamed());
     File other(RealSysCalls());
@@ -135,7 +134,7 @@ TEST(FileIo, AFileKnowsWhetherItsNameStillMeansIt) {
 
 TEST(FileIo, RenamingWithoutReplacingLeavesBothFiles) {
     TempDir dir;
-    File    a(RealSysCalls());
+    File a(RealSysCalls());
     a.Open(dir.File("a"), EFileAccess::CREATE);
     File b(RealSysCalls());
     b.Open(dir.File("b"), EFileAccess::CREATE);
@@ -150,7 +149,7 @@ TEST(FileIo, RenamingWithoutReplacingLeavesBothFiles) {
 
 TEST(FileIo, AllocatedSpaceIsZeroAndMayBePunchedAndCut) {
     TempDir dir;
-    File    file(RealSysCalls());
+    File file(RealSysCalls());
     file.Open(dir.File("f"), EFileAccess::CREATE);
     file.Write(0, "abc", 3);
     file.Allocate(0, 65536);
@@ -173,7 +172,7 @@ TEST(FileIo, AllocatedSpaceIsZeroAndMayBePunchedAndCut) {
 
 TEST(FileIo, WhereSpaceCannotBeAllocatedTheFileIsExtended) {
     SimSys sys;
-    File   file(sys);
+    File file(sys);
     file.Open("d/f", EFileAccess::CREATE);
     sys.FailCall(ESimCall::ALLOCATE, 1, EOPNOTSUPP, true);
     file.Allocate(4096, 4096);
@@ -204,7 +203,7 @@ TEST(FileIo, ShortCountsAndInterruptionsAreInvisible) {
 
 TEST(FileIo, EveryFailureIsReportedWithOperationPathOffsetAndErrno) {
     SimSys sys;
-    File   file(sys);
+    File file(sys);
     file.Open("d/f", EFileAccess::CREATE);
     file.Write(0, "abcd", 4);
     char bytes[4];
@@ -246,7 +245,7 @@ TEST(FileIo, EveryFailureIsReportedWithOperationPathOffsetAndErrno) {
 
 TEST(FileIo, AFailedWriteIsNotRepeated) {
     SimSys sys;
-    File   file(sys);
+    File file(sys);
     file.Open("d/f", EFileAccess::CREATE);
     sys.FailCall(ESimCall::WRITE, 1, EIO, false);
     EXPECT_EQ(ErrnoOf([&] { file.Write(0, "abc", 3); }), EIO);

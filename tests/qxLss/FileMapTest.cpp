@@ -32,7 +32,7 @@ bool IsRight(const octet_t* p, int64 offset, int64 size) {
 
 TEST(FileMap, LoadGivesTheBytesOfTheFile) {
     TempDir dir;
-    File    file(RealSysCalls());
+    File file(RealSysCalls());
     file.Open(dir.File("f"), EFileAccess::CREATE);
     Fill(file, 10 * CHUNK);
     FileMap map(file);
@@ -43,7 +43,7 @@ TEST(FileMap, LoadGivesTheBytesOfTheFile) {
 
 TEST(FileMap, ShowsWhatIsWrittenAfterTheMappingWasMadeAndAfterTheFileHasGrown) {
     TempDir dir;
-    File    file(RealSysCalls());
+    File file(RealSysCalls());
     file.Open(dir.File("f"), EFileAccess::CREATE);
     FileMap map(file);
     file.Allocate(0, 4 * CHUNK);
@@ -56,7 +56,7 @@ TEST(FileMap, ShowsWhatIsWrittenAfterTheMappingWasMadeAndAfterTheFileHasGrown) {
 
 TEST(FileMap, LoadsEachChunkOnce) {
     SimSys sys;
-    File   file(sys);
+    File file(sys);
     file.Open("d/f", EFileAccess::CREATE);
     Fill(file, 16 * CHUNK);
     FileMap map(file);
@@ -71,7 +71,7 @@ TEST(FileMap, LoadsEachChunkOnce) {
 
 TEST(FileMap, AScanLoadsFourChunksAtOnce) {
     SimSys sys;
-    File   file(sys);
+    File file(sys);
     file.Open("d/f", EFileAccess::CREATE);
     Fill(file, 16 * CHUNK);
     FileMap map(file);
@@ -87,7 +87,7 @@ TEST(FileMap, AScanLoadsFourChunksAtOnce) {
 
 TEST(FileMap, ARangeOverSeveralChunksIsLoadedInRunsAroundWhatIsThere) {
     SimSys sys;
-    File   file(sys);
+    File file(sys);
     file.Open("d/f", EFileAccess::CREATE);
     Fill(file, 200 * CHUNK);
     FileMap map(file);
@@ -102,7 +102,7 @@ TEST(FileMap, ARangeOverSeveralChunksIsLoadedInRunsAroundWhatIsThere) {
 
 TEST(FileMap, OnlyWholeChunksCountAsWritten) {
     SimSys sys;
-    File   file(sys);
+    File file(sys);
     file.Open("d/f", EFileAccess::CREATE);
     Fill(file, 4 * CHUNK);
     FileMap map(file);
@@ -115,7 +115,7 @@ TEST(FileMap, OnlyWholeChunksCountAsWritten) {
 
 TEST(FileMap, ARangeBeyondTheEndOfTheFileIsAnExceptionAndNoSignal) {
     TempDir dir;
-    File    file(RealSysCalls());
+    File file(RealSysCalls());
     file.Open(dir.File("f"), EFileAccess::CREATE);
     Fill(file, CHUNK + 5000);
     FileMap map(file);
@@ -131,7 +131,7 @@ TEST(FileMap, ARangeBeyondTheEndOfTheFileIsAnExceptionAndNoSignal) {
 
 TEST(FileMap, AReadErrorIsAnExceptionWithTheOffsetAndTheNextTouchTriesAgain) {
     SimSys sys;
-    File   file(sys);
+    File file(sys);
     file.Open("d/f", EFileAccess::CREATE);
     Fill(file, 8 * CHUNK);
     FileMap map(file);
@@ -146,7 +146,7 @@ TEST(FileMap, AReadErrorIsAnExceptionWithTheOffsetAndTheNextTouchTriesAgain) {
 
 TEST(FileMap, WhereAddressSpaceIsShortTheRangeIsHalved) {
     SimSys sys;
-    File   file(sys);
+    File file(sys);
     file.Open("d/f", EFileAccess::CREATE);
     Fill(file, CHUNK);
     sys.FailCall(ESimCall::MAP, 1, ENOMEM, false);
@@ -161,12 +161,12 @@ TEST(FileMap, WhereAddressSpaceIsShortTheRangeIsHalved) {
 
 TEST(FileMapThreads, ManyThreadsTouchTheSameChunks) {
     TempDir dir;
-    File    file(RealSysCalls());
+    File file(RealSysCalls());
     file.Open(dir.File("f"), EFileAccess::CREATE);
     constexpr int64 SIZE = 300 * CHUNK;
     Fill(file, SIZE);
-    FileMap                  map(file);
-    std::atomic<int>         wrong{0};
+    FileMap map(file);
+    std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&, t] {
