@@ -155,7 +155,7 @@ public:
 // A cursor in a record. It has no end; qxUtils/RecordLimits.h says how reads are checked all the same.
 class InputArchive {
 public:
-    InputArchive(const octet_t* p_) : p(p_) {} // NOLINT(google-explicit-constructor): a pointer is a cursor
+    InputArchive(const octet_t* p_) : p(p_) {}    // NOLINT(google-explicit-constructor): a pointer is a cursor
     operator const octet_t*() const { return p; } // NOLINT(google-explicit-constructor)
     const octet_t* ptr() const { return p; }
     InputArchive& operator+=(ssize_t n) {

@@ -60,8 +60,7 @@ InputArchive operator>>(InputArchive ar, std::pair<First, Second>& x) {
 template <class Key, class Value, class Less>
 Archive& operator<<(Archive& ar, const std::map<Key, Value, Less>& x) {
     Serialise_ssize_t(ar, static_cast<ssize_t>(x.size()));
-    for (const auto& entry : x)
-        ar << entry.first << entry.second;
+    for (const auto& entry : x) ar << entry.first << entry.second;
     return ar;
 }
 

@@ -30,8 +30,7 @@ public:
     // Asks the thread to end after the batch that it next takes, and waits until it has. Does nothing when it was not
     // started.
     void Stop() {
-        if (!thread_.joinable())
-            return;
+        if (!thread_.joinable()) return;
         {
             const std::lock_guard lock(mutex_);
             finished_ = true;
@@ -44,8 +43,7 @@ public:
         const std::lock_guard lock(mutex_);
         const bool wasEmpty = queue_.empty();
         queue_.push_back(job);
-        if (wasEmpty)
-            evtQueueNonEmpty_.Signal();
+        if (wasEmpty) evtQueueNonEmpty_.Signal();
     }
 
     // Takes all jobs, in exchange for `out`; true when the thread has been asked to end.
@@ -63,10 +61,8 @@ private:
         for (;;) {
             evtQueueNonEmpty_.Wait();
             const bool finished = PopAll(batch);
-            for (Job& job : batch)
-                job();
-            if (finished)
-                return;
+            for (Job& job : batch) job();
+            if (finished) return;
             batch.clear();
         }
     }

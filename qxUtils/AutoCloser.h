@@ -17,8 +17,7 @@ public:
     AutoCloser(const AutoCloser&) = delete;
     AutoCloser& operator=(const AutoCloser&) = delete;
     ~AutoCloser() noexcept(false) {
-        if (!ptr_)
-            return;
+        if (!ptr_) return;
         if (std::uncaught_exceptions() == m_uncaughtAtConstruction) {
             Close();
             return;

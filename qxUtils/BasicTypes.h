@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+
 #include <sys/types.h> // ::ssize_t, the type of every size, count and index
 
 namespace quna {

@@ -28,8 +28,7 @@ inline bool operator==(HPTime x, HPTime y) { return x.GetTicks() == y.GetTicks()
 class QX_API HPTimer {
 public:
     explicit HPTimer(bool start) {
-        if (start)
-            Start();
+        if (start) Start();
     }
     void Start() { m_start = HPTime::GetCurrentTime(); }
     double GetElapsedTimeInSeconds() const { return static_cast<double>(HPTime::GetCurrentTime() - m_start) * 1e-7; }

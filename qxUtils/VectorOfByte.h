@@ -55,8 +55,7 @@ public:
     // Requires: 0 <= n <= capacity().
     void SetSize(ssize_t n) {
         size_ = n;
-        if (m_buffer)
-            m_buffer[n] = 0;
+        if (m_buffer) m_buffer[n] = 0;
     }
 
 private:

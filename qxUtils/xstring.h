@@ -20,8 +20,7 @@ class basic_xstring<char> : public xvector<char> {
 public:
     basic_xstring() = default;
     basic_xstring(ConstStringZ text) { // NOLINT(google-explicit-constructor): a literal is a string
-        if (text)
-            append(text, static_cast<ssize_t>(std::strlen(text)));
+        if (text) append(text, static_cast<ssize_t>(std::strlen(text)));
     }
     basic_xstring(const char* text, ssize_t n) { append(text, n); }
     explicit basic_xstring(std::string_view text) { append(text.data(), static_cast<ssize_t>(text.size())); }

@@ -63,8 +63,7 @@ public:
     const T& back() const { return end()[-1]; }
 
     void reserve(ssize_t n) {
-        if (n > capacity())
-            Regrow(n * ELEMENT_SIZE);
+        if (n > capacity()) Regrow(n * ELEMENT_SIZE);
     }
     void resize(ssize_t n) {
         const ssize_t oldSize = size();
@@ -122,8 +121,7 @@ public:
 private:
     void EnsureRoom(ssize_t n) {
         const ssize_t required = m_buffer.size() + n * ELEMENT_SIZE;
-        if (required > m_buffer.capacity())
-            Regrow(m_buffer.GrownCapacity(required));
+        if (required > m_buffer.capacity()) Regrow(m_buffer.GrownCapacity(required));
     }
     void Regrow(ssize_t capacityBytes) {
         if constexpr (std::is_trivially_copyable_v<T>) {

@@ -5,8 +5,9 @@
 //   RawPwrite:   the same bytes by pwrite alone, 512 KiB a call, into a new file.
 #include "bench/support/BenchObjects.h"
 
-#include <benchmark/benchmark.h>
 #include <chrono>
+
+#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -79,8 +80,23 @@ void RawPwrite(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * TOTAL_BYTES);
 }
 
-BENCHMARK(Attach)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly();
-BENCHMARK(GroupWrite)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly();
-BENCHMARK(RawPwrite)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly();
+BENCHMARK(Attach)
+    ->UseManualTime()
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly();
+BENCHMARK(GroupWrite)
+    ->UseManualTime()
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly();
+BENCHMARK(RawPwrite)
+    ->UseManualTime()
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly();
 
 } // namespace

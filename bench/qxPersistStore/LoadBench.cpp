@@ -3,10 +3,11 @@
 // And what does opening cost? The same for 1 M and 10 M objects, at most 10 ms.
 #include "bench/support/BenchObjects.h"
 
-#include <benchmark/benchmark.h>
 #include <chrono>
 #include <cstring>
 #include <unordered_map>
+
+#include <benchmark/benchmark.h>
 #ifdef QX_HAVE_LMDB
 #include <lmdb.h>
 #endif
@@ -28,8 +29,7 @@ void LoadThroughReferences(benchmark::State& state) {
         const auto begin = std::chrono::steady_clock::now();
         const auto* root = static_cast<BenchRoot*>(GetPSpaceRoot("root").m_self);
         uint64 sum = 0;
-        for (const cref<BenchNode>& node : root->m_nodes)
-            sum += node.Get()->m_words[0];
+        for (const cref<BenchNode>& node : root->m_nodes) sum += node.Get()->m_words[0];
         benchmark::DoNotOptimize(sum);
         state.SetIterationTime(Seconds(std::chrono::steady_clock::now() - begin));
     }
@@ -58,8 +58,7 @@ public:
     explicit LmdbEnv(const std::string& path) {
         mdb_env_create(&m_env);
         mdb_env_set_mapsize(m_env, std::size_t{4} << 30);
-        if (mdb_env_open(m_env, path.c_str(), MDB_NOSUBDIR | MDB_NOSYNC, 0600) != 0)
-            std::abort();
+        if (mdb_env_open(m_env, path.c_str(), MDB_NOSUBDIR | MDB_NOSYNC, 0600) != 0) std::abort();
     }
     LmdbEnv(const LmdbEnv&) = delete;
     LmdbEnv& operator=(const LmdbEnv&) = delete;
@@ -80,8 +79,7 @@ void FillLmdb(const std::string& path) {
         MDB_val value{sizeof(node) - sizeof(node.key), node.words};
         mdb_put(txn, dbi, &key, &value, MDB_APPEND);
     }
-    if (mdb_txn_commit(txn) != 0)
-        std::abort();
+    if (mdb_txn_commit(txn) != 0) std::abort();
 }
 
 void LmdbGetDecodeInsert(benchmark::State& state) {
@@ -99,8 +97,7 @@ void LmdbGetDecodeInsert(benchmark::State& state) {
         for (uint64 i = 0; i < static_cast<uint64>(NUM_OBJECTS); ++i) {
             MDB_val key{sizeof(i), &i};
             MDB_val value{};
-            if (mdb_get(txn, dbi, &key, &value) != 0)
-                std::abort();
+            if (mdb_get(txn, dbi, &key, &value) != 0) std::abort();
             auto node = std::make_unique<DecodedNode>();
             node->key = i;
             std::memcpy(node->words, value.mv_data, value.mv_size);
@@ -113,10 +110,20 @@ void LmdbGetDecodeInsert(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * NUM_OBJECTS);
 }
-BENCHMARK(LmdbGetDecodeInsert)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly();
+BENCHMARK(LmdbGetDecodeInsert)
+    ->UseManualTime()
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly();
 #endif
 
-BENCHMARK(LoadThroughReferences)->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly();
+BENCHMARK(LoadThroughReferences)
+    ->UseManualTime()
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly();
 BENCHMARK(Open)->Arg(1'000'000)->Arg(10'000'000)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "bench/support/BenchObjects.h"
 
 #include <cstdio>
+
 #include <malloc.h>
 
 int main() {
@@ -15,8 +16,7 @@ int main() {
     const PSpaceTxn txn(SharedRead);
     const auto* root = static_cast<BenchRoot*>(GetPSpaceRoot("root").m_self);
     const struct mallinfo2 before = ::mallinfo2();
-    for (const cref<BenchNode>& node : root->m_nodes)
-        node.Get();
+    for (const cref<BenchNode>& node : root->m_nodes) node.Get();
     const struct mallinfo2 after = ::mallinfo2();
     const auto used = static_cast<ssize_t>(after.uordblks + after.hblkhd - before.uordblks - before.hblkhd);
     std::printf("resident object: %.1f bytes in all, %zd of them its own fields, overhead %.1f bytes (limit 140)\n",

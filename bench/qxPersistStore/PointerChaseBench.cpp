@@ -21,15 +21,12 @@ static_assert(sizeof(RawNode) == sizeof(BenchNode));
 
 void RawPointers(benchmark::State& state) {
     std::vector<std::unique_ptr<RawNode>> nodes;
-    for (ssize_t i = 0; i < NUM_OBJECTS; ++i)
-        nodes.push_back(std::make_unique<RawNode>());
+    for (ssize_t i = 0; i < NUM_OBJECTS; ++i) nodes.push_back(std::make_unique<RawNode>());
     const std::vector<uint32> order = Shuffled(NUM_OBJECTS);
-    for (std::size_t i = 0; i < order.size(); ++i)
-        nodes[order[i]]->next = nodes[order[(i + 1) % order.size()]].get();
+    for (std::size_t i = 0; i < order.size(); ++i) nodes[order[i]]->next = nodes[order[(i + 1) % order.size()]].get();
     const RawNode* node = nodes[order[0]].get();
     for (auto _ : state) {
-        for (ssize_t i = 0; i < NUM_OBJECTS; ++i)
-            node = node->next;
+        for (ssize_t i = 0; i < NUM_OBJECTS; ++i) node = node->next;
         benchmark::DoNotOptimize(node);
     }
     state.SetItemsProcessed(state.iterations() * NUM_OBJECTS);
@@ -42,13 +39,11 @@ void BoundReferences(benchmark::State& state) {
         const PSpaceTxn txn(Exclusive);
         const std::vector<BenchNode*> nodes = NewNodes(NUM_OBJECTS);
         const std::vector<uint32> order = Shuffled(NUM_OBJECTS);
-        for (std::size_t i = 0; i < order.size(); ++i)
-            nodes[order[i]]->m_next = nodes[order[(i + 1) % order.size()]];
+        for (std::size_t i = 0; i < order.size(); ++i) nodes[order[i]]->m_next = nodes[order[(i + 1) % order.size()]];
         AddPSpaceRoot("root", ptr<IPersistable>(nodes[order[0]]));
         const BenchNode* node = nodes[order[0]];
         for (auto _ : state) {
-            for (ssize_t i = 0; i < NUM_OBJECTS; ++i)
-                node = node->m_next.Get();
+            for (ssize_t i = 0; i < NUM_OBJECTS; ++i) node = node->m_next.Get();
             benchmark::DoNotOptimize(node);
         }
     }

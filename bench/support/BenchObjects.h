@@ -33,15 +33,13 @@ public:
     void VisitPrefs(IPrefVisitor& v) const { v.VisitPref(m_next); }
     void Serialise(Archive& ar) const {
         SerialiseSchema(ar, 1);
-        for (const uint64 word : m_words)
-            ar << word;
+        for (const uint64 word : m_words) ar << word;
         ar << m_next;
     }
     InputArchive Deserialise(InputArchive ar) {
         int schema = 0;
         ar = DeserialiseSchema(ar, 1, schema);
-        for (uint64& word : m_words)
-            ar = ar >> word;
+        for (uint64& word : m_words) ar = ar >> word;
         return ar >> m_next;
     }
 
@@ -56,18 +54,15 @@ const ReflectedClass& _GetReflected(const BenchRoot*);
 class BenchRoot : public PersistableMixin<IObjectBaseMixin<BenchRoot, EmptyBase>> {
 public:
     void VisitObjects(IObjectVisitor& v) const {
-        for (const cref<BenchNode>& node : m_nodes)
-            node.VisitObjects(v);
+        for (const cref<BenchNode>& node : m_nodes) node.VisitObjects(v);
     }
     void VisitPrefs(IPrefVisitor& v) const {
-        for (const cref<BenchNode>& node : m_nodes)
-            v.VisitPref(node);
+        for (const cref<BenchNode>& node : m_nodes) v.VisitPref(node);
     }
     void Serialise(Archive& ar) const {
         SerialiseSchema(ar, 1);
         Serialise_ssize_t(ar, m_nodes.size());
-        for (const cref<BenchNode>& node : m_nodes)
-            ar << node;
+        for (const cref<BenchNode>& node : m_nodes) ar << node;
     }
     InputArchive Deserialise(InputArchive ar) {
         int schema = 0;
@@ -75,8 +70,7 @@ public:
         uint32 n = 0;
         ar = DeserialiseVariableLengthUint(ar, n);
         m_nodes.resize(n);
-        for (cref<BenchNode>& node : m_nodes)
-            ar = ar >> node;
+        for (cref<BenchNode>& node : m_nodes) ar = ar >> node;
         return ar;
     }
 
@@ -110,8 +104,7 @@ inline void RegisterBenchClasses() {
         return RegisterReflectedClass(&GetReflectedClass<BenchNode>(), target) == NSE_OK &&
                RegisterReflectedClass(&GetReflectedClass<BenchRoot>(), target) == NSE_OK;
     }();
-    if (!registered)
-        std::abort();
+    if (!registered) std::abort();
 }
 
 // An open store with one open space, which is the thread's current one. The collector keeps everything.
@@ -133,8 +126,7 @@ public:
     ~BenchStore() noexcept(false) { CloseAll(); }
 
     void CloseAll() {
-        if (!m_store)
-            return;
+        if (!m_store) return;
         Close(m_space);
         Close(m_store);
         m_store = nullptr;

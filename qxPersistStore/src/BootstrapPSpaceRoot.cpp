@@ -10,17 +10,18 @@ namespace {
 constexpr ConstStringZ SOURCE_PATH = "src/qxPersistStore";
 
 // The first form of the bootstrap keeps the root in memory, the second does not.
-enum class Pin { Yes, No };
+enum class Pin {
+    Yes,
+    No
+};
 
 void* GetOrCreateRoot(ReflectedClass const& rc, ConstStringZ name, Pin pin) {
     ptr<IPersistable> po = GetPSpaceRoot(name);
     if (po) {
         const ReflectedClass* rcp = po->GetReflectedClass();
         QX_ASSERT(rcp);
-        if (rcp != &rc)
-            return nullptr; // the result says so; it is no error
-        if (pin == Pin::Yes)
-            AddGcRoot(po);
+        if (rcp != &rc) return nullptr; // the result says so; it is no error
+        if (pin == Pin::Yes) AddGcRoot(po);
         return po.m_self;
     }
     QX_ASSERT(rc.m_createFn);
@@ -31,8 +32,7 @@ void* GetOrCreateRoot(ReflectedClass const& rc, ConstStringZ name, Pin pin) {
     QX_ASSERT(po);
     po->OnCreate(true);
     AddPSpaceRoot(name, po);
-    if (pin == Pin::Yes)
-        AddGcRoot(v);
+    if (pin == Pin::Yes) AddGcRoot(v);
     return v.m_self;
 }
 

@@ -21,11 +21,10 @@ public:
     TraceOnFailedWrite(const TraceOnFailedWrite&) = delete;
     TraceOnFailedWrite& operator=(const TraceOnFailedWrite&) = delete;
     ~TraceOnFailedWrite() {
-        if (std::uncaught_exceptions() == m_uncaught)
-            return;
+        if (std::uncaught_exceptions() == m_uncaught) return;
         const ReflectedClass* rc = m_po->GetReflectedClass();
-        TracerX() << "PSpace: error : writing object with OID = " << m_oid << " of class "
-                  << (rc ? rc->GetName() : "?") << " failed\n";
+        TracerX() << "PSpace: error : writing object with OID = " << m_oid << " of class " << (rc ? rc->GetName() : "?")
+                  << " failed\n";
     }
 
 private:
@@ -46,8 +45,7 @@ void PSpaceDos::AddDirtyObject(ptr<const IPersistable> po) {
 
 void PSpaceDos::MarkAsDirty() const {
     QX_ASSERT(m_pspace.HaveWriteAccess());
-    if (m_dirty.load(std::memory_order_relaxed))
-        return;
+    if (m_dirty.load(std::memory_order_relaxed)) return;
     m_dirty.store(true, std::memory_order_release);
     m_pspace.m_ps.m_dosWriter.m_dirtyPSpaces.PushBack(&m_pspace);
 }
@@ -57,8 +55,7 @@ void PSpaceDos::AssertDirty() const { QX_ASSERT(m_dirty); }
 void PSpaceDos::VisitObjects(IObjectVisitor& v) const {
     QX_ASSERT(m_pspace.HaveReadOrWriteAccess());
     const std::lock_guard lock(mutex_);
-    for (const ptr<const IPersistable>& po : m_dirtyObjectSet)
-        v << po;
+    for (const ptr<const IPersistable>& po : m_dirtyObjectSet) v << po;
 }
 
 void PSpaceDos::WriteChangesToLSS(ILssTransaction& txn) {
@@ -69,8 +66,7 @@ void PSpaceDos::WriteChangesToLSS(ILssTransaction& txn) {
         const std::lock_guard lock(mutex_);
         objects.TakePages(m_dirtyObjectSet);
     }
-    for (const ptr<const IPersistable>& po : objects)
-        WriteObject(txn, po);
+    for (const ptr<const IPersistable>& po : objects) WriteObject(txn, po);
     QX_ASSERT(m_dirtyObjectSet.empty());
     m_dirty.store(false, std::memory_order_release);
     m_pspace.m_ps.m_dosWriter.m_dirtyPSpaces.Remove(&m_pspace);
@@ -99,8 +95,7 @@ void PSpaceDos::WriteObject(ILssTransaction& txn, ptr<const IPersistable> po) {
 void PSpaceDos::Transfer(PSpaceDos& src) {
     const std::lock_guard lock(mutex_);
     const std::lock_guard srcLock(src.mutex_);
-    if (src.m_dirtyObjectSet.empty())
-        return;
+    if (src.m_dirtyObjectSet.empty()) return;
     m_dirtyObjectSet.insert(m_dirtyObjectSet.end(), src.m_dirtyObjectSet.begin(), src.m_dirtyObjectSet.end());
     src.m_dirtyObjectSet.clear();
     MarkAsDirty();

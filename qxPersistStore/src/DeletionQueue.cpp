@@ -30,8 +30,7 @@ void DeletionQueue::AsyncPermanentlyDeleteSubTree(PSpace* pspace, ptr<IPersistab
     QX_ASSERT(obj);
     QX_ASSERT(obj->RepresentsSubTree());
     const OID oid = GetOid(obj);
-    if (!oid)
-        return;
+    if (!oid) return;
     AssertNotQueuedToDelete(oid);
     m_deltaQueue.push_back(oid);
 }
@@ -40,8 +39,7 @@ void DeletionQueue::AsyncPermanentlyDeleteObject(PSpace* pspace, ptr<IPersistabl
     QX_ASSERT(pspace);
     QX_ASSERT(obj);
     const OID oid = GetOid(obj);
-    if (!oid)
-        return;
+    if (!oid) return;
     AssertNotQueuedToDelete(oid);
     m_deltaQueue2.push_back(oid);
 }
@@ -55,10 +53,8 @@ void DeletionQueue::AssertNotQueuedToDelete(OID oid) const {
 
 void DeletionQueue::AccumulateDelta(PSpace* pspace) {
     QX_ASSERT(pspace);
-    if (!HaveRequests())
-        return;
-    if (!HaveObjectsToDelete())
-        pspace->m_ps.m_dosWriter.AddPSpaceToNedqList(pspace);
+    if (!HaveRequests()) return;
+    if (!HaveObjectsToDelete()) pspace->m_ps.m_dosWriter.AddPSpaceToNedqList(pspace);
     m_dirty.store(true, std::memory_order_relaxed);
     MoveToEnd(m_deltaQueue, m_queue);
     MoveToEnd(m_deltaQueue2, m_queue2);
@@ -67,8 +63,7 @@ void DeletionQueue::AccumulateDelta(PSpace* pspace) {
 void DeletionQueue::WriteDQToLssIfDirty(OID oid, PSpace* pspace, ILssTransaction& txn) {
     QX_ASSERT(pspace);
     QX_ASSERT(oid);
-    if (!m_dirty.load(std::memory_order_relaxed))
-        return;
+    if (!m_dirty.load(std::memory_order_relaxed)) return;
     AutoCloser<ICloseableOutputStream> os(txn.WriteSerialElement(oid));
     {
         Archive ar(os.Get());
@@ -82,8 +77,7 @@ void DeletionQueue::ReadFromLss(ILogStructuredStore* lss, OID oid) {
     QX_ASSERT(oid);
     QX_ASSERT(lss);
     AutoCloser<IContiguousSerialElement> se(lss->OpenSerialElement(oid));
-    if (!se)
-        throw DerefDanglingOidException(oid);
+    if (!se) throw DerefDanglingOidException(oid);
     const ReadOnlyBuffer rob = se->GetBuffer();
     const RecordLimitsScope limits(rob.buffer, rob.buffer + rob.size);
     const InputArchive ar = Deserialise(rob.buffer);

@@ -9,12 +9,13 @@ namespace quna {
 // write was completed.
 class DirtyFlagScope {
 public:
-    explicit DirtyFlagScope(std::atomic<bool>& dirty) : m_dirty(dirty) { m_dirty.exchange(false, std::memory_order_acq_rel); }
+    explicit DirtyFlagScope(std::atomic<bool>& dirty) : m_dirty(dirty) {
+        m_dirty.exchange(false, std::memory_order_acq_rel);
+    }
     DirtyFlagScope(const DirtyFlagScope&) = delete;
     DirtyFlagScope& operator=(const DirtyFlagScope&) = delete;
     ~DirtyFlagScope() {
-        if (!m_completed)
-            m_dirty.store(true, std::memory_order_release);
+        if (!m_completed) m_dirty.store(true, std::memory_order_release);
     }
     void Complete() { m_completed = true; }
 

@@ -36,8 +36,7 @@ private:
 class DosWriter::GroupLocks {
 public:
     explicit GroupLocks(const GROUP& group) {
-        for (PSpace* pspace : group)
-            m_cspaces.push_back(pspace->m_cspace);
+        for (PSpace* pspace : group) m_cspaces.push_back(pspace->m_cspace);
         LockMultipleCSpaces(m_cspaces.data(), m_cspaces.size(), Exclusive);
     }
     GroupLocks(const GroupLocks&) = delete;
@@ -70,11 +69,9 @@ void DosWriter::Run() {
     SetThreadName("Dirty Object Set Writer");
     while (!requestShutDown_.load(std::memory_order_relaxed)) {
         const Timer timer;
-        if (!DeleteUntilPeriodIsOver(timer))
-            return;
+        if (!DeleteUntilPeriodIsOver(timer)) return;
         SleepUntilPeriodIsOver(timer);
-        if (requestShutDown_.load(std::memory_order_relaxed))
-            return;
+        if (requestShutDown_.load(std::memory_order_relaxed)) return;
         ProcessAllGroups(false, CleanMember::IsMarked);
     }
 }
@@ -82,26 +79,22 @@ void DosWriter::Run() {
 // Deletions take the place of the sleep. False when the thread is to end.
 bool DosWriter::DeleteUntilPeriodIsOver(const Timer& timer) {
     while (DeleteSomeObjects()) {
-        if (m_sleepTime.Get() <= timer.GetElapsedTimeInMilliSecs())
-            break;
-        if (requestShutDown_.load(std::memory_order_relaxed))
-            return false;
+        if (m_sleepTime.Get() <= timer.GetElapsedTimeInMilliSecs()) break;
+        if (requestShutDown_.load(std::memory_order_relaxed)) return false;
     }
     return true;
 }
 
 void DosWriter::SleepUntilPeriodIsOver(const Timer& timer) {
     const int64 remaining = m_sleepTime.Get() - static_cast<int64>(timer.GetElapsedTimeInMilliSecs());
-    if (remaining >= 1)
-        m_wakeThreadEvent.Wait(static_cast<uint32>(remaining));
+    if (remaining >= 1) m_wakeThreadEvent.Wait(static_cast<uint32>(remaining));
 }
 
 // ---- Group writes ---------------------------------------------------------------------------------------------------
 
 void DosWriter::ProcessPSpaceTxnGroup(PSpace* pspace, bool flush) {
     const std::lock_guard lock(mutex_);
-    if (!ProcessGroup(pspace, flush, CleanMember::Fails) && flush)
-        m_ps.m_lss->Flush();
+    if (!ProcessGroup(pspace, flush, CleanMember::Fails) && flush) m_ps.m_lss->Flush();
 }
 
 void DosWriter::ProcessAllGroups(bool flush) { ProcessAllGroups(flush, CleanMember::Fails); }
@@ -114,11 +107,9 @@ void DosWriter::ProcessAllGroups(bool flush, CleanMember cleanMember) {
     for (PSpace* pspace : pspaces) {
         // A space that was written with an earlier one's group is left alone: to look for its group would dissolve
         // a tie that a transaction has made since.
-        if (IsDirty(pspace) && ProcessGroup(pspace, flush, cleanMember))
-            flushed = flush;
+        if (IsDirty(pspace) && ProcessGroup(pspace, flush, cleanMember)) flushed = flush;
     }
-    if (flush && !flushed)
-        m_ps.m_lss->Flush();
+    if (flush && !flushed) m_ps.m_lss->Flush();
 }
 
 bool DosWriter::PrivateProcessPSpaceTxnGroup(PSpace* first, bool flush) {
@@ -130,14 +121,12 @@ bool DosWriter::ProcessGroup(PSpace* first, bool flush, CleanMember cleanMember)
     GROUP group;
     group.push_back(first);
     m_grpMgr.RetrieveGroup(group);
-    if (std::none_of(group.begin(), group.end(), IsDirty))
-        return false;
+    if (std::none_of(group.begin(), group.end(), IsDirty)) return false;
     for (;;) {
         const GroupLocks locks(group);
         const ssize_t size = group.size();
         m_grpMgr.RetrieveGroup(group); // a transaction may have tied more spaces before we had the locks
-        if (group.size() != size)
-            continue;
+        if (group.size() != size) continue;
         HandleCleanMembers(group, cleanMember);
         WriteGroup(group, flush);
         return true;
@@ -147,18 +136,15 @@ bool DosWriter::ProcessGroup(PSpace* first, bool flush, CleanMember cleanMember)
 // Before anything is written, so that nothing of the group is half committed.
 void DosWriter::HandleCleanMembers(const GROUP& group, CleanMember cleanMember) {
     const auto clean = std::find_if_not(group.begin(), group.end(), IsDirty);
-    if (clean == group.end())
-        return;
+    if (clean == group.end()) return;
     if (cleanMember == CleanMember::IsMarked) {
-        for (PSpace* pspace : group)
-            pspace->m_dos.MarkAsDirty();
+        for (PSpace* pspace : group) pspace->m_dos.MarkAsDirty();
         return;
     }
     // The changes that were tied stay tied: the next call writes them together.
     PSpace* firstDirty = nullptr;
     for (PSpace* pspace : group) {
-        if (!IsDirty(pspace))
-            continue;
+        if (!IsDirty(pspace)) continue;
         if (firstDirty)
             m_grpMgr.MergeTwoPSpaceTxnGroups(firstDirty, pspace);
         else
@@ -169,11 +155,9 @@ void DosWriter::HandleCleanMembers(const GROUP& group, CleanMember cleanMember) 
 
 void DosWriter::WriteGroup(const GROUP& group, bool flush) {
     AutoCloser<ILssTransaction> txn(m_ps.m_lss->OpenTransaction());
-    if (flush)
-        txn->RequestFlushToDisk();
+    if (flush) txn->RequestFlushToDisk();
     try {
-        for (PSpace* pspace : group)
-            WriteMember(pspace, *txn);
+        for (PSpace* pspace : group) WriteMember(pspace, *txn);
     } catch (...) {
         // What is complete is committed when the transaction closes, and may need class ids that are new.
         try {
@@ -203,8 +187,7 @@ void DosWriter::WriteMember(PSpace* pspace, ILssTransaction& txn) {
 
 void DosWriter::OnOpenPSpace(PSpace* pspace) {
     QX_ASSERT(pspace);
-    if (!pspace->m_dq.HaveObjectsToDelete())
-        return;
+    if (!pspace->m_dq.HaveObjectsToDelete()) return;
     m_nedqList.PushBack(pspace);
     m_wakeThreadEvent.Signal();
 }
@@ -213,8 +196,7 @@ void DosWriter::OnClosePSpace(PSpace* pspace) {
     QX_ASSERT(pspace);
     const std::lock_guard lock(mutex_);
     ProcessGroup(pspace, false, CleanMember::IsMarked);
-    if (pspace->m_dq.HaveObjectsToDelete())
-        m_nedqList.Remove(pspace);
+    if (pspace->m_dq.HaveObjectsToDelete()) m_nedqList.Remove(pspace);
 }
 
 bool DosWriter::DeleteSomeObjects() { return false; }

@@ -38,41 +38,34 @@ bool RemovePSpaceRoot(ConstStringZ name) { return GetThreadPSpace()->RemoveRoot(
 
 void MarkPersistentAsDirtyWithoutTrace(ptr<const IPersistable> po) {
     QX_ASSERT(po);
-    if (PSpace* pspace = GetAssociatedPSpace(po))
-        pspace->MarkPersistableAsDirtyWithoutTrace(po);
+    if (PSpace* pspace = GetAssociatedPSpace(po)) pspace->MarkPersistableAsDirtyWithoutTrace(po);
 }
 
 void DeclareReachable(ptr<const IPersistable> parent, ptr<const IPersistable> child, bool trace) {
     QX_ASSERT(parent);
     QX_ASSERT(child);
-    if (PSpace* pspace = GetAssociatedPSpace(parent))
-        pspace->DeclareReachable(parent, child, trace);
+    if (PSpace* pspace = GetAssociatedPSpace(parent)) pspace->DeclareReachable(parent, child, trace);
 }
 
 void OnGarbageCollectPersistable(ptr<IPersistable> po) {
     QX_ASSERT(po);
-    if (PSpace* pspace = GetAssociatedPSpace(po))
-        pspace->OnGarbageCollectPersistable(po);
+    if (PSpace* pspace = GetAssociatedPSpace(po)) pspace->OnGarbageCollectPersistable(po);
 }
 
 void AsyncPermanentlyDeleteSubTree(ptr<IPersistable> obj) {
-    if (PSpace* pspace = GetAssociatedPSpace(obj))
-        pspace->AsyncPermanentlyDeleteSubTree(obj);
+    if (PSpace* pspace = GetAssociatedPSpace(obj)) pspace->AsyncPermanentlyDeleteSubTree(obj);
 }
 
 void AsyncPermanentlyDeleteObject(ptr<IPersistable> obj) {
-    if (PSpace* pspace = GetAssociatedPSpace(obj))
-        pspace->AsyncPermanentlyDeleteObject(obj);
+    if (PSpace* pspace = GetAssociatedPSpace(obj)) pspace->AsyncPermanentlyDeleteObject(obj);
 }
 
 void SyncPermanentlyDeleteSubTree(ptr<IPersistable> obj) {
-    if (PSpace* pspace = GetAssociatedPSpace(obj))
-        pspace->SyncPermanentlyDeleteSubTree(obj);
+    if (PSpace* pspace = GetAssociatedPSpace(obj)) pspace->SyncPermanentlyDeleteSubTree(obj);
 }
 
 void SyncPermanentlyDeleteObject(ptr<IPersistable> obj) {
-    if (PSpace* pspace = GetAssociatedPSpace(obj))
-        pspace->SyncPermanentlyDeleteObject(obj);
+    if (PSpace* pspace = GetAssociatedPSpace(obj)) pspace->SyncPermanentlyDeleteObject(obj);
 }
 
 // ---- Look-ups -------------------------------------------------------------------------------------------------------
@@ -95,8 +88,7 @@ PersistStore* GetAssociatedPersistStore(ptr<const IObject> po) {
 
 ILogStructuredStore* GetAssociatedLss(ptr<const IObject> po) {
     PSpace* pspace = GetAssociatedPSpace(po);
-    if (!pspace)
-        return nullptr;
+    if (!pspace) return nullptr;
     PersistStore* ps = pspace->GetPersistStore();
     QX_ASSERT(ps);
     return ps->GetLss();
@@ -170,9 +162,7 @@ void Close(PersistStore* _self) { _self->Close(); }
 bool CreatedNew(PersistStore const* _self) { return _self->CreatedNew(); }
 ILogStructuredStore* GetLss(PersistStore* _self) { return _self->GetLss(); }
 void StartObjectDeletion(PersistStore* _self) { _self->StartObjectDeletion(); }
-void WriteAllDirtyObjectsToLss(PersistStore* _self, bool flushToDisk) {
-    _self->WriteAllDirtyObjectsToLss(flushToDisk);
-}
+void WriteAllDirtyObjectsToLss(PersistStore* _self, bool flushToDisk) { _self->WriteAllDirtyObjectsToLss(flushToDisk); }
 PersistStoreTxn* OpenTxn(PersistStore* _self, PSpaceLockMode* L, ssize_t n) { return _self->OpenTxn(L, n); }
 int32 GetDosPeriod(PersistStore const* _self) { return _self->GetDosPeriod(); }
 void SetDosPeriod(PersistStore* _self, int32 time) { _self->SetDosPeriod(time); }

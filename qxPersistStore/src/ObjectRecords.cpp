@@ -21,8 +21,7 @@ constexpr ConstStringZ SOURCE_PATH = "src/PersistStore";
     StringStream os(256);
     os << "Error deserialising object"
        << " oid=" << oid;
-    if (rc)
-        os << " class=" << rc->GetName();
+    if (rc) os << " class=" << rc->GetName();
     os << " cid=" << cid << " size=" << size << " read=" << read;
     throw DeserialisePersistentObjectException(os.c_str(), oid);
 }
@@ -36,8 +35,7 @@ CID PersistStore::GetCid(ReflectedClass const& rc) {
     bool newEntry = false;
     const CID cid = m_rootObject.m_cidMap.GetCid(rc, newEntry);
     QX_ASSERT(cid != 0);
-    if (newEntry)
-        m_rootObject.m_dirty.store(true, std::memory_order_release);
+    if (newEntry) m_rootObject.m_dirty.store(true, std::memory_order_release);
     return cid;
 }
 
@@ -75,11 +73,9 @@ void PersistStore::DynCreateDeserialise(InputArchive ar_begin, InputArchive ar_e
         QX_ASSERT(rc->m_createFn);
         const ptr<IObject> v = rc->m_createFn();
         QX_ASSERT(v);
-        if (registerInCSpace)
-            RegisterGcObject(v);
+        if (registerInCSpace) RegisterGcObject(v);
         po = qicast<IPersistable>(v);
-        if (!po && !registerInCSpace)
-            v->Destroy();
+        if (!po && !registerInCSpace) v->Destroy();
         QX_ASSERT_TEXT(po, "0"); // a class that is no IPersistable
         QX_ASSERT(!IsPersistableDirty(po));
         QX_ASSERT(!GetOid(po));
@@ -95,8 +91,7 @@ void PersistStore::DynCreateDeserialise(InputArchive ar_begin, InputArchive ar_e
 ptr<IPersistable> PersistStore::TryLoadPOGivenOid(OID oid) {
     QX_ASSERT(oid);
     AutoCloser<IContiguousSerialElement> se(m_lss->OpenSerialElement(oid));
-    if (!se)
-        return null; // a dangling OID
+    if (!se) return null; // a dangling OID
     const ReadOnlyBuffer rob = se->GetBuffer();
     ptr<IPersistable> po;
     DynCreateDeserialise(rob.buffer, rob.buffer + rob.size, po, oid, true);
@@ -107,8 +102,7 @@ ptr<IPersistable> PersistStore::TryLoadPOGivenOid(OID oid) {
 
 ptr<IPersistable> PersistStore::AlwaysLoadPOGivenOid(OID oid) {
     const ptr<IPersistable> po = TryLoadPOGivenOid(oid);
-    if (!po)
-        throw DerefDanglingOidException(oid);
+    if (!po) throw DerefDanglingOidException(oid);
     return po;
 }
 

@@ -1,11 +1,11 @@
 #include "qxPersistStore/src/PSpace.h"
 
+#include "qxObject/PrintInstance.h"
+#include "qxObject/WCSpace.h"
 #include "qxPersistStore/PersistStoreExceptions.h"
 #include "qxPersistStore/src/PSpaceRoot.h"
 #include "qxPersistStore/src/PersistStore.h"
 #include "qxPersistStore/src/ThreadPSpaceScope.h"
-#include "qxObject/PrintInstance.h"
-#include "qxObject/WCSpace.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/Tracer.h"
 
@@ -24,8 +24,7 @@ class TransientChildrenVisitor : public IPrefVisitor {
 public:
     void VisitPref(const prefbase& pref) override {
         const ptr<IPersistable> po = pref.GetTransient();
-        if (!po)
-            return;
+        if (!po) return;
         QX_ASSERT(!GetOid(po));
         m_children.push_back(po);
     }
@@ -36,9 +35,7 @@ public:
 
 // A persistable object as its interface allows changing it. The store's interface passes parents and children as
 // const, since attaching an object changes its system state only.
-ptr<IPersistable> Mutable(ptr<const IPersistable> po) {
-    return {const_cast<void*>(po.m_self), po.m_table};
-}
+ptr<IPersistable> Mutable(ptr<const IPersistable> po) { return {const_cast<void*>(po.m_self), po.m_table}; }
 
 // Detaches the root of a space whose construction failed after the root had gone to the CSpace.
 class PSpaceRootGuard {
@@ -47,8 +44,7 @@ public:
     PSpaceRootGuard(const PSpaceRootGuard&) = delete;
     PSpaceRootGuard& operator=(const PSpaceRootGuard&) = delete;
     ~PSpaceRootGuard() {
-        if (m_root)
-            m_root->Detach();
+        if (m_root) m_root->Detach();
     }
     void Release() { m_root = nullptr; }
 
@@ -62,8 +58,8 @@ private:
 
 PSpace::PSpace(PersistStore& ps, ConstStringZ name, OID oid, bool creating, CSpace* cspace)
     : m_ps(ps), m_roots(oid, creating), m_dq(creating), m_name(name), rot_(*this), createdNew_(creating),
-      m_oidHighForOidAllocations(ps.m_rootObject.m_oidHighForOidAllocations), m_affiliateOidLow(oid.low_),
-      m_dos(*this), m_cspace(cspace) {
+      m_oidHighForOidAllocations(ps.m_rootObject.m_oidHighForOidAllocations), m_affiliateOidLow(oid.low_), m_dos(*this),
+      m_cspace(cspace) {
     QX_ASSERT(strlen(name) > 0);
     if (m_cspace)
         OpenInGivenCSpace(creating);
@@ -120,8 +116,7 @@ void PSpace::LoadOrCreate(bool creating) {
 void PSpace::RunCollector(CSpace* cs) {
     QX_ASSERT(cs == m_cspace);
     const ThreadPSpaceScope pair(this, cs);
-    while (WaitForGarbageCollect(cs))
-        SynchronousGc(cs);
+    while (WaitForGarbageCollect(cs)) SynchronousGc(cs);
 }
 
 void PSpace::Close() {
@@ -149,13 +144,11 @@ void PSpace::Close() {
 // lost by an orderly close. Requires the exclusive lock.
 void PSpace::MarkAsDirtyWhereAnythingIsUnwritten() {
     const bool uncommitted = createdNew_ && !m_ensureCommitted;
-    if (uncommitted || m_roots.m_dirty || m_dq.m_dirty || m_dq.HaveRequests())
-        m_dos.MarkAsDirty();
+    if (uncommitted || m_roots.m_dirty || m_dq.m_dirty || m_dq.HaveRequests()) m_dos.MarkAsDirty();
 }
 
 PSpace::~PSpace() noexcept(false) {
-    if (std::uncaught_exceptions() > 0)
-        return;
+    if (std::uncaught_exceptions() > 0) return;
     QX_ASSERT(!HaveChangesToWriteToLss());
     QX_ASSERT(m_nextInTxnGrp == this);
     QX_ASSERT(m_inGrp == false);
@@ -168,8 +161,7 @@ PSpace::~PSpace() noexcept(false) {
 
 void PSpace::Transfer(PSpace& src) {
     QX_ASSERT(&m_ps == &src.m_ps);
-    if (&src == this)
-        return;
+    if (&src == this) return;
     EvictAllDgsNodes(src.m_cspace); // a placeholder would go on naming the source
     StopGc(src.m_cspace);
     TransferCSpace(src.m_cspace, m_cspace);
@@ -198,8 +190,7 @@ bool PSpace::AddRoot(ConstStringZ name, ptr<IPersistable> root) {
 
 bool PSpace::RemoveRoot(ConstStringZ name) {
     QX_ASSERT(HaveWriteAccess());
-    if (!m_roots.RemoveRoot(name))
-        return false;
+    if (!m_roots.RemoveRoot(name)) return false;
     m_dos.MarkAsDirty(); // no object changes that would do it
     return true;
 }
@@ -215,8 +206,7 @@ ptr<IPersistable> PSpace::TryBindObject(OID oid) {
 
 ptr<IPersistable> PSpace::BindObject(OID oid) {
     const ptr<IPersistable> po = TryBindObject(oid);
-    if (!po)
-        throw DerefDanglingOidException(oid);
+    if (!po) throw DerefDanglingOidException(oid);
     return po;
 }
 
@@ -259,8 +249,7 @@ ptr<IPersistable> PSpace::TryLoadPOGivenOid(OID oid) { return m_ps.TryLoadPOGive
 
 OID PSpace::AllocateOid(OidHigh oidHigh, bool useIncrementalOidAllocations) {
     ILogStructuredStore* m_lss = m_ps.GetLss();
-    if (useIncrementalOidAllocations)
-        return m_lss->AllocateSeid(oidHigh);
+    if (useIncrementalOidAllocations) return m_lss->AllocateSeid(oidHigh);
     Seid seid(m_affiliateOidLow, oidHigh); // a copy: the hint stays
     QX_ASSERT(m_lss->AllocateAffiliateSeid(seid));
     QX_ASSERT(seid.high_ == oidHigh);
@@ -298,14 +287,12 @@ bool PSpace::MakeObjectPersistWithGivenOID(ptr<IPersistable> po, OID oid, bool t
     QX_ASSERT(GetAssociatedCSpace(po) == m_cspace);
     QX_ASSERT(!GetOid(po));
     QX_ASSERT(!IsPersistableDirty(po));
-    if (!rot_.AddResidentObject(oid, po))
-        return false;
+    if (!rot_.AddResidentObject(oid, po)) return false;
     po->GetPersistObjState().m_oid = oid;
     QX_ASSERT(GetOid(po) == oid);
     po->GetSysState().SetFlag(PERSISTABLE_DIRTY);
     AddPOToDirtyObjectSet(po);
-    if (trace)
-        MakeReachableObjectsPersist(po);
+    if (trace) MakeReachableObjectsPersist(po);
     return true;
 }
 
@@ -325,8 +312,7 @@ void PSpace::MakeReachableObjectsPersist(ptr<IPersistable> po) {
     while (!stack.empty()) {
         const ptr<IPersistable> child = stack.back();
         stack.pop_back();
-        if (GetOid(child))
-            continue;
+        if (GetOid(child)) continue;
         MakeObjectPersist(child, false);
         pushChildren(child);
     }
@@ -335,11 +321,9 @@ void PSpace::MakeReachableObjectsPersist(ptr<IPersistable> po) {
 void PSpace::DeclareReachable(ptr<const IPersistable> parent, ptr<const IPersistable> child, bool trace) {
     QX_ASSERT(parent);
     const OID parentOid = GetOid(parent);
-    if (!parentOid)
-        return; // the child will be reached when the parent becomes persistent
+    if (!parentOid) return; // the child will be reached when the parent becomes persistent
     QX_ASSERT(HaveWriteAccess());
-    if (!child || GetOid(child))
-        return;
+    if (!child || GetOid(child)) return;
     m_affiliateOidLow = parentOid.low_;
     MakeObjectPersist(Mutable(child), trace);
 }
@@ -348,12 +332,10 @@ void PSpace::DeclareReachable(ptr<const IPersistable> parent, ptr<const IPersist
 
 void PSpace::MarkPersistableAsDirtyWithoutTrace(ptr<const IPersistable> po) {
     QX_ASSERT(po);
-    if (!GetOid(po))
-        return;
+    if (!GetOid(po)) return;
     QX_ASSERT(HaveWriteAccess());
     ObjSysState& state = po->GetSysState();
-    if (state.GetFlag(PERSISTABLE_DIRTY))
-        return;
+    if (state.GetFlag(PERSISTABLE_DIRTY)) return;
     state.SetFlag(PERSISTABLE_DIRTY);
     AddPOToDirtyObjectSet(po);
 }
@@ -364,9 +346,7 @@ void PSpace::AddPOToDirtyObjectSet(ptr<const IPersistable> po) {
     m_dos.AddDirtyObject(po);
 }
 
-void PSpace::WriteDirtyObjectsToLss(bool flushToDisk) {
-    m_ps.m_dosWriter.ProcessPSpaceTxnGroup(this, flushToDisk);
-}
+void PSpace::WriteDirtyObjectsToLss(bool flushToDisk) { m_ps.m_dosWriter.ProcessPSpaceTxnGroup(this, flushToDisk); }
 
 void PSpace::WriteDirtyObjectsToLss(ILssTransaction& txn) {
     m_roots.WriteToLssIfDirty(txn);
@@ -413,8 +393,7 @@ void PSpace::OnGarbageCollectPersistable(ptr<IPersistable> po) {
     }
     const OID oid = GetOid(po);
     // An object whose Deserialise threw, or that was loaded beside the table, has an OID and no entry.
-    if (oid && rot_.Holds(oid, po))
-        rot_.RemoveResidentObject(oid);
+    if (oid && rot_.Holds(oid, po)) rot_.RemoveResidentObject(oid);
 }
 
 void PSpace::VisitObjects(IObjectVisitor& v) const {

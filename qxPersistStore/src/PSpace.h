@@ -98,8 +98,8 @@ public:
     SeidLow m_affiliateOidLow;          // hint for the next allocation; sticky
     bool m_ensureCommitted = false;     // the map names this space; guarded by DosWriter::mutex_
     PSpaceDos m_dos;
-    CSpace* m_cspace;                   // null after Close
-    PSpace* m_nextInTxnGrp = this;      // ring; guarded by the group manager's mutex, like m_inGrp
+    CSpace* m_cspace;              // null after Close
+    PSpace* m_nextInTxnGrp = this; // ring; guarded by the group manager's mutex, like m_inGrp
     bool m_inGrp = false;
     ListPtrs<PSpace> m_DirtyPSpaceListPtrs;
     ListPtrs<PSpace> m_NedqListPtrs;

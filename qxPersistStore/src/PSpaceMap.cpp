@@ -38,8 +38,7 @@ private:
 };
 
 PSpaceMap::~PSpaceMap() noexcept(false) {
-    if (std::uncaught_exceptions() == 0)
-        AssertAllClosed();
+    if (std::uncaught_exceptions() == 0) AssertAllClosed();
 }
 
 void PSpaceMap::AssertAllClosed() {
@@ -58,11 +57,9 @@ OID PSpaceMap::ReserveName(const xstring& name, EOpenMode openMode) {
     OID oid;
     const auto i = map_.find(name);
     if (i == map_.end()) {
-        if (openMode == OM_OPEN_EXISTING || openMode == OM_DELETE_EXISTING)
-            throw OpenPSpaceException(openMode, name);
+        if (openMode == OM_OPEN_EXISTING || openMode == OM_DELETE_EXISTING) throw OpenPSpaceException(openMode, name);
     } else {
-        if (openMode == OM_CREATE_NEW)
-            throw OpenPSpaceException(OM_CREATE_NEW, name);
+        if (openMode == OM_CREATE_NEW) throw OpenPSpaceException(OM_CREATE_NEW, name);
         const Entry& e = i->second;
         QX_ASSERT_TEXT(e.m_ptr == nullptr, "e.m_ptr == __null");
         QX_ASSERT(e.m_oid);
@@ -90,8 +87,7 @@ PSpace* PSpaceMap::OpenPSpace(ILogStructuredStore& lss, OidHigh oidHigh, ConstSt
         p = new PSpace(m_ps, name, e.m_oid, creating, cspace);
         const std::lock_guard lock(mutex_);
         Entry& entry = map_[key];
-        if (creating)
-            entry.m_oid = e.m_oid; // not committed: the map on disk does not change
+        if (creating) entry.m_oid = e.m_oid; // not committed: the map on disk does not change
         entry.m_ptr = p;
     }
     m_ps.m_dosWriter.OnOpenPSpace(p);
@@ -103,8 +99,7 @@ void PSpaceMap::CommitPSpace(PSpace* p) {
     const std::lock_guard lock(mutex_);
     const auto i = map_.find(p->m_name);
     QX_ASSERT(i != map_.end());
-    if (i->second.m_committed)
-        return;
+    if (i->second.m_committed) return;
     i->second.m_committed = true;
     m_dirty.store(true, std::memory_order_release);
 }
@@ -128,12 +123,10 @@ void PSpaceMap::Serialise(Archive& ar) const {
     const std::lock_guard lock(mutex_);
     DirtyFlagScope dirty(m_dirty);
     uint32 numCommitted = 0;
-    for (const auto& [name, e] : map_)
-        numCommitted += e.m_committed ? 1 : 0;
+    for (const auto& [name, e] : map_) numCommitted += e.m_committed ? 1 : 0;
     SerialiseVariableLengthUint32(ar, numCommitted);
     for (const auto& [name, e] : map_) {
-        if (!e.m_committed)
-            continue;
+        if (!e.m_committed) continue;
         ar << name;
         SerialiseOid(ar, e.m_oid);
     }
@@ -141,8 +134,7 @@ void PSpaceMap::Serialise(Archive& ar) const {
 }
 
 void PSpaceMap::WriteIfDirty(ILssTransaction& txn) {
-    if (!m_dirty.load(std::memory_order_acquire))
-        return;
+    if (!m_dirty.load(std::memory_order_acquire)) return;
     AutoCloser<ICloseableOutputStream> os(txn.WriteSerialElement(PSPACEMAP_SEID));
     QX_ASSERT(os.Get());
     try {

@@ -32,7 +32,7 @@ class PersistStore;
 class QX_API PSpaceMap {
 public:
     struct Entry {
-        OID m_oid;               // of the space's record, which is the space's own
+        OID m_oid; // of the space's record, which is the space's own
         bool m_committed = false;
         PSpace* m_ptr = nullptr; // the open space; not owned
     };

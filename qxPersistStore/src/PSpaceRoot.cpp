@@ -5,8 +5,7 @@
 namespace quna {
 
 void PSpaceRoot::VisitObjects(IObjectVisitor& v) const {
-    if (m_pspace)
-        m_pspace->VisitObjects(v);
+    if (m_pspace) m_pspace->VisitObjects(v);
 }
 
 } // namespace quna

@@ -25,8 +25,7 @@ ptr<IPersistable> PSpaceRoots::GetRoot(ConstStringZ name) const {
     QX_ASSERT(name);
     QX_ASSERT(strlen(name) > 0);
     const auto i = m_roots.find(xstring(name));
-    if (i == m_roots.end())
-        return null;
+    if (i == m_roots.end()) return null;
     const ptr<IPersistable> po = i->second.Get();
     QX_ASSERT(po);
     return po;
@@ -40,8 +39,7 @@ bool PSpaceRoots::AddRoot(PSpace* pspace, ConstStringZ name, ptr<IPersistable> r
     QX_ASSERT(!GetOid(root));
     QX_ASSERT(root->RepresentsSubTree());
     const auto [i, inserted] = m_roots.try_emplace(xstring(name), root);
-    if (!inserted)
-        return false;
+    if (!inserted) return false;
     m_dirty.store(true, std::memory_order_relaxed);
     try {
         pspace->MakeObjectPersist(root, true);
@@ -57,8 +55,7 @@ bool PSpaceRoots::RemoveRoot(ConstStringZ name) {
     QX_ASSERT(name);
     QX_ASSERT(strlen(name) > 0);
     const auto i = m_roots.find(xstring(name));
-    if (i == m_roots.end())
-        return false;
+    if (i == m_roots.end()) return false;
     const ptr<IPersistable> root = i->second.Get();
     QX_ASSERT(root);
     m_roots.erase(i);
@@ -67,8 +64,7 @@ bool PSpaceRoots::RemoveRoot(ConstStringZ name) {
 }
 
 void PSpaceRoots::Clear() {
-    if (m_roots.empty())
-        return;
+    if (m_roots.empty()) return;
     m_roots.clear();
     m_dirty.store(true, std::memory_order_relaxed);
 }
@@ -88,8 +84,7 @@ InputArchive PSpaceRoots::Deserialise(InputArchive ar) {
 }
 
 void PSpaceRoots::WriteToLssIfDirty(ILssTransaction& txn) {
-    if (!m_dirty.load(std::memory_order_relaxed))
-        return;
+    if (!m_dirty.load(std::memory_order_relaxed)) return;
     QX_ASSERT(m_oid);
     AutoCloser<ICloseableOutputStream> os(txn.WriteSerialElement(m_oid));
     {
@@ -104,8 +99,7 @@ void PSpaceRoots::ReadFromLss(ILogStructuredStore* lss) {
     QX_ASSERT(lss);
     QX_ASSERT(m_oid);
     AutoCloser<IContiguousSerialElement> se(lss->OpenSerialElement(m_oid));
-    if (!se)
-        throw DerefDanglingOidException(m_oid);
+    if (!se) throw DerefDanglingOidException(m_oid);
     const ReadOnlyBuffer rob = se->GetBuffer();
     const RecordLimitsScope limits(rob.buffer, rob.buffer + rob.size);
     const InputArchive ar = Deserialise(rob.buffer);
@@ -114,13 +108,11 @@ void PSpaceRoots::ReadFromLss(ILogStructuredStore* lss) {
 }
 
 void PSpaceRoots::VisitObjects(IObjectVisitor& v) const {
-    for (const auto& root : m_roots)
-        root.second.VisitObjects(v);
+    for (const auto& root : m_roots) root.second.VisitObjects(v);
 }
 
 void PSpaceRoots::VisitPrefs(IPrefVisitor& v) const {
-    for (const auto& root : m_roots)
-        v.VisitPref(root.second);
+    for (const auto& root : m_roots) v.VisitPref(root.second);
 }
 
 } // namespace quna

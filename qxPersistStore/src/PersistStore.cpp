@@ -65,13 +65,11 @@ void PersistStore::ReadFixedRecords(ClassNameTranslationTable const* table) {
 void PersistStore::StartThreads(bool startObjectDeletion) {
     asyncLoadThread_.Start();
     asyncUpdateRotThread_.Start();
-    if (startObjectDeletion)
-        StartObjectDeletion();
+    if (startObjectDeletion) StartObjectDeletion();
 }
 
 void PersistStore::StopThreads() {
-    if (m_startedDosWriter.load(std::memory_order_relaxed))
-        m_dosWriter.Stop();
+    if (m_startedDosWriter.load(std::memory_order_relaxed)) m_dosWriter.Stop();
     asyncLoadThread_.Stop();
     asyncUpdateRotThread_.Stop();
 }
@@ -90,15 +88,13 @@ void PersistStore::Close() {
 }
 
 void PersistStore::StartObjectDeletion() {
-    if (m_startedDosWriter.load(std::memory_order_relaxed))
-        return;
+    if (m_startedDosWriter.load(std::memory_order_relaxed)) return;
     m_dosWriter.Start();
     m_startedDosWriter.store(true, std::memory_order_relaxed);
 }
 
 void PersistStore::WriteAllDirtyObjectsToLss(bool flushToDisk) {
-    if (!m_startedDosWriter.load(std::memory_order_relaxed))
-        return;
+    if (!m_startedDosWriter.load(std::memory_order_relaxed)) return;
     m_dosWriter.ProcessAllGroups(flushToDisk);
 }
 
@@ -147,8 +143,7 @@ OID PersistStore::AllocateAffiliateOid(SeidHigh oidHigh, SeidLow affiliateOidLow
 TypeOpsId PersistStore::GetTypeOpsId(ReflectionByteCodeValue const& rbcv, TypeOps const& ops) {
     bool newEntry = false;
     const TypeOpsId tid = m_rootObject.m_typeOpsMap.GetTypeOpsId(rbcv, ops, newEntry);
-    if (newEntry)
-        m_rootObject.m_dirty.store(true, std::memory_order_release);
+    if (newEntry) m_rootObject.m_dirty.store(true, std::memory_order_release);
     return tid;
 }
 

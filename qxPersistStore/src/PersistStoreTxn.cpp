@@ -27,15 +27,10 @@ void AssertHaveCSpaceLocks(PSpaceLockMode* L, ssize_t n) {
         CSpace* cs = m.space->GetCSpace();
         QX_ASSERT(cs);
         switch (m.mode) {
-        case SharedRead:
-            QX_ASSERT(HaveLock(cs));
-            break;
+        case SharedRead: QX_ASSERT(HaveLock(cs)); break;
         case Exclusive:
-        case Transaction:
-            QX_ASSERT(HaveExclusiveLock(cs));
-            break;
-        default:
-            QX_ASSERT(0);
+        case Transaction: QX_ASSERT(HaveExclusiveLock(cs)); break;
+        default: QX_ASSERT(0);
         }
     }
 }
@@ -56,10 +51,8 @@ PersistStoreTxn::PersistStoreTxn(PersistStore* ps, PSpaceLockMode* L, ssize_t n)
         if (L[i].mode == Exclusive) // a Transaction lock does not make a writer
             m_haveWriteAccess = true;
     }
-    if (!m_haveWriteAccess)
-        return;
-    for (ssize_t i = 1; i < n; ++i)
-        Merge(L[0].space, L[i].space);
+    if (!m_haveWriteAccess) return;
+    for (ssize_t i = 1; i < n; ++i) Merge(L[0].space, L[i].space);
 }
 
 void PersistStoreTxn::Merge(PSpace* p1, PSpace* p2) { m_ps->GetPSpaceTxnGroupMgr().MergeTwoPSpaceTxnGroups(p1, p2); }
@@ -84,19 +77,15 @@ void PersistStoreTxn::OnOpenPSpace(PSpace* p) {
         Merge(m_pspaces[0].space, p);
     } else {
         m_haveWriteAccess = true;
-        for (const PSpaceLockMode& m : m_pspaces)
-            Merge(p, m.space);
+        for (const PSpaceLockMode& m : m_pspaces) Merge(p, m.space);
     }
     m_openedPSpaces.push_back(p);
 }
 
 void PersistStoreTxn::Close() {
-    if (!m_pspaces.empty())
-        AssertHaveCSpaceLocks(m_pspaces.data(), m_pspaces.size());
-    if (m_haveWriteAccess)
-        TieWhatHasChanges();
-    for (PSpace* p : m_openedPSpaces)
-        Unlock(p->m_cspace);
+    if (!m_pspaces.empty()) AssertHaveCSpaceLocks(m_pspaces.data(), m_pspaces.size());
+    if (m_haveWriteAccess) TieWhatHasChanges();
+    for (PSpace* p : m_openedPSpaces) Unlock(p->m_cspace);
     delete this;
 }
 
@@ -105,17 +94,14 @@ void PersistStoreTxn::Close() {
 void PersistStoreTxn::TieWhatHasChanges() {
     PSpace* first = nullptr;
     const auto tie = [&](PSpace* p) {
-        if (!p->HaveChangesToWriteToLss())
-            return;
+        if (!p->HaveChangesToWriteToLss()) return;
         if (first)
             Merge(first, p);
         else
             first = p;
     };
-    for (const PSpaceLockMode& m : m_pspaces)
-        tie(m.space);
-    for (PSpace* p : m_openedPSpaces)
-        tie(p);
+    for (const PSpaceLockMode& m : m_pspaces) tie(m.space);
+    for (PSpace* p : m_openedPSpaces) tie(p);
 }
 
 void PersistStoreTxn::TransferPSpace(PSpace* dst, PSpace* src) {
@@ -141,8 +127,7 @@ public:
     UnlockUnlessKept(const UnlockUnlessKept&) = delete;
     UnlockUnlessKept& operator=(const UnlockUnlessKept&) = delete;
     ~UnlockUnlessKept() {
-        if (m_cs)
-            Unlock(m_cs);
+        if (m_cs) Unlock(m_cs);
     }
     void Keep() { m_cs = nullptr; }
 
@@ -192,8 +177,7 @@ void ClosePSpaceTxn(PersistStoreTxn* txn) {
     Unlock(cs);
 }
 
-PSpaceTxn::PSpaceTxn(ECSpaceLockMode mode)
-    : m_txn(OpenPSpaceTxn(mode)) {}
+PSpaceTxn::PSpaceTxn(ECSpaceLockMode mode) : m_txn(OpenPSpaceTxn(mode)) {}
 
 PSpaceTxn::~PSpaceTxn() noexcept(false) {
     if (std::uncaught_exceptions() > 0) {

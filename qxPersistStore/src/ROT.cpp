@@ -23,8 +23,7 @@ public:
     LoadInFlight(const LoadInFlight&) = delete;
     LoadInFlight& operator=(const LoadInFlight&) = delete;
     ~LoadInFlight() {
-        if (!m_lock.owns_lock())
-            m_lock.lock();
+        if (!m_lock.owns_lock()) m_lock.lock();
         m_rot.loading_.erase(std::find(m_rot.loading_.begin(), m_rot.loading_.end(), m_oid));
         m_rot.loadEnded_.notify_all();
     }
@@ -42,8 +41,7 @@ bool ROT::HaveSharedLockOnly() const { return !pspace_.HaveWriteAccess(); }
 ptr<IPersistable> ROT::FindResidentObject(OID oid) const {
     QX_ASSERT_TEXT(pspace_.HaveReadOrWriteAccess(), "HasLock()");
     std::unique_lock lock(tableMutex_, std::defer_lock);
-    if (HaveSharedLockOnly())
-        lock.lock();
+    if (HaveSharedLockOnly()) lock.lock();
     const auto i = map_.find(oid);
     return i != map_.end() && i->second.m_table ? i->second : null;
 }
@@ -60,8 +58,7 @@ ptr<IPersistable> ROT::FindOrLoadExclusively(OID oid) {
         return i->second;
     }
     const ptr<IPersistable> p = SyncLoadObject(oid);
-    if (!p)
-        return null;
+    if (!p) return null;
     QX_ASSERT(p.m_table);
     map_[oid] = p;
     return p;
@@ -75,16 +72,14 @@ ptr<IPersistable> ROT::FindOrLoadAmongReaders(OID oid) {
             QX_ASSERT(i->second.m_self);
             return i->second;
         }
-        if (std::find(loading_.begin(), loading_.end(), oid) == loading_.end())
-            break;
+        if (std::find(loading_.begin(), loading_.end(), oid) == loading_.end()) break;
         loadEnded_.wait(lock); // whatever it came to: look again
     }
     const LoadInFlight inFlight(*this, oid, lock);
     lock.unlock();
     const ptr<IPersistable> p = SyncLoadObject(oid);
     lock.lock();
-    if (!p)
-        return null;
+    if (!p) return null;
     QX_ASSERT(p.m_table);
     map_[oid] = p;
     return p;
@@ -96,8 +91,7 @@ bool ROT::AddResidentObject(OID oid, ptr<IPersistable> po) {
     QX_ASSERT(po.m_table);
     QX_ASSERT(HasLock());
     ptr<IPersistable>& entry = map_[oid];
-    if (entry.m_self && entry.m_table)
-        return false;
+    if (entry.m_self && entry.m_table) return false;
     entry = po;
     return true;
 }

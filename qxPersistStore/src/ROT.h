@@ -75,9 +75,9 @@ private:
     std::mutex mutex_[16];
     MAP map_;
 
-    mutable std::mutex tableMutex_;        // leaf lock; taken by holders of a shared CSpace lock only
-    std::condition_variable loadEnded_;    // with tableMutex_
-    std::vector<OID> loading_;             // loads under way among readers; guarded by tableMutex_
+    mutable std::mutex tableMutex_;     // leaf lock; taken by holders of a shared CSpace lock only
+    std::condition_variable loadEnded_; // with tableMutex_
+    std::vector<OID> loading_;          // loads under way among readers; guarded by tableMutex_
 };
 
 } // namespace quna

@@ -19,8 +19,7 @@ AllocateOidsReachablePrefVisitor::AllocateOidsReachablePrefVisitor(PSpace* pspac
 
 void AllocateOidsReachablePrefVisitor::VisitPref(const prefbase& pref) {
     const ptr<IPersistable> po = pref.GetTransient();
-    if (!po)
-        return;
+    if (!po) return;
     QX_ASSERT(!GetOid(po));
     m_pspace->SetAffiliateOidLow(m_affiliateOidLow);
     m_pspace->MakeObjectPersist(po, true);
@@ -30,8 +29,7 @@ void AllocateOidsReachablePrefVisitor::VisitPref(const prefbase& pref) {
 void AllocateOidsReachablePrefVisitor::VisitParentPref(const prefbase&) {}
 
 void PermanentlyDeleteReachablePrefVisitor::VisitPref(const prefbase& pref) {
-    if (const ptr<IPersistable> po = pref.Get())
-        m_pspace->AsyncPermanentlyDeleteSubTree(po);
+    if (const ptr<IPersistable> po = pref.Get()) m_pspace->AsyncPermanentlyDeleteSubTree(po);
 }
 
 void PermanentlyDeleteReachablePrefVisitor::VisitParentPref(const prefbase&) {}

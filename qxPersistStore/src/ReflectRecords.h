@@ -19,8 +19,7 @@ namespace quna {
 template <std::size_t N>
 struct FixedText {
     constexpr FixedText(const char (&chars)[N]) { // NOLINT(google-explicit-constructor): a literal is a text
-        for (std::size_t i = 0; i < N; ++i)
-            text[i] = chars[i];
+        for (std::size_t i = 0; i < N; ++i) text[i] = chars[i];
     }
     char text[N] = {};
 };
@@ -51,6 +50,7 @@ template <auto F, FixedText NAME, FixedText... ARGS>
 inline constexpr ReflectedMethod METHOD = DescribeMethod<F>(NAME.text, detail::ArgumentsOf<F, ARGS...>::ARGS);
 
 template <auto F, FixedText NAME, FixedText... ARGS>
-inline constexpr ReflectedGlobalFunction FUNCTION = DescribeFunction<F>(NAME.text, detail::ArgumentsOf<F, ARGS...>::ARGS);
+inline constexpr ReflectedGlobalFunction FUNCTION = DescribeFunction<F>(NAME.text,
+                                                                        detail::ArgumentsOf<F, ARGS...>::ARGS);
 
 } // namespace quna

@@ -29,22 +29,24 @@ constexpr const ReflectedGlobalFunction& RECORD_OF_ObjectsBelongToDifferentPSpac
     FUNCTION<&ObjectsBelongToDifferentPSpaces, "quna::ObjectsBelongToDifferentPSpaces", "po1", "po2">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_ObjectsBelongToDifferentPersistStores =
     FUNCTION<&ObjectsBelongToDifferentPersistStores, "quna::ObjectsBelongToDifferentPersistStores", "po1", "po2">;
-constexpr const ReflectedGlobalFunction& RECORD_OF_GetOid =
-    FUNCTION<&GetOid, "quna::GetOid", "po">;
+constexpr const ReflectedGlobalFunction& RECORD_OF_GetOid = FUNCTION<&GetOid, "quna::GetOid", "po">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_AddPSpaceRoot =
     FUNCTION<&AddPSpaceRoot, "quna::AddPSpaceRoot", "name", "root">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_AsyncBindObjectInMemoryGivenOid =
     FUNCTION<&AsyncBindObjectInMemoryGivenOid, "quna::AsyncBindObjectInMemoryGivenOid", "oid">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_AsyncPermanentlyDeleteObject =
-    FUNCTION<static_cast<void (*)(ptr<IPersistable>)>(&AsyncPermanentlyDeleteObject), "quna::AsyncPermanentlyDeleteObject", "obj">;
+    FUNCTION<static_cast<void (*)(ptr<IPersistable>)>(&AsyncPermanentlyDeleteObject),
+             "quna::AsyncPermanentlyDeleteObject", "obj">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_AsyncPermanentlyDeleteSubTree =
-    FUNCTION<static_cast<void (*)(ptr<IPersistable>)>(&AsyncPermanentlyDeleteSubTree), "quna::AsyncPermanentlyDeleteSubTree", "obj">;
+    FUNCTION<static_cast<void (*)(ptr<IPersistable>)>(&AsyncPermanentlyDeleteSubTree),
+             "quna::AsyncPermanentlyDeleteSubTree", "obj">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_BindObjectGivenOid =
     FUNCTION<&BindObjectGivenOid, "quna::BindObjectGivenOid", "oid">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_BindObjectInMemoryGivenOid =
     FUNCTION<&BindObjectInMemoryGivenOid, "quna::BindObjectInMemoryGivenOid", "oid">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_DeclareReachable =
-    FUNCTION<static_cast<void (*)(ptr<const IPersistable>, ptr<const IPersistable>, bool)>(&DeclareReachable), "quna::DeclareReachable", "parent", "child", "trace">;
+    FUNCTION<static_cast<void (*)(ptr<const IPersistable>, ptr<const IPersistable>, bool)>(&DeclareReachable),
+             "quna::DeclareReachable", "parent", "child", "trace">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_GetAssociatedPSpace =
     FUNCTION<&GetAssociatedPSpace, "quna::GetAssociatedPSpace", "po">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_GetPSpaceOfCSpace =
@@ -64,15 +66,18 @@ constexpr const ReflectedGlobalFunction& RECORD_OF_RemovePSpaceRoot =
 constexpr const ReflectedGlobalFunction& RECORD_OF_SetThreadPSpace =
     FUNCTION<&SetThreadPSpace, "quna::SetThreadPSpace", "p">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_SyncPermanentlyDeleteObject =
-    FUNCTION<static_cast<void (*)(ptr<IPersistable>)>(&SyncPermanentlyDeleteObject), "quna::SyncPermanentlyDeleteObject", "obj">;
+    FUNCTION<static_cast<void (*)(ptr<IPersistable>)>(&SyncPermanentlyDeleteObject),
+             "quna::SyncPermanentlyDeleteObject", "obj">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_SyncPermanentlyDeleteSubTree =
-    FUNCTION<static_cast<void (*)(ptr<IPersistable>)>(&SyncPermanentlyDeleteSubTree), "quna::SyncPermanentlyDeleteSubTree", "obj">;
+    FUNCTION<static_cast<void (*)(ptr<IPersistable>)>(&SyncPermanentlyDeleteSubTree),
+             "quna::SyncPermanentlyDeleteSubTree", "obj">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_TryBindObjectGivenOid =
     FUNCTION<&TryBindObjectGivenOid, "quna::TryBindObjectGivenOid", "oid">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_ClosePSpaceTxn =
     FUNCTION<&ClosePSpaceTxn, "quna::ClosePSpaceTxn", "txn">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_OpenPSpace =
-    FUNCTION<static_cast<PSpace* (*)(PersistStore*, ConstStringZ, EOpenMode, CSpace*)>(&OpenPSpace), "quna::OpenPSpace", "ps", "name", "openMode", "cspace">;
+    FUNCTION<static_cast<PSpace* (*)(PersistStore*, ConstStringZ, EOpenMode, CSpace*)>(&OpenPSpace), "quna::OpenPSpace",
+             "ps", "name", "openMode", "cspace">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_OpenPSpaceTxn =
     FUNCTION<&OpenPSpaceTxn, "quna::OpenPSpaceTxn", "mode">;
 
@@ -80,13 +85,21 @@ constexpr const ReflectedGlobalFunction& RECORD_OF_OpenPSpaceTxn =
 
 void _Register_GetAssociatedLss(XTarget* target) { Enter<RECORD_OF_GetAssociatedLss>(target); }
 void _Register_GetAssociatedPersistStore(XTarget* target) { Enter<RECORD_OF_GetAssociatedPersistStore>(target); }
-void _Register_ObjectsBelongToDifferentPSpaces(XTarget* target) { Enter<RECORD_OF_ObjectsBelongToDifferentPSpaces>(target); }
-void _Register_ObjectsBelongToDifferentPersistStores(XTarget* target) { Enter<RECORD_OF_ObjectsBelongToDifferentPersistStores>(target); }
+void _Register_ObjectsBelongToDifferentPSpaces(XTarget* target) {
+    Enter<RECORD_OF_ObjectsBelongToDifferentPSpaces>(target);
+}
+void _Register_ObjectsBelongToDifferentPersistStores(XTarget* target) {
+    Enter<RECORD_OF_ObjectsBelongToDifferentPersistStores>(target);
+}
 void _Register_GetOid(XTarget* target) { Enter<RECORD_OF_GetOid>(target); }
 void _Register_AddPSpaceRoot(XTarget* target) { Enter<RECORD_OF_AddPSpaceRoot>(target); }
-void _Register_AsyncBindObjectInMemoryGivenOid(XTarget* target) { Enter<RECORD_OF_AsyncBindObjectInMemoryGivenOid>(target); }
+void _Register_AsyncBindObjectInMemoryGivenOid(XTarget* target) {
+    Enter<RECORD_OF_AsyncBindObjectInMemoryGivenOid>(target);
+}
 void _Register_AsyncPermanentlyDeleteObject(XTarget* target) { Enter<RECORD_OF_AsyncPermanentlyDeleteObject>(target); }
-void _Register_AsyncPermanentlyDeleteSubTree(XTarget* target) { Enter<RECORD_OF_AsyncPermanentlyDeleteSubTree>(target); }
+void _Register_AsyncPermanentlyDeleteSubTree(XTarget* target) {
+    Enter<RECORD_OF_AsyncPermanentlyDeleteSubTree>(target);
+}
 void _Register_BindObjectGivenOid(XTarget* target) { Enter<RECORD_OF_BindObjectGivenOid>(target); }
 void _Register_BindObjectInMemoryGivenOid(XTarget* target) { Enter<RECORD_OF_BindObjectInMemoryGivenOid>(target); }
 void _Register_DeclareReachable(XTarget* target) { Enter<RECORD_OF_DeclareReachable>(target); }
@@ -94,7 +107,9 @@ void _Register_GetAssociatedPSpace(XTarget* target) { Enter<RECORD_OF_GetAssocia
 void _Register_GetPSpaceOfCSpace(XTarget* target) { Enter<RECORD_OF_GetPSpaceOfCSpace>(target); }
 void _Register_GetPSpaceRoot(XTarget* target) { Enter<RECORD_OF_GetPSpaceRoot>(target); }
 void _Register_GetThreadPSpace(XTarget* target) { Enter<RECORD_OF_GetThreadPSpace>(target); }
-void _Register_MarkPersistentAsDirtyWithoutTrace(XTarget* target) { Enter<RECORD_OF_MarkPersistentAsDirtyWithoutTrace>(target); }
+void _Register_MarkPersistentAsDirtyWithoutTrace(XTarget* target) {
+    Enter<RECORD_OF_MarkPersistentAsDirtyWithoutTrace>(target);
+}
 void _Register_OnGarbageCollectPersistable(XTarget* target) { Enter<RECORD_OF_OnGarbageCollectPersistable>(target); }
 void _Register_OpenPersistStore(XTarget* target) { Enter<RECORD_OF_OpenPersistStore>(target); }
 void _Register_RemovePSpaceRoot(XTarget* target) { Enter<RECORD_OF_RemovePSpaceRoot>(target); }

@@ -93,7 +93,8 @@ constexpr ReflectedMethod PSPACE_METHODS[] = {
     METHOD<&PSpace::GetCSpace, "GetCSpace">,
     METHOD<&PSpace::GetPersistStore, "GetPersistStore">,
     METHOD<&PSpace::GetName, "GetName">,
-    METHOD<static_cast<void (PSpace::*)(bool)>(&PSpace::WriteDirtyObjectsToLss), "WriteDirtyObjectsToLss", "flushToDisk">,
+    METHOD<static_cast<void (PSpace::*)(bool)>(&PSpace::WriteDirtyObjectsToLss), "WriteDirtyObjectsToLss",
+           "flushToDisk">,
     METHOD<&PSpace::MarkPersistableAsDirtyWithoutTrace, "MarkPersistableAsDirtyWithoutTrace", "po">,
     METHOD<&PSpace::BindObject, "BindObject", "oid">,
     METHOD<&PSpace::BindObjectIfMemoryResident, "BindObjectIfMemoryResident", "oid">,
@@ -122,7 +123,8 @@ constexpr ReflectedMethod PSPACE_METHODS[] = {
     METHOD<&PSpace::SyncPermanentlyDeleteObject, "SyncPermanentlyDeleteObject", "obj">,
 };
 
-constinit const ReflectedClass PERSISTSTORE = ClassWithMethods<PersistStore>("quna::PersistStore", PERSISTSTORE_METHODS);
+constinit const ReflectedClass PERSISTSTORE =
+    ClassWithMethods<PersistStore>("quna::PersistStore", PERSISTSTORE_METHODS);
 constinit const ReflectedClass PERSISTSTORETXN =
     ClassWithMethods<PersistStoreTxn>("quna::PersistStoreTxn", PERSISTSTORETXN_METHODS);
 constinit const ReflectedClass PSPACE = ClassWithMethods<PSpace>("quna::PSpace", PSPACE_METHODS);
@@ -171,7 +173,8 @@ constexpr ReflectedClass MAsyncBindClass() {
 constinit const ReflectedClass LSSSETTINGS = Structure<LssSettings>("quna::LssSettings", LSSSETTINGS_FIELDS);
 constinit const ReflectedClass PERSISTSTORESETTINGS =
     Structure<PersistStoreSettings>("quna::PersistStoreSettings", PERSISTSTORESETTINGS_FIELDS);
-constinit const ReflectedClass PSPACELOCKMODE = Structure<PSpaceLockMode>("quna::PSpaceLockMode", PSPACELOCKMODE_FIELDS);
+constinit const ReflectedClass PSPACELOCKMODE =
+    Structure<PSpaceLockMode>("quna::PSpaceLockMode", PSPACELOCKMODE_FIELDS);
 constinit const ReflectedClass MASYNCBIND = MAsyncBindClass();
 
 // ---- Enums, typedefs, interfaces ------------------------------------------------------------------------------------
@@ -226,9 +229,7 @@ void Enter(const ReflectedInterface& ri, XTarget* target) {
     QX_ASSERT(RegisterReflectedInterface(&ri, target) == NSE_OK);
 }
 void Enter(const ReflectedEnum& re, XTarget* target) { QX_ASSERT(RegisterReflectedEnum(&re, target) == NSE_OK); }
-void Enter(const ReflectedTypedef& rt, XTarget* target) {
-    QX_ASSERT(RegisterReflectedTypedef(&rt, target) == NSE_OK);
-}
+void Enter(const ReflectedTypedef& rt, XTarget* target) { QX_ASSERT(RegisterReflectedTypedef(&rt, target) == NSE_OK); }
 
 } // namespace
 

@@ -40,12 +40,10 @@ const ResidentTable::Shard& ResidentTable::ShardOf(uint64 hash) const { return m
 ResidentTable::const_iterator ResidentTable::find(OID oid) const {
     const uint64 hash = Hash(oid);
     const Shard& shard = ShardOf(hash);
-    if (shard.capacity == 0)
-        return nullptr;
+    if (shard.capacity == 0) return nullptr;
     for (ssize_t slot = HomeSlot(oid, hash, shard.capacity); shard.slots[slot].first.value_ != 0;
          slot = NextSlot(slot, shard.capacity)) {
-        if (shard.slots[slot].first == oid)
-            return &shard.slots[slot];
+        if (shard.slots[slot].first == oid) return &shard.slots[slot];
     }
     return nullptr;
 }
@@ -53,12 +51,10 @@ ResidentTable::const_iterator ResidentTable::find(OID oid) const {
 ptr<IPersistable>& ResidentTable::operator[](OID oid) {
     const uint64 hash = Hash(oid);
     Shard& shard = ShardOf(hash);
-    if ((shard.size + 1) * 4 > shard.capacity * 3)
-        Grow(shard);
+    if ((shard.size + 1) * 4 > shard.capacity * 3) Grow(shard);
     ssize_t slot = HomeSlot(oid, hash, shard.capacity);
     for (; shard.slots[slot].first.value_ != 0; slot = NextSlot(slot, shard.capacity)) {
-        if (shard.slots[slot].first == oid)
-            return shard.slots[slot].second;
+        if (shard.slots[slot].first == oid) return shard.slots[slot].second;
     }
     shard.slots[slot].first = oid;
     ++shard.size;
@@ -71,11 +67,9 @@ void ResidentTable::Grow(Shard& shard) {
     std::unique_ptr<value_type[]> slots(new value_type[static_cast<std::size_t>(capacity)]);
     for (ssize_t i = 0; i < shard.capacity; ++i) {
         const value_type& entry = shard.slots[i];
-        if (entry.first.value_ == 0)
-            continue;
+        if (entry.first.value_ == 0) continue;
         ssize_t slot = HomeSlot(entry.first, capacity);
-        while (slots[slot].first.value_ != 0)
-            slot = NextSlot(slot, capacity);
+        while (slots[slot].first.value_ != 0) slot = NextSlot(slot, capacity);
         slots[slot] = entry;
     }
     shard.slots = std::move(slots);
@@ -86,8 +80,7 @@ ssize_t ResidentTable::erase(OID oid) {
     const uint64 hash = Hash(oid);
     Shard& shard = ShardOf(hash);
     const_iterator found = find(oid);
-    if (!found)
-        return 0;
+    if (!found) return 0;
     ssize_t hole = found - shard.slots.get();
     // Move back every follower of the run that may stand in the hole: its home lies cyclically at or before it.
     for (ssize_t slot = NextSlot(hole, shard.capacity); shard.slots[slot].first.value_ != 0;
@@ -117,8 +110,7 @@ std::vector<ResidentTable::value_type> ResidentTable::SortedEntries() const {
     for (ssize_t i = 0; i < NUM_SHARDS; ++i) {
         const Shard& shard = m_shards[i];
         for (ssize_t slot = 0; slot < shard.capacity; ++slot) {
-            if (shard.slots[slot].first.value_ != 0)
-                entries.push_back(shard.slots[slot]);
+            if (shard.slots[slot].first.value_ != 0) entries.push_back(shard.slots[slot]);
         }
     }
     std::sort(entries.begin(), entries.end(),

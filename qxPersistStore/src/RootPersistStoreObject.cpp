@@ -32,14 +32,12 @@ InputArchive RootPersistStoreObject::Deserialise(InputArchive ar, ClassNameTrans
     m_dirty.store(renamed, std::memory_order_relaxed);
     ar = ar >> m_oidHighForOidAllocations;
     QX_ASSERT(m_oidHighForOidAllocations);
-    if (schema > 1)
-        ar = m_typeOpsMap.Deserialise(ar);
+    if (schema > 1) ar = m_typeOpsMap.Deserialise(ar);
     return ar;
 }
 
 void RootPersistStoreObject::WriteIfDirty(ILssTransaction& txn) const {
-    if (!m_dirty.load(std::memory_order_acquire))
-        return;
+    if (!m_dirty.load(std::memory_order_acquire)) return;
     DirtyFlagScope dirty(m_dirty);
     AutoCloser<ICloseableOutputStream> os(txn.WriteSerialElement(ROOT_PERSISTSTORE_OBJECT_SEID));
     {
@@ -52,18 +50,15 @@ void RootPersistStoreObject::WriteIfDirty(ILssTransaction& txn) const {
 
 void RootPersistStoreObject::Read(ILogStructuredStore& lss, ClassNameTranslationTable const* table) {
     AutoCloser<IContiguousSerialElement> se(lss.OpenSerialElement(ROOT_PERSISTSTORE_OBJECT_SEID));
-    if (!se)
-        throw QunaSystemException("PersistStore is missing root object");
+    if (!se) throw QunaSystemException("PersistStore is missing root object");
     const ReadOnlyBuffer rob = se->GetBuffer();
     {
         const RecordLimitsScope limits(rob.buffer, rob.buffer + rob.size);
         const InputArchive end = Deserialise(rob.buffer, table);
-        if (end != rob.buffer + rob.size)
-            throw QunaSystemException("PersistStore root object is corupt");
+        if (end != rob.buffer + rob.size) throw QunaSystemException("PersistStore root object is corupt");
     }
     se.Close();
-    if (!m_dirty.load(std::memory_order_relaxed))
-        return;
+    if (!m_dirty.load(std::memory_order_relaxed)) return;
     AutoCloser<ILssTransaction> txn(lss.OpenTransaction());
     WriteIfDirty(*txn);
     txn.Close();

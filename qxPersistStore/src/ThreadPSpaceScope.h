@@ -24,10 +24,8 @@ public:
 
     // The thread's former pair must not name what ends within the scope.
     void Forget(const PSpace* pspace, const CSpace* cspace) {
-        if (m_savedPSpace == pspace)
-            m_savedPSpace = nullptr;
-        if (m_savedCSpace == cspace)
-            m_savedCSpace = nullptr;
+        if (m_savedPSpace == pspace) m_savedPSpace = nullptr;
+        if (m_savedCSpace == cspace) m_savedCSpace = nullptr;
     }
 
 private:

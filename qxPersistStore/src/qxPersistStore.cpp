@@ -2,10 +2,12 @@
 #include "qxObject/PrefHooks.h"
 #include "qxObject/RegisterProject.h"
 #include "qxObject/Registry.h"
+#include "qxObject/TypeOpsArrays.h"
 #include "qxPersistStore/IPersistStore.h"
 #include "qxPersistStore/pref.h"
 #include "qxPersistStore/src/ReflectedFunctions.h"
 #include "qxPersistStore/src/ReflectedStoreClasses.h"
+#include "qxUtils/xvector.h"
 
 namespace quna {
 
@@ -82,6 +84,7 @@ void _Register_qxPersistStore0() {
     g_SerialisePref = &SerialisePref;
     g_DeserialisePref = &DeserialisePref;
     g_PrefTypeOps = _GetTypeOps(static_cast<const prefbase*>(nullptr));
+    g_PrefVectorTypeOps = &GetTypeOps<xvector<prefbase>>();
 }
 
 void _Register_qxPersistStore1() { Quna_Core_qxPersistStore_GetXTarget(); }
@@ -89,19 +92,16 @@ void _Register_qxPersistStore1() { Quna_Core_qxPersistStore_GetXTarget(); }
 } // namespace
 
 XTarget* Quna_Core_qxPersistStore_GetXTarget() {
-    if (!s_xTarget)
-        s_xTarget = RegisterTarget(s_dsTarget);
+    if (!s_xTarget) s_xTarget = RegisterTarget(s_dsTarget);
     return s_xTarget;
 }
 
 extern "C" void Register_Project_qxPersistStore() {
     static constinit bool s_called = false;
-    if (s_called)
-        return;
+    if (s_called) return;
     s_called = true;
     Register_Project_qxObject();
-    for (const RegisterItemFn registerItem : REGISTER_ITEMS)
-        registerItem(Quna_Core_qxPersistStore_GetXTarget());
+    for (const RegisterItemFn registerItem : REGISTER_ITEMS) registerItem(Quna_Core_qxPersistStore_GetXTarget());
     _Register_qxPersistStore0();
     _Register_qxPersistStore1();
 }
@@ -109,8 +109,7 @@ extern "C" void Register_Project_qxPersistStore() {
 // What is registered stays registered; the two flags are separate, so that a second registration is not permitted.
 extern "C" void Unregister_Project_qxPersistStore() {
     static constinit bool s_called = false;
-    if (s_called)
-        return;
+    if (s_called) return;
     s_called = true;
     Unregister_Project_qxObject();
 }

@@ -24,36 +24,31 @@ BaseArchiveOut::BaseArchiveOut(IOutputStream* oStream) // NOLINT(cppcoreguidelin
     : m_pos(m_writeBuffer), m_oStream(oStream), m_uncaughtAtConstruction(std::uncaught_exceptions()) {}
 
 BaseArchiveOut::~BaseArchiveOut() noexcept(false) {
-    if (m_oStream && NumBufferedWrites() > 0 && std::uncaught_exceptions() <= m_uncaughtAtConstruction)
-        FlushBuffer();
+    if (m_oStream && NumBufferedWrites() > 0 && std::uncaught_exceptions() <= m_uncaughtAtConstruction) FlushBuffer();
 }
 
 void BaseArchiveOut::FlushBuffer() {
     const ssize_t n = NumBufferedWrites();
-    if (m_oStream && n > 0)
-        m_oStream->WriteStream(m_writeBuffer, n);
+    if (m_oStream && n > 0) m_oStream->WriteStream(m_writeBuffer, n);
     m_numBytesWrittenToStream += n;
     m_pos = m_writeBuffer;
 }
 
 void BaseArchiveOut::Flush() {
     FlushBuffer();
-    if (m_oStream)
-        m_oStream->FlushStream();
+    if (m_oStream) m_oStream->FlushStream();
 }
 
 void BaseArchiveOut::Write(const void* bytes, ssize_t n) {
     QX_ASSERT(n >= 0);
     if (n <= ARCHIVE_BUFSIZE - NumBufferedWrites()) {
-        if (n > 0)
-            std::memcpy(m_pos, bytes, Bytes(n));
+        if (n > 0) std::memcpy(m_pos, bytes, Bytes(n));
         m_pos += n;
         return;
     }
     FlushBuffer();
     if (n >= ARCHIVE_BUFSIZE) { // no gain from a copy
-        if (m_oStream)
-            m_oStream->WriteStream(bytes, n);
+        if (m_oStream) m_oStream->WriteStream(bytes, n);
         m_numBytesWrittenToStream += n;
         return;
     }
@@ -69,8 +64,7 @@ ssize_t BaseArchiveOut::WriteStream(IInputStream* stream, ssize_t n) {
     octet_t bytes[ARCHIVE_BUFSIZE];
     while (numCopied < n) {
         const ssize_t numRead = stream->ReadStream(bytes, std::min(ARCHIVE_BUFSIZE, n - numCopied));
-        if (numRead <= 0)
-            break;
+        if (numRead <= 0) break;
         Write(bytes, numRead);
         numCopied += numRead;
     }
@@ -88,8 +82,7 @@ ssize_t BaseArchiveIn::TryRead(void* bytes, ssize_t n) {
     ssize_t numRead = numBuffered;
     while (numRead < n && m_iStream) {
         const ssize_t got = m_iStream->ReadStream(out + numRead, n - numRead);
-        if (got <= 0)
-            break;
+        if (got <= 0) break;
         numRead += got;
     }
     return numRead;
@@ -98,8 +91,9 @@ ssize_t BaseArchiveIn::TryRead(void* bytes, ssize_t n) {
 void BaseArchiveIn::Read(void* bytes, ssize_t n) {
     const ssize_t numRead = TryRead(bytes, n);
     if (numRead != n)
-        throw RecordException(("Stream too short: " + std::to_string(n) + " bytes expected, " +
-                               std::to_string(numRead) + " found").c_str());
+        throw RecordException(
+            ("Stream too short: " + std::to_string(n) + " bytes expected, " + std::to_string(numRead) + " found")
+                .c_str());
 }
 
 void BaseArchiveIn::InsertAtFront(const void* bytes, ssize_t n) {

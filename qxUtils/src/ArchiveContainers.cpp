@@ -10,8 +10,9 @@ namespace {
 
 void CheckAllocationSize(ssize_t n) {
     if (n > MAX_ALLOCATION_SIZE)
-        throw RecordException(("Item of " + std::to_string(n) + " bytes, expected at most " +
-                               std::to_string(MAX_ALLOCATION_SIZE)).c_str());
+        throw RecordException(
+            ("Item of " + std::to_string(n) + " bytes, expected at most " + std::to_string(MAX_ALLOCATION_SIZE))
+                .c_str());
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "qxUtils/Exceptions.h"
 
 #include <cerrno>
+
 #include <sys/random.h>
 
 namespace quna {

@@ -25,7 +25,8 @@ void ThrowRecordOverrun(const void* p) {
 }
 
 void ThrowRecordTooShort(const void* p, ssize_t n) {
-    throw RecordException(("Record too short: " + std::to_string(n) + " bytes or elements expected " + Place(p)).c_str());
+    throw RecordException(
+        ("Record too short: " + std::to_string(n) + " bytes or elements expected " + Place(p)).c_str());
 }
 
 } // namespace quna

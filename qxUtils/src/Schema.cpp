@@ -14,7 +14,8 @@ InputArchive DeserialiseSchema(InputArchive ar, int latestSchema, int& schema) {
     ar = DeserialiseVariableLengthUint(ar, stored);
     if (stored < 1 || stored > static_cast<uint32>(latestSchema))
         throw RecordException(("Record has schema " + std::to_string(stored) + ", this library reads 1 to " +
-                               std::to_string(latestSchema) + ": use a newer version of the application").c_str());
+                               std::to_string(latestSchema) + ": use a newer version of the application")
+                                  .c_str());
     schema = static_cast<int>(stored);
     return ar;
 }

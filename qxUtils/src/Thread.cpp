@@ -1,7 +1,8 @@
 #include "qxUtils/Thread.h"
 
-#include <pthread.h>
 #include <string>
+
+#include <pthread.h>
 
 namespace quna {
 

@@ -28,8 +28,7 @@ void ThreadBlockerWhileUsed::Increment() {
 void ThreadBlockerWhileUsed::Decrement() {
     const std::lock_guard lock(mutex_);
     QX_ASSERT(count_ > 0);
-    if (--count_ == 0)
-        condition_.notify_all();
+    if (--count_ == 0) condition_.notify_all();
 }
 
 void ThreadBlockerWhileUsed::Wait() {

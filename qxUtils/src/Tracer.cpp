@@ -45,8 +45,7 @@ TraceSink SetTraceSink(TraceSink sink) {
 TracerX::TracerX() : StringStream(TRACE_CAPACITY) {}
 
 TracerX::~TracerX() noexcept {
-    if (size() > 0)
-        Deliver(c_str(), size());
+    if (size() > 0) Deliver(c_str(), size());
 }
 
 void TraceSwallowedException(ConstStringZ where) noexcept {

@@ -9,19 +9,17 @@ namespace quna {
 
 namespace {
 
-constexpr ssize_t MIN_CAPACITY = 16;                // bytes
-constexpr ssize_t MAX_CAPACITY = ssize_t{1} << 46;  // bytes; above it a size is a mistake, not a wish
+constexpr ssize_t MIN_CAPACITY = 16;               // bytes
+constexpr ssize_t MAX_CAPACITY = ssize_t{1} << 46; // bytes; above it a size is a mistake, not a wish
 
 void CheckCapacity(ssize_t capacity) {
-    if (capacity < 0 || capacity > MAX_CAPACITY)
-        throw std::length_error("quna::VectorOfByte: size out of range");
+    if (capacity < 0 || capacity > MAX_CAPACITY) throw std::length_error("quna::VectorOfByte: size out of range");
 }
 
 } // namespace
 
 VectorOfByte& VectorOfByte::operator=(const VectorOfByte& rhs) {
-    if (this != &rhs)
-        assign(rhs.m_buffer, rhs.size_);
+    if (this != &rhs) assign(rhs.m_buffer, rhs.size_);
     return *this;
 }
 
@@ -52,39 +50,33 @@ ssize_t VectorOfByte::GrownCapacity(ssize_t required) const {
 }
 
 void VectorOfByte::reserve(ssize_t capacity) {
-    if (capacity <= m_capacity)
-        return;
+    if (capacity <= m_capacity) return;
     uint8* buffer = AllocateBuffer(capacity);
-    if (size_ > 0)
-        std::memcpy(buffer, m_buffer, static_cast<std::size_t>(size_));
+    if (size_ > 0) std::memcpy(buffer, m_buffer, static_cast<std::size_t>(size_));
     AdoptBuffer(buffer, capacity);
 }
 
 void VectorOfByte::resize_uninitialised(ssize_t n) {
     CheckCapacity(n);
-    if (n > m_capacity)
-        reserve(GrownCapacity(n));
+    if (n > m_capacity) reserve(GrownCapacity(n));
     SetSize(n);
 }
 
 void VectorOfByte::resize(ssize_t n) {
     const ssize_t oldSize = size_;
     resize_uninitialised(n);
-    if (n > oldSize)
-        std::memset(m_buffer + oldSize, 0, static_cast<std::size_t>(n - oldSize));
+    if (n > oldSize) std::memset(m_buffer + oldSize, 0, static_cast<std::size_t>(n - oldSize));
 }
 
 void VectorOfByte::push_back(uint8 x) {
-    if (size_ == m_capacity)
-        reserve(GrownCapacity(size_ + 1));
+    if (size_ == m_capacity) reserve(GrownCapacity(size_ + 1));
     m_buffer[size_] = x;
     SetSize(size_ + 1);
 }
 
 void VectorOfByte::append(const void* bytes, ssize_t n) {
     CheckCapacity(n);
-    if (n == 0)
-        return;
+    if (n == 0) return;
     const ssize_t newSize = size_ + n;
     if (newSize <= m_capacity) {
         std::memmove(m_buffer + size_, bytes, static_cast<std::size_t>(n));
@@ -93,8 +85,7 @@ void VectorOfByte::append(const void* bytes, ssize_t n) {
     }
     const ssize_t capacity = GrownCapacity(newSize);
     uint8* buffer = AllocateBuffer(capacity);
-    if (size_ > 0)
-        std::memcpy(buffer, m_buffer, static_cast<std::size_t>(size_));
+    if (size_ > 0) std::memcpy(buffer, m_buffer, static_cast<std::size_t>(size_));
     std::memcpy(buffer + size_, bytes, static_cast<std::size_t>(n)); // before the old buffer, perhaps its home, goes
     size_ = newSize;
     AdoptBuffer(buffer, capacity);
@@ -102,8 +93,7 @@ void VectorOfByte::append(const void* bytes, ssize_t n) {
 
 void VectorOfByte::assign(const void* bytes, ssize_t n) {
     if (n <= m_capacity && n >= 0) {
-        if (n > 0)
-            std::memmove(m_buffer, bytes, static_cast<std::size_t>(n));
+        if (n > 0) std::memmove(m_buffer, bytes, static_cast<std::size_t>(n));
         SetSize(n);
         return;
     }

@@ -41,10 +41,8 @@ void xostream::put(const char* text, ssize_t n) {
     const char* const end = text + n;
     while (text != end) {
         const char* lineEnd = std::find(text, end, '\n');
-        if (lineEnd != text && m_atLineStart)
-            m_oStream->WriteStream(blanks.data(), m_indentation);
-        if (lineEnd != end)
-            ++lineEnd;
+        if (lineEnd != text && m_atLineStart) m_oStream->WriteStream(blanks.data(), m_indentation);
+        if (lineEnd != end) ++lineEnd;
         m_oStream->WriteStream(text, lineEnd - text);
         m_atLineStart = lineEnd[-1] == '\n';
         text = lineEnd;
@@ -91,8 +89,7 @@ xostream& operator<<(xostream& os, std::string_view text) {
 xostream& operator<<(xostream& os, const Guid& guid) {
     os << HexNumber(guid.Data1) << '-' << HexNumber(guid.Data2) << '-' << HexNumber(guid.Data3) << '-';
     for (int i = 0; i < 8; ++i) {
-        if (i == 2)
-            os << '-';
+        if (i == 2) os << '-';
         os << HexNumber(guid.Data4[i]);
     }
     return os;
