@@ -1,0 +1,89 @@
+// Checkpoints: the state that recovery starts from.
+#pragma once
+
+#include "qxLss/src/AllocRing.h"
+#include "qxLss/src/Flusher.h"
+#include "qxLss/src/Index.h"
+#include "qxLss/src/SegmentWriter.h"
+#include "qxLss/src/SeidAllocator.h"
+#include "qxLss/src/SpaceManager.h"
+#include "qxLss/src/StoreCore.h"
+#include "qxLss/src/UserLog.h"
+#include "qxUtils/BasicTypes.h"
+#include "qxUtils/Export.h"
+
+#include <mutex>
+#include <set>
+#include <vector>
+
+namespace quna {
+
+// A checkpoint is taken in four steps: (1) with the turn, note the position P in the log, copy the usage table and the
+// horizons, mark the dirty pages of the index; (2) without it, write the pages as they were, bottom up; (3) write horizons
+// and usage table; (4) sync, write the header, durably, and a ring block that names it. Only then are the segments free
+// that nothing needs any more: index segments without a current page, and log segments that held no live packet at P.
+// The latter stand as free in the copy, so that recovery agrees.
+//
+// Ownership: owns the writer of the index segments; borrows the rest.
+// Threads:   Run and ClearCreatingFlag by any thread without the turn; one at a time by m_mutex, which is outside the turn.
+class QX_API Checkpoint final : private IIndexPageSink {
+public:
+    enum class EReason { CREATION, RUNNING, CLEAN_CLOSE };
+
+    Checkpoint(StoreCore& core, SpaceManager& space, UserLog& log, Index& index, Flusher& flusher, AllocRing& ring,
+               SeidAllocator& allocator);
+
+    // At open: the header that was found, and the segments that it names.
+    void Import(const CheckpointHeader& header, const std::vector<ssize_t>& held);
+
+    // Throws FileException or CorruptLSSException; then the store must not write any more (the caller sees to that).
+    void Run(EReason reason);
+    // The store's first transaction has been closed: from now on it counts as created.
+    void ClearCreatingFlag();
+    bool IsBeingCreated() const { return m_isBeingCreated.load(std::memory_order_relaxed); }
+
+    // Has the log grown enough since the last one?
+    bool IsDue() const { return m_log.HandedClock() >= m_dueClock.load(std::memory_order_relaxed); }
+    // Slots that a checkpoint of the present dirty pages takes at most. With the turn.
+    ssize_t SlotsNeeded() const;
+
+private:
+    struct State;
+
+    Location WritePage(uint64 key, const void* payload, ssize_t n) override;
+    void     PageDied(Location l) override;
+
+    void TakePosition(State& state, EReason reason);
+    void TouchSparseSegments();
+    void TouchPagesOf(ssize_t slot);
+    void ReserveForTables(ssize_t numHighs);
+    ssize_t TablePackets() const;
+    void WriteTables(State& state);
+    void AppendEntries(EPacketType type, const void* entries, ssize_t n, ssize_t entryBytes, std::vector<Location>& locations);
+    void BeginSegment();
+    ssize_t TakeIndexSegment();
+    void WriteHeader(State& state, EReason reason);
+    void FreeSegments(const State& state);
+    void ScheduleNext();
+
+    StoreCore&     m_core;
+    SpaceManager&  m_space;
+    UserLog&       m_log;
+    Index&         m_index;
+    Flusher&       m_flusher;
+    AllocRing&     m_ring;
+    SeidAllocator& m_allocator;
+
+    std::mutex            m_mutex;         // guards all below
+    SegmentWriter         m_writer;
+    CheckpointHeader      m_header{};      // the newest durable one
+    std::vector<SutEntry> m_copy;          // of the usage table, of the running checkpoint
+    std::vector<ssize_t>  m_reserved;      // index segments taken, not begun
+    std::set<ssize_t>     m_indexSegments;
+    std::set<ssize_t>     m_held;          // hold the tables that m_header names
+    uint64                m_previousSequence = 0; // of the index stream
+    std::atomic<bool>     m_isBeingCreated{false};
+    std::atomic<uint64>   m_dueClock{0};
+};
+
+} // namespace quna

@@ -1,0 +1,40 @@
+// The thread "Lss clean": checkpoints and growth ahead of need.
+#pragma once
+
+#include "qxUtils/BasicTypes.h"
+#include "qxUtils/Export.h"
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+namespace quna {
+
+// Calls its work whenever it has been woken. What the work throws goes to `failed`.
+//
+// Ownership: owns the thread. Threads: Wake from any thread; Start and Stop by one.
+class QX_API CleanThread {
+public:
+    CleanThread() = default;
+    CleanThread(const CleanThread&) = delete;
+    CleanThread& operator=(const CleanThread&) = delete;
+    ~CleanThread();
+
+    void Start(std::function<void()> work, std::function<void()> failed);
+    void Stop();
+    void Wake();
+
+private:
+    void ThreadMain();
+
+    std::function<void()>   m_work;
+    std::function<void()>   m_failed;      // called inside the catch block
+    std::mutex              m_mutex;       // leaf
+    std::condition_variable m_wake;
+    bool                    m_woken = false; // guarded by m_mutex
+    bool                    m_stop = false;  // guarded by m_mutex
+    std::thread             m_thread;
+};
+
+} // namespace quna

@@ -1,0 +1,234 @@
+#include "qxLss/src/LssStore.h"
+
+#include "qxLss/src/SerialElement.h"
+#include "qxLss/src/UsageCheck.h"
+#include "qxUtils/Assert.h"
+#include "qxUtils/Exceptions.h"
+#include "qxUtils/Tracer.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace quna {
+
+namespace {
+
+constexpr ConstStringZ SOURCE_PATH = "src/LssStore";
+
+// Slots that a transaction finds ready, besides those of a checkpoint.
+constexpr ssize_t SLOTS_FOR_TRANSACTION = 4;
+
+int Saturate(int64 x) { return static_cast<int>(std::clamp<int64>(x, 0, std::numeric_limits<int>::max())); }
+
+} // namespace
+
+LssStore::LssStore(std::unique_ptr<StoreCore> core)
+    : m_core(std::move(core)), m_flusher(*m_core), m_space(*m_core), m_ring(m_core->m_file, m_core->m_storeId),
+      m_allocator(m_ring, [this] { m_flusher.WakeTopUp(); }), m_index(*m_core), m_log(*m_core, m_space, m_flusher),
+      m_checkpoint(*m_core, m_space, m_log, m_index, m_flusher, m_ring, m_allocator),
+      m_transaction(*m_core, m_log, m_index, m_flusher, m_allocator, [this](bool unwinding) { OnTransactionClosed(unwinding); }) {}
+
+LssStore::~LssStore() { StopThreads(); }
+
+// --- opening
+
+void LssStore::LayDown() {
+    m_space.Import(0, 1);
+    m_ring.BeginOwner(0, {}, 1, 1, true);
+    m_checkpoint.Import(CheckpointHeader{}, {});
+    m_log.OpenFresh(0, 0);
+    m_checkpoint.Run(Checkpoint::EReason::CREATION);
+}
+
+void LssStore::Recover(const CheckpointHeader& header) {
+    RecoveredLog log = Recovery(*m_core, m_space, m_index, m_ring).Run(header);
+    m_log.SetLastTransaction(log.lastTransaction);
+    m_checkpoint.Import(header, log.held);
+    if (m_core->m_readOnly) {
+        m_overlayTransaction = std::make_unique<OverlayTransaction>(
+            m_overlay, m_log.Turn(), m_core->m_file.Path().c_str(), [this](Seid seid) { return m_index.Get(seid) != 0; },
+            [this](int64 delta) { m_core->m_counters.liveHead.fetch_add(delta, std::memory_order_relaxed); });
+        return;
+    }
+    std::vector<AllocHorizon> known;
+    for (const HighAllocation& high : log.highs)
+        known.push_back({high.high, high.horizon});
+    m_ring.BeginOwner(header.checkpointSequence, known, log.nextHigh, log.nextSequence, log.clean);
+    m_allocator.Import(log.highs, log.ring, log.clean);
+    if (!log.clean) {
+        m_core->m_counters.numRecoveries.fetch_add(1, std::memory_order_relaxed);
+        m_log.OpenFresh(log.clock, log.end.sequence);
+        m_checkpoint.Run(Checkpoint::EReason::RUNNING);
+        return;
+    }
+    m_flusher.SetDurableClock(log.clock);
+    m_log.Resume(log.end, log.clock);
+    if (m_core->m_settings.forceIncrementMSSN)
+        m_log.LinkToNext();
+}
+
+void LssStore::StartThreads() {
+    if (m_core->m_readOnly)
+        return;
+    Flusher::Hooks hooks;
+    hooks.handOverBuffered = [this] {
+        if (m_core->m_settings.enableFileBuffering) {
+            TurnScope turn(m_log.Turn());
+            m_log.HandOver();
+        }
+    };
+    hooks.topUp = [this] { m_allocator.TopUp(); };
+    m_flusher.Start(std::move(hooks));
+    m_cleanThread.Start([this] { DoBackgroundWork(); }, [this] { m_core->FailWithCurrentException(); });
+}
+
+// --- ending
+
+// The flusher may wait for a turn and the checkpoint for a sync, but neither for the other's end.
+void LssStore::StopThreads() {
+    m_cleanThread.Stop();
+    m_flusher.Stop();
+}
+
+void LssStore::Close() {
+    m_core->ThrowIfForked();
+    QX_ASSERT(!m_log.Turn().IsOwnedByThisThread());
+    StopThreads();
+    if (!m_core->m_readOnly && !m_core->HasFailed()) {
+        try {
+            m_checkpoint.Run(Checkpoint::EReason::CLEAN_CLOSE);
+            m_space.TrimEnd();
+        } catch (...) {
+            m_core->FailWithCurrentException(); // traces; the next open recovers
+        }
+    }
+    delete this;
+}
+
+void LssStore::Abandon() {
+    StopThreads();
+    delete this;
+}
+
+// --- identifiers
+
+void LssStore::ThrowIfReadOnly(ConstStringZ operation) const {
+    if (m_core->m_readOnly)
+        throw FileException((std::string("Can't ") + operation + " in the store '" + m_core->m_file.Path() + "': the store is open read-only").c_str());
+}
+
+SeidHigh LssStore::AllocateSeidHigh() {
+    ThrowIfReadOnly("allocate an identifier");
+    m_core->ThrowIfUnwritable();
+    const SeidHigh high = m_allocator.AllocateSeidHigh();
+    if (m_ring.WantsCheckpoint())
+        m_cleanThread.Wake();
+    return high;
+}
+
+Seid LssStore::AllocateSeid(SeidHigh high) {
+    ThrowIfReadOnly("allocate an identifier");
+    m_core->ThrowIfUnwritable();
+    const Seid seid = m_allocator.AllocateSeid(high);
+    if (m_ring.WantsCheckpoint()) [[unlikely]]
+        m_cleanThread.Wake();
+    return seid;
+}
+
+bool LssStore::AllocateAffiliateSeid(Seid& seid) {
+    ThrowIfReadOnly("allocate an identifier");
+    m_core->ThrowIfUnwritable();
+    const bool found = m_allocator.AllocateAffiliateSeid(seid);
+    if (m_ring.WantsCheckpoint()) [[unlikely]]
+        m_cleanThread.Wake();
+    return found;
+}
+
+// --- elements and transactions
+
+IContiguousSerialElement* LssStore::OpenSerialElement(Seid seid) {
+    m_core->ThrowIfForked();
+    if (!m_overlay.IsEmpty()) {
+        Overlay::Bytes bytes;
+        if (m_overlay.Find(seid, bytes))
+            return bytes ? new OverlayElement(std::move(bytes)) : nullptr;
+    }
+    return SerialElement::Open(*m_core, m_index, seid);
+}
+
+ILssTransaction* LssStore::OpenTransaction() {
+    m_core->ThrowIfUnwritable();
+    QX_ASSERT(!m_log.Turn().IsOwnedByThisThread());
+    m_log.Turn().Acquire();
+    if (m_core->m_readOnly) {
+        m_overlayTransaction->Open();
+        return m_overlayTransaction.get();
+    }
+    try {
+        const std::string kept = m_transaction.TakeKeptFailure();
+        if (!kept.empty())
+            throw FileException(kept.c_str());
+        m_core->ThrowIfUnwritable();
+        m_space.EnsureReady(SLOTS_FOR_TRANSACTION + m_checkpoint.SlotsNeeded());
+        m_transaction.Open();
+    } catch (...) {
+        m_log.Turn().Release();
+        throw;
+    }
+    return &m_transaction;
+}
+
+void LssStore::OnTransactionClosed(bool unwinding) {
+    if (m_checkpoint.IsBeingCreated() && !unwinding && m_log.HandedClock() > static_cast<uint64>(SEGMENT_HEADER_BYTES)) [[unlikely]]
+        m_checkpoint.ClearCreatingFlag();
+    if (m_checkpoint.IsDue() || m_space.IsShort()) [[unlikely]]
+        m_cleanThread.Wake();
+}
+
+void LssStore::DoBackgroundWork() {
+    if (m_core->HasFailed())
+        return;
+    if (m_checkpoint.IsDue() || m_ring.WantsCheckpoint())
+        m_checkpoint.Run(Checkpoint::EReason::RUNNING);
+    m_space.GrowAhead();
+}
+
+void LssStore::Flush() {
+    ThrowIfReadOnly("flush");
+    m_core->ThrowIfUnwritable();
+    if (m_core->m_settings.enableFileBuffering) {
+        QX_ASSERT(!m_log.Turn().IsOwnedByThisThread());
+        TurnScope turn(m_log.Turn());
+        m_log.HandOver();
+    }
+    m_flusher.SyncHandedOver();
+}
+
+void LssStore::GetStats(LssStats& stats) {
+    m_core->ThrowIfForked();
+    const StoreCounters& c = m_core->m_counters;
+    const int64 heads = c.liveHead.load(std::memory_order_relaxed);
+    const int64 parts = c.liveOverflow.load(std::memory_order_relaxed);
+    const int64 pages = c.liveIndex.load(std::memory_order_relaxed);
+    stats.numCheckPoints = Saturate(c.numCheckpoints.load(std::memory_order_relaxed));
+    stats.numRecoveries = Saturate(c.numRecoveries.load(std::memory_order_relaxed));
+    stats.numTransactions = c.numTransactions.load(std::memory_order_relaxed);
+    stats.segmentSize = static_cast<int>(m_core->m_segmentSize);
+    stats.fileSize = m_core->m_file.Size();
+    stats.utilisation = c.liveBytes.load(std::memory_order_relaxed);
+    stats.numLiveHeadPackets = Saturate(heads);
+    stats.numLiveOverflowPackets = Saturate(parts);
+    stats.numLiveRPMPackets = Saturate(pages);
+    stats.numObsoletePackets = Saturate(c.packets.load(std::memory_order_relaxed) - heads - parts - pages);
+}
+
+// --- inside looks
+
+void LssStore::CheckpointForTest() { m_checkpoint.Run(Checkpoint::EReason::RUNNING); }
+
+void LssStore::Validate() {
+    TurnScope turn(m_log.Turn());
+    CheckUsage(*m_core, m_index, m_space.NumSlots());
+}
+
+} // namespace quna

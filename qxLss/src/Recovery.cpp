@@ -1,0 +1,339 @@
+#include "qxLss/src/Recovery.h"
+
+#include "qxLss/CorruptLSSException.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace quna {
+
+namespace {
+
+constexpr uint64 SEQUENCE_JUMP = uint64{1} << 32;
+
+bool IsValidSegmentSize(uint64 n) {
+    return n >= static_cast<uint64>(MIN_TEST_SEGMENT_SIZE) && n <= static_cast<uint64>(MAX_SEGMENT_SIZE) && (n & (n - 1)) == 0;
+}
+
+enum class EHeaderState { MISSING, FOREIGN, NEWER, BROKEN, VALID };
+
+EHeaderState ReadHeader(File& file, int64 offset, CheckpointHeader& header) {
+    header = CheckpointHeader{};
+    const ssize_t n = file.ReadUpTo(offset, &header, sizeof header);
+    if (n < static_cast<ssize_t>(sizeof header.magic) + 4)
+        return EHeaderState::MISSING;
+    if (std::memcmp(header.magic, CHECKPOINT_MAGIC, sizeof header.magic) != 0)
+        return EHeaderState::FOREIGN;
+    if (header.version > FORMAT_VERSION)
+        return EHeaderState::NEWER;
+    if (n < static_cast<ssize_t>(sizeof header) || header.crc != Crc32c(&header, offsetof(CheckpointHeader, crc)) ||
+        header.version != FORMAT_VERSION || !IsValidSegmentSize(header.segmentSize) ||
+        HeaderOffset(header.checkpointSequence) != offset)
+        return EHeaderState::BROKEN;
+    return EHeaderState::VALID;
+}
+
+// The newer of two header places; VALID if there is a valid one.
+EHeaderState ChooseHeader(File& file, CheckpointHeader& newest) {
+    CheckpointHeader a{};
+    CheckpointHeader b{};
+    const EHeaderState stateA = ReadHeader(file, 0, a);
+    const EHeaderState stateB = ReadHeader(file, 4096, b);
+    const bool useB = stateB == EHeaderState::VALID && (stateA != EHeaderState::VALID || b.checkpointSequence > a.checkpointSequence);
+    newest = useB ? b : a;
+    if (stateA == EHeaderState::NEWER || stateB == EHeaderState::NEWER) {
+        newest = stateA == EHeaderState::NEWER ? a : b;
+        return EHeaderState::NEWER;
+    }
+    return std::max(stateA, stateB);
+}
+
+} // namespace
+
+CheckpointHeader ReadNewestHeader(const StoreCore& core, File& file) {
+    CheckpointHeader header{};
+    const int64 size = file.Size();
+    const EHeaderState state = ChooseHeader(file, header);
+    switch (state) {
+    case EHeaderState::VALID:
+        return header;
+    case EHeaderState::MISSING:
+        ThrowCorrupt(core, size == 0 ? std::string("the file is empty")
+                                     : "the file has only " + std::to_string(size) + " bytes and no header");
+    case EHeaderState::FOREIGN:
+        ThrowCorrupt(core, "the file does not begin as a store does; it is no store, or its header is lost");
+    case EHeaderState::NEWER:
+        ThrowCorrupt(core, "the file has format version " + std::to_string(header.version) + ", this library reads versions up to " +
+                               std::to_string(FORMAT_VERSION));
+    case EHeaderState::BROKEN:
+        break;
+    }
+    ThrowCorrupt(core, "neither of the two checkpoint headers is valid");
+}
+
+bool IsCutShortCreation(File& file) {
+    CheckpointHeader header{};
+    return ChooseHeader(file, header) == EHeaderState::VALID && (header.flags & HEADER_FLAG_CREATING);
+}
+
+Recovery::Recovery(StoreCore& core, SpaceManager& space, Index& index, AllocRing& ring)
+    : m_core(core), m_space(space), m_index(index), m_ring(ring), m_segments(*core.m_segments) {}
+
+RecoveredLog Recovery::Run(const CheckpointHeader& header) {
+    m_result.ring = m_ring.Read();
+    if (m_result.ring.newestCheckpoint > header.checkpointSequence)
+        ThrowCorrupt(m_core, "the newest checkpoint header is lost: checkpoint " + std::to_string(m_result.ring.newestCheckpoint) +
+                                 " was completed, the newest valid header is of checkpoint " + std::to_string(header.checkpointSequence));
+    m_result.clean = (header.flags & HEADER_FLAG_CLEAN) && m_ring.VouchesForCleanClose(header.checkpointSequence);
+    m_result.end = {static_cast<ssize_t>(header.startSlot), static_cast<ssize_t>(header.startOffset), header.startSequence};
+    m_result.clock = header.logClock;
+    m_result.lastTransaction = header.lastTransaction;
+    m_result.nextHigh = std::max(header.nextHigh, m_result.ring.nextHigh);
+    m_result.nextSequence = header.nextSegmentSequence;
+    if (!m_result.clean)
+        m_result.nextSequence = std::max(header.nextSegmentSequence, m_result.ring.sequenceBase) + SEQUENCE_JUMP;
+    LoadTables(header);
+    Walk(header);
+    Finish(header);
+    return std::move(m_result);
+}
+
+// --- the checkpoint's tables
+
+void Recovery::LoadTables(const CheckpointHeader& header) {
+    const std::vector<Location> locations = TableLocations(header);
+    const size_t numHighsPackets = header.numHighsPackets;
+    const auto split = locations.begin() + static_cast<std::ptrdiff_t>(numHighsPackets);
+    const std::vector<octet_t> highs = ReadTable({locations.begin(), split}, EPacketType::HIGHS);
+    const std::vector<octet_t> sut = ReadTable({split, locations.end()}, EPacketType::SUT);
+
+    std::vector<SutEntry> entries(sut.size() / sizeof(SutEntry));
+    std::memcpy(static_cast<void*>(entries.data()), sut.data(), entries.size() * sizeof(SutEntry));
+    FillSegments(header, entries);
+    std::vector<HighsEntry> highsEntries(highs.size() / sizeof(HighsEntry));
+    std::memcpy(static_cast<void*>(highsEntries.data()), highs.data(), highsEntries.size() * sizeof(HighsEntry));
+    if (highsEntries.size() != header.numHighs)
+        ThrowCorrupt(m_core, "the table of high halves has the wrong length");
+    FillIndex(highsEntries);
+}
+
+std::vector<Location> Recovery::TableLocations(const CheckpointHeader& header) {
+    const ssize_t n = static_cast<ssize_t>(header.numHighsPackets) + header.numSutPackets;
+    const octet_t* const stored = reinterpret_cast<const octet_t*>(&header) + offsetof(CheckpointHeader, locations);
+    std::vector<Location> locations;
+    if (!(header.flags & HEADER_FLAG_LIST)) {
+        if (n > CheckpointHeader::MAX_LOCATIONS)
+            ThrowCorrupt(m_core, "the checkpoint header names too many packets");
+        for (ssize_t i = 0; i < n; ++i)
+            locations.push_back(ReadPod<Location>(stored + i * 8));
+        return locations;
+    }
+    for (ssize_t i = 0; i < CheckpointHeader::MAX_LOCATIONS; ++i) {
+        const Location l = ReadPod<Location>(stored + i * 8);
+        if (!l)
+            break;
+        const std::vector<octet_t> list = ReadTablePacket(l, EPacketType::LIST);
+        for (size_t at = 0; at + sizeof(Location) <= list.size(); at += sizeof(Location))
+            locations.push_back(ReadPod<Location>(list.data() + at));
+    }
+    if (static_cast<ssize_t>(locations.size()) != n)
+        ThrowCorrupt(m_core, "the list of a checkpoint's packets has the wrong length");
+    return locations;
+}
+
+std::vector<octet_t> Recovery::ReadTable(const std::vector<Location>& packets, EPacketType type) {
+    std::vector<octet_t> table;
+    for (const Location l : packets) {
+        const std::vector<octet_t> part = ReadTablePacket(l, type);
+        table.insert(table.end(), part.begin(), part.end());
+    }
+    return table;
+}
+
+// The usage table is not known yet, so the segment's own header gives the sequence.
+std::vector<octet_t> Recovery::ReadTablePacket(Location l, EPacketType type) {
+    if (!m_segments.IsInside(l, m_segments.MaxSlots()))
+        ThrowCorrupt(m_core, "the checkpoint header names a packet outside the segments");
+    const ssize_t slot = m_segments.SlotOf(l);
+    SegmentHeader segment{};
+    if (!ReadSegmentHeader(slot, segment))
+        ThrowCorrupt(m_core, "the header of a segment with the checkpoint's tables is not valid", m_segments.OffsetOf(slot));
+    std::vector<octet_t> packet(static_cast<size_t>(LocationBytes(l)));
+    if (m_core.m_file.ReadUpTo(LocationOffset(l), packet.data(), LocationBytes(l)) != LocationBytes(l))
+        ThrowCorrupt(m_core, "the file ends before a table of the checkpoint", LocationOffset(l));
+    const PacketHeader header = ReadPod<PacketHeader>(packet.data());
+    const ssize_t n = PayloadBytes(header.info);
+    if (PacketType(header.info) != type || PacketBytes(header.info) != LocationBytes(l) ||
+        PacketCrc(SegmentCrcSeed(m_core.m_storeId, segment.sequence), m_segments.OffsetIn(l), packet.data(), n) != header.crc)
+        ThrowCorrupt(m_core, "a table of the checkpoint is not valid", LocationOffset(l));
+    m_result.held.push_back(slot);
+    return {packet.begin() + PACKET_HEADER_BYTES, packet.begin() + PACKET_HEADER_BYTES + n};
+}
+
+void Recovery::FillSegments(const CheckpointHeader& header, const std::vector<SutEntry>& entries) {
+    m_numSlots = std::max<ssize_t>(header.numSlots, static_cast<ssize_t>(entries.size()));
+    if (m_numSlots > m_segments.MaxSlots())
+        ThrowCorrupt(m_core, "the checkpoint names more segments than a store can have");
+    StoreCounters& c = m_core.m_counters;
+    c.liveHead.store(static_cast<int64>(header.liveHead));
+    c.liveOverflow.store(static_cast<int64>(header.liveOverflow));
+    c.liveIndex.store(static_cast<int64>(header.liveIndex));
+    c.liveBytes.store(static_cast<int64>(header.liveBytes));
+    c.numCheckpoints.store(static_cast<int64>(header.numCheckpoints));
+    c.numRecoveries.store(static_cast<int64>(header.numRecoveries));
+    c.numTransactions.store(static_cast<int64>(header.numTransactions));
+    int64 packets = 0;
+    for (ssize_t slot = 0; slot < static_cast<ssize_t>(entries.size()); ++slot) {
+        const SutEntry& entry = entries[static_cast<size_t>(slot)];
+        m_segments.SetEntry(slot, entry);
+        if (!entry.sequence)
+            continue;
+        packets += entry.packets;
+        m_segments[slot].crcSeed = SegmentCrcSeed(m_core.m_storeId, entry.sequence);
+        m_segments[slot].base.store(m_core.m_map->At(m_segments.OffsetOf(slot)), std::memory_order_relaxed);
+    }
+    c.packets.store(packets);
+}
+
+void Recovery::FillIndex(const std::vector<HighsEntry>& entries) {
+    for (const HighsEntry& entry : entries) {
+        const Location root = entry.root;
+        if (entry.rootLevel > MAX_INDEX_LEVEL || (root && !m_segments.IsInside(root, m_segments.MaxSlots())))
+            ThrowCorrupt(m_core, "the table of high halves is not well formed");
+        m_result.highs.push_back({entry.high, entry.horizon, entry.nextIncremental, entry.incrementalLeft});
+        m_index.Import(entry.high, root, entry.rootLevel, static_cast<int64>(entry.liveElements));
+    }
+}
+
+void Recovery::Finish(const CheckpointHeader& header) {
+    // Empty index segments that the header does not name were left by a checkpoint that was cut short, or are free since
+    // that header is durable.
+    for (ssize_t slot = 0; slot < m_numSlots; ++slot) {
+        SegmentSlot& s = m_segments[slot];
+        const bool isHeld = std::find(m_result.held.begin(), m_result.held.end(), slot) != m_result.held.end();
+        if (s.sequence && s.kind == ESegmentKind::INDEX && s.livePackets == 0 && !isHeld)
+            m_segments.SetEntry(slot, SutEntry{});
+    }
+    static_cast<void>(header);
+    m_space.Import(m_numSlots, m_result.nextSequence);
+}
+
+// --- segments of the file
+
+bool Recovery::ReadSegmentHeader(ssize_t slot, SegmentHeader& header) {
+    if (m_core.m_file.ReadUpTo(m_segments.OffsetOf(slot), &header, sizeof header) != static_cast<ssize_t>(sizeof header))
+        return false;
+    return std::memcmp(header.magic, SEGMENT_MAGIC, sizeof header.magic) == 0 && header.slot == static_cast<uint32>(slot) &&
+           header.storeIdStart == StoreIdStart(m_core.m_storeId) && header.crc == Crc32c(&header, offsetof(SegmentHeader, crc));
+}
+
+bool Recovery::IsHeaderOf(const SegmentHeader& header, ssize_t slot, uint64 sequence, ESegmentKind kind) const {
+    return header.slot == static_cast<uint32>(slot) && header.sequence == sequence && header.kind == static_cast<uint32>(kind);
+}
+
+bool Recovery::ReadSegment(ssize_t slot, Segment& segment) {
+    if (slot < 0 || slot >= m_segments.MaxSlots())
+        return false;
+    segment.slot = slot;
+    segment.bytes.resize(static_cast<size_t>(m_core.m_segmentSize));
+    segment.size = m_core.m_file.ReadUpTo(m_segments.OffsetOf(slot), segment.bytes.data(), m_core.m_segmentSize);
+    return true;
+}
+
+bool Recovery::PacketAt(const Segment& segment, ssize_t pos, PacketHeader& packet) const {
+    if (pos + PACKET_HEADER_BYTES > segment.size)
+        return false;
+    const octet_t* const bytes = segment.bytes.data() + pos;
+    packet = ReadPod<PacketHeader>(bytes);
+    return pos + PacketBytes(packet.info) <= segment.size &&
+           PacketCrc(segment.crcSeed, static_cast<uint32>(pos), bytes, PayloadBytes(packet.info)) == packet.crc;
+}
+
+// The walk meets a segment that was begun after the checkpoint.
+void Recovery::EnterSegment(ssize_t slot, const SegmentHeader& header) {
+    SegmentSlot& s = m_segments[slot];
+    if (s.sequence == header.sequence)
+        return;
+    if (s.livePackets)
+        ThrowCorrupt(m_core, "a segment was used again although packets in it are live", m_segments.OffsetOf(slot));
+    m_core.m_counters.packets.fetch_sub(s.packets, std::memory_order_relaxed);
+    SutEntry entry{};
+    entry.sequence = header.sequence;
+    entry.kind = static_cast<uint8>(header.kind);
+    entry.ageClass = static_cast<uint8>(header.ageClass);
+    entry.writtenAt = static_cast<uint32>(header.clockAtOpening >> STAMP_SHIFT);
+    entry.dataStamp = static_cast<uint32>(header.dataStamp >> STAMP_SHIFT);
+    m_segments.SetEntry(slot, entry);
+    s.crcSeed = SegmentCrcSeed(m_core.m_storeId, header.sequence);
+    s.base.store(m_core.m_map->At(m_segments.OffsetOf(slot)), std::memory_order_relaxed);
+    m_numSlots = std::max(m_numSlots, slot + 1);
+}
+
+// --- damage
+
+// Behind the break, in its segment and the next two, a COMMIT that names a durable clock beyond the break proves that
+// durable bytes are damaged. COMMIT and LINK have fixed lengths, so that each multiple of 8 can be tried.
+void Recovery::LookForDamage() {
+    std::optional<LinkPayload> link;
+    uint64 linkSequence = 0;
+    LookThrough(m_segment, m_pos, link, linkSequence);
+    if (m_brokenLink) {
+        link = m_brokenLink;
+        linkSequence = m_brokenLinkSequence;
+    }
+    uint64 sequence = m_segment.sequence;
+    for (int i = 0; i < 2; ++i) {
+        ssize_t slot = 0;
+        uint64 next = 0;
+        if (link) {
+            slot = link->slot;
+            next = linkSequence;
+        } else if (!FindSuccessor(sequence, slot, next)) {
+            return;
+        }
+        Segment segment;
+        if (!ReadSegment(slot, segment))
+            return;
+        segment.sequence = next;
+        segment.crcSeed = SegmentCrcSeed(m_core.m_storeId, next);
+        link.reset();
+        LookThrough(segment, SEGMENT_HEADER_BYTES, link, linkSequence);
+        sequence = next;
+    }
+}
+
+void Recovery::LookThrough(const Segment& segment, ssize_t from, std::optional<LinkPayload>& link, uint64& linkSequence) const {
+    constexpr uint32 COMMIT_INFO = PacketInfo(EPacketType::COMMIT, sizeof(CommitPayload));
+    constexpr uint32 LINK_INFO = PacketInfo(EPacketType::LINK, sizeof(LinkPayload));
+    for (ssize_t pos = from; pos + LINK_BYTES <= segment.size; pos += PACKET_ALIGNMENT) {
+        const octet_t* const bytes = segment.bytes.data() + pos;
+        const uint32 info = ReadPod<uint32>(bytes + 4);
+        PacketHeader packet{};
+        if ((info != COMMIT_INFO && info != LINK_INFO) || !PacketAt(segment, pos, packet))
+            continue;
+        if (info == LINK_INFO) {
+            link = ReadPod<LinkPayload>(bytes + PACKET_HEADER_BYTES);
+            linkSequence = packet.key;
+        } else if (ReadPod<CommitPayload>(bytes + PACKET_HEADER_BYTES).durableUpTo > m_result.clock) {
+            ThrowCorrupt(m_core, "the log ends inside data that was durable (segment " + std::to_string(m_segment.slot) +
+                                     ", transaction after " + std::to_string(m_result.lastTransaction) + ")",
+                         m_segments.OffsetOf(m_segment.slot) + m_pos);
+        }
+    }
+}
+
+bool Recovery::FindSuccessor(uint64 sequence, ssize_t& slot, uint64& successor) {
+    const ssize_t numSlots = std::min<ssize_t>(
+        m_segments.MaxSlots(), (m_core.m_file.Size() - m_segments.DataStartOffset()) / m_core.m_segmentSize);
+    for (slot = 0; slot < numSlots; ++slot) {
+        SegmentHeader header{};
+        if (m_segments[slot].livePackets == 0 && ReadSegmentHeader(slot, header) && header.previousSequence == sequence &&
+            header.kind == static_cast<uint32>(ESegmentKind::USER)) {
+            successor = header.sequence;
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace quna

@@ -1,0 +1,87 @@
+// What is known of each segment slot of the file.
+#pragma once
+
+#include "qxLss/src/Format.h"
+#include "qxUtils/BasicTypes.h"
+#include "qxUtils/Export.h"
+
+#include <atomic>
+
+namespace quna {
+
+// One segment slot. The usage fields are those of its SutEntry.
+//
+// Threads: `pins` by anyone. `base`, `sequence` and `crcSeed` are written when the slot is taken, which needs pins == 0,
+//          and read by whoever has it pinned and has found a location in it. The usage fields belong to the holder of the
+//          log's turn; those of index segments to the checkpoint.
+struct alignas(64) SegmentSlot {
+    std::atomic<uint32>         pins;
+    uint32                      crcSeed;
+    uint64                      sequence; // 0 = free
+    std::atomic<const octet_t*> base;     // of the bytes: the mapping, or the buffer of an open segment
+    uint32                      liveBytes;
+    uint32                      livePackets;
+    uint32                      packets;
+    uint32                      writtenAt;
+    uint32                      dataStamp;
+    ESegmentKind                kind;
+    uint8                       ageClass;
+};
+static_assert(sizeof(SegmentSlot) == 64);
+
+// The slots of the largest file that the mapping allows, as one array whose pages appear when they are first used.
+//
+// Ownership: owns the memory.
+// Threads:   see SegmentSlot.
+class QX_API SegmentTable {
+public:
+    SegmentTable(ssize_t segmentSize, ssize_t maxSlots);
+    SegmentTable(const SegmentTable&) = delete;
+    SegmentTable& operator=(const SegmentTable&) = delete;
+    ~SegmentTable();
+
+    ssize_t MaxSlots() const { return m_maxSlots; }
+    ssize_t SegmentSize() const { return m_segmentSize; }
+    int64   DataStartOffset() const { return m_dataStart; }
+
+    SegmentSlot& operator[](ssize_t slot) const { return m_slots[slot]; }
+
+    int64   OffsetOf(ssize_t slot) const { return m_dataStart + (static_cast<int64>(slot) << m_shift); }
+    ssize_t SlotOf(Location l) const { return static_cast<ssize_t>((LocationOffset(l) - m_dataStart) >> m_shift); }
+    // Offset of the packet within its segment.
+    uint32 OffsetIn(Location l) const {
+        return static_cast<uint32>((LocationOffset(l) - m_dataStart) & (m_segmentSize - 1));
+    }
+    // Does the location name a packet inside one of the first `numSlots` segments, behind its header?
+    bool IsInside(Location l, ssize_t numSlots) const;
+
+    // The packet is current: counts it as live. Returns its bytes.
+    ssize_t Credit(Location l) const {
+        SegmentSlot& slot = m_slots[SlotOf(l)];
+        const ssize_t bytes = LocationBytes(l);
+        slot.liveBytes += static_cast<uint32>(bytes);
+        ++slot.livePackets;
+        return bytes;
+    }
+    // The packet is dead.
+    ssize_t Debit(Location l) const {
+        SegmentSlot& slot = m_slots[SlotOf(l)];
+        const ssize_t bytes = LocationBytes(l);
+        slot.liveBytes -= static_cast<uint32>(bytes);
+        --slot.livePackets;
+        return bytes;
+    }
+
+    SutEntry Entry(ssize_t slot) const;
+    void     SetEntry(ssize_t slot, const SutEntry& entry) const;
+
+private:
+    const ssize_t m_segmentSize;
+    const int64   m_dataStart;
+    const int     m_shift; // log2 of the segment size
+    const ssize_t m_maxSlots;
+    SegmentSlot*  m_slots = nullptr;
+    size_t        m_reservedBytes = 0;
+};
+
+} // namespace quna

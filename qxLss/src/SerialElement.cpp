@@ -1,0 +1,126 @@
+#include "qxLss/src/SerialElement.h"
+
+#include <cstring>
+
+namespace quna {
+
+LongHead ParseLongHead(const StoreCore& core, const octet_t* head, Location l) {
+    const ssize_t payloadBytes = PayloadBytes(ReadPod<PacketHeader>(head).info);
+    const octet_t* const payload = head + PACKET_HEADER_BYTES;
+    LongPrefix prefix{};
+    if (payloadBytes >= static_cast<ssize_t>(sizeof prefix))
+        prefix = ReadPod<LongPrefix>(payload);
+    const ssize_t n = prefix.n;
+    const ssize_t listBytes = n * static_cast<ssize_t>(sizeof(Location));
+    LongHead result{};
+    result.totalBytes = static_cast<int64>(prefix.totalBytes);
+    result.tail = payload + sizeof prefix + listBytes;
+    result.tailBytes = payloadBytes - static_cast<ssize_t>(sizeof prefix) - listBytes;
+    if (n == 0 || result.tailBytes < 0 || result.totalBytes != n * OverflowBytes(core.m_segmentSize) + result.tailBytes)
+        ThrowCorrupt(core, "the head of a long element is not well formed", LocationOffset(l));
+    result.parts.resize(static_cast<size_t>(n));
+    std::memcpy(result.parts.data(), payload + sizeof prefix, static_cast<size_t>(listBytes));
+    for (const Location part : result.parts) {
+        if (!core.m_segments->IsInside(part, core.m_segments->MaxSlots()))
+            ThrowCorrupt(core, "a long element has a part outside the segments", LocationOffset(l));
+    }
+    return result;
+}
+
+SerialElement* SerialElement::Open(const StoreCore& core, const Index& index, Seid seid) {
+    const std::atomic<Location>* const place = index.Find(seid);
+    if (!place)
+        return nullptr;
+    std::unique_ptr<SerialElement, void (*)(SerialElement*)> element(nullptr, [](SerialElement* e) { delete e; });
+    for (;;) {
+        const Location l = place->load(std::memory_order_acquire);
+        if (!l)
+            return nullptr;
+        if (!element)
+            element.reset(new SerialElement(core, seid));
+        element->m_location = l;
+        element->Pin(core.m_segments->SlotOf(l));
+        if (place->load(std::memory_order_seq_cst) == l && element->PinParts(*place))
+            return element.release();
+        element->UnpinAll();
+    }
+}
+
+SerialElement::~SerialElement() { UnpinAll(); }
+
+void SerialElement::Close() { delete this; }
+
+void SerialElement::Pin(ssize_t slot) {
+    (*m_core.m_segments)[slot].pins.fetch_add(1, std::memory_order_seq_cst);
+    m_pinned = slot;
+}
+
+void SerialElement::UnpinAll() {
+    if (m_long) {
+        for (const ssize_t slot : m_long->pinned)
+            (*m_core.m_segments)[slot].pins.fetch_sub(1, std::memory_order_release);
+        m_long->pinned.clear();
+    }
+    if (m_pinned >= 0)
+        (*m_core.m_segments)[m_pinned].pins.fetch_sub(1, std::memory_order_release);
+    m_pinned = -1;
+}
+
+// The head is pinned and current. Verifies it; false if the element has moved while its parts were being pinned.
+bool SerialElement::PinParts(const std::atomic<Location>& place) {
+    const octet_t* const head = LoadPacket(m_core, m_location, EPacketType::HEAD, m_seid.value_, ELEMENT_TAIL_BYTES);
+    const uint32 info = ReadPod<PacketHeader>(head).info;
+    const bool isLong = PacketFlags(info) & PACKET_FLAG_LONG;
+    if (isLong != IsLong(m_location))
+        ThrowCorrupt(m_core, "a head is not of the kind that the index says", LocationOffset(m_location));
+    if (!isLong) {
+        m_bytes = head + PACKET_HEADER_BYTES;
+        m_size = PayloadBytes(info);
+        return true;
+    }
+    m_bytes = nullptr;
+    m_long = std::make_unique<Long>();
+    m_long->head = ParseLongHead(m_core, head, m_location);
+    m_size = m_long->head.totalBytes;
+    m_long->pinned.reserve(m_long->head.parts.size());
+    for (const Location part : m_long->head.parts) {
+        const ssize_t slot = m_core.m_segments->SlotOf(part);
+        (*m_core.m_segments)[slot].pins.fetch_add(1, std::memory_order_seq_cst);
+        m_long->pinned.push_back(slot);
+    }
+    if (place.load(std::memory_order_seq_cst) == m_location)
+        return true;
+    UnpinAll();
+    m_long.reset();
+    return false;
+}
+
+ReadOnlyBuffer SerialElement::GetBuffer() {
+    if (!m_bytes)
+        Assemble();
+    return {m_bytes, m_size};
+}
+
+void SerialElement::Assemble() {
+    const ssize_t partBytes = OverflowBytes(m_core.m_segmentSize);
+    auto buffer = std::make_unique_for_overwrite<octet_t[]>(static_cast<size_t>(m_size + ELEMENT_TAIL_BYTES));
+    octet_t* to = buffer.get();
+    uint32 ordinal = 0;
+    for (const Location part : m_long->head.parts) {
+        const octet_t* const packet = LoadPacket(m_core, part, EPacketType::LONG_PART, m_seid.value_);
+        const octet_t* const payload = packet + PACKET_HEADER_BYTES;
+        const ssize_t payloadBytes = PayloadBytes(ReadPod<PacketHeader>(packet).info);
+        if (payloadBytes != static_cast<ssize_t>(sizeof(OverflowPrefix)) + partBytes || ReadPod<OverflowPrefix>(payload).ordinal != ordinal)
+            ThrowCorrupt(m_core, "a part of a long element is not the one that is expected", LocationOffset(part));
+        std::memcpy(to, payload + sizeof(OverflowPrefix), static_cast<size_t>(partBytes));
+        to += partBytes;
+        ++ordinal;
+    }
+    std::memcpy(to, m_long->head.tail, static_cast<size_t>(m_long->head.tailBytes));
+    std::memset(to + m_long->head.tailBytes, 0, static_cast<size_t>(ELEMENT_TAIL_BYTES));
+    m_long->buffer = std::move(buffer);
+    m_bytes = m_long->buffer.get();
+    UnpinAll();
+}
+
+} // namespace quna

@@ -1,0 +1,96 @@
+#include "qxLss/src/StoreCore.h"
+
+#include "qxLss/CorruptLSSException.h"
+#include "qxUtils/Exceptions.h"
+#include "qxUtils/Tracer.h"
+
+#include <algorithm>
+
+#include <pthread.h>
+
+namespace quna {
+
+namespace {
+
+std::atomic<bool> g_isForkedChild{false};
+
+// The largest segment table, in slots: at the usual sizes more than 8 TiB have.
+constexpr ssize_t MAX_SLOTS = ssize_t{1} << 27;
+
+void OnForkInChild() { g_isForkedChild.store(true, std::memory_order_relaxed); }
+
+} // namespace
+
+void InstallForkGuard() {
+    static const int installed = ::pthread_atfork(nullptr, nullptr, &OnForkInChild);
+    static_cast<void>(installed);
+}
+
+bool IsForkedChild() noexcept { return g_isForkedChild.load(std::memory_order_relaxed); }
+
+void StoreCore::Attach(const StoreId& storeId, ssize_t segmentSize) {
+    m_storeId = storeId;
+    m_segmentSize = segmentSize;
+    m_map = std::make_unique<FileMap>(m_file);
+    const int64 maxSlots = (m_map->MaxBytes() - DataStart(segmentSize)) / segmentSize;
+    m_segments = std::make_unique<SegmentTable>(segmentSize, std::min<int64>(maxSlots, MAX_SLOTS));
+}
+
+void StoreCore::Fail(const char* what) noexcept {
+    try {
+        {
+            std::lock_guard lock(m_failureMutex);
+            if (!m_failure.empty())
+                return;
+            m_failure = "The store '" + m_file.Path() + "' has stopped writing after a failure: " + what;
+        }
+        m_hasFailed.store(true, std::memory_order_release);
+        TracerX() << m_failure << "\n";
+    } catch (...) {
+        m_hasFailed.store(true, std::memory_order_release);
+    }
+}
+
+void StoreCore::FailWithCurrentException() noexcept {
+    try {
+        throw;
+    } catch (const std::exception& e) {
+        Fail(e.what());
+    } catch (...) {
+        Fail("an exception that is no std::exception");
+    }
+}
+
+void StoreCore::ThrowUnwritable() const {
+    if (IsForkedChild())
+        throw FileException(("The store '" + m_file.Path() + "' belongs to the parent of this process").c_str());
+    std::lock_guard lock(m_failureMutex);
+    throw FileException(m_failure.empty() ? "The store has stopped writing after a failure" : m_failure.c_str());
+}
+
+void ThrowCorrupt(const StoreCore& core, const std::string& what, int64 offset) {
+    std::string text = "The store '" + core.m_file.Path() + "' is damaged: " + what;
+    if (offset >= 0)
+        text += " at offset " + std::to_string(offset);
+    throw CorruptLSSException(text.c_str());
+}
+
+const octet_t* LoadPacket(const StoreCore& core, Location l, EPacketType type, uint64 key, ssize_t loadBehind) {
+    const SegmentTable& segments = *core.m_segments;
+    if (!segments.IsInside(l, segments.MaxSlots()))
+        ThrowCorrupt(core, "a location points outside the segments", LocationOffset(l));
+    const ssize_t slot = segments.SlotOf(l);
+    const uint32 offset = segments.OffsetIn(l);
+    const octet_t* const base = segments[slot].base.load(std::memory_order_acquire);
+    const octet_t* packet = base + offset;
+    if (base == core.m_map->At(segments.OffsetOf(slot)))
+        core.m_map->Load(LocationOffset(l), LocationBytes(l) + loadBehind);
+    const PacketHeader header = ReadPod<PacketHeader>(packet);
+    if (PacketType(header.info) != type || header.key != key || PacketBytes(header.info) != LocationBytes(l))
+        ThrowCorrupt(core, "a packet is not the one that is expected", LocationOffset(l));
+    if (PacketCrc(segments[slot].crcSeed, offset, packet, PayloadBytes(header.info)) != header.crc)
+        ThrowCorrupt(core, "the checksum of a packet is wrong", LocationOffset(l));
+    return packet;
+}
+
+} // namespace quna

@@ -1,0 +1,85 @@
+// What all parts of an open store share: the file, its identity, the settings, the counters, the failed state.
+#pragma once
+
+#include "qxLss/LssSettings.h"
+#include "qxLss/src/FileIo.h"
+#include "qxLss/src/FileMap.h"
+#include "qxLss/src/Format.h"
+#include "qxLss/src/SegmentTable.h"
+#include "qxUtils/BasicTypes.h"
+#include "qxUtils/Export.h"
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace quna {
+
+// Throws FileException in a process that fork made out of one with open stores: the child shares the lock and the file
+// offset of nothing, and must not write.
+QX_API void InstallForkGuard();
+QX_API bool IsForkedChild() noexcept;
+
+// Numbers of GetStats. Changed under the log's turn or by the checkpoint, read at any time.
+struct StoreCounters {
+    std::atomic<int64> liveHead{0};
+    std::atomic<int64> liveOverflow{0};
+    std::atomic<int64> liveIndex{0};
+    std::atomic<int64> packets{0};   // HEAD, OVERFLOW, DELETE and INDEX packets in segments that have not been freed
+    std::atomic<int64> liveBytes{0};
+    std::atomic<int64> numCheckpoints{0};
+    std::atomic<int64> numRecoveries{0};
+    std::atomic<int64> numTransactions{0};
+};
+
+// Ownership: owns file, mapping and segment table; lives as long as the store.
+// Threads:   set up by the opening thread; then constant but for the counters and the failure.
+class QX_API StoreCore {
+public:
+    explicit StoreCore(SysCalls& sys) : m_file(sys) {}
+
+    // Sets up mapping and segment table for a store of this identity.
+    void Attach(const StoreId& storeId, ssize_t segmentSize);
+
+    // Writing has failed: from now on it is refused. The first failure counts; it is traced.
+    void Fail(const char* what) noexcept;
+    // For a catch block: Fail with the text of the exception that is being handled.
+    void FailWithCurrentException() noexcept;
+    bool HasFailed() const { return m_hasFailed.load(std::memory_order_acquire); }
+    // The gate of every operation that writes. Throws FileException in a forked child or failed store.
+    void ThrowIfUnwritable() const {
+        if (HasFailed() || IsForkedChild()) [[unlikely]]
+            ThrowUnwritable();
+    }
+    void ThrowIfForked() const {
+        if (IsForkedChild()) [[unlikely]]
+            ThrowUnwritable();
+    }
+
+    File                          m_file;
+    std::unique_ptr<FileMap>      m_map;
+    std::unique_ptr<SegmentTable> m_segments;
+    StoreId                       m_storeId{};
+    ssize_t                       m_segmentSize = 0; // bytes
+    bool                          m_readOnly = false;
+    LssSettings                   m_settings;
+    StoreCounters                 m_counters;
+
+private:
+    [[noreturn]] void ThrowUnwritable() const;
+
+    std::atomic<bool>  m_hasFailed{false};
+    mutable std::mutex m_failureMutex;
+    std::string        m_failure; // guarded by m_failureMutex
+};
+
+// Throws CorruptLSSException: "The store '<path>' is damaged: <what> at offset <offset>". `offset` below 0: none.
+[[noreturn]] QX_API void ThrowCorrupt(const StoreCore& core, const std::string& what, int64 offset = -1);
+
+// The packet at location `l`, loaded and verified: type, key, length and checksum are as expected. `loadBehind` bytes
+// behind it are loaded as well. Throws CorruptLSSException or FileException. Requires: the segment cannot be reused
+// while the caller uses the result.
+QX_API const octet_t* LoadPacket(const StoreCore& core, Location l, EPacketType type, uint64 key, ssize_t loadBehind = 0);
+
+} // namespace quna
