@@ -3,8 +3,8 @@
 #include "qxObject/ReflectedClass.h"
 #include "qxPersistStore/src/PSpace.h"
 #include "qxPersistStore/src/PersistStore.h"
+#include "qxPersistStore/src/Records.h"
 #include "qxUtils/Assert.h"
-#include "qxUtils/AutoCloser.h"
 #include "qxUtils/Tracer.h"
 
 namespace quna {
@@ -82,12 +82,7 @@ void PSpaceDos::WriteObject(ILssTransaction& txn, ptr<const IPersistable> po) {
     if (state.GetFlag(PERSISTABLE_DELETED)) {
         txn.DeleteSerialElement(oid); // false for an object that was deleted before its first write
     } else {
-        AutoCloser<ICloseableOutputStream> os(txn.WriteSerialElement(oid));
-        {
-            Archive ar(os.Get());
-            m_pspace.m_ps.DynCreateSerialise(ar, po);
-        }
-        os.Close();
+        WriteRecord(txn, oid, [&](Archive& ar) { m_pspace.m_ps.DynCreateSerialise(ar, po); });
     }
     state.ClearFlag(PERSISTABLE_DIRTY);
 }

@@ -3,10 +3,10 @@
 #include "qxPersistStore/PersistStoreExceptions.h"
 #include "qxPersistStore/src/PSpace.h"
 #include "qxPersistStore/src/PersistStore.h"
+#include "qxPersistStore/src/Records.h"
 #include "qxUtils/Archivexdeque.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/AutoCloser.h"
-#include "qxUtils/RecordLimits.h"
 #include "qxUtils/Schema.h"
 
 #include <algorithm>
@@ -64,12 +64,7 @@ void DeletionQueue::WriteDQToLssIfDirty(OID oid, PSpace* pspace, ILssTransaction
     QX_ASSERT(pspace);
     QX_ASSERT(oid);
     if (!m_dirty.load(std::memory_order_relaxed)) return;
-    AutoCloser<ICloseableOutputStream> os(txn.WriteSerialElement(oid));
-    {
-        Archive ar(os.Get());
-        Serialise(ar);
-    }
-    os.Close();
+    WriteRecord(txn, oid, [this](Archive& ar) { Serialise(ar); });
     m_dirty.store(false, std::memory_order_relaxed);
 }
 
@@ -78,10 +73,8 @@ void DeletionQueue::ReadFromLss(ILogStructuredStore* lss, OID oid) {
     QX_ASSERT(lss);
     AutoCloser<IContiguousSerialElement> se(lss->OpenSerialElement(oid));
     if (!se) throw DerefDanglingOidException(oid);
-    const ReadOnlyBuffer rob = se->GetBuffer();
-    const RecordLimitsScope limits(rob.buffer, rob.buffer + rob.size);
-    const InputArchive ar = Deserialise(rob.buffer);
-    QX_ASSERT(ar == rob.buffer + rob.size);
+    const bool usedExactly = ParseRecord(*se, [this](InputArchive ar) { return Deserialise(ar); });
+    QX_ASSERT_TEXT(usedExactly, "ar == rob.buffer + rob.size");
     se.Close();
 }
 

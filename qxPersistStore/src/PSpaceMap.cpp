@@ -4,10 +4,10 @@
 #include "qxPersistStore/src/DirtyFlagScope.h"
 #include "qxPersistStore/src/PSpace.h"
 #include "qxPersistStore/src/PersistStore.h"
+#include "qxPersistStore/src/Records.h"
 #include "qxUtils/ArchiveContainers.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/AutoCloser.h"
-#include "qxUtils/RecordLimits.h"
 #include "qxUtils/Schema.h"
 
 #include <exception>
@@ -172,10 +172,8 @@ InputArchive PSpaceMap::Deserialise(InputArchive ar) {
 void PSpaceMap::Read(ILogStructuredStore& lss) {
     AutoCloser<IContiguousSerialElement> se(lss.OpenSerialElement(PSPACEMAP_SEID));
     QX_ASSERT(se);
-    const ReadOnlyBuffer rob = se->GetBuffer();
-    const RecordLimitsScope limits(rob.buffer, rob.buffer + rob.size);
-    const InputArchive ar = Deserialise(rob.buffer);
-    QX_ASSERT(ar == rob.buffer + rob.size);
+    const bool usedExactly = ParseRecord(*se, [this](InputArchive ar) { return Deserialise(ar); });
+    QX_ASSERT_TEXT(usedExactly, "ar == rob.buffer + rob.size");
     QX_ASSERT(!m_dirty);
     se.Close();
 }

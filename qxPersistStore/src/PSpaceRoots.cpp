@@ -2,10 +2,10 @@
 
 #include "qxPersistStore/PersistStoreExceptions.h"
 #include "qxPersistStore/src/PSpace.h"
+#include "qxPersistStore/src/Records.h"
 #include "qxUtils/ArchiveContainers.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/AutoCloser.h"
-#include "qxUtils/RecordLimits.h"
 #include "qxUtils/Schema.h"
 
 #include <cstring>
@@ -86,12 +86,7 @@ InputArchive PSpaceRoots::Deserialise(InputArchive ar) {
 void PSpaceRoots::WriteToLssIfDirty(ILssTransaction& txn) {
     if (!m_dirty.load(std::memory_order_relaxed)) return;
     QX_ASSERT(m_oid);
-    AutoCloser<ICloseableOutputStream> os(txn.WriteSerialElement(m_oid));
-    {
-        Archive ar(os.Get());
-        Serialise(ar);
-    }
-    os.Close();
+    WriteRecord(txn, m_oid, [this](Archive& ar) { Serialise(ar); });
     m_dirty.store(false, std::memory_order_relaxed);
 }
 
@@ -100,10 +95,8 @@ void PSpaceRoots::ReadFromLss(ILogStructuredStore* lss) {
     QX_ASSERT(m_oid);
     AutoCloser<IContiguousSerialElement> se(lss->OpenSerialElement(m_oid));
     if (!se) throw DerefDanglingOidException(m_oid);
-    const ReadOnlyBuffer rob = se->GetBuffer();
-    const RecordLimitsScope limits(rob.buffer, rob.buffer + rob.size);
-    const InputArchive ar = Deserialise(rob.buffer);
-    QX_ASSERT(ar == rob.buffer + rob.size);
+    const bool usedExactly = ParseRecord(*se, [this](InputArchive ar) { return Deserialise(ar); });
+    QX_ASSERT_TEXT(usedExactly, "ar == rob.buffer + rob.size");
     se.Close();
 }
 

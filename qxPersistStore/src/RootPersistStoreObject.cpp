@@ -2,9 +2,9 @@
 
 #include "qxObject/QunaSystemException.h"
 #include "qxPersistStore/src/DirtyFlagScope.h"
+#include "qxPersistStore/src/Records.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/AutoCloser.h"
-#include "qxUtils/RecordLimits.h"
 #include "qxUtils/Schema.h"
 
 namespace quna {
@@ -39,24 +39,15 @@ InputArchive RootPersistStoreObject::Deserialise(InputArchive ar, ClassNameTrans
 void RootPersistStoreObject::WriteIfDirty(ILssTransaction& txn) const {
     if (!m_dirty.load(std::memory_order_acquire)) return;
     DirtyFlagScope dirty(m_dirty);
-    AutoCloser<ICloseableOutputStream> os(txn.WriteSerialElement(ROOT_PERSISTSTORE_OBJECT_SEID));
-    {
-        Archive ar(os.Get());
-        Serialise(ar);
-    }
-    os.Close();
+    WriteRecord(txn, ROOT_PERSISTSTORE_OBJECT_SEID, [this](Archive& ar) { Serialise(ar); });
     dirty.Complete();
 }
 
 void RootPersistStoreObject::Read(ILogStructuredStore& lss, ClassNameTranslationTable const* table) {
     AutoCloser<IContiguousSerialElement> se(lss.OpenSerialElement(ROOT_PERSISTSTORE_OBJECT_SEID));
     if (!se) throw QunaSystemException("PersistStore is missing root object");
-    const ReadOnlyBuffer rob = se->GetBuffer();
-    {
-        const RecordLimitsScope limits(rob.buffer, rob.buffer + rob.size);
-        const InputArchive end = Deserialise(rob.buffer, table);
-        if (end != rob.buffer + rob.size) throw QunaSystemException("PersistStore root object is corupt");
-    }
+    if (!ParseRecord(*se, [this, table](InputArchive ar) { return Deserialise(ar, table); }))
+        throw QunaSystemException("PersistStore root object is corupt");
     se.Close();
     if (!m_dirty.load(std::memory_order_relaxed)) return;
     AutoCloser<ILssTransaction> txn(lss.OpenTransaction());
