@@ -177,8 +177,8 @@ void Collector::MarkCache(GcMarker& marker) {
         // In batches, so that the marker's look-ahead has something to look at.
         const ssize_t end = marker.NumEvictable();
         for (; i < end; ++i) {
-            const AnyInterface* const p = marker.Evictable(i);
-            marker.VisitObject(AsIObject(LoadEvictableWords(p)));
+            if (i + PREFETCH_AHEAD < end) __builtin_prefetch(marker.Evictable(i + PREFETCH_AHEAD));
+            marker.VisitObject(AsIObject(LoadEvictableWords(marker.Evictable(i))));
         }
         marker.Drain();
     }
@@ -197,7 +197,10 @@ void Collector::MarkMostRecentlyUsed(GcMarker& marker, ssize_t limit) {
         const uint32 age = static_cast<uint32>(now) - static_cast<uint32>(state.GetLastTouchedTime());
         cached.push_back({age, static_cast<uint32>(std::clamp<ssize_t>(EvictorSize(state), 0, UINT32_MAX)), target});
     }
-    for (const CacheEntry& entry : cached) marker.SetMarked(entry.object->GetSysState(), false);
+    for (std::size_t i = 0; i < cached.size(); ++i) {
+        if (i + PREFETCH_AHEAD < cached.size()) __builtin_prefetch(cached[i + PREFETCH_AHEAD].object.m_self, 1);
+        marker.SetMarked(cached[i].object->GetSysState(), false);
+    }
     std::sort(cached.begin(), cached.end(), [](const CacheEntry& x, const CacheEntry& y) { return x.age < y.age; });
 
     const ssize_t strongBytes = marker.BytesMarked();

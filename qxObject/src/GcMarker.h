@@ -25,7 +25,9 @@ public:
         if (object.m_self) m_stack.Push(object);
     }
     void VisitEvictablePtr(AnyInterface* p) override {
-        if (m_remember && LoadEvictableWords(p).m_self) m_evictable.Push(p);
+        if (!m_remember) return;
+        const AnyInterface words = LoadEvictableWords(p);
+        if (words.m_self && words.m_table) m_evictable.Push(p);
     }
 
     // Marks everything that the pushed objects reach over strong edges.
