@@ -109,11 +109,11 @@ void RegisterTypeOpsOf() {
 //     inline void                  _Register_Person(XTarget* target)
 // Further arguments go to MakeReflectedClass. A class that crosses libraries needs default visibility itself (QX_API).
 #define QX_REFLECT_CLASS(X, ...)                                                                                       \
-    inline QX_API const ::quna::ReflectedClass& _GetReflected(const X*) {                                              \
+    [[maybe_unused]] inline QX_API const ::quna::ReflectedClass& _GetReflected(const X*) {                             \
         static constexpr ::quna::ReflectedClass RECORD = ::quna::MakeReflectedClass<X>(__VA_ARGS__);                   \
         return RECORD;                                                                                                 \
     }                                                                                                                  \
-    inline QX_API const ::quna::TypeOps* _GetTypeOps(const X* x) { return &_GetReflected(x).m_ops; }                   \
-    inline QX_API void _Register_##X(::quna::XTarget* target) {                                                        \
+    [[maybe_unused]] inline QX_API const ::quna::TypeOps* _GetTypeOps(const X* x) { return &_GetReflected(x).m_ops; }  \
+    [[maybe_unused]] inline QX_API void _Register_##X(::quna::XTarget* target) {                                       \
         ::quna::RegisterOrThrow(_GetReflected(static_cast<const X*>(nullptr)), target);                                \
     }
