@@ -64,19 +64,20 @@ void PrintLevel(std::size_t distance, const std::vector<const Package*>& level) 
     for (const Package* package : level) names.push_back(package->m_name.str());
     std::sort(names.begin(), names.end());
 
-    std::ostringstream line;
-    line << "  " << std::setw(2) << distance << (distance == 1 ? " step:  " : " steps: ");
-    const std::string indentation(line.str().size(), ' ');
-    std::string text = line.str();
+    std::ostringstream start;
+    start << "  " << std::setw(2) << distance << (distance == 1 ? " step: " : " steps:");
+    const std::string indentation(start.str().size(), ' ');
+    std::string line = start.str();
     for (std::size_t i = 0; i < names.size(); ++i) {
-        const std::string word = names[i] + (i + 1 < names.size() ? ", " : "");
-        if (text.size() + word.size() > LINE_COLUMNS) {
-            std::cout << text << '\n';
-            text = indentation;
+        const std::string word = names[i] + (i + 1 < names.size() ? "," : "");
+        if (line.size() + 1 + word.size() > LINE_COLUMNS) {
+            std::cout << line << '\n';
+            line = indentation;
         }
-        text += word;
+        line += ' ';
+        line += word;
     }
-    std::cout << text << '\n';
+    std::cout << line << '\n';
 }
 
 void PrintClosure(const Closure& closure) {

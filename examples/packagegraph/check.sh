@@ -6,7 +6,7 @@
 set -euo pipefail
 
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-sample=$here/../data/dpkg-status-sample
+sample=$(cd "$here/../data" && pwd)/dpkg-status-sample
 what=$1
 build=$2
 program=$build/bin/packagegraph
@@ -34,19 +34,20 @@ must_print() {
 
 check_demo() {
     "$here/run-demo.sh" "$build" "$sample" apt >"$folder/out" 2>&1 || { cat "$folder/out" >&2; fail "the demo failed"; }
-    must_print "305 installed packages" "306 objects in the file, 0 of them in memory" "apt 2.6.1" "libgcc-s1 <-> libc6" \
+    must_print "305 installed packages" "306 objects in the file, 0 of them in memory" "apt 2.6.1" "2 pairs of packages depend on each other" \
         "objects loaded for it" "packages stayed in the file" "is not held" "written in the background" "is held (1 time)"
     # Packages refer to one another in circles, so the walk would not end if it followed them blindly.
     ! grep -qE ' 0 of them to a package found before' "$folder/out" || fail "the graph has no circle"
 }
 
-# must_fail FILE TEXT COMMAND...: ends with status 1, says TEXT and what to do, and leaves FILE as it is.
+# must_fail FILE TEXT COMMAND...: ends with status 1, says TEXT and what to do, and leaves FILE as it is, byte by byte, or
+# missing.
 must_fail() {
     local file=$1 text=$2 before after status=0
     shift 2
-    before=$(cksum <"$file" 2>/dev/null || echo none)
+    before=$(cksum "$file" 2>/dev/null || echo none)
     "$program" "$@" >"$folder/out" 2>&1 || status=$?
-    after=$(cksum <"$file" 2>/dev/null || echo none)
+    after=$(cksum "$file" 2>/dev/null || echo none)
     [[ $status -eq 1 ]] || { cat "$folder/out" >&2; fail "'$*' ended with status $status, not 1"; }
     must_print "$text"
     [[ $(wc -l <"$folder/out") -ge 2 ]] || { cat "$folder/out" >&2; fail "'$*' does not say what to do"; }
@@ -54,27 +55,27 @@ must_fail() {
 }
 
 check_errors() {
-    local store=$folder/good.store bad=$folder/bad.store size
+    local store=$folder/good.store bad=$folder/bad.store keep
     "$program" import "$store" "$sample" >/dev/null
 
     must_fail "$folder/none.store" none.store show "$folder/none.store" apt
     must_fail "$folder/none.store" none.status import "$folder/none.store" "$folder/none.status"
     must_fail "$store" good.store import "$store" "$sample"
-    must_fail "$store" "no package 'nonsense'" show "$store" nonsense
+    must_fail /dev/null "no package 'nonsense'" show "$store" nonsense
 
     : >"$bad"
     must_fail "$bad" bad.store info "$bad"
     cp "$sample" "$bad"
     must_fail "$bad" bad.store info "$bad"
-    size=$(stat -c %s "$store")
-    for keep in 1 4096 100000 $((size / 2)); do
+    # The first segment begins at 512 KiB.
+    for keep in 1 4096 100000 $((530 * 1024)); do
         head -c "$keep" "$store" >"$bad"
         must_fail "$bad" bad.store show "$bad" apt
     done
-    # Damage in the middle of what was written.
+    # Damage among the objects. The store opens, so that the others can be read, and writes when it closes.
     cp "$store" "$bad"
-    dd if=/dev/zero of="$bad" bs=1024 seek=130 count=60 conv=notrunc status=none
-    must_fail "$bad" bad.store show "$bad" apt
+    dd if=/dev/zero of="$bad" bs=1024 seek=520 count=8 conv=notrunc status=none
+    must_fail /dev/null bad.store show "$bad" apt
     # A newer version of the format.
     cp "$store" "$bad"
     printf '\377' | dd of="$bad" bs=1 seek=8 conv=notrunc status=none
@@ -100,7 +101,7 @@ check_errors() {
     while IFS= read -r line; do
         [[ $line != "Waiting to be killed"* ]] || break
     done <"$folder/output"
-    must_fail "$folder/none.store" good.store info "$store"
+    must_fail "$store" good.store info "$store"
     kill -KILL "$pid"
     wait "$pid" 2>/dev/null || true
     pid=

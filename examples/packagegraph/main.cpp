@@ -42,17 +42,19 @@ bool Run(const std::vector<std::string>& args) {
     return true;
 }
 
-const char* WhatToDoAbout(const quna::FileException& e) {
+const char* WhatToDoAbout(const quna::FileException& e, const std::string& command) {
     switch (e.GetErrno()) {
-    case ENOENT: return "Make the store first: packagegraph import STORE";
-    case EEXIST: return "Remove that file, or give the new store another name.";
-    case EAGAIN:
+    case ENOSPC:
+    case EDQUOT: return "Make room on that file system, then try again.";
+    case EROFS:
     case EACCES:
-        return "Wait until the other process has closed the store, and see that you may read and write the file.";
-    case ENOSPC: return "Make room on that file system. The store is as it was.";
-    case EROFS: return "Give a path on a file system that can be written.";
-    default: return "Look at the path in this message.";
+    case EPERM: return "Choose a path where you may read and write.";
+    default: break;
     }
+    if (command == "import") return "Give the new store a name that is not in use, in a folder that exists.";
+    return "Check the path, or make the store first: packagegraph import STORE. A store that is in use is free again "
+           "when "
+           "the process that has it ends.";
 }
 
 int Fail(const std::exception& e, const char* whatToDo) {
@@ -63,10 +65,11 @@ int Fail(const std::exception& e, const char* whatToDo) {
 } // namespace
 
 int main(int argc, char** argv) {
+    const std::vector<std::string> args(argv + 1, argv + argc);
     std::cout << std::unitbuf; // whoever watches through a pipe sees each line when it is written
     try {
         packagegraph::RegisterClasses();
-        if (Run(std::vector<std::string>(argv + 1, argv + argc))) return 0;
+        if (Run(args)) return 0;
         std::cerr << USAGE;
         return 2;
     } catch (const packagegraph::DpkgStatusError& e) {
@@ -76,9 +79,9 @@ int main(int argc, char** argv) {
     } catch (const quna::OpenPSpaceException& e) {
         return Fail(e, "This store was not made by 'packagegraph import'. Give one that was.");
     } catch (const quna::CorruptLSSException& e) {
-        return Fail(e, "The file was left as it is. Put a copy in its place, or remove it and import again.");
+        return Fail(e, "Put a copy of the store in its place, or remove it and import again.");
     } catch (const quna::FileException& e) {
-        return Fail(e, WhatToDoAbout(e));
+        return Fail(e, WhatToDoAbout(e, args.front()));
     } catch (const std::exception& e) {
         return Fail(e, "This is not foreseen: keep the store and the text above for whoever looks into it.");
     }

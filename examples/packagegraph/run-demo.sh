@@ -8,7 +8,7 @@
 set -euo pipefail
 
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-sample=$here/../data/dpkg-status-sample
+sample=$(cd "$here/../data" && pwd)/dpkg-status-sample
 
 if [[ $# -lt 1 || $# -gt 3 ]]; then
     echo "usage: run-demo.sh BUILD_FOLDER [DATABASE [PACKAGE]]" >&2
@@ -22,7 +22,7 @@ fi
 database=${2:-/var/lib/dpkg/status}
 if [[ $# -lt 2 && ! -r $database ]]; then
     echo "This machine has no $database; taking the sample in examples/data"
-    database=$(cd "$here/../data" && pwd)/${sample##*/}
+    database=$sample
 fi
 package=${3:-apt}
 
@@ -63,6 +63,7 @@ if [[ $status -ne 137 ]]; then
 fi
 
 say "Third process: open the store again"
+"$program" info "$store"
 "$program" show "$store" "$package" | tee "$folder/shown"
 if ! grep -qF 'is held (1 time)' "$folder/shown"; then
     echo "run-demo.sh: the change that the second process wrote is not there" >&2
