@@ -22,7 +22,7 @@ public:
     explicit BytesInput(Bytes bytes) : m_bytes(std::move(bytes)) {}
     ssize_t ReadStream(void* buffer, ssize_t n) override {
         const ssize_t taken = std::min(n, static_cast<ssize_t>(m_bytes.size()) - m_pos);
-        std::memcpy(buffer, m_bytes.data() + m_pos, static_cast<std::size_t>(taken));
+        std::copy_n(m_bytes.data() + m_pos, taken, static_cast<octet_t*>(buffer)); // of an empty vector too
         m_pos += taken;
         return taken;
     }
