@@ -28,8 +28,10 @@ void PrintFieldValue(xostream& os, ReflectionByteCode type, const void* value, c
         return;
     }
     const TypeOps* const ops = FindTypeOps(type);
-    if (ops && ops->HasPrint()) ops->PrintVariable(os, value);
-    else os << "?";
+    if (ops && ops->HasPrint())
+        ops->PrintVariable(os, value);
+    else
+        os << "?";
 }
 
 void PrintField(xostream& os, const ReflectedField& field, const void* object, const PrintTypeSettings& settings) {
@@ -44,8 +46,10 @@ void PrintFields(xostream& os, const ReflectedClass& rc, const void* object, con
     {
         const Indenter indent(os, settings.m_oneLinePerField ? FIELD_INDENTATION : 0);
         for (ssize_t i = 0; i < rc.m_numFields; ++i) {
-            if (settings.m_oneLinePerField) os << "\n";
-            else if (i > 0) os << ", ";
+            if (settings.m_oneLinePerField)
+                os << "\n";
+            else if (i > 0)
+                os << ", ";
             PrintField(os, rc.m_fields[i], object, settings);
         }
     }
@@ -57,9 +61,12 @@ void PrintFields(xostream& os, const ReflectedClass& rc, const void* object, con
 
 void PrintInstance(xostream& os, ptr<const IObject> object, const PrintTypeSettings& settings) {
     const ReflectedClass* const rc = object ? object->GetReflectedClass() : nullptr;
-    if (rc && rc->m_numFields > 0) PrintFields(os, *rc, object.m_self, settings);
-    else if (rc && rc->m_ops.HasPrint()) rc->m_ops.PrintVariable(os, object.m_self);
-    else WriteIObjectPtr(os, object);
+    if (rc && rc->m_numFields > 0)
+        PrintFields(os, *rc, object.m_self, settings);
+    else if (rc && rc->m_ops.HasPrint())
+        rc->m_ops.PrintVariable(os, object.m_self);
+    else
+        WriteIObjectPtr(os, object);
 }
 
 void WriteIObjectPtr(xostream& os, ptr<const IObject> object) {

@@ -21,10 +21,16 @@ constexpr octet_t ENUM_CODE[] = {static_cast<octet_t>(EByteCode::Enum), 0};
 
 constexpr int MAX_INDEX_DIGITS = 4; // of base 128
 
-enum class EShape { None, Basic, Named, OneArgument, TwoArguments };
+enum class EShape {
+    None,
+    Basic,
+    Named,
+    OneArgument,
+    TwoArguments
+};
 
 struct CodeInfo {
-    EShape       m_shape;
+    EShape m_shape;
     ConstStringZ m_text; // what a basic type is called, and what a constructor is called
 };
 
@@ -82,7 +88,8 @@ void WriteName(xostream& os, const ByteCodeStep& step) {
 } // namespace
 
 ReflectionByteCode::ReflectionByteCode(const ReflectedClass& rc) : m_bc(CLASS_CODE), m_stringTable(&rc.m_name) {}
-ReflectionByteCode::ReflectionByteCode(const ReflectedInterface& ri) : m_bc(INTERFACE_CODE), m_stringTable(&ri.m_name) {}
+ReflectionByteCode::ReflectionByteCode(const ReflectedInterface& ri)
+    : m_bc(INTERFACE_CODE), m_stringTable(&ri.m_name) {}
 ReflectionByteCode::ReflectionByteCode(const ReflectedEnum& re) : m_bc(ENUM_CODE), m_stringTable(&re.m_name) {}
 ReflectionByteCode::ReflectionByteCode(const ReflectedTypedef& rt) {
     if (rt.m_typeFn) *this = rt.m_typeFn();
@@ -90,7 +97,8 @@ ReflectionByteCode::ReflectionByteCode(const ReflectedTypedef& rt) {
 
 const octet_t* ReadByteCodeStep(const octet_t* bc, const ConstStringZ* stringTable, ByteCodeStep& step) {
     const CodeInfo info = GetCodeInfo(*bc);
-    if (info.m_shape == EShape::None) throw RecordException(("The byte " + std::to_string(*bc) + " is no type code").c_str());
+    if (info.m_shape == EShape::None)
+        throw RecordException(("The byte " + std::to_string(*bc) + " is no type code").c_str());
     step.m_code = static_cast<EByteCode>(*bc++);
     step.m_numArguments = info.m_shape == EShape::OneArgument ? 1 : info.m_shape == EShape::TwoArguments ? 2 : 0;
     step.m_name = nullptr;
@@ -121,12 +129,14 @@ xostream& operator<<(xostream& os, ReflectionByteCode bc) {
     if (!bc) return os;
     // The constructors whose arguments are not all written, outermost first.
     std::vector<ByteCodeStep> open;
-    const octet_t*            p = bc.m_bc;
+    const octet_t* p = bc.m_bc;
     do {
         ByteCodeStep step;
         p = ReadByteCodeStep(p, bc.m_stringTable, step);
-        if (step.m_name) WriteName(os, step);
-        else os << GetCodeInfo(static_cast<octet_t>(step.m_code)).m_text;
+        if (step.m_name)
+            WriteName(os, step);
+        else
+            os << GetCodeInfo(static_cast<octet_t>(step.m_code)).m_text;
         if (step.m_numArguments > 0) {
             open.push_back(step);
             continue;

@@ -33,7 +33,9 @@ void CheckNames(ReflectionByteCode bc) {
         ByteCodeStep step;
         p = ReadByteCodeStep(p, bc.m_stringTable, step);
         pending += step.m_numArguments;
-        if (!IsRegistered(step)) throw RecordException((std::string("A type description names ") + step.m_name + ", which is not registered").c_str());
+        if (!IsRegistered(step))
+            throw RecordException(
+                (std::string("A type description names ") + step.m_name + ", which is not registered").c_str());
     }
 }
 
@@ -48,15 +50,16 @@ void ValidateCode(const xvector<uint8>& code, ssize_t numNames) {
     xvector<uint8> padded(code);
     padded.resize(code.size() + 8);
     const octet_t* const end = padded.data() + code.size();
-    const octet_t*       p = padded.data();
+    const octet_t* p = padded.data();
     for (ssize_t pending = 1; pending > 0; --pending) {
         if (p >= end) throw RecordException("A type description ends too early");
-        ByteCodeStep   step;
+        ByteCodeStep step;
         const octet_t* next = ReadByteCodeStep(p, nullptr, step);
         pending += step.m_numArguments;
         ssize_t index = 0;
         for (const octet_t* digit = next - 1; digit > p; --digit) index = index << 7 | (*digit & 0x7F);
-        if (next - p > 1 && index >= numNames) throw RecordException("A type description names what is not in its table");
+        if (next - p > 1 && index >= numNames)
+            throw RecordException("A type description names what is not in its table");
         p = next;
     }
     if (p != end) throw RecordException("A type description is followed by further bytes");
@@ -70,7 +73,8 @@ ReflectionByteCodeValue::ReflectionByteCodeValue(ReflectionByteCode bc, bool che
     Capture(bc.m_bc, bc.m_stringTable);
 }
 
-ReflectionByteCodeValue::ReflectionByteCodeValue(const ReflectionByteCodeValue& rhs) : m_byteCode(rhs.m_byteCode), m_strings(rhs.m_strings) {
+ReflectionByteCodeValue::ReflectionByteCodeValue(const ReflectionByteCodeValue& rhs)
+    : m_byteCode(rhs.m_byteCode), m_strings(rhs.m_strings) {
     CopyTable(rhs);
 }
 
@@ -86,7 +90,8 @@ ReflectionByteCodeValue& ReflectionByteCodeValue::operator=(ReflectionByteCodeVa
 
 void ReflectionByteCodeValue::CopyTable(const ReflectionByteCodeValue& rhs) {
     m_stringTable.reserve(rhs.m_stringTable.size());
-    for (const char* name : rhs.m_stringTable) m_stringTable.push_back(m_strings.data() + (name - rhs.m_strings.data()));
+    for (const char* name : rhs.m_stringTable)
+        m_stringTable.push_back(m_strings.data() + (name - rhs.m_strings.data()));
 }
 
 ReflectionByteCode ReflectionByteCodeValue::AsReflectionByteCode() const {
@@ -96,7 +101,8 @@ ReflectionByteCode ReflectionByteCodeValue::AsReflectionByteCode() const {
 
 ssize_t ReflectionByteCodeValue::GetHash() const {
     const std::hash<std::string_view> hash;
-    const std::size_t                 code = hash(std::string_view(reinterpret_cast<const char*>(m_byteCode.data()), static_cast<std::size_t>(m_byteCode.size())));
+    const std::size_t code = hash(std::string_view(reinterpret_cast<const char*>(m_byteCode.data()),
+                                                   static_cast<std::size_t>(m_byteCode.size())));
     return static_cast<ssize_t>(code * 31 + hash(m_strings.view()));
 }
 
@@ -135,7 +141,7 @@ void ReflectionByteCodeValue::Serialise(Archive& ar) const {
 
 InputArchive ReflectionByteCodeValue::Deserialise(InputArchive ar) {
     xvector<uint8> code;
-    ssize_t        numNames = 0;
+    ssize_t numNames = 0;
     ar = ar >> code.m_buffer;
     ar = DeserialiseCount(ar, numNames);
     std::vector<xstring> names;

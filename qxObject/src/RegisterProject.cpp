@@ -25,7 +25,8 @@ void RegisterProject() {
     XTarget* const target = Quna_Core_qxObject_GetXTarget();
     RegisterOrThrow(IOBJECT_RECORD, target);
     RegisterOrThrow(_GetReflected(static_cast<const QunaSystemException*>(nullptr)), target);
-    RegisterVectorsOf<bool, char, int8, int16, int32, int64, uint8, uint16, uint32, uint64, float32, float64, xstring, Guid>();
+    RegisterVectorsOf<bool, char, int8, int16, int32, int64, uint8, uint16, uint32, uint64, float32, float64, xstring,
+                      Guid>();
 }
 
 } // namespace
@@ -48,5 +49,4 @@ void Register_Project_qxObject() {
 
 // The registry keeps what it has: records are static, and other libraries may still use them.
 void Unregister_Project_qxObject() {}
-
 }

@@ -28,11 +28,13 @@ namespace {
 
 struct Namespace {};
 
-using Item = std::variant<Namespace, const ReflectedClass*, const ReflectedInterface*, const ReflectedEnum*, const ReflectedTypedef*,
-                          const ReflectedGlobalFunction*>;
+using Item = std::variant<Namespace, const ReflectedClass*, const ReflectedInterface*, const ReflectedEnum*,
+                          const ReflectedTypedef*, const ReflectedGlobalFunction*>;
 
 struct DescriptionHash {
-    std::size_t operator()(const ReflectionByteCodeValue& value) const { return static_cast<std::size_t>(value.GetHash()); }
+    std::size_t operator()(const ReflectionByteCodeValue& value) const {
+        return static_cast<std::size_t>(value.GetHash());
+    }
 };
 
 // All names of the process.
@@ -41,10 +43,10 @@ struct DescriptionHash {
 struct Names {
     std::shared_mutex m_mutex; // leaf lock, guards all that follows; exclusive to register, shared to look up
 
-    std::deque<std::string>                                                           m_storage; // what the keys refer to
-    std::unordered_map<std::string_view, Item>                                        m_items;
-    std::unordered_map<ReflectionByteCodeValue, const TypeOps*, DescriptionHash>      m_typeOps;
-    std::unordered_map<std::string_view, XTarget*>                                    m_targets;
+    std::deque<std::string> m_storage; // what the keys refer to
+    std::unordered_map<std::string_view, Item> m_items;
+    std::unordered_map<ReflectionByteCodeValue, const TypeOps*, DescriptionHash> m_typeOps;
+    std::unordered_map<std::string_view, XTarget*> m_targets;
 };
 
 // Never destroyed: threads that end late may still look something up.
@@ -71,7 +73,7 @@ ENameSpaceError TakeIdentifier(std::string_view& rest) {
 
 ENameSpaceError CheckSyntax(std::string_view name) {
     std::string_view rest = name;
-    ENameSpaceError  error = NSE_OK;
+    ENameSpaceError error = NSE_OK;
     do {
         error = TakeIdentifier(rest);
     } while (error == NSE_OK && !rest.empty());
@@ -81,7 +83,8 @@ ENameSpaceError CheckSyntax(std::string_view name) {
 // The namespaces around a name, outermost first.
 template <class F>
 void ForEachNamespaceOf(std::string_view name, F&& f) {
-    for (std::size_t at = name.find("::"); at != std::string_view::npos; at = name.find("::", at + 2)) f(name.substr(0, at));
+    for (std::size_t at = name.find("::"); at != std::string_view::npos; at = name.find("::", at + 2))
+        f(name.substr(0, at));
 }
 
 // Requires the exclusive lock.
@@ -101,7 +104,7 @@ ENameSpaceError Register(const Record* record, XTarget* target) {
     const std::string_view name = record->m_name;
     if (const ENameSpaceError error = CheckSyntax(name); error != NSE_OK) return error;
 
-    Names&                 names = GetNames();
+    Names& names = GetNames();
     const std::unique_lock lock(names.m_mutex);
     if (const ENameSpaceError error = CheckPlace(names, name); error != NSE_OK) return error;
     ForEachNamespaceOf(name, [&](std::string_view outer) {
@@ -115,9 +118,9 @@ ENameSpaceError Register(const Record* record, XTarget* target) {
 template <class Record>
 const Record* Find(const char* name) {
     if (!name) return nullptr;
-    Names&                 names = GetNames();
+    Names& names = GetNames();
     const std::shared_lock lock(names.m_mutex);
-    const auto             i = names.m_items.find(std::string_view(name));
+    const auto i = names.m_items.find(std::string_view(name));
     if (i == names.m_items.end()) return nullptr;
     const Record* const* const record = std::get_if<const Record*>(&i->second);
     return record ? *record : nullptr;
@@ -127,9 +130,9 @@ const TypeOps* UsableOps(const TypeOps& ops) { return ops.m_size > 0 ? &ops : nu
 
 const TypeOps* FindRegisteredTypeOps(ReflectionByteCode bc) {
     const ReflectionByteCodeValue key(bc, false);
-    Names&                        names = GetNames();
-    const std::shared_lock        lock(names.m_mutex);
-    const auto                    i = names.m_typeOps.find(key);
+    Names& names = GetNames();
+    const std::shared_lock lock(names.m_mutex);
+    const auto i = names.m_typeOps.find(key);
     return i == names.m_typeOps.end() ? nullptr : i->second;
 }
 
@@ -149,7 +152,7 @@ const TypeOps* FindOidTypeOps() {
 } // namespace
 
 XTarget* RegisterTarget(const dsTarget& target) {
-    Names&                 names = GetNames();
+    Names& names = GetNames();
     const std::unique_lock lock(names.m_mutex);
     const std::string_view name = target.m_targetName;
     if (const auto i = names.m_targets.find(name); i != names.m_targets.end()) return i->second;
@@ -157,21 +160,27 @@ XTarget* RegisterTarget(const dsTarget& target) {
 }
 
 ENameSpaceError RegisterReflectedClass(const ReflectedClass* rc, XTarget* target) { return Register(rc, target); }
-ENameSpaceError RegisterReflectedInterface(const ReflectedInterface* ri, XTarget* target) { return Register(ri, target); }
+ENameSpaceError RegisterReflectedInterface(const ReflectedInterface* ri, XTarget* target) {
+    return Register(ri, target);
+}
 ENameSpaceError RegisterReflectedEnum(const ReflectedEnum* re, XTarget* target) { return Register(re, target); }
 ENameSpaceError RegisterReflectedTypedef(const ReflectedTypedef* rt, XTarget* target) { return Register(rt, target); }
-ENameSpaceError RegisterReflectedGlobalFunction(const ReflectedGlobalFunction* rf, XTarget* target) { return Register(rf, target); }
+ENameSpaceError RegisterReflectedGlobalFunction(const ReflectedGlobalFunction* rf, XTarget* target) {
+    return Register(rf, target);
+}
 
 const ReflectedClass* FindReflectedClass(const char* name) { return Find<ReflectedClass>(name); }
 const ReflectedInterface* FindReflectedInterface(const char* name) { return Find<ReflectedInterface>(name); }
 const ReflectedEnum* FindReflectedEnum(const char* name) { return Find<ReflectedEnum>(name); }
 const ReflectedTypedef* FindReflectedTypedef(const char* name) { return Find<ReflectedTypedef>(name); }
-const ReflectedGlobalFunction* FindReflectedGlobalFunction(const char* name) { return Find<ReflectedGlobalFunction>(name); }
+const ReflectedGlobalFunction* FindReflectedGlobalFunction(const char* name) {
+    return Find<ReflectedGlobalFunction>(name);
+}
 
 bool RegisterTypeOps(ReflectionByteCode bc, const TypeOps* ops) {
     ReflectionByteCodeValue key(bc, false);
-    Names&                  names = GetNames();
-    const std::unique_lock  lock(names.m_mutex);
+    Names& names = GetNames();
+    const std::unique_lock lock(names.m_mutex);
     return names.m_typeOps.emplace(std::move(key), ops).second;
 }
 

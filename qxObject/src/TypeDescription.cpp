@@ -20,6 +20,8 @@ void TypeDescriptionBuilder::PutMapOrSet(EByteCode code, PtrMapOrSetFns fns) {
     m_mapOrSetFns.push_back(fns);
 }
 
-ReflectionByteCode TypeDescriptionBuilder::GetDescription() const { return ReflectionByteCode(m_code.data(), m_names.data(), m_mapOrSetFns.data()); }
+ReflectionByteCode TypeDescriptionBuilder::GetDescription() const {
+    return ReflectionByteCode(m_code.data(), m_names.data(), m_mapOrSetFns.data());
+}
 
 } // namespace quna

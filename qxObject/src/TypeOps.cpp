@@ -24,8 +24,9 @@ const TypeOps* _GetTypeOps(const xstring*) { return &detail::TypeOpsOf<xstring>:
 const TypeOps* _GetTypeOps(const Guid*) { return &detail::TypeOpsOf<Guid>::s_ops; }
 
 void detail::ThrowVectorTooLarge(ssize_t numElements, ssize_t elementSize) {
-    const std::string text = "A container of " + std::to_string(numElements) + " elements of " + std::to_string(elementSize) +
-                             " bytes is above the limit of " + std::to_string(MAX_ALLOCATION_SIZE) + " bytes";
+    const std::string text = "A container of " + std::to_string(numElements) + " elements of " +
+                             std::to_string(elementSize) + " bytes is above the limit of " +
+                             std::to_string(MAX_ALLOCATION_SIZE) + " bytes";
     throw RecordException(text.c_str());
 }
 

@@ -30,8 +30,8 @@ public:
 };
 
 TEST(OperationCallBacks, InstallingGivesBackWhatWasInstalled) {
-    Hooks                      first;
-    Hooks                      second;
+    Hooks first;
+    Hooks second;
     IOperationCallBacks* const before = SetOperationCallBacks(&first);
     EXPECT_EQ(GetOperationCallBacks(), &first);
     EXPECT_EQ(SetOperationCallBacks(&second), &first);
@@ -39,13 +39,17 @@ TEST(OperationCallBacks, InstallingGivesBackWhatWasInstalled) {
 }
 
 TEST(OperationCallBacks, EveryParameterRecordBeginsWithTheField) {
-    static_assert(std::is_base_of_v<FieldParams, AssignValue_params> && std::is_base_of_v<FieldParams, AssignPref_params>);
-    static_assert(std::is_base_of_v<FieldParams, OffsetValue_params> && std::is_base_of_v<FieldParams, CreateIntoVector_params>);
-    static_assert(std::is_base_of_v<FieldParams, DeleteFromVector_params> && std::is_base_of_v<FieldParams, CreateIntoMVector_params>);
-    static_assert(std::is_base_of_v<FieldParams, DeleteFromMVector_params> && std::is_base_of_v<FieldParams, InsertIntoMSet_params>);
+    static_assert(std::is_base_of_v<FieldParams, AssignValue_params> &&
+                  std::is_base_of_v<FieldParams, AssignPref_params>);
+    static_assert(std::is_base_of_v<FieldParams, OffsetValue_params> &&
+                  std::is_base_of_v<FieldParams, CreateIntoVector_params>);
+    static_assert(std::is_base_of_v<FieldParams, DeleteFromVector_params> &&
+                  std::is_base_of_v<FieldParams, CreateIntoMVector_params>);
+    static_assert(std::is_base_of_v<FieldParams, DeleteFromMVector_params> &&
+                  std::is_base_of_v<FieldParams, InsertIntoMSet_params>);
     static_assert(std::is_base_of_v<FieldParams, DeleteFromMSet_params>);
-    int                field = 0;
-    Hooks              hooks;
+    int field = 0;
+    Hooks hooks;
     AssignValue_params assign;
     assign.addr = &field;
     hooks.OnBeforeAssignValue(assign);

@@ -16,7 +16,7 @@ using demo::INumber;
 using demo::Number;
 
 TEST(Interface, APointerReachesTheOperationsOfItsInterfaceAndOfTheRoot) {
-    Number             number;
+    Number number;
     const ptr<INumber> p = &number;
     EXPECT_EQ(p->GetNumber(), 42);
     EXPECT_EQ((*p).GetNumber(), 42);
@@ -25,17 +25,18 @@ TEST(Interface, APointerReachesTheOperationsOfItsInterfaceAndOfTheRoot) {
 }
 
 TEST(Interface, AnInterfaceValueAndAPointerAreTwoWords) {
-    static_assert(sizeof(AnyInterface) == 16 && sizeof(ptr<IObject>) == 16 && sizeof(ptr<const IObject>) == 16 && sizeof(IObject) == 16);
+    static_assert(sizeof(AnyInterface) == 16 && sizeof(ptr<IObject>) == 16 && sizeof(ptr<const IObject>) == 16 &&
+                  sizeof(IObject) == 16);
     static_assert(std::is_trivially_copyable_v<ptr<IObject>>);
-    Number        number;
-    ptr<INumber>  p = &number;
+    Number number;
+    ptr<INumber> p = &number;
     AnyInterface& any = p;
     EXPECT_EQ(any.m_self, &number);
     EXPECT_EQ(any.m_table, p.m_table);
 }
 
 TEST(Interface, PointersAreNullUntilTheyAreSet) {
-    ptr<INumber>       p;
+    ptr<INumber> p;
     ptr<const INumber> q;
     EXPECT_FALSE(p);
     EXPECT_FALSE(q);
@@ -65,9 +66,9 @@ TEST(Interface, ANullObjectMakesANullPointer) {
 }
 
 TEST(Interface, PointersConvertToABaseInterfaceAndToConstWithoutChangeOfBits) {
-    Number                   number;
-    const ptr<INumber>       p = &number;
-    const ptr<IObject>       o = p;
+    Number number;
+    const ptr<INumber> p = &number;
+    const ptr<IObject> o = p;
     const ptr<const IObject> c = p;
     const ptr<const IObject> d = ptr<const INumber>(p);
     EXPECT_EQ(o.m_self, p.m_self);
@@ -90,9 +91,9 @@ TEST(Interface, NothingConvertsDownwardsOrLosesConst) {
 }
 
 TEST(Interface, PointersComeFromSelfAndTableAndFromInterfaceValues) {
-    Number         number;
-    const INumber  value = INumber::CoerceFrom(&number);
-    const IObject  root = value;
+    Number number;
+    const INumber value = INumber::CoerceFrom(&number);
+    const IObject root = value;
     const ptr<IObject> a(value);
     const ptr<IObject> b(root);
     const ptr<IObject> c(&number, IObject::Stubs<Number>::GetTable());
@@ -104,8 +105,8 @@ TEST(Interface, PointersComeFromSelfAndTableAndFromInterfaceValues) {
 }
 
 TEST(Interface, QicastAsksTheObjectForAnInterface) {
-    Number             number;
-    demo::Shape        shape;
+    Number number;
+    demo::Shape shape;
     const ptr<IObject> o = &number;
     EXPECT_EQ(qicast<INumber>(o)->GetNumber(), 42);
     EXPECT_FALSE(qicast<INumber>(ptr<IObject>(&shape)));
@@ -117,7 +118,7 @@ TEST(Interface, QicastAsksTheObjectForAnInterface) {
 }
 
 TEST(Interface, BindInterfaceAnswersAsQueryInterfaceDoes) {
-    Number             number;
+    Number number;
     const ptr<IObject> o = &number;
     EXPECT_EQ(o->BindInterface(GetReflectedInterface<INumber>()).m_self, &number);
 }
@@ -127,13 +128,14 @@ TEST(IObject, TheTableHoldsItsSevenFunctionsInOrderAndIsOneOfAClass) {
     EXPECT_EQ(IObject::CoerceFrom(&number).m_table, IObject::Stubs<Number>::GetTable());
     static_assert(sizeof(IObject::FnTable) == 7 * sizeof(void*));
     static_assert(offsetof(IObject::FnTable, QueryInterface) == 0 && offsetof(IObject::FnTable, BindInterface) == 8);
-    static_assert(offsetof(IObject::FnTable, GetReflectedClass) == 16 && offsetof(IObject::FnTable, VisitObjects) == 24);
+    static_assert(offsetof(IObject::FnTable, GetReflectedClass) == 16 &&
+                  offsetof(IObject::FnTable, VisitObjects) == 24);
     static_assert(offsetof(IObject::FnTable, OnGarbageCollect) == 32 && offsetof(IObject::FnTable, Destroy) == 40);
     static_assert(offsetof(IObject::FnTable, GetSysState) == 48);
 }
 
 TEST(IObject, TheSystemStateOfANewObjectIsZero) {
-    const Number       number;
+    const Number number;
     const ObjSysState& state = number.GetSysState();
     EXPECT_EQ(state.m_cspace, nullptr);
     EXPECT_FALSE(state.marked_);
@@ -143,7 +145,7 @@ TEST(IObject, TheSystemStateOfANewObjectIsZero) {
 }
 
 TEST(IObject, FlagsAreSetAndClearedByBit) {
-    Number       number;
+    Number number;
     ObjSysState& state = number.GetSysState();
     SetIObjectFlag(ptr<const IObject>(&number), 2, true);
     SetIObjectFlag(ptr<const IObject>(&number), 8, true);
@@ -186,7 +188,7 @@ TEST(IObject, DestroyDeletesThroughTheVirtualDestructor) {
         ~Watched() noexcept(false) override { m_gone = true; }
         bool& m_gone;
     };
-    bool               gone = false;
+    bool gone = false;
     const ptr<IObject> o = static_cast<Number*>(new Watched(gone));
     o->OnGarbageCollect();
     EXPECT_FALSE(gone);
@@ -201,9 +203,9 @@ TEST(IObjectVisitor, TheOperatorReportsAStrongEdge) {
         void VisitEvictablePtr(AnyInterface* p) override { *p = null; }
         std::vector<const void*> m_objects;
     };
-    Number          number;
-    ptr<INumber>    p = &number;
-    Recorder        recorder;
+    Number number;
+    ptr<INumber> p = &number;
+    Recorder recorder;
     IObjectVisitor& visitor = recorder;
     visitor << p << ptr<const IObject>(&number);
     EXPECT_EQ(recorder.m_objects, (std::vector<const void*>{&number, &number}));

@@ -47,8 +47,8 @@ TEST(Members, AMemberBelongsToTheSchemasFromItsFirstToItsLast) {
 
 TEST(Members, EqualityComparesEachField) {
     const TypeOps& ops = GetTypeOps<Shape>();
-    Shape          a;
-    Shape          b;
+    Shape a;
+    Shape b;
     a.m_name = b.m_name = "square";
     a.m_points = b.m_points = {{1, 2}};
     EXPECT_TRUE(ops.Equal(&a, &b));
@@ -62,9 +62,9 @@ TEST(Members, EqualityComparesEachField) {
 
 TEST(Members, OrderIsByTheFieldsInTurnWhereEachHasOne) {
     const TypeOps& ops = GetTypeOps<Point>();
-    const Point    a{1, 9};
-    const Point    b{2, 0};
-    const Point    c{2, 1};
+    const Point a{1, 9};
+    const Point b{2, 0};
+    const Point c{2, 1};
     EXPECT_TRUE(ops.Less(&a, &b));
     EXPECT_TRUE(ops.Less(&b, &c));
     EXPECT_FALSE(ops.Less(&c, &b));
@@ -73,17 +73,17 @@ TEST(Members, OrderIsByTheFieldsInTurnWhereEachHasOne) {
 }
 
 TEST(Members, PrintingShowsNamesAndValues) {
-    const Point  p{1, -2};
+    const Point p{1, -2};
     StringStream os(32);
     GetTypeOps<Point>().PrintVariable(os, &p);
     EXPECT_STREQ(os.c_str(), "{x = 1, y = -2}");
 }
 
 TEST(Members, VisitObjectsReportsTheFieldsOfAnObject) {
-    Shape              first;
-    Shape              second;
+    Shape first;
+    Shape second;
     first.m_next = &second;
-    Recorder           recorder;
+    Recorder recorder;
     const ptr<IObject> o = &first;
     o->VisitObjects(recorder);
     EXPECT_EQ(recorder.m_objects, (std::vector<const void*>{&second}));
@@ -132,7 +132,7 @@ TEST(Members, TheRecordCreatesInstances) {
 
 TEST(Members, ACopyMadeThroughTheRecordHasAFreshSystemState) {
     const ReflectedClass& rc = GetReflectedClass<Shape>();
-    Shape                 shape;
+    Shape shape;
     shape.m_name = "round";
     shape.GetSysState().SetFlag(2);
     void* const memory = ::operator new(static_cast<std::size_t>(rc.m_size));

@@ -15,8 +15,10 @@ namespace quna {
 namespace {
 
 struct Label : IObjectBaseMixin<Label, EmptyBase> {
-    static constexpr auto Members() { return MemberList(Member("text", &Label::m_text), Member("tags", &Label::m_tags)); }
-    xstring        m_text;
+    static constexpr auto Members() {
+        return MemberList(Member("text", &Label::m_text), Member("tags", &Label::m_tags));
+    }
+    xstring m_text;
     xvector<int32> m_tags;
 };
 QX_REFLECT_CLASS(Label, "printtest::Label")
@@ -54,7 +56,7 @@ TEST(PrintInstance, ShowsTheClassAndItsFields) {
 TEST(PrintInstance, SettingsAddTypesAndLines) {
     static_assert(sizeof(PrintTypeSettings) == 3);
     Register_Project_qxObject();
-    const Label       label;
+    const Label label;
     PrintTypeSettings settings;
     settings.m_printFieldTypes = true;
     EXPECT_EQ(Printed(&label, settings), "printtest::Label{xstring text = , xvector<int32> tags = []}");
@@ -94,9 +96,9 @@ TEST(QunaSystemException, ItsTextIsItsMessage) {
 }
 
 TEST(QunaSystemException, HasARecord) {
-    const QunaSystemException  e("m");
+    const QunaSystemException e("m");
     const IReflectedException& r = e;
-    const ReflectedClass*      rc = r.GetReflectedClass();
+    const ReflectedClass* rc = r.GetReflectedClass();
     EXPECT_STREQ(rc->m_name, "quna::QunaSystemException");
     ASSERT_EQ(rc->m_numFields, 1);
     EXPECT_STREQ(rc->m_fields[0].m_name, "Message");

@@ -1,7 +1,7 @@
 #include "qxObject/ReflectionByteCode.h"
 
-#include "qxObject/RegisterProject.h"
 #include "qxObject/ReflectionByteCodeValue.h"
+#include "qxObject/RegisterProject.h"
 #include "qxObject/TypeDescription.h"
 #include "qxUtils/Exceptions.h"
 #include "qxUtils/xostream.h"
@@ -26,7 +26,9 @@ std::string Text(ReflectionByteCode bc) {
 
 class Bytes : public IOutputStream {
 public:
-    void WriteStream(const void* p, ssize_t n) override { m_bytes.append(static_cast<const char*>(p), static_cast<std::size_t>(n)); }
+    void WriteStream(const void* p, ssize_t n) override {
+        m_bytes.append(static_cast<const char*>(p), static_cast<std::size_t>(n));
+    }
     void FlushStream() override {}
     std::string m_bytes;
 };
@@ -59,7 +61,8 @@ TEST(ReflectionByteCode, PrintsAsCppSpellsTheType) {
     EXPECT_EQ(Text(DescriptionOf<xvector<cref<demo::Shape>>>()), "xvector<cref<demo::Shape>>");
     EXPECT_EQ(Text(DescriptionOf<cref<void>>()), "cref<void>");
     EXPECT_EQ(Text(DescriptionOf<demo::Point>()), "demo::Point");
-    EXPECT_EQ((Text(DescriptionOf<std::map<xstring, xvector<std::pair<int8, demo::Point>>>>())), "map<xstring, xvector<pair<int8, demo::Point>>>");
+    EXPECT_EQ((Text(DescriptionOf<std::map<xstring, xvector<std::pair<int8, demo::Point>>>>())),
+              "map<xstring, xvector<pair<int8, demo::Point>>>");
     EXPECT_EQ(Text(DescriptionOf<std::set<Guid>>()), "set<Guid>");
     EXPECT_EQ(Text(DescriptionOf<const demo::Point&>()), "demo::Point const&");
     EXPECT_EQ(Text(DescriptionOf<demo::Point*>()), "demo::Point*");
@@ -85,10 +88,10 @@ TEST(ReflectionByteCode, ItsSizeIsFoundFromTheCodeAlone) {
 TEST(ReflectionByteCode, AMapIsReadAndFilledThroughItsFunctions) {
     using Map = std::map<int32, xstring>;
     const ReflectionByteCode bc = DescriptionOf<Map>();
-    const PtrMapOrSetFns     fns = bc.m_mapOrSetFns[0];
-    Map                      map;
-    const int32              key = 5;
-    const xstring            value("five");
+    const PtrMapOrSetFns fns = bc.m_mapOrSetFns[0];
+    Map map;
+    const int32 key = 5;
+    const xstring value("five");
     EXPECT_TRUE(fns->m_insertFn(&map, &key, &value));
     EXPECT_FALSE(fns->m_insertFn(&map, &key, &value));
     EXPECT_EQ(fns->m_sizeFn(&map), 1);
@@ -96,7 +99,8 @@ TEST(ReflectionByteCode, AMapIsReadAndFilledThroughItsFunctions) {
     fns->m_forEachFn(
         &map,
         [](void* context, const void* k, const void* v) {
-            *static_cast<std::string*>(context) += std::to_string(*static_cast<const int32*>(k)) + static_cast<const xstring*>(v)->str();
+            *static_cast<std::string*>(context) +=
+                std::to_string(*static_cast<const int32*>(k)) + static_cast<const xstring*>(v)->str();
         },
         &seen);
     EXPECT_EQ(seen, "5five");
@@ -105,10 +109,10 @@ TEST(ReflectionByteCode, AMapIsReadAndFilledThroughItsFunctions) {
 }
 
 TEST(ReflectionByteCodeValue, DoesNotDependOnTheOrderOfTheNamesItWasBuiltFrom) {
-    const octet_t                 codeA[] = {0x41, 0x60, 0, 0x60, 1}; // pair<class, class>
-    const octet_t                 codeB[] = {0x41, 0x60, 1, 0x60, 0};
-    const ConstStringZ            namesA[] = {"demo::A", "demo::B"};
-    const ConstStringZ            namesB[] = {"demo::B", "demo::A"};
+    const octet_t codeA[] = {0x41, 0x60, 0, 0x60, 1}; // pair<class, class>
+    const octet_t codeB[] = {0x41, 0x60, 1, 0x60, 0};
+    const ConstStringZ namesA[] = {"demo::A", "demo::B"};
+    const ConstStringZ namesB[] = {"demo::B", "demo::A"};
     const ReflectionByteCodeValue a(ReflectionByteCode(codeA, namesA, nullptr), false);
     const ReflectionByteCodeValue b(ReflectionByteCode(codeB, namesB, nullptr), false);
     EXPECT_TRUE(a == b);
@@ -117,9 +121,9 @@ TEST(ReflectionByteCodeValue, DoesNotDependOnTheOrderOfTheNamesItWasBuiltFrom) {
     EXPECT_EQ(Serialised(a), Serialised(b));
 
     // A name that stands twice in a table is one name.
-    const octet_t                 codeC[] = {0x41, 0x60, 0, 0x60, 1};
-    const octet_t                 codeD[] = {0x41, 0x60, 0, 0x60, 0};
-    const ConstStringZ            namesC[] = {"demo::A", "demo::A"};
+    const octet_t codeC[] = {0x41, 0x60, 0, 0x60, 1};
+    const octet_t codeD[] = {0x41, 0x60, 0, 0x60, 0};
+    const ConstStringZ namesC[] = {"demo::A", "demo::A"};
     const ReflectionByteCodeValue c(ReflectionByteCode(codeC, namesC, nullptr), false);
     const ReflectionByteCodeValue d(ReflectionByteCode(codeD, namesA, nullptr), false);
     EXPECT_TRUE(c == d);
@@ -128,8 +132,9 @@ TEST(ReflectionByteCodeValue, DoesNotDependOnTheOrderOfTheNamesItWasBuiltFrom) {
 
 TEST(ReflectionByteCodeValue, HasATotalOrder) {
     std::vector<ReflectionByteCodeValue> values;
-    for (const ReflectionByteCode bc : {DescriptionOf<int32>(), DescriptionOf<xvector<int32>>(), DescriptionOf<demo::Point>(), DescriptionOf<demo::Shape>(),
-                                        DescriptionOf<pref<IObject>>(), ReflectionByteCode()})
+    for (const ReflectionByteCode bc :
+         {DescriptionOf<int32>(), DescriptionOf<xvector<int32>>(), DescriptionOf<demo::Point>(),
+          DescriptionOf<demo::Shape>(), DescriptionOf<pref<IObject>>(), ReflectionByteCode()})
         values.emplace_back(bc, false);
     for (std::size_t i = 0; i < values.size(); ++i)
         for (std::size_t j = 0; j < values.size(); ++j) {
@@ -145,9 +150,9 @@ TEST(ReflectionByteCodeValue, HasATotalOrder) {
 TEST(ReflectionByteCodeValue, OutlivesWhatItWasBuiltFromAndCopies) {
     ReflectionByteCodeValue value;
     {
-        std::string         name = "demo::Gone";
-        const ConstStringZ  names[] = {name.c_str()};
-        const octet_t       code[] = {0x40, 0x64, 0};
+        std::string name = "demo::Gone";
+        const ConstStringZ names[] = {name.c_str()};
+        const octet_t code[] = {0x40, 0x64, 0};
         value = ReflectionByteCodeValue(ReflectionByteCode(code, names, nullptr), false);
         name = "overwritten";
     }
@@ -165,19 +170,22 @@ TEST(ReflectionByteCodeValue, SerialForm) {
     EXPECT_EQ(Serialised(ReflectionByteCodeValue()), std::string("\0\0", 2));
     EXPECT_EQ(Serialised(ReflectionByteCodeValue(DescriptionOf<int32>(), false)), std::string("\x01\x05\x00", 3));
     EXPECT_EQ(Serialised(ReflectionByteCodeValue(DescriptionOf<xvector<pref<demo::INumber>>>(), false)),
-              std::string("\x03\x40\x63\x00\x01\x0d" "demo::INumber", 19));
+              std::string("\x03\x40\x63\x00\x01\x0d"
+                          "demo::INumber",
+                          19));
 }
 
 TEST(ReflectionByteCodeValue, ReadsBackEqual) {
-    for (const ReflectionByteCode bc : {ReflectionByteCode(), DescriptionOf<Guid>(), DescriptionOf<std::map<xstring, xvector<demo::Point>>>()}) {
+    for (const ReflectionByteCode bc :
+         {ReflectionByteCode(), DescriptionOf<Guid>(), DescriptionOf<std::map<xstring, xvector<demo::Point>>>()}) {
         const ReflectionByteCodeValue value(bc, false);
         EXPECT_TRUE(Read(Serialised(value)) == value);
     }
 }
 
 TEST(ReflectionByteCodeValue, MoreThan127NamesTakeLongerIndexes) {
-    std::vector<std::string>  texts;
-    TypeDescriptionBuilder    builder;
+    std::vector<std::string> texts;
+    TypeDescriptionBuilder builder;
     for (int i = 0; i < 300; ++i) texts.push_back("demo::C" + std::to_string(i));
     for (const std::string& text : texts) {
         builder.Put(EByteCode::Pair);
@@ -190,7 +198,8 @@ TEST(ReflectionByteCodeValue, MoreThan127NamesTakeLongerIndexes) {
 }
 
 TEST(ReflectionByteCodeValue, DamagedBytesEndInAnException) {
-    const std::string good = Serialised(ReflectionByteCodeValue(DescriptionOf<std::map<xstring, std::pair<demo::Point, xvector<demo::Shape>>>>(), false));
+    const std::string good = Serialised(ReflectionByteCodeValue(
+        DescriptionOf<std::map<xstring, std::pair<demo::Point, xvector<demo::Shape>>>>(), false));
     for (std::size_t i = 0; i < good.size(); ++i)
         for (int bit = 0; bit < 8; ++bit) {
             std::string bad = good;
@@ -207,14 +216,17 @@ TEST(ReflectionByteCodeValue, DamagedBytesEndInAnException) {
         }
     EXPECT_THROW(Read(std::string("\x02\x05\x05\x00", 4)), RecordException); // bytes behind the description
     EXPECT_THROW(Read(std::string("\x01\x40\x00", 3)), RecordException);     // no argument
-    EXPECT_THROW(Read(std::string("\x02\x60\x01\x01\x01" "a", 6)), RecordException); // no such name
-    EXPECT_THROW(Read(std::string("\x01\x00\x00", 3)), RecordException);     // no code
+    EXPECT_THROW(Read(std::string("\x02\x60\x01\x01\x01"
+                                  "a",
+                                  6)),
+                 RecordException);                                       // no such name
+    EXPECT_THROW(Read(std::string("\x01\x00\x00", 3)), RecordException); // no code
 }
 
 TEST(ReflectionByteCodeValue, CheckingNamesRefusesWhatIsNotRegistered) {
     Register_Project_qxObject();
     EXPECT_NO_THROW(ReflectionByteCodeValue(DescriptionOf<ptr<IObject>>(), true));
-    const octet_t      code[] = {0x60, 0};
+    const octet_t code[] = {0x60, 0};
     const ConstStringZ names[] = {"demo::NobodyRegisteredThis"};
     EXPECT_THROW(ReflectionByteCodeValue(ReflectionByteCode(code, names, nullptr), true), RecordException);
 }

@@ -26,26 +26,31 @@ namespace demo {
 
 // A plain structure that lists its members.
 struct Point {
-    static constexpr auto Members() { return quna::MemberList(quna::Member("x", &Point::m_x), quna::Member("y", &Point::m_y)); }
+    static constexpr auto Members() {
+        return quna::MemberList(quna::Member("x", &Point::m_x), quna::Member("y", &Point::m_y));
+    }
 
     quna::int32 m_x = 0;
     quna::int32 m_y = 0;
 };
 QX_REFLECT_CLASS(Point, "demo::Point")
 
-enum class EColour : quna::uint8 { Red = 1, Green = 2 };
+enum class EColour : quna::uint8 {
+    Red = 1,
+    Green = 2
+};
 
 class Shape : public quna::IObjectBaseMixin<Shape, quna::EmptyBase> {
 public:
     static constexpr auto Members() {
         using namespace quna;
-        return MemberList(Member("name", &Shape::m_name), Member("points", &Shape::m_points), Removed<int64>(1, 1), Member("colour", &Shape::m_colour, 2),
-                          Member("next", &Shape::m_next));
+        return MemberList(Member("name", &Shape::m_name), Member("points", &Shape::m_points), Removed<int64>(1, 1),
+                          Member("colour", &Shape::m_colour, 2), Member("next", &Shape::m_next));
     }
 
-    quna::xstring            m_name;
-    quna::xvector<Point>     m_points;
-    EColour                  m_colour = EColour::Red;
+    quna::xstring m_name;
+    quna::xvector<Point> m_points;
+    EColour m_colour = EColour::Red;
     quna::ptr<quna::IObject> m_next;
 };
 QX_REFLECT_CLASS(Shape, "demo::Shape", quna::REFLECTED_CLASS_FOR_APPLICATIONS)
@@ -64,15 +69,13 @@ struct INumber : quna::IObjectForwards<INumber> {
 
     template <quna::IObjectClass T>
         requires requires(const T& object) { object.GetNumber(); }
-    static INumber CoerceFrom(T* object) {
-        return INumber(object, object ? &Stubs<T>::s_table : nullptr);
-    }
+    static INumber CoerceFrom(T* object) { return INumber(object, object ? &Stubs<T>::s_table : nullptr); }
 
     INumber(void* self, const FnTable* table) : m_self(self), m_table(table) {}
     operator quna::IObject() const { return quna::IObject(m_self, m_table); }
     int GetNumber() const { return m_table->GetNumber(m_self); }
 
-    void*          m_self = nullptr;
+    void* m_self = nullptr;
     const FnTable* m_table = nullptr;
 };
 

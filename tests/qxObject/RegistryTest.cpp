@@ -22,7 +22,7 @@ namespace {
 
 XTarget* TestTarget() {
     static constexpr dsTarget TARGET = {"Tests/Registry", nullptr, 0, nullptr, 0};
-    static XTarget* const     target = RegisterTarget(TARGET);
+    static XTarget* const target = RegisterTarget(TARGET);
     return target;
 }
 
@@ -30,15 +30,15 @@ XTarget* TestTarget() {
 template <class Record>
 struct NamedRecord {
     std::string m_name;
-    Record      m_record;
+    Record m_record;
 };
 
 template <class Record>
 NamedRecord<Record>& NewNamedRecord(const std::string& name) {
-    static std::mutex                      s_mutex;
+    static std::mutex s_mutex;
     static std::deque<NamedRecord<Record>> s_records;
-    const std::lock_guard                  lock(s_mutex);
-    NamedRecord<Record>&                   named = s_records.emplace_back(NamedRecord<Record>{name, Record()});
+    const std::lock_guard lock(s_mutex);
+    NamedRecord<Record>& named = s_records.emplace_back(NamedRecord<Record>{name, Record()});
     named.m_record.m_name = named.m_name.c_str();
     return named;
 }
@@ -55,10 +55,12 @@ NamedRecord<Record>& NewRecord(const char* prefix) {
 
 const ReflectedClass* NewClass(const std::string& name) { return &NewNamedRecord<ReflectedClass>(name).m_record; }
 
-ENameSpaceError RegisterClassNamed(const std::string& name) { return RegisterReflectedClass(NewClass(name), TestTarget()); }
+ENameSpaceError RegisterClassNamed(const std::string& name) {
+    return RegisterReflectedClass(NewClass(name), TestTarget());
+}
 
 TEST(Registry, ARegisteredClassIsFoundByItsFullName) {
-    const std::string     name = "registrytest::" + Unique("C");
+    const std::string name = "registrytest::" + Unique("C");
     const ReflectedClass* rc = NewClass(name);
     EXPECT_EQ(FindReflectedClass(name.c_str()), nullptr);
     EXPECT_EQ(RegisterReflectedClass(rc, TestTarget()), NSE_OK);
@@ -77,7 +79,8 @@ TEST(Registry, ANameIsTakenOnce) {
 }
 
 TEST(Registry, ErrorsHaveTheirNumbers) {
-    static_assert(NSE_OK == 0 && NSE_COLON_EXPECTED == 1 && NSE_IDENTIFIER_EXPECTED == 2 && NSE_NAME_ALREADY_IN_USE == 3);
+    static_assert(NSE_OK == 0 && NSE_COLON_EXPECTED == 1 && NSE_IDENTIFIER_EXPECTED == 2 &&
+                  NSE_NAME_ALREADY_IN_USE == 3);
     static_assert(NSE_NAME_NOT_FOUND == 4 && NSE_NOT_A_NAMESPACE == 5);
 }
 
@@ -131,13 +134,14 @@ TEST(Registry, EachKindOfItemIsFoundAsItsKindOnly) {
 TEST(Registry, AFailedRegistrationByAHelperNamesTheCall) {
     const std::string name = "registrytest::" + Unique("C");
     RegisterOrThrow(*NewClass(name), TestTarget());
-    ExpectAssertion("RegisterReflectedClass(&record, target) == NSE_OK", [&] { RegisterOrThrow(*NewClass(name), TestTarget()); });
+    ExpectAssertion("RegisterReflectedClass(&record, target) == NSE_OK",
+                    [&] { RegisterOrThrow(*NewClass(name), TestTarget()); });
 }
 
 TEST(Registry, ATargetIsKnownByItsName) {
     static constexpr dsTarget A = {"Tests/RegistryTargetA", nullptr, 0, nullptr, 0};
     static constexpr dsTarget B = {"Tests/RegistryTargetB", nullptr, 0, nullptr, 0};
-    XTarget* const            a = RegisterTarget(A);
+    XTarget* const a = RegisterTarget(A);
     EXPECT_EQ(a->m_dsTarget, &A);
     EXPECT_EQ(RegisterTarget(A), a);
     EXPECT_NE(RegisterTarget(B), a);
@@ -171,7 +175,7 @@ TEST(FindTypeOps, IsNullForWhatHasNone) {
     EXPECT_EQ(FindTypeOps(DescriptionOf<demo::Point*>()), nullptr);
     EXPECT_EQ(FindTypeOps(DescriptionOf<ptr<IObject>>()), nullptr);
     EXPECT_EQ(FindTypeOps(DescriptionOf<xvector<xvector<float32>>>()), nullptr);
-    const octet_t      code[] = {0x60, 0};
+    const octet_t code[] = {0x60, 0};
     const ConstStringZ names[] = {"registrytest::Unknown"};
     EXPECT_EQ(FindTypeOps(ReflectionByteCode(code, names, nullptr)), nullptr);
 }
@@ -179,7 +183,7 @@ TEST(FindTypeOps, IsNullForWhatHasNone) {
 TEST(FindTypeOps, FindsTheOperationsOfARegisteredClassByName) {
     static const bool registered = (demo::_Register_Shape(TestTarget()), true);
     EXPECT_TRUE(registered);
-    const octet_t      code[] = {0x60, 0};
+    const octet_t code[] = {0x60, 0};
     const ConstStringZ names[] = {"demo::Shape"};
     EXPECT_EQ(FindTypeOps(ReflectionByteCode(code, names, nullptr)), &GetReflectedClass<demo::Shape>().m_ops);
     EXPECT_EQ(&GetTypeOps<demo::Shape>(), &GetReflectedClass<demo::Shape>().m_ops);
@@ -213,14 +217,16 @@ TEST(FindTypeOps, EveryReferenceHasTheOperationsThatTheHookNames) {
 TEST(RegistryThreads, LookingUpAndRegisteringGoTogether) {
     Register_Project_qxObject();
     std::vector<std::thread> threads;
-    std::atomic<int>         found{0};
-    const std::string        prefix = Unique("registrythreads");
+    std::atomic<int> found{0};
+    const std::string prefix = Unique("registrythreads");
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&, t] {
             for (int i = 0; i < 200; ++i) {
                 const std::string name = prefix + "::C" + std::to_string(t) + "_" + std::to_string(i);
                 const ReflectedClass* const rc = NewClass(name);
-                if (RegisterReflectedClass(rc, TestTarget()) == NSE_OK && FindReflectedClass(name.c_str()) == rc && FindTypeOps(DescriptionOf<xvector<int32>>())) ++found;
+                if (RegisterReflectedClass(rc, TestTarget()) == NSE_OK && FindReflectedClass(name.c_str()) == rc &&
+                    FindTypeOps(DescriptionOf<xvector<int32>>()))
+                    ++found;
             }
         });
     for (std::thread& thread : threads) thread.join();
@@ -243,7 +249,7 @@ struct Counter {
 };
 
 TEST(ReflectFunction, DescribesAndCallsAFunction) {
-    static constexpr auto                    ARGS = DescribeArguments<&Subtract>("a", "p");
+    static constexpr auto ARGS = DescribeArguments<&Subtract>("a", "p");
     static constexpr ReflectedGlobalFunction RECORD = DescribeFunction<&Subtract>("registrytest::Subtract", ARGS);
     EXPECT_EQ(RECORD.m_numArgs, 2);
     EXPECT_STREQ(RECORD.m_args[1].m_name, "p");
@@ -251,42 +257,42 @@ TEST(ReflectFunction, DescribesAndCallsAFunction) {
     os << RECORD.m_args[1].m_typeFn() << " " << RECORD.m_resultTypeFn();
     EXPECT_STREQ(os.c_str(), "demo::Point const& int32");
 
-    int32        a = 10;
-    demo::Point  p{3, 0};
-    void* const  args[] = {&a, &p};
-    int32        result = 0;
+    int32 a = 10;
+    demo::Point p{3, 0};
+    void* const args[] = {&a, &p};
+    int32 result = 0;
     RECORD.m_invokeFn(&result, args);
     EXPECT_EQ(result, 7);
 }
 
 TEST(ReflectFunction, AReferenceResultIsAnAddressAndAnUnknownTypeHasNoDescription) {
-    static constexpr auto                    ARGS = DescribeArguments<&Self>("p");
+    static constexpr auto ARGS = DescribeArguments<&Self>("p");
     static constexpr ReflectedGlobalFunction RECORD = DescribeFunction<&Self>("registrytest::Self", ARGS);
-    demo::Point  p{1, 2};
-    void* const  args[] = {&p};
+    demo::Point p{1, 2};
+    void* const args[] = {&p};
     demo::Point* result = nullptr;
     RECORD.m_invokeFn(&result, args);
     EXPECT_EQ(result, &p);
 
-    static constexpr auto                    TOUCH_ARGS = DescribeArguments<&Touch>("u", "p");
+    static constexpr auto TOUCH_ARGS = DescribeArguments<&Touch>("u", "p");
     static constexpr ReflectedGlobalFunction TOUCH = DescribeFunction<&Touch>("registrytest::Touch", TOUCH_ARGS);
     EXPECT_EQ(TOUCH.m_args[0].m_typeFn, nullptr);
     Unreflected* u = nullptr;
-    void* const  touchArgs[] = {&u, &result};
+    void* const touchArgs[] = {&u, &result};
     TOUCH.m_invokeFn(nullptr, touchArgs);
     EXPECT_EQ(p.m_x, 77);
 }
 
 TEST(ReflectFunction, AMethodIsCalledWithItsObjectFirst) {
-    static constexpr auto            ARGS = DescribeArguments<&Counter::Add>("n");
+    static constexpr auto ARGS = DescribeArguments<&Counter::Add>("n");
     static constexpr ReflectedMethod ADD = DescribeMethod<&Counter::Add>("Add", ARGS);
-    static constexpr auto            NO_ARGS = DescribeArguments<&Counter::Get>();
+    static constexpr auto NO_ARGS = DescribeArguments<&Counter::Get>();
     static constexpr ReflectedMethod GET = DescribeMethod<&Counter::Get>("Get", NO_ARGS);
     EXPECT_EQ(ADD.m_numArgs, 1);
-    Counter     counter;
-    Counter*    self = &counter;
-    int32       n = 5;
-    int32       result = 0;
+    Counter counter;
+    Counter* self = &counter;
+    int32 n = 5;
+    int32 result = 0;
     void* const args[] = {&self, &n};
     ADD.m_invokeFn(&result, args);
     ADD.m_invokeFn(&result, args);

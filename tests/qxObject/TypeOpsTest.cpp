@@ -19,7 +19,9 @@ namespace {
 
 class Bytes : public IOutputStream {
 public:
-    void WriteStream(const void* p, ssize_t n) override { m_bytes.append(static_cast<const char*>(p), static_cast<std::size_t>(n)); }
+    void WriteStream(const void* p, ssize_t n) override {
+        m_bytes.append(static_cast<const char*>(p), static_cast<std::size_t>(n));
+    }
     void FlushStream() override {}
     std::string m_bytes;
 };
@@ -46,7 +48,9 @@ std::string Printed(const TypeOps& ops, const void* p) {
 class PackedStrings {
 public:
     static constexpr ssize_t STRIDE = static_cast<ssize_t>(sizeof(xstring)) + 3;
-    explicit PackedStrings(ssize_t n) : m_memory(static_cast<std::size_t>(n * STRIDE) + 1), m_count(n) { Ops().ConstructArray(At(0), STRIDE, n); }
+    explicit PackedStrings(ssize_t n) : m_memory(static_cast<std::size_t>(n * STRIDE) + 1), m_count(n) {
+        Ops().ConstructArray(At(0), STRIDE, n);
+    }
     ~PackedStrings() { Ops().DestructArray(At(0), STRIDE, m_count); }
     PackedStrings(const PackedStrings&) = delete;
     PackedStrings& operator=(const PackedStrings&) = delete;
@@ -61,7 +65,7 @@ public:
 
 private:
     std::vector<char> m_memory;
-    ssize_t           m_count;
+    ssize_t m_count;
 };
 
 TEST(TypeOps, TheTableOfAnIntegerFillsWhatAnIntegerCanDo) {
@@ -90,7 +94,8 @@ TEST(TypeOps, OneTableOfATypeIsFoundEachTime) {
 
 TEST(TypeOps, TheSizeStandsFirstAndTheSeventeenFunctionsFollowInOrder) {
     static_assert(sizeof(TypeOps) == 18 * 8);
-    static_assert(offsetof(TypeOps, m_size) == 0 && offsetof(TypeOps, m_equalsFn) == 8 && offsetof(TypeOps, m_lessFn) == 16);
+    static_assert(offsetof(TypeOps, m_size) == 0 && offsetof(TypeOps, m_equalsFn) == 8 &&
+                  offsetof(TypeOps, m_lessFn) == 16);
     static_assert(offsetof(TypeOps, m_PrintVariableFn) == 24 && offsetof(TypeOps, m_ConstructArrayFn) == 32);
     static_assert(offsetof(TypeOps, m_CopyConstructArrayFn) == 40 && offsetof(TypeOps, m_AssignArrayFn) == 48);
     static_assert(offsetof(TypeOps, m_DestructArrayFn) == 56 && offsetof(TypeOps, m_SerialiseArrayFn) == 64);
@@ -102,10 +107,10 @@ TEST(TypeOps, TheSizeStandsFirstAndTheSeventeenFunctionsFollowInOrder) {
 
 TEST(TypeOps, AMissingOperationFailsAnAssertionThatNamesItsField) {
     const TypeOps none;
-    int32         x = 0;
-    StringStream  os(16);
-    Bytes         bytes;
-    Archive       ar(&bytes);
+    int32 x = 0;
+    StringStream os(16);
+    Bytes bytes;
+    Archive ar(&bytes);
     ExpectAssertion("m_equalsFn", "src/TypeOps", [&] { none.Equal(&x, &x); });
     ExpectAssertion("m_lessFn", "src/TypeOps", [&] { none.Less(&x, &x); });
     ExpectAssertion("m_lessFn", [&] { none.LessOrEqual(&x, &x); });
@@ -124,7 +129,7 @@ TEST(TypeOps, AMissingOperationFailsAnAssertionThatNamesItsField) {
 
 TEST(TypeOps, ComparisonsRefuseNullArguments) {
     const TypeOps& ops = GetTypeOps<int32>();
-    const int32    x = 0;
+    const int32 x = 0;
     ExpectAssertion("p1", "src/TypeOps", [&] { ops.Equal(nullptr, &x); });
     ExpectAssertion("p2", [&] { ops.Equal(&x, nullptr); });
     ExpectAssertion("p1", [&] { ops.Less(nullptr, &x); });
@@ -133,7 +138,7 @@ TEST(TypeOps, ComparisonsRefuseNullArguments) {
 
 TEST(TypeOps, ConstructingGivesZeroToNumbers) {
     const TypeOps& ops = GetTypeOps<float64>();
-    float64        values[3] = {1, 2, 3};
+    float64 values[3] = {1, 2, 3};
     ops.ConstructArray(values, 8, 3);
     EXPECT_EQ(values[0] + values[1] + values[2], 0);
 }
@@ -143,7 +148,7 @@ TEST(TypeOps, ArrayFunctionsLeaveTheBytesBetweenElementsAlone) {
         int32 m_key;
         int32 m_other;
     };
-    Entry       entries[3] = {{1, 9}, {2, 9}, {3, 9}};
+    Entry entries[3] = {{1, 9}, {2, 9}, {3, 9}};
     const int32 source[3] = {7, 8, 9};
     GetTypeOps<int32>().AssignArray(&entries[0].m_key, sizeof(Entry), source, sizeof(int32), 3);
     EXPECT_EQ(entries[2].m_key, 9);
@@ -183,7 +188,7 @@ TEST(TypeOps, CopyConstructionCopiesBetweenArraysOfDifferentStrideAndAlignment) 
 
 TEST(TypeOps, BoundsFindTheFirstElementNotBelowAndTheFirstAbove) {
     PackedStrings strings(5);
-    const char*   texts[] = {"b", "d", "d", "f", "h"};
+    const char* texts[] = {"b", "d", "d", "f", "h"};
     for (ssize_t i = 0; i < 5; ++i) strings.Set(i, texts[i]);
     const auto lower = [&](const char* text) {
         const xstring value(text);
@@ -206,9 +211,9 @@ TEST(TypeOps, BoundsFindTheFirstElementNotBelowAndTheFirstAbove) {
 
 TEST(TypeOps, StringsOrderByUnsignedBytesThenLength) {
     const TypeOps& ops = GetTypeOps<xstring>();
-    const xstring  ab("ab");
-    const xstring  abc("abc");
-    const xstring  high("\x80");
+    const xstring ab("ab");
+    const xstring abc("abc");
+    const xstring high("\x80");
     EXPECT_TRUE(ops.Less(&ab, &abc));
     EXPECT_TRUE(ops.Less(&abc, &high));
 }
@@ -218,16 +223,20 @@ TEST(TypeOps, AnArrayIsSerialisedWithoutACountAndReadsBack) {
     strings.Set(0, "ab");
     strings.Set(1, "");
     const std::string bytes = Serialised(PackedStrings::Ops(), strings.At(0), PackedStrings::STRIDE, 2);
-    EXPECT_EQ(bytes, std::string("\x02" "ab" "\x00", 4));
+    EXPECT_EQ(bytes, std::string("\x02"
+                                 "ab"
+                                 "\x00",
+                                 4));
 
     PackedStrings read(2);
-    EXPECT_EQ(PackedStrings::Ops().DeserialiseArray(Cursor(bytes), read.At(0), PackedStrings::STRIDE, 2).ptr(), Cursor(bytes) + 4);
+    EXPECT_EQ(PackedStrings::Ops().DeserialiseArray(Cursor(bytes), read.At(0), PackedStrings::STRIDE, 2).ptr(),
+              Cursor(bytes) + 4);
     EXPECT_EQ(read.Get(0), "ab");
 }
 
 template <class T>
 void ExpectRoundTrip(const T& value, const std::string& expectedBytes) {
-    const TypeOps     ops = MakeTypeOps<T>();
+    const TypeOps ops = MakeTypeOps<T>();
     const std::string bytes = Serialised(ops, &value, 0, 1);
     EXPECT_EQ(bytes, expectedBytes);
     T read{};
@@ -241,7 +250,9 @@ TEST(TypeOps, ContainersOfAnythingHaveASerialForm) {
     ExpectRoundTrip<xvector<bool>>({true, false}, std::string("\x02\x01\x00", 3));
     ExpectRoundTrip<xvector<xstring>>({xstring("x"), xstring()}, std::string("\x02\x01x\x00", 4));
     ExpectRoundTrip<xvector<xvector<uint8>>>({{1}, {}}, std::string("\x02\x01\x01\x00", 4));
-    ExpectRoundTrip<std::map<uint8, xstring>>({{1, xstring("a")}, {2, xstring()}}, std::string("\x02\x01\x01" "a\x02\x00", 6));
+    ExpectRoundTrip<std::map<uint8, xstring>>({{1, xstring("a")}, {2, xstring()}}, std::string("\x02\x01\x01"
+                                                                                               "a\x02\x00",
+                                                                                               6));
     ExpectRoundTrip<std::set<uint8>>({3, 1}, std::string("\x02\x01\x03", 3));
     ExpectRoundTrip<std::pair<uint8, uint8>>({1, 2}, std::string("\x01\x02", 2));
     ExpectRoundTrip<demo::Point>({1, -1}, std::string("\x01\0\0\0\xff\xff\xff\xff", 8));
@@ -252,7 +263,7 @@ TEST(TypeOps, AVectorLongerThanItsRecordIsRefused) {
     std::string bytes("\xF0\x7F\xFF\xFF\xFF", 5);
     bytes.resize(5 + RECORD_SLACK);
     const RecordLimitsScope limits(Cursor(bytes), Cursor(bytes) + 5);
-    xvector<int64>          read;
+    xvector<int64> read;
     EXPECT_THROW(GetTypeOps<xvector<int64>>().DeserialiseVariable(Cursor(bytes), &read), RecordException);
     xvector<xstring> texts;
     EXPECT_THROW(GetTypeOps<xvector<xstring>>().DeserialiseVariable(Cursor(bytes), &texts), RecordException);
@@ -269,7 +280,7 @@ TEST(TypeOps, AnExceptionWhileAnArrayIsConstructedLeavesRawMemory) {
         char m_byte = 0;
     };
     Third* const none = nullptr;
-    char         memory[4];
+    char memory[4];
     EXPECT_THROW(MakeTypeOps<Third>().ConstructArray(memory, 1, 4), int);
     EXPECT_EQ(alive, 0);
     EXPECT_EQ(none, nullptr);
@@ -283,8 +294,10 @@ TEST(TypeOps, WhatATypeCannotDoIsANullSlot) {
     };
     constexpr TypeOps ops = MakeTypeOps<Opaque>();
     EXPECT_EQ(ops.m_size, 1);
-    EXPECT_FALSE(ops.HasEqual() || ops.HasLess() || ops.HasPrint() || ops.HasConstruct() || ops.HasCopyConstruct() || ops.HasAssign());
-    EXPECT_FALSE(ops.HasDestruct() || ops.HasSerialise() || ops.HasDeserialise() || ops.HasVisitObjects() || ops.HasVisitPrefs());
+    EXPECT_FALSE(ops.HasEqual() || ops.HasLess() || ops.HasPrint() || ops.HasConstruct() || ops.HasCopyConstruct() ||
+                 ops.HasAssign());
+    EXPECT_FALSE(ops.HasDestruct() || ops.HasSerialise() || ops.HasDeserialise() || ops.HasVisitObjects() ||
+                 ops.HasVisitPrefs());
     EXPECT_FALSE(ops.HasLowerBound() || ops.HasUpperBound());
     EXPECT_FALSE(MakeTypeOps<xvector<Opaque*>>().HasSerialise());
     EXPECT_FALSE((MakeTypeOps<std::map<int, const char*>>().HasEqual()));
@@ -304,8 +317,8 @@ TEST(TypeOps, AnEvictablePointerInAnUnalignedElementIsVisitedAtItsTrueAddress) {
         std::vector<const void*> m_addresses;
     };
     constexpr ssize_t STRIDE = sizeof(Holder) + 1;
-    char              memory[3 * STRIDE];
-    const TypeOps     ops = MakeTypeOps<Holder>();
+    char memory[3 * STRIDE];
+    const TypeOps ops = MakeTypeOps<Holder>();
     ops.ConstructArray(memory, STRIDE, 3);
     Recorder recorder;
     ops.VisitObjectsInArray(recorder, memory, STRIDE, 3);
@@ -332,8 +345,8 @@ struct Visited {
 
 TEST(TypeOps, AChangeThatAVisitorMakesToAnUnalignedElementIsStored) {
     constexpr ssize_t STRIDE = sizeof(Visited) + 1;
-    char              memory[4 * STRIDE];
-    const TypeOps     ops = MakeTypeOps<Visited>();
+    char memory[4 * STRIDE];
+    const TypeOps ops = MakeTypeOps<Visited>();
     ops.ConstructArray(memory, STRIDE, 4);
     IPrefVisitor visitor;
     ops.VisitPrefsInArray(visitor, memory, STRIDE, 4);

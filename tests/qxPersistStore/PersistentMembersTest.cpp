@@ -14,19 +14,24 @@ namespace membertest {
 using namespace quna;
 
 struct Address {
-    static constexpr auto Members() { return MemberList(Member("street", &Address::m_street), Member("number", &Address::m_number)); }
+    static constexpr auto Members() {
+        return MemberList(Member("street", &Address::m_street), Member("number", &Address::m_number));
+    }
 
     xstring m_street;
-    uint8   m_number = 0;
+    uint8 m_number = 0;
 };
 
 // The class as it was first.
 class PersonV1 : public PersistentObject<PersonV1> {
 public:
-    static constexpr auto Members() { return MemberList(Member("name", &PersonV1::m_name), Member("shoes", &PersonV1::m_shoes), Member("best", &PersonV1::m_best)); }
+    static constexpr auto Members() {
+        return MemberList(Member("name", &PersonV1::m_name), Member("shoes", &PersonV1::m_shoes),
+                          Member("best", &PersonV1::m_best));
+    }
 
-    xstring        m_name;
-    uint16         m_shoes = 0;
+    xstring m_name;
+    uint16 m_shoes = 0;
     cref<PersonV1> m_best;
 };
 QX_REFLECT_PERSISTENT_CLASS(PersonV1, "membertest::PersonV1")
@@ -35,16 +40,17 @@ QX_REFLECT_PERSISTENT_CLASS(PersonV1, "membertest::PersonV1")
 class Person : public PersistentObject<Person> {
 public:
     static constexpr auto Members() {
-        return MemberList(Member("name", &Person::m_name), Removed<uint16>(1, 2), Member("best", &Person::m_best), Member("born", &Person::m_born, 2),
-                          Member("addresses", &Person::m_addresses, 3), Member("friends", &Person::m_friends, 3), Member("owner", &Person::m_owner, 3).Parent());
+        return MemberList(Member("name", &Person::m_name), Removed<uint16>(1, 2), Member("best", &Person::m_best),
+                          Member("born", &Person::m_born, 2), Member("addresses", &Person::m_addresses, 3),
+                          Member("friends", &Person::m_friends, 3), Member("owner", &Person::m_owner, 3).Parent());
     }
 
-    xstring               m_name;
-    cref<Person>          m_best;
-    uint16                m_born = 1970;
-    xvector<Address>      m_addresses;
+    xstring m_name;
+    cref<Person> m_best;
+    uint16 m_born = 1970;
+    xvector<Address> m_addresses;
     xvector<cref<Person>> m_friends;
-    pref<IPersistable>    m_owner;
+    pref<IPersistable> m_owner;
 };
 QX_REFLECT_PERSISTENT_CLASS(Person, "membertest::Person")
 
@@ -58,7 +64,9 @@ using membertest::PersonV1;
 
 class Bytes : public IOutputStream {
 public:
-    void WriteStream(const void* p, ssize_t n) override { m_bytes.append(static_cast<const char*>(p), static_cast<std::size_t>(n)); }
+    void WriteStream(const void* p, ssize_t n) override {
+        m_bytes.append(static_cast<const char*>(p), static_cast<std::size_t>(n));
+    }
     void FlushStream() override {}
     std::string m_bytes;
 };
@@ -76,7 +84,7 @@ std::string Record(ptr<const IPersistable> object) {
 void Read(std::string record, ptr<IPersistable> object) {
     const std::size_t size = record.size();
     record.resize(size + static_cast<std::size_t>(RECORD_SLACK));
-    const octet_t* const    begin = reinterpret_cast<const octet_t*>(record.data());
+    const octet_t* const begin = reinterpret_cast<const octet_t*>(record.data());
     const RecordLimitsScope limits(begin, begin + size);
     EXPECT_EQ(object->Deserialise(begin).ptr(), begin + size);
 }
@@ -86,7 +94,9 @@ TEST(PersistentMembers, ARecordIsTheSchemaTagAndTheFieldsInOrder) {
     person.m_name = "Ann";
     person.m_shoes = 0x0102;
     person.m_best.SetOid(OID(3, 2));
-    EXPECT_EQ(Record(&person), std::string("\x01\x03" "Ann\x02\x01\x02\x03", 9));
+    EXPECT_EQ(Record(&person), std::string("\x01\x03"
+                                           "Ann\x02\x01\x02\x03",
+                                           9));
 
     const Person later;
     EXPECT_EQ(Record(&later), std::string("\x03\x00\x00\xB2\x07\x00\x00\x00", 8));
@@ -134,11 +144,11 @@ TEST(PersistentMembers, ATruncatedRecordEndsInAnException) {
     Person person;
     person.m_name = "a name of some length";
     const std::string record = Record(&person);
-    std::string       cut = record.substr(0, 10);
+    std::string cut = record.substr(0, 10);
     cut.resize(10 + static_cast<std::size_t>(RECORD_SLACK));
-    const octet_t* const    begin = reinterpret_cast<const octet_t*>(cut.data());
+    const octet_t* const begin = reinterpret_cast<const octet_t*>(cut.data());
     const RecordLimitsScope limits(begin, begin + 10);
-    Person                  read;
+    Person read;
     EXPECT_THROW(ptr<IPersistable>(&read)->Deserialise(begin), RecordException);
 }
 
@@ -154,7 +164,8 @@ TEST(PersistentMembers, VisitPrefsReportsEachReferenceAndTellsParentsApart) {
     person.m_friends.resize(2);
     Recorder recorder;
     ptr<IPersistable>(&person)->VisitPrefs(recorder);
-    EXPECT_EQ(recorder.m_owned, (std::vector<const prefbase*>{&person.m_best, &person.m_friends[0], &person.m_friends[1]}));
+    EXPECT_EQ(recorder.m_owned,
+              (std::vector<const prefbase*>{&person.m_best, &person.m_friends[0], &person.m_friends[1]}));
     EXPECT_EQ(recorder.m_parents, (std::vector<const prefbase*>{&person.m_owner}));
 }
 
@@ -196,7 +207,7 @@ TEST(PersistentMembers, TheRecordOfTheClassNamesInterfacesAndFields) {
 }
 
 TEST(PersistentMembers, AnInstanceOfTheRecordIsAFreshPersistable) {
-    const ptr<IObject>      o = GetReflectedClass<Person>().Create();
+    const ptr<IObject> o = GetReflectedClass<Person>().Create();
     const ptr<IPersistable> p = qicast<IPersistable>(o);
     ASSERT_TRUE(p);
     EXPECT_FALSE(GetOid(p));
