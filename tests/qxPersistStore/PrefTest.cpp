@@ -8,9 +8,11 @@
 #include "qxPersistStore/PersistStoreExceptions.h"
 #include "qxUtils/Tracer.h"
 #include "tests/support/ExpectAssertion.h"
+#include "tests/support/TestStore.h"
 
 #include <cstring>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -49,8 +51,6 @@ class Mere : public IObjectBaseMixin<Mere, EmptyBase> {};
 QX_REFLECT_CLASS(Mere, "quna::pref_test::Mere")
 
 namespace {
-
-using Bytes = std::vector<octet_t>;
 
 class Sink final : public IOutputStream {
 public:
@@ -237,6 +237,96 @@ TEST(Pref, AMissNeedsASpaceOnTheThread) {
     ExpectAssertion("pspace", [&] { r.AsyncGet(); });
     EXPECT_EQ(OID(5, 7), r.GetOid());
     EXPECT_FALSE(r.IsBound());
+}
+
+// A named root whose next node names a third, all written; the space is open again with nothing in memory.
+class StoredNodes {
+public:
+    StoredNodes() : m_space(m_store.OpenSpace("nodes")) {
+        {
+            const SpaceScope scope(m_space);
+            auto* const third = NewObject<TestNode>("third");
+            auto* const second = NewObject<TestNode>("second");
+            auto* const first = NewObject<TestNode>("first");
+            second->m_next = third;
+            first->m_next = second;
+            EXPECT_TRUE(AddPSpaceRoot("first", first));
+            m_firstOid = quna::GetOid(ptr<const IPersistable>(first));
+            m_secondOid = quna::GetOid(ptr<const IPersistable>(second));
+        }
+        m_store.CloseSpace(m_space);
+        m_space = m_store.OpenSpace("nodes");
+    }
+
+    TestStore m_store;
+    PSpace* m_space;
+    OID m_firstOid;
+    OID m_secondOid;
+};
+
+TEST(Pref, BindsWhenItIsFollowedAndNotBefore) {
+    StoredNodes nodes;
+    const SpaceScope scope(nodes.m_space);
+    cref<TestNode> r;
+    r.SetOid(nodes.m_firstOid);
+    EXPECT_EQ(nullptr, r.GetInMemory());
+    EXPECT_FALSE(r.IsBound());
+    EXPECT_TRUE(r);
+    EXPECT_EQ(xstring("first"), r->m_name);
+    EXPECT_TRUE(r.IsBound());
+    EXPECT_FALSE(r->m_next.IsBound());
+    EXPECT_TRUE(r->m_next);
+    EXPECT_EQ(nodes.m_secondOid, r->m_next.GetOid());
+    cref<TestNode> again;
+    again.SetOid(nodes.m_firstOid);
+    EXPECT_EQ(r.Get(), again.GetInMemory());
+    EXPECT_TRUE(again.IsBound());
+    EXPECT_EQ(xstring("third"), r->m_next.TryGet()->m_next->m_name);
+}
+
+TEST(Pref, ADanglingOidThrowsOrIsNullAndStaysUnbound) {
+    StoredNodes nodes;
+    const SpaceScope scope(nodes.m_space, SharedRead);
+    const OID gone(0x7FFFFFF0, nodes.m_firstOid.high_);
+    const prefbase r = Unbound(gone);
+    EXPECT_FALSE(r.TryGet());
+    EXPECT_FALSE(r.GetInMemory());
+    ExpectException<DerefDanglingOidException>("Dereferenced dangling OID = " + Text(gone), [&] { r.Get(); });
+    ExpectException<DerefDanglingOidException>("Dereferenced dangling OID = " + Text(gone), [&] { r.GetNotNull(); });
+    EXPECT_FALSE(r.IsBound());
+    EXPECT_EQ(gone, r.GetOid());
+}
+
+TEST(Pref, BindsAgainAfterTheCollectorLetTheTargetGo) {
+    StoredNodes nodes;
+    const SpaceScope scope(nodes.m_space);
+    TestNode* const first = cref<TestNode>(static_cast<TestNode*>(GetPSpaceRoot("first").m_self)).Get();
+    AddGcRoot(ptr<const IObject>(first));
+    EXPECT_EQ(xstring("second"), first->m_next->m_name);
+    SynchronousGc(nodes.m_space->GetCSpace());
+    EXPECT_FALSE(first->m_next.IsBound());
+    EXPECT_EQ(nullptr, first->m_next.GetInMemory());
+    EXPECT_EQ(nodes.m_secondOid, first->m_next.GetOid());
+    EXPECT_EQ(xstring("second"), first->m_next->m_name);
+}
+
+TEST(Pref, TwoReadersBindOneReferenceConcurrently) {
+    StoredNodes nodes;
+    cref<TestNode> r;
+    r.SetOid(nodes.m_firstOid);
+    const TestNode* seen[2] = {};
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 2; ++i)
+        readers.emplace_back([&, i] {
+            const SpaceScope scope(nodes.m_space, SharedRead);
+            const prefbase copy = r;
+            seen[i] = r.Get();
+            (void)copy.GetOid();
+            EXPECT_EQ(xstring("second"), r->m_next->m_name);
+        });
+    for (std::thread& reader : readers) reader.join();
+    EXPECT_NE(nullptr, seen[0]);
+    EXPECT_EQ(seen[0], seen[1]);
 }
 
 TEST(Pref, FollowingTouchesTheTarget) {
