@@ -66,6 +66,12 @@ void Checkpoint::Run(EReason reason) {
     ScheduleNext();
 }
 
+void Checkpoint::Validate() {
+    std::lock_guard lock(m_mutex);
+    TurnScope turn(m_log.Turn());
+    CheckUsage(m_core, m_index, m_space.NumSlots());
+}
+
 // --- (1)
 
 void Checkpoint::TakePosition(State& state, EReason reason) {

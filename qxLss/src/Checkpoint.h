@@ -38,6 +38,8 @@ public:
 
     // Throws FileException or CorruptLSSException; then the store must not write any more (the caller sees to that).
     void Run(EReason reason);
+    // Recounts the usage table while nothing is written; see CheckUsage. Requires: the caller has no transaction open.
+    void Validate();
     // The store's first transaction has been closed: from now on it counts as created.
     void ClearCreatingFlag();
     bool IsBeingCreated() const { return m_isBeingCreated.load(std::memory_order_relaxed); }

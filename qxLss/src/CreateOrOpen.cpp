@@ -62,35 +62,49 @@ void OpenNewFile(File& file, const std::string& newPath, const std::string& path
     file.Truncate(0);
 }
 
+// What an attempt leaves behind is in nobody's way; it is removed so that a full disk has its room again.
+void RemoveQuietly(SysCalls& sys, const std::string& path) noexcept {
+    try {
+        RemoveFile(sys, path);
+    } catch (const FileException&) {
+        return;
+    }
+}
+
 // The store is whole under its own name or not there: it is built under another name and renamed. Null if `replace` is
 // false and there is a file by now.
 StorePtr Create(const OpenRequest& request, bool replace) {
     const std::string newPath = request.path + ".new";
     std::unique_ptr<StoreCore> core = MakeCore(request);
     OpenNewFile(core->m_file, newPath, request.path);
-    StoreId id;
-    const int error = request.sys.RandomBytes(id.data(), id.size());
-    if (error < 0)
-        ThrowFileError("get random bytes for", request.path, -error);
-    core->Attach(id, SegmentSizeFor(request));
-    StorePtr store(new LssStore(std::move(core)));
-    store->LayDown();
-    if (!RenameFile(request.sys, newPath, request.path, replace)) {
-        RemoveFile(request.sys, newPath);
-        return nullptr;
+    StorePtr store;
+    try {
+        StoreId id;
+        const int error = request.sys.RandomBytes(id.data(), id.size());
+        if (error < 0)
+            ThrowFileError("get random bytes for", request.path, -error);
+        core->Attach(id, SegmentSizeFor(request));
+        store.reset(new LssStore(std::move(core)));
+        store->LayDown();
+        if (RenameFile(request.sys, newPath, request.path, replace)) {
+            SyncDirectoryOf(request.sys, request.path);
+            store->SetPath(request.path);
+            return store;
+        }
+    } catch (...) {
+        RemoveQuietly(request.sys, newPath);
+        throw;
     }
-    SyncDirectoryOf(request.sys, request.path);
-    store->SetPath(request.path);
-    return store;
+    RemoveQuietly(request.sys, newPath);
+    return nullptr;
 }
 
-StorePtr OpenFile(const OpenRequest& request, std::unique_ptr<StoreCore> core) {
+StorePtr OpenFile(std::unique_ptr<StoreCore> core) {
     core->m_file.DropCache();
     const CheckpointHeader header = ReadNewestHeader(*core, core->m_file);
     core->Attach(header.storeId, static_cast<ssize_t>(header.segmentSize));
     StorePtr store(new LssStore(std::move(core)));
     store->Recover(header);
-    static_cast<void>(request);
     return store;
 }
 
@@ -120,7 +134,7 @@ StorePtr TryOnce(const OpenRequest& request, bool& createdNew) {
         Refuse("create", request.path, "the file exists already");
     createdNew = isCutShort || Replaces(mode);
     // The old file's lock is held until the new one has its name.
-    return createdNew ? Create(request, true) : OpenFile(request, std::move(core));
+    return createdNew ? Create(request, true) : OpenFile(std::move(core));
 }
 
 ILogStructuredStore* Open(const OpenRequest& request, bool& createdNew) {

@@ -1,7 +1,6 @@
 #include "qxLss/src/LssStore.h"
 
 #include "qxLss/src/SerialElement.h"
-#include "qxLss/src/UsageCheck.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/Exceptions.h"
 #include "qxUtils/Tracer.h"
@@ -23,7 +22,7 @@ int Saturate(int64 x) { return static_cast<int>(std::clamp<int64>(x, 0, std::num
 } // namespace
 
 LssStore::LssStore(std::unique_ptr<StoreCore> core)
-    : m_core(std::move(core)), m_flusher(*m_core), m_space(*m_core), m_ring(m_core->m_file, m_core->m_storeId),
+    : m_core(std::move(core)), m_flusher(*m_core), m_space(*m_core), m_ring(m_core->m_file, m_core->m_storeId, [this] { m_cleanThread.Wake(); }),
       m_allocator(m_ring, [this] { m_flusher.WakeTopUp(); }), m_index(*m_core), m_log(*m_core, m_space, m_flusher),
       m_checkpoint(*m_core, m_space, m_log, m_index, m_flusher, m_ring, m_allocator),
       m_transaction(*m_core, m_log, m_index, m_flusher, m_allocator, [this](bool unwinding) { OnTransactionClosed(unwinding); }) {}
@@ -71,12 +70,7 @@ void LssStore::StartThreads() {
     if (m_core->m_readOnly)
         return;
     Flusher::Hooks hooks;
-    hooks.handOverBuffered = [this] {
-        if (m_core->m_settings.enableFileBuffering) {
-            TurnScope turn(m_log.Turn());
-            m_log.HandOver();
-        }
-    };
+    hooks.handOverBuffered = [this] { HandOverBuffered(); };
     hooks.topUp = [this] { m_allocator.TopUp(); };
     m_flusher.Start(std::move(hooks));
     m_cleanThread.Start([this] { DoBackgroundWork(); }, [this] { m_core->FailWithCurrentException(); });
@@ -117,31 +111,30 @@ void LssStore::ThrowIfReadOnly(ConstStringZ operation) const {
         throw FileException((std::string("Can't ") + operation + " in the store '" + m_core->m_file.Path() + "': the store is open read-only").c_str());
 }
 
-SeidHigh LssStore::AllocateSeidHigh() {
+// A failed write of the ring is as final as one of the log; an exhausted high is not.
+template <class Action>
+auto LssStore::Allocate(Action&& action) {
     ThrowIfReadOnly("allocate an identifier");
     m_core->ThrowIfUnwritable();
-    const SeidHigh high = m_allocator.AllocateSeidHigh();
-    if (m_ring.WantsCheckpoint())
-        m_cleanThread.Wake();
-    return high;
+    try {
+        return action();
+    } catch (...) {
+        if (m_ring.HasFailed())
+            m_core->FailWithCurrentException();
+        throw;
+    }
+}
+
+SeidHigh LssStore::AllocateSeidHigh() {
+    return Allocate([this] { return m_allocator.AllocateSeidHigh(); });
 }
 
 Seid LssStore::AllocateSeid(SeidHigh high) {
-    ThrowIfReadOnly("allocate an identifier");
-    m_core->ThrowIfUnwritable();
-    const Seid seid = m_allocator.AllocateSeid(high);
-    if (m_ring.WantsCheckpoint()) [[unlikely]]
-        m_cleanThread.Wake();
-    return seid;
+    return Allocate([this, high] { return m_allocator.AllocateSeid(high); });
 }
 
 bool LssStore::AllocateAffiliateSeid(Seid& seid) {
-    ThrowIfReadOnly("allocate an identifier");
-    m_core->ThrowIfUnwritable();
-    const bool found = m_allocator.AllocateAffiliateSeid(seid);
-    if (m_ring.WantsCheckpoint()) [[unlikely]]
-        m_cleanThread.Wake();
-    return found;
+    return Allocate([this, &seid] { return m_allocator.AllocateAffiliateSeid(seid); });
 }
 
 // --- elements and transactions
@@ -179,10 +172,26 @@ ILssTransaction* LssStore::OpenTransaction() {
 }
 
 void LssStore::OnTransactionClosed(bool unwinding) {
-    if (m_checkpoint.IsBeingCreated() && !unwinding && m_log.HandedClock() > static_cast<uint64>(SEGMENT_HEADER_BYTES)) [[unlikely]]
-        m_checkpoint.ClearCreatingFlag();
+    if (m_checkpoint.IsBeingCreated() && !unwinding && m_core->m_counters.numTransactions.load(std::memory_order_relaxed) > 0) [[unlikely]] {
+        try {
+            HandOverBuffered();
+            m_checkpoint.ClearCreatingFlag();
+        } catch (...) {
+            m_core->FailWithCurrentException();
+            throw;
+        }
+    }
     if (m_checkpoint.IsDue() || m_space.IsShort()) [[unlikely]]
         m_cleanThread.Wake();
+}
+
+// With enableFileBuffering closed transactions may be in memory only.
+void LssStore::HandOverBuffered() {
+    if (!m_core->m_settings.enableFileBuffering)
+        return;
+    QX_ASSERT(!m_log.Turn().IsOwnedByThisThread());
+    TurnScope turn(m_log.Turn());
+    m_log.HandOver();
 }
 
 void LssStore::DoBackgroundWork() {
@@ -196,11 +205,7 @@ void LssStore::DoBackgroundWork() {
 void LssStore::Flush() {
     ThrowIfReadOnly("flush");
     m_core->ThrowIfUnwritable();
-    if (m_core->m_settings.enableFileBuffering) {
-        QX_ASSERT(!m_log.Turn().IsOwnedByThisThread());
-        TurnScope turn(m_log.Turn());
-        m_log.HandOver();
-    }
+    HandOverBuffered();
     m_flusher.SyncHandedOver();
 }
 
@@ -226,9 +231,6 @@ void LssStore::GetStats(LssStats& stats) {
 
 void LssStore::CheckpointForTest() { m_checkpoint.Run(Checkpoint::EReason::RUNNING); }
 
-void LssStore::Validate() {
-    TurnScope turn(m_log.Turn());
-    CheckUsage(*m_core, m_index, m_space.NumSlots());
-}
+void LssStore::Validate() { m_checkpoint.Validate(); }
 
 } // namespace quna

@@ -69,7 +69,10 @@ private:
     void StopThreads();
     void OnTransactionClosed(bool unwinding);
     void DoBackgroundWork();
+    void HandOverBuffered();
     void ThrowIfReadOnly(ConstStringZ operation) const;
+    template <class Action>
+    auto Allocate(Action&& action);
 
     std::unique_ptr<StoreCore>          m_core;
     Flusher                             m_flusher;

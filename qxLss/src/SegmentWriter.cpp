@@ -2,18 +2,24 @@
 
 namespace quna {
 
-SegmentWriter::SegmentWriter(StoreCore& core)
-    : m_core(core), m_segmentSize(core.m_segmentSize),
+SegmentWriter::SegmentWriter(StoreCore& core, bool readersUseBuffer)
+    : m_core(core), m_readersUseBuffer(readersUseBuffer), m_segmentSize(core.m_segmentSize),
       m_buffer(std::make_unique<octet_t[]>(static_cast<size_t>(core.m_segmentSize))) {}
 
-void SegmentWriter::Begin(ssize_t slot, uint64 clockAtOpening, uint64 previousSequence) {
-    const SegmentSlot& s = (*m_core.m_segments)[slot];
+void SegmentWriter::OpenFor(ssize_t slot, uint64 clockAtOpening) {
+    SegmentSlot& s = (*m_core.m_segments)[slot];
     m_slot = slot;
     m_fileOffset = m_core.m_segments->OffsetOf(slot);
     m_sequence = s.sequence;
     m_crcSeed = s.crcSeed;
     m_clockAtOpening = clockAtOpening;
+    if (m_readersUseBuffer)
+        s.base.store(m_buffer.get(), std::memory_order_release);
+}
 
+void SegmentWriter::Begin(ssize_t slot, uint64 clockAtOpening, uint64 previousSequence) {
+    OpenFor(slot, clockAtOpening);
+    const SegmentSlot& s = (*m_core.m_segments)[slot];
     SegmentHeader header{};
     std::memcpy(header.magic, SEGMENT_MAGIC, sizeof header.magic);
     header.sequence = m_sequence;
@@ -31,13 +37,33 @@ void SegmentWriter::Begin(ssize_t slot, uint64 clockAtOpening, uint64 previousSe
 }
 
 void SegmentWriter::Resume(ssize_t slot, ssize_t offset, uint64 clockAtOpening) {
-    const SegmentSlot& s = (*m_core.m_segments)[slot];
-    m_slot = slot;
-    m_fileOffset = m_core.m_segments->OffsetOf(slot);
-    m_sequence = s.sequence;
-    m_crcSeed = s.crcSeed;
-    m_clockAtOpening = clockAtOpening;
+    if (m_readersUseBuffer)
+        m_core.m_file.Read(m_core.m_segments->OffsetOf(slot), m_buffer.get(), offset);
+    OpenFor(slot, clockAtOpening);
     m_pos = m_handed = offset;
+}
+
+void SegmentWriter::End() {
+    if (m_readersUseBuffer && m_slot >= 0) {
+        (*m_core.m_segments)[m_slot].base.store(m_core.m_map->At(m_fileOffset), std::memory_order_release);
+        RetireBuffer();
+    }
+    m_slot = -1;
+}
+
+// A reader that has the slot pinned may have found the buffer there. The look at the count is a read-modify-write, so
+// that a reader who pins after it finds the new base.
+void SegmentWriter::RetireBuffer() {
+    m_retired.push_back({m_slot, std::move(m_buffer)});
+    for (Retired& retired : m_retired) {
+        if ((*m_core.m_segments)[retired.slot].pins.fetch_add(0, std::memory_order_acq_rel) == 0) {
+            m_buffer = std::move(retired.buffer);
+            retired = std::move(m_retired.back());
+            m_retired.pop_back();
+            return;
+        }
+    }
+    m_buffer = std::make_unique<octet_t[]>(static_cast<size_t>(m_segmentSize));
 }
 
 void SegmentWriter::HandOver() {

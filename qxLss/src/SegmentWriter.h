@@ -6,23 +6,28 @@
 #include "qxUtils/Export.h"
 
 #include <memory>
+#include <vector>
 
 namespace quna {
 
 // Ownership: owns the buffer; borrows the core.
 // Threads:   one at a time.
+// With `readersUseBuffer` the slot's base pointer names the buffer as long as the segment is open, so that packets can be
+// read before they are handed over. The buffer is then used again only when no reader has the slot pinned.
+//
 // Invariant: bytes before m_handed are in the file as they are in the buffer; m_handed <= m_pos <= segment size; m_pos is
 //            a multiple of PACKET_ALIGNMENT.
 class QX_API SegmentWriter {
 public:
-    explicit SegmentWriter(StoreCore& core);
+    explicit SegmentWriter(StoreCore& core, bool readersUseBuffer = false);
 
     // Begins the segment in `slot`, which SpaceManager has just taken: writes its header into the buffer.
     void Begin(ssize_t slot, uint64 clockAtOpening, uint64 previousSequence);
     // Goes on behind a clean close: `offset` bytes of the segment are in the file.
     void Resume(ssize_t slot, ssize_t offset, uint64 clockAtOpening);
     bool IsOpen() const { return m_slot >= 0; }
-    void End() { m_slot = -1; }
+    // Everything has been handed over: readers go to the file.
+    void End();
 
     ssize_t  Slot() const { return m_slot; }
     uint64   Sequence() const { return m_sequence; }
@@ -63,7 +68,17 @@ public:
     void HandOver();
 
 private:
+    void OpenFor(ssize_t slot, uint64 clockAtOpening);
+    void RetireBuffer();
+
+    struct Retired {
+        ssize_t                    slot;
+        std::unique_ptr<octet_t[]> buffer;
+    };
+
     StoreCore&                 m_core;
+    const bool                 m_readersUseBuffer;
+    std::vector<Retired>       m_retired;      // perhaps still read
     const ssize_t              m_segmentSize;
     std::unique_ptr<octet_t[]> m_buffer;       // m_segmentSize bytes
     ssize_t                    m_slot = -1;    // -1: none open

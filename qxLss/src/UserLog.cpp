@@ -52,7 +52,9 @@ void UserLog::LinkToNext() {
     HandOver();
     Usage().writtenAt = static_cast<uint32>(clock >> STAMP_SHIFT);
     m_flusher.QueueWriteBack(m_core.m_segments->OffsetOf(m_writer.Slot()), m_core.m_segmentSize);
-    m_writer.Begin(next, clock, m_writer.Sequence());
+    const uint64 sequence = m_writer.Sequence();
+    m_writer.End();
+    m_writer.Begin(next, clock, sequence);
 }
 
 void UserLog::HandOver() {

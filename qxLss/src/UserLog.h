@@ -30,7 +30,8 @@ struct LogPosition {
 // Invariant: between packets there is room for ABORT and LINK in the open segment.
 class QX_API UserLog {
 public:
-    UserLog(StoreCore& core, SpaceManager& space, Flusher& flusher) : m_core(core), m_space(space), m_flusher(flusher), m_writer(core) {}
+    UserLog(StoreCore& core, SpaceManager& space, Flusher& flusher)
+        : m_core(core), m_space(space), m_flusher(flusher), m_writer(core, core.m_settings.enableFileBuffering) {}
 
     TurnLock& Turn() { return m_turn; }
 
