@@ -371,7 +371,7 @@ private:
                             next.nextHigh);
                     },
                     [] {});
-                for (uint32 between = Pick(4); between > 0 && !close; --between) {
+                for (uint32 between = Pick(Pick(3) ? 4 : 80); between > 0 && !close; --between) {
                     const uint32 high = 1 + Pick(700);
                     const uint32 horizon = ring.m_durable[high] + 1;
                     step([&] { ring.Raise(high, horizon); }, [&] { promise.horizons[high] = horizon; });
@@ -408,7 +408,7 @@ private:
 };
 
 TEST(AllocRing, NoPromiseIsLostByPowerLossAtAnyCall) {
-    for (uint64 seed = 1; seed <= 40; ++seed) {
+    for (uint64 seed = 1; seed <= 60; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         RingLife(seed).Run(12);
         if (HasFatalFailure()) return;
