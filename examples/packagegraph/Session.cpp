@@ -12,34 +12,32 @@ namespace {
 
 constexpr const char* SPACE_NAME = "packages";
 
-quna::PSpace* OpenSpaceOrCloseStore(quna::PersistStore* store, quna::EOpenMode openMode) {
-    try {
-        return quna::OpenPSpace(store, SPACE_NAME, openMode, nullptr);
-    } catch (...) {
-        quna::Close(store);
-        throw;
-    }
-}
-
 } // namespace
 
-Session::Session(const std::string& storePath, quna::EOpenMode openMode)
-    : m_path(storePath), m_uncaughtAtConstruction(std::uncaught_exceptions()),
-      m_store(quna::OpenPersistStore(storePath.c_str(), openMode, quna::PersistStoreSettings())),
-      m_space(OpenSpaceOrCloseStore(m_store, openMode)), m_domain(quna::GetCSpace(m_space)),
-      m_numOwnObjects(quna::GetNumObjects(m_domain)) {
+OpenStore::OpenStore(const std::string& path, quna::EOpenMode openMode)
+    : m_uncaughtAtConstruction(std::uncaught_exceptions()),
+      m_store(quna::OpenPersistStore(path.c_str(), openMode, quna::PersistStoreSettings())) {}
+
+OpenStore::~OpenStore() noexcept(false) {
+    quna::UndoInDestructor("OpenStore", m_uncaughtAtConstruction, [this] { quna::Close(m_store); });
+}
+
+OpenSpace::OpenSpace(const OpenStore& store, quna::EOpenMode openMode)
+    : m_uncaughtAtConstruction(std::uncaught_exceptions()),
+      m_space(quna::OpenPSpace(store.Get(), SPACE_NAME, openMode, nullptr)), m_domain(quna::GetCSpace(m_space)) {
     quna::SetThreadPSpace(m_space);
     quna::SetThreadCSpace(m_domain);
 }
 
-Session::~Session() noexcept(false) {
-    quna::UndoInDestructor("Session", m_uncaughtAtConstruction, [this] {
-        quna::SetThreadCSpace(nullptr);
-        quna::SetThreadPSpace(nullptr);
-        quna::Close(m_space); // writes what is dirty; closing the store does not
-        quna::Close(m_store);
-    });
+OpenSpace::~OpenSpace() noexcept(false) {
+    quna::SetThreadCSpace(nullptr);
+    quna::SetThreadPSpace(nullptr);
+    quna::UndoInDestructor("OpenSpace", m_uncaughtAtConstruction, [this] { quna::Close(m_space); });
 }
+
+Session::Session(const std::string& storePath, quna::EOpenMode openMode)
+    : m_path(storePath), m_store(storePath, openMode), m_space(m_store, openMode),
+      m_numOwnObjects(quna::GetNumObjects(Domain())) {}
 
 Catalogue& Session::GetCatalogue() const {
     const quna::ptr<quna::IPersistable> root = quna::GetPSpaceRoot(CATALOGUE_ROOT);
@@ -58,6 +56,6 @@ Package& Session::GetPackage(const std::string& name) const {
     return *package;
 }
 
-quna::ssize_t Session::NumResident() const { return quna::GetNumObjects(m_domain) - m_numOwnObjects; }
+quna::ssize_t Session::NumResident() const { return quna::GetNumObjects(Domain()) - m_numOwnObjects; }
 
 } // namespace packagegraph

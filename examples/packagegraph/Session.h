@@ -25,18 +25,49 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-// Threads: belongs to the thread that made it. As long as it lives that thread's current space is the packages', which
-//   is where references are looked up.
+// An open store. Closes it even when an exception passes, which is then not followed by a second one.
+class OpenStore {
+public:
+    // Throws what opening throws.
+    OpenStore(const std::string& path, quna::EOpenMode openMode);
+    OpenStore(const OpenStore&) = delete;
+    OpenStore& operator=(const OpenStore&) = delete;
+    ~OpenStore() noexcept(false);
+
+    quna::PersistStore* Get() const { return m_store; }
+
+private:
+    const int m_uncaughtAtConstruction;
+    quna::PersistStore* const m_store;
+};
+
+// The packages' space in a store, and the current one of the thread that opened it: references are looked up there.
+// Closing it is its last write.
+class OpenSpace {
+public:
+    OpenSpace(const OpenStore& store, quna::EOpenMode openMode);
+    OpenSpace(const OpenSpace&) = delete;
+    OpenSpace& operator=(const OpenSpace&) = delete;
+    ~OpenSpace() noexcept(false);
+
+    quna::CSpace* Domain() const { return m_domain; }
+
+private:
+    const int m_uncaughtAtConstruction;
+    quna::PSpace* const m_space;
+    quna::CSpace* const m_domain;
+};
+
+// Threads: belongs to the thread that made it.
 class Session {
 public:
-    // The mode goes for the store and for the space. Throws what opening them throws.
+    // The mode goes for the store and for the space.
     Session(const std::string& storePath, quna::EOpenMode openMode);
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
-    ~Session() noexcept(false);
 
-    quna::PersistStore* Store() const { return m_store; }
-    quna::CSpace* Domain() const { return m_domain; }
+    quna::PersistStore* Store() const { return m_store.Get(); }
+    quna::CSpace* Domain() const { return m_space.Domain(); }
 
     // The root. NotFoundError if there is none. Requires: the domain's lock in any mode.
     Catalogue& GetCatalogue() const;
@@ -48,10 +79,8 @@ public:
 
 private:
     const std::string m_path;
-    const int m_uncaughtAtConstruction;
-    quna::PersistStore* const m_store;
-    quna::PSpace* const m_space;
-    quna::CSpace* const m_domain;
+    const OpenStore m_store;
+    const OpenSpace m_space;             // closed before the store
     const quna::ssize_t m_numOwnObjects; // what the space itself keeps in its domain
 };
 
