@@ -391,9 +391,7 @@ void PSpace::OnGarbageCollectPersistable(ptr<IPersistable> po) {
         tracer << " with OID = " << GetOid(po) << "\n";
         QX_ASSERT(0);
     }
-    const OID oid = GetOid(po);
-    // An object whose Deserialise threw, or that was loaded beside the table, has an OID and no entry.
-    if (oid && rot_.Holds(oid, po)) rot_.RemoveResidentObject(oid);
+    if (const OID oid = GetOid(po)) rot_.RemoveCollectedObject(oid, po);
 }
 
 void PSpace::VisitObjects(IObjectVisitor& v) const {

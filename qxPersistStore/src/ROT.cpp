@@ -111,6 +111,11 @@ bool ROT::Holds(OID oid, ptr<const IPersistable> po) const {
     return i != map_.end() && i->second.m_self == po.m_self;
 }
 
+void ROT::RemoveCollectedObject(OID oid, ptr<const IPersistable> po) {
+    const auto i = map_.find(oid);
+    if (i != map_.end() && i->second.m_self == po.m_self) map_.erase(i);
+}
+
 void ROT::TransferResidentObjects(ROT& src) {
     QX_ASSERT(HasLock());
     QX_ASSERT(src.HasLock());

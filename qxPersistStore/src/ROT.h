@@ -46,6 +46,9 @@ public:
     void RemoveResidentObject(OID oid);
     // True when the table holds this very object under the OID.
     bool Holds(OID oid, ptr<const IPersistable> po) const;
+    // Removes the entry if it is this very object's; for the collector, under its exclusive lock. An object whose
+    // Deserialise threw, or that was loaded beside the table, has an OID and no entry.
+    void RemoveCollectedObject(OID oid, ptr<const IPersistable> po);
     // Moves all entries of src into this table.
     void TransferResidentObjects(ROT& src);
 

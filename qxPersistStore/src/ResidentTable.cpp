@@ -77,11 +77,15 @@ void ResidentTable::Grow(Shard& shard) {
 }
 
 ssize_t ResidentTable::erase(OID oid) {
-    const uint64 hash = Hash(oid);
-    Shard& shard = ShardOf(hash);
-    const_iterator found = find(oid);
+    const const_iterator found = find(oid);
     if (!found) return 0;
-    ssize_t hole = found - shard.slots.get();
+    erase(found);
+    return 1;
+}
+
+void ResidentTable::erase(const_iterator where) {
+    Shard& shard = ShardOf(Hash(where->first));
+    ssize_t hole = where - shard.slots.get();
     // Move back every follower of the run that may stand in the hole: its home lies cyclically at or before it.
     for (ssize_t slot = NextSlot(hole, shard.capacity); shard.slots[slot].first.value_ != 0;
          slot = NextSlot(slot, shard.capacity)) {
@@ -96,7 +100,6 @@ ssize_t ResidentTable::erase(OID oid) {
     shard.slots[hole] = value_type();
     --shard.size;
     --m_size;
-    return 1;
 }
 
 void ResidentTable::clear() {

@@ -43,6 +43,8 @@ public:
     ptr<IPersistable>& operator[](OID oid);
     // The number of entries removed: 0 or 1.
     ssize_t erase(OID oid);
+    // Requires: `where` is the entry of an OID in this table.
+    void erase(const_iterator where);
     void clear();
 
     // All entries in ascending order of OID.
