@@ -97,7 +97,7 @@ QX_API void EndTransaction(CSpace* cs);
 // --- The thread's current domain ------------------------------------------------------------------------------------
 
 QX_API CSpace* GetThreadCSpace();
-QX_API void    SetThreadCSpace(CSpace* cs); // null for none
+QX_API void SetThreadCSpace(CSpace* cs); // null for none
 
 // What this thread holds of its current domain; false when it has none.
 inline bool HaveExclusiveLockedCSpace() { return GetRecordedLockStatus(GetThreadCSpace()) > 0; }
@@ -108,7 +108,7 @@ inline bool HaveLockedCSpace() { return GetRecordedLockStatus(GetThreadCSpace())
 
 // CSPACE_NUM_RESERVED_PTR_SLOTS pointers for the layers above, null at first. Set while no other thread can read them.
 QX_API void** GetPtrSlotArray(CSpace* cs);
-QX_API void*  GetPtrSlot(const CSpace* cs, ssize_t slot);
+QX_API void* GetPtrSlot(const CSpace* cs, ssize_t slot);
 
 // --- Objects --------------------------------------------------------------------------------------------------------
 
@@ -190,22 +190,22 @@ QX_API void EvictAllDgsNodes(CSpace* cs);
 // --- Figures --------------------------------------------------------------------------------------------------------
 
 struct CSpaceGcStats {
-    int64   collections = 0;
-    int64   lastPauseMicros = 0;    // from having the lock to giving it back
-    int64   longestPauseMicros = 0;
-    ssize_t objectsMarked = 0;      // by the last collection
-    int64   objectsReclaimed = 0;   // in all, the evicted included
-    int64   objectsEvicted = 0;     // in all: clean objects that evictable pointers still named
-    ssize_t bytesResident = 0;      // sizes of all objects, as told to the evictor
+    int64 collections = 0;
+    int64 lastPauseMicros = 0; // from having the lock to giving it back
+    int64 longestPauseMicros = 0;
+    ssize_t objectsMarked = 0;  // by the last collection
+    int64 objectsReclaimed = 0; // in all, the evicted included
+    int64 objectsEvicted = 0;   // in all: clean objects that evictable pointers still named
+    ssize_t bytesResident = 0;  // sizes of all objects, as told to the evictor
 };
 
 struct CSpaceLockStats {
-    int64       totalWaits = 0;        // acquisitions that had to wait for another thread
-    int64       longestWaitMicros = 0; // of those that have ended
-    std::string holder;                // name of the thread that holds the lock, or of the last reader to come
+    int64 totalWaits = 0;        // acquisitions that had to wait for another thread
+    int64 longestWaitMicros = 0; // of those that have ended
+    std::string holder;          // name of the thread that holds the lock, or of the last reader to come
 };
 
-QX_API CSpaceGcStats   GetGcStats(const CSpace* cs);
+QX_API CSpaceGcStats GetGcStats(const CSpace* cs);
 QX_API CSpaceLockStats GetLockStats(const CSpace* cs);
 
 } // namespace quna

@@ -38,9 +38,9 @@ private:
 
     mutable std::atomic<uint64> m_version{1};
     // All below is guarded by the graph.
-    mutable bool                m_subscribed = false; // edges from the inputs are, or are being, recorded
-    mutable DGEdge*             m_inEdges = nullptr;
-    mutable DGNodeLink          m_pending;            // in the ring of nodes whose OnInvalidate is to be called
+    mutable bool m_subscribed = false; // edges from the inputs are, or are being, recorded
+    mutable DGEdge* m_inEdges = nullptr;
+    mutable DGNodeLink m_pending; // in the ring of nodes whose OnInvalidate is to be called
 };
 
 // One calculation of a node, on the stack of the thread that computes. While it lives, nodes that the thread reads
@@ -62,17 +62,18 @@ private:
     friend class DGGraph;
 
     const DGDepNode& m_node;
-    DGCalculation*   m_outer;       // the calculation that this one interrupts
-    uint64           m_version = 0; // of the node at the beginning
-    uint64           m_number = 0;  // unique in the process
-    bool             m_finished = false;
+    DGCalculation* m_outer; // the calculation that this one interrupts
+    uint64 m_version = 0;   // of the node at the beginning
+    uint64 m_number = 0;    // unique in the process
+    bool m_finished = false;
 };
 
 // A value of type T that a function computes from other nodes.
 template <class T>
 class Calculated final : public DGDepNode {
 public:
-    Calculated(xstring name, std::function<T()> calculate) : m_name(std::move(name)), m_calculate(std::move(calculate)) {}
+    Calculated(xstring name, std::function<T()> calculate)
+        : m_name(std::move(name)), m_calculate(std::move(calculate)) {}
 
     // The current value. Requires the domain's lock in any mode. An exception of the function passes through.
     T Get() const {
@@ -80,15 +81,15 @@ public:
         ReadBarrier();
         if (const std::shared_ptr<const T> value = CurrentValue()) return *value;
         DGCalculation calculation(*this);
-        auto          value = std::make_shared<const T>(m_calculate());
+        auto value = std::make_shared<const T>(m_calculate());
         Keep(value, calculation.Finish());
         return *value;
     }
 
-    void    OnEvict() const override { Drop(); }
+    void OnEvict() const override { Drop(); }
     xstring Name() const override { return m_name; }
-    void    VisitContainingObject(IObjectVisitor&) const override {}
-    void    OnInvalidate() const override { Drop(); }
+    void VisitContainingObject(IObjectVisitor&) const override {}
+    void OnInvalidate() const override { Drop(); }
 
 private:
     std::shared_ptr<const T> CurrentValue() const {
@@ -103,16 +104,16 @@ private:
     }
     // Only frees the value's memory: an outdated version hides it already.
     void Drop() const {
-        std::shared_ptr<const T>    old;
+        std::shared_ptr<const T> old;
         std::lock_guard<std::mutex> guard(m_mutex);
         if (m_valueVersion != Version()) old.swap(m_value);
     }
 
-    const xstring                    m_name;
-    const std::function<T()>         m_calculate;
-    mutable std::mutex               m_mutex;            // leaf lock
-    mutable std::shared_ptr<const T> m_value;            // guarded by m_mutex
-    mutable uint64                   m_valueVersion = 0; // guarded by m_mutex
+    const xstring m_name;
+    const std::function<T()> m_calculate;
+    mutable std::mutex m_mutex;               // leaf lock
+    mutable std::shared_ptr<const T> m_value; // guarded by m_mutex
+    mutable uint64 m_valueVersion = 0;        // guarded by m_mutex
 };
 
 } // namespace quna

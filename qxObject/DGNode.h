@@ -21,8 +21,8 @@ struct DGEdge;
 
 // A place in a ring of nodes. Alone, it points at itself.
 struct DGNodeLink {
-    DGNodeLink*       prev = this;
-    DGNodeLink*       next = this;
+    DGNodeLink* prev = this;
+    DGNodeLink* next = this;
     const DGBaseNode* node = nullptr; // null for the head of a ring
 };
 
@@ -36,13 +36,13 @@ public:
     // The order of the virtual operations is fixed: applications and the store derive nodes.
 
     // The node leaves the graph: nobody depends on it any more. It may delete itself here.
-    virtual void    OnEvict() const = 0;
-    virtual bool    IsEvictable() const = 0;
+    virtual void OnEvict() const = 0;
+    virtual bool IsEvictable() const = 0;
     virtual xstring Name() const = 0;
     // Reports the object that the node is a part of, if any.
-    virtual void    VisitContainingObject(IObjectVisitor& visitor) const = 0;
+    virtual void VisitContainingObject(IObjectVisitor& visitor) const = 0;
     // Cuts every edge of the node; its dependents become stale.
-    virtual void    EnsureNoInnodesOrOutnodes() const = 0;
+    virtual void EnsureNoInnodesOrOutnodes() const = 0;
 
     DGBaseNode(const DGBaseNode&) = delete;
     DGBaseNode& operator=(const DGBaseNode&) = delete;
@@ -65,12 +65,12 @@ private:
     friend class DGDepNode;
     friend class DGGraph;
 
-    mutable std::atomic<CSpace*> m_cspace{nullptr};    // the domain that lists the node; null when none does
-    const DGDepNode*             m_asDepNode = nullptr; // this node, when it calculates; constant after construction
+    mutable std::atomic<CSpace*> m_cspace{nullptr}; // the domain that lists the node; null when none does
+    const DGDepNode* m_asDepNode = nullptr;         // this node, when it calculates; constant after construction
     // All below is guarded by the graph.
-    mutable DGNodeLink           m_link;                // in the list of m_cspace
-    mutable DGEdge*              m_outEdges = nullptr;  // to the dependents
-    mutable unsigned long long   m_lastReader = 0;      // number of the calculation that read the node last
+    mutable DGNodeLink m_link;                   // in the list of m_cspace
+    mutable DGEdge* m_outEdges = nullptr;        // to the dependents
+    mutable unsigned long long m_lastReader = 0; // number of the calculation that read the node last
 };
 
 // A node with no inputs.

@@ -51,14 +51,16 @@ static_assert(sizeof(AnyInterface) == 2 * sizeof(void*));
 // Both words of the evictable pointer at `source`. The result may have one word null: then the pointer is not bound.
 inline AnyInterface LoadEvictableWords(const AnyInterface* source) noexcept {
     const char* const bytes = reinterpret_cast<const char*>(source);
-    const auto        table = evictable::LoadWord<const FunctionPointer*>(bytes + evictable::TABLE_OFFSET, std::memory_order_acquire);
+    const auto table =
+        evictable::LoadWord<const FunctionPointer*>(bytes + evictable::TABLE_OFFSET, std::memory_order_acquire);
     return AnyInterface(evictable::LoadWord<void*>(bytes, std::memory_order_relaxed), table);
 }
 
 inline void StoreEvictableWords(AnyInterface* target, const AnyInterface& value) noexcept {
     char* const bytes = reinterpret_cast<char*>(target);
     evictable::StoreWord<void*>(bytes, value.m_self, std::memory_order_relaxed);
-    evictable::StoreWord<const FunctionPointer*>(bytes + evictable::TABLE_OFFSET, value.m_table, std::memory_order_release);
+    evictable::StoreWord<const FunctionPointer*>(bytes + evictable::TABLE_OFFSET, value.m_table,
+                                                 std::memory_order_release);
 }
 
 // Copies both words of `source` into `localVar`. True when the pointer is bound.
@@ -74,8 +76,7 @@ bool ReadEvictablePtr(ptr<T>& source, ptr<T>& localVar) noexcept {
 template <class T>
 void SetEvictablePtr(ptr<T>& target, ptr<T>& localVar) {
     const FunctionPointer* const tbl = LoadEvictableWords(&target).m_table;
-    if (tbl && localVar.m_table)
-        QX_ASSERT_IN("EvictablePtr", tbl == localVar.m_table);
+    if (tbl && localVar.m_table) QX_ASSERT_IN("EvictablePtr", tbl == localVar.m_table);
     StoreEvictableWords(&target, localVar);
 }
 

@@ -7,13 +7,13 @@ namespace quna {
 
 class CSpace;
 QX_API CSpace* GetThreadCSpace();
-QX_API void    SetThreadCSpace(CSpace* cs);
+QX_API void SetThreadCSpace(CSpace* cs);
 
 // Where the thread pointer of `T` is kept. A module that keeps its own thread-local specialises this beside the
 // declaration of `T`, before anything uses the pointer.
 template <class T>
 struct ThreadPtrTraits {
-    static T*   Get() noexcept { return Slot(); }
+    static T* Get() noexcept { return Slot(); }
     static void Set(T* p) noexcept { Slot() = p; }
 
 private:
@@ -27,7 +27,7 @@ private:
 template <>
 struct ThreadPtrTraits<CSpace> {
     static CSpace* Get() { return GetThreadCSpace(); }
-    static void    Set(CSpace* cs) { SetThreadCSpace(cs); }
+    static void Set(CSpace* cs) { SetThreadCSpace(cs); }
 };
 
 template <class T>

@@ -46,7 +46,7 @@ public:
 
 private:
     CSpace* const cs_;
-    const int     uncaught_ = std::uncaught_exceptions();
+    const int uncaught_ = std::uncaught_exceptions();
 };
 
 // Records a lock for the scope without taking it.
@@ -64,7 +64,7 @@ public:
 
 private:
     CSpace* const cs_;
-    const int     uncaught_ = std::uncaught_exceptions();
+    const int uncaught_ = std::uncaught_exceptions();
 };
 
 // Locks a set of domains for the scope. Keeps its own copy of the list.
@@ -76,12 +76,13 @@ public:
     MultipleCSpaceLock(const MultipleCSpaceLock&) = delete;
     MultipleCSpaceLock& operator=(const MultipleCSpaceLock&) = delete;
     ~MultipleCSpaceLock() noexcept(false) {
-        UndoInDestructor("~MultipleCSpaceLock", uncaught_, [this] { UnlockMultipleCSpaces(spaces_.data(), static_cast<ssize_t>(spaces_.size())); });
+        UndoInDestructor("~MultipleCSpaceLock", uncaught_,
+                         [this] { UnlockMultipleCSpaces(spaces_.data(), static_cast<ssize_t>(spaces_.size())); });
     }
 
 private:
     std::vector<CSpace*> spaces_;
-    const int            uncaught_ = std::uncaught_exceptions();
+    const int uncaught_ = std::uncaught_exceptions();
 };
 
 // A domain that lives for the scope.
@@ -100,7 +101,7 @@ public:
 
 private:
     CSpace* const cs_;
-    const int     uncaught_ = std::uncaught_exceptions();
+    const int uncaught_ = std::uncaught_exceptions();
 };
 
 // Sets the thread's current T for the scope and puts the old one back.

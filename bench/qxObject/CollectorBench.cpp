@@ -17,14 +17,14 @@
 namespace quna {
 namespace {
 
-constexpr ssize_t FAN_OUT = 4;     // edges of each object
+constexpr ssize_t FAN_OUT = 4;       // edges of each object
 constexpr ssize_t OBJECT_SIZE = 100; // bytes, as told to the evictor
 
 // An object with some edges, strong or evictable.
 class BenchNode : public IObjectBaseMixin<BenchNode, EmptyBase> {
 public:
     const ReflectedClass* GetReflectedClass() const { return nullptr; }
-    void                  VisitObjects(IObjectVisitor& visitor) const {
+    void VisitObjects(IObjectVisitor& visitor) const {
         for (ptr<IObject>& edge : m_edges) {
             if (m_evictable)
                 visitor.VisitEvictablePtr(&edge);
@@ -33,7 +33,7 @@ public:
         }
     }
 
-    bool                 m_evictable = false;
+    bool m_evictable = false;
     mutable ptr<IObject> m_edges[FAN_OUT];
 };
 
@@ -41,7 +41,7 @@ public:
 class Graph {
 public:
     Graph(ssize_t count, bool evictable) : lock(cs, Exclusive) {
-        std::mt19937            random(1);
+        std::mt19937 random(1);
         std::vector<BenchNode*> nodes;
         for (ssize_t i = 0; i < count; ++i) {
             nodes.push_back(new BenchNode);
@@ -60,8 +60,8 @@ public:
     void Collect(EGcCache cache) { cs.Get()->m_collector.Collect(cache); }
 
     CSpaceCreator cs;
-    CSpaceLock    lock;
-    BenchNode*    root;
+    CSpaceLock lock;
+    BenchNode* root;
 };
 
 void ReportPause(benchmark::State& state, CSpace* cs) {
@@ -71,7 +71,7 @@ void ReportPause(benchmark::State& state, CSpace* cs) {
 // Everything is reachable and stays: marking alone. Items are edges.
 void MarkAndKeepAll(benchmark::State& state, bool evictable) {
     const ssize_t count = state.range(0);
-    Graph         graph(count, evictable);
+    Graph graph(count, evictable);
     SetEvictionBudget(graph.cs, count * OBJECT_SIZE);
     for (auto _ : state) graph.Collect(EGcCache::KeepWithinBudget);
     state.SetItemsProcessed(state.iterations() * count * FAN_OUT);
@@ -90,7 +90,8 @@ void EvictDownToBudget(benchmark::State& state) {
             graph.Collect(EGcCache::KeepWithinBudget);
             state.PauseTiming();
             const CSpaceGcStats stats = GetGcStats(graph.cs);
-            state.counters["resident_of_budget"] = static_cast<double>(stats.bytesResident) / static_cast<double>(count * OBJECT_SIZE / 10);
+            state.counters["resident_of_budget"] =
+                static_cast<double>(stats.bytesResident) / static_cast<double>(count * OBJECT_SIZE / 10);
             ReportPause(state, graph.cs);
         }
         state.ResumeTiming();
@@ -122,7 +123,7 @@ public:
     explicit BenchCache(ssize_t count) : m_slots(static_cast<std::size_t>(count)) {}
 
     const ReflectedClass* GetReflectedClass() const { return nullptr; }
-    void                  VisitObjects(IObjectVisitor& visitor) const {
+    void VisitObjects(IObjectVisitor& visitor) const {
         for (ptr<IObject>& slot : m_slots) visitor.VisitEvictablePtr(&slot);
     }
 
@@ -135,7 +136,7 @@ void LoadTenTimesTheBudget(benchmark::State& state) {
     const ssize_t count = state.range(0);
     const ssize_t budget = count * OBJECT_SIZE / 10;
     for (auto _ : state) {
-        CSpaceCreator     cs(3600 * 1000); // only pressure wakes the collector
+        CSpaceCreator cs(3600 * 1000); // only pressure wakes the collector
         BenchCache* const cache = new BenchCache(count);
         SetEvictionBudget(cs, budget);
         {
@@ -145,7 +146,7 @@ void LoadTenTimesTheBudget(benchmark::State& state) {
         }
         ssize_t most = 0;
         for (ptr<IObject>& slot : cache->m_slots) {
-            CSpaceLock   lock(cs, SharedRead);
+            CSpaceLock lock(cs, SharedRead);
             ptr<IObject> object(new BenchNode);
             RegisterGcObject(cs, object);
             SetEvictableObjectSizeInBytes(object, OBJECT_SIZE);
@@ -167,7 +168,7 @@ void Register(benchmark::State& state) {
         state.PauseTiming();
         {
             CSpaceCreator cs;
-            CSpaceLock    lock(cs, Exclusive);
+            CSpaceLock lock(cs, Exclusive);
             state.ResumeTiming();
             for (ssize_t i = 0; i < BATCH; ++i) RegisterGcObject(cs, ptr<IObject>(new BenchNode));
             state.PauseTiming();
@@ -177,8 +178,16 @@ void Register(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * BATCH);
 }
 
-BENCHMARK_CAPTURE(MarkAndKeepAll, strong, false)->Arg(10'000)->Arg(100'000)->Arg(1'000'000)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(MarkAndKeepAll, evictable, true)->Arg(10'000)->Arg(100'000)->Arg(1'000'000)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(MarkAndKeepAll, strong, false)
+    ->Arg(10'000)
+    ->Arg(100'000)
+    ->Arg(1'000'000)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(MarkAndKeepAll, evictable, true)
+    ->Arg(10'000)
+    ->Arg(100'000)
+    ->Arg(1'000'000)
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(EvictDownToBudget)->Arg(10'000)->Arg(1'000'000)->Unit(benchmark::kMillisecond);
 BENCHMARK(SweepAll)->Arg(10'000)->Arg(1'000'000)->Unit(benchmark::kMillisecond);
 BENCHMARK(LoadTenTimesTheBudget)->Arg(1'000'000)->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -78,9 +78,7 @@ void* GetPtrSlot(const CSpace* cs, ssize_t slot) {
 
 // --- Objects --------------------------------------------------------------------------------------------------------
 
-void RegisterGcObject(ptr<IObject> object) {
-    RegisterGcObject(GetThreadCSpace(), object);
-}
+void RegisterGcObject(ptr<IObject> object) { RegisterGcObject(GetThreadCSpace(), object); }
 
 void RegisterGcObject(CSpace* cs, ptr<IObject> object) {
     QX_ASSERT(cs);
@@ -150,7 +148,9 @@ void SynchronousGc(CSpace* cs) {
         ~Unlocker() { Unlock(cs); }
     };
     const Unlocker unlocker{cs};
-    cs->m_collector.Collect(cs->m_gcThread.IsCurrentThread() ? EGcCache::KeepWithinBudget : EGcCache::LetGo);
+    const bool byCollector = cs->m_gcThread.IsCurrentThread();
+    if (byCollector) cs->m_gcThread.Arrived();
+    cs->m_collector.Collect(byCollector ? EGcCache::KeepWithinBudget : EGcCache::LetGo);
     cs->m_gcThread.Calm();
 }
 
@@ -172,7 +172,7 @@ void SetEvictionBudget(CSpace* cs, ssize_t bytes) {
 
 void SetEvictableObjectSizeInBytes(ptr<const IObject> object, ssize_t size) {
     QX_ASSERT(object);
-    ObjSysState&  state = object->GetSysState();
+    ObjSysState& state = object->GetSysState();
     const ssize_t before = std::atomic_ref<ssize_t>(state.m_size).exchange(size, std::memory_order_relaxed);
     if (!state.m_cspace || size == before) return;
     state.m_cspace->m_objects.AddBytes(size - before);

@@ -17,6 +17,10 @@ constexpr ConstStringZ SOURCE_PATH = "src/CSpaceGcThread";
 
 using Clock = std::chrono::steady_clock;
 
+// The longest that a thread stands back for a collector that was woken. A collector thread that takes longer to come is
+// busy with something else; then nobody waits for it any more.
+constexpr std::chrono::milliseconds MAX_STAND_BACK{100};
+
 int PeriodOrDefault(int milliSecs) {
     return milliSecs == QUNA_GC_THREAD_DONT_START ? QUNA_DEFAULT_MILLISECS_PER_GC : milliSecs;
 }
@@ -48,6 +52,7 @@ void CSpaceGcThread::Start() {
         m_leaving = false;
     }
     m_thread = std::thread([this] { Run(); });
+    m_started.store(true, std::memory_order_relaxed);
 }
 
 bool CSpaceGcThread::HasThread() {
@@ -65,11 +70,13 @@ void CSpaceGcThread::Run() {
     m_tid.store(0, std::memory_order_relaxed);
     std::lock_guard<std::mutex> guard(m_mutex);
     m_leaving = true;
+    m_wanted.store(false, std::memory_order_relaxed);
 }
 
 void CSpaceGcThread::RequestStop() {
     std::lock_guard<std::mutex> guard(m_mutex);
     m_stop = true;
+    m_wanted.store(false, std::memory_order_relaxed);
     m_changed.notify_all();
 }
 
@@ -81,8 +88,8 @@ void CSpaceGcThread::StopAndJoin() {
 }
 
 bool CSpaceGcThread::WaitUntilDue() {
-    const bool                   ownThread = IsCurrentThread();
-    const Clock::time_point      start = Clock::now();
+    const bool ownThread = IsCurrentThread();
+    const Clock::time_point start = Clock::now();
     std::unique_lock<std::mutex> guard(m_mutex);
     for (;;) {
         if (m_stop) {
@@ -103,6 +110,21 @@ void CSpaceGcThread::Wake() {
     if (m_wake.load(std::memory_order_relaxed)) return;
     std::lock_guard<std::mutex> guard(m_mutex);
     m_wake.store(true, std::memory_order_relaxed);
+    m_wanted.store(m_started.load(std::memory_order_relaxed) && !m_leaving && !m_stop, std::memory_order_relaxed);
+    m_changed.notify_all();
+}
+
+void CSpaceGcThread::AwaitArrival() {
+    if (IsCurrentThread()) return;
+    std::unique_lock<std::mutex> guard(m_mutex);
+    if (!m_changed.wait_for(guard, MAX_STAND_BACK, [this] { return !IsWanted(); }))
+        m_wanted.store(false, std::memory_order_relaxed);
+}
+
+void CSpaceGcThread::Arrived() {
+    if (!IsWanted()) return;
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_wanted.store(false, std::memory_order_relaxed);
     m_changed.notify_all();
 }
 

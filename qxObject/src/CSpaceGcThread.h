@@ -30,6 +30,13 @@ public:
     void Wake();
     void Calm() noexcept { m_wake.store(false, std::memory_order_relaxed); }
 
+    // From Wake until the collector thread has got the domain's lock (Arrived): whoever comes to lock the domain waits a
+    // little, so that the collector is before it in the queue. Without that, a thread that loads objects would go far
+    // beyond the budget in the time that the system takes to run the collector thread.
+    bool IsWanted() const noexcept { return m_wanted.load(std::memory_order_relaxed); }
+    void AwaitArrival();
+    void Arrived();
+
     void SetPeriod(int milliSecs);
 
     // True on the collector thread itself.
@@ -40,17 +47,19 @@ public:
 private:
     void Run();
 
-    CSpace&                 m_cspace;
-    const GCThreadFn        m_fn;
-    std::mutex              m_startMutex; // serialises Start and StopAndJoin; outside m_mutex
-    std::thread             m_thread;     // guarded by m_startMutex
-    std::mutex              m_mutex;      // leaf lock
-    std::condition_variable m_changed;    // m_stop, m_wake or m_period has changed
-    int                     m_period;     // milliseconds, below 1 for no sleep; guarded by m_mutex
-    bool                    m_stop = false;    // guarded by m_mutex
-    bool                    m_leaving = false; // the thread has been told to end, or has; guarded by m_mutex
-    std::atomic<bool>       m_wake{false};     // set under m_mutex
-    std::atomic<int32>      m_tid{0};          // of the collector thread while it runs
+    CSpace& m_cspace;
+    const GCThreadFn m_fn;
+    std::mutex m_startMutex;            // serialises Start and StopAndJoin; outside m_mutex
+    std::thread m_thread;               // guarded by m_startMutex
+    std::mutex m_mutex;                 // leaf lock
+    std::condition_variable m_changed;  // m_stop, m_wake or m_period has changed
+    int m_period;                       // milliseconds, below 1 for no sleep; guarded by m_mutex
+    bool m_stop = false;                // guarded by m_mutex
+    bool m_leaving = false;             // the thread has been told to end, or has; guarded by m_mutex
+    std::atomic<bool> m_started{false}; // a thread was started at least once
+    std::atomic<bool> m_wake{false};    // set under m_mutex
+    std::atomic<bool> m_wanted{false};  // set under m_mutex
+    std::atomic<int32> m_tid{0};        // of the collector thread while it runs
 };
 
 } // namespace quna

@@ -2,11 +2,11 @@
 #pragma once
 
 #include "qxObject/CSpace.h"
+#include "qxObject/src/CSpaceGcThread.h"
 #include "qxObject/src/CSpaceObjects.h"
 #include "qxObject/src/CSpaceRwLock.h"
 #include "qxObject/src/Collector.h"
 #include "qxObject/src/DGGraph.h"
-#include "qxObject/src/CSpaceGcThread.h"
 
 namespace quna {
 
@@ -18,11 +18,11 @@ public:
     CSpace& operator=(const CSpace&) = delete;
 
     mutable CSpaceRwLock m_lock;
-    void*                m_slots[CSPACE_NUM_RESERVED_PTR_SLOTS] = {};
-    CSpaceObjects        m_objects;
-    Collector            m_collector;
-    DGDomain             m_graph; // guarded by the graph
-    CSpaceGcThread       m_gcThread;
+    void* m_slots[CSPACE_NUM_RESERVED_PTR_SLOTS] = {};
+    CSpaceObjects m_objects;
+    Collector m_collector;
+    DGDomain m_graph; // guarded by the graph
+    CSpaceGcThread m_gcThread;
 };
 
 } // namespace quna

@@ -22,7 +22,7 @@ CSpaceLockEntry* CSpaceLockTable::Search(const CSpace* cspace) noexcept {
 void CSpaceLockTable::Reserve(ssize_t count) {
     const ssize_t needed = m_count + count;
     if (needed <= m_capacity) return;
-    const ssize_t    capacity = std::max<ssize_t>(needed, 2 * static_cast<ssize_t>(m_capacity));
+    const ssize_t capacity = std::max<ssize_t>(needed, 2 * static_cast<ssize_t>(m_capacity));
     CSpaceLockEntry* grown = new CSpaceLockEntry[static_cast<std::size_t>(capacity)];
     std::copy_n(Entries(), m_count, grown);
     delete[] m_overflow;
@@ -30,9 +30,7 @@ void CSpaceLockTable::Reserve(ssize_t count) {
     m_capacity = static_cast<int32>(capacity);
 }
 
-void CSpaceLockTable::CloseGap(CSpaceLockEntry* entry) noexcept {
-    std::copy(entry + 1, Entries() + m_count, entry);
-}
+void CSpaceLockTable::CloseGap(CSpaceLockEntry* entry) noexcept { std::copy(entry + 1, Entries() + m_count, entry); }
 
 void CSpaceLockTable::FreeOverflow() noexcept {
     delete[] m_overflow;
@@ -40,8 +38,6 @@ void CSpaceLockTable::FreeOverflow() noexcept {
     m_capacity = INLINE_ENTRIES;
 }
 
-int32 CSpaceLockTable::FetchTid() {
-    return CurrentThreadTid();
-}
+int32 CSpaceLockTable::FetchTid() { return CurrentThreadTid(); }
 
 } // namespace quna

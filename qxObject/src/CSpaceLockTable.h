@@ -11,9 +11,9 @@ class CSpace;
 // One domain that a thread holds.
 struct CSpaceLockEntry {
     const CSpace* cspace;
-    int32         depth;     // how often it is locked or recorded, at least 1
-    bool          exclusive; // kind of the outermost lock; what nests inside doesn't change it
-    bool          recorded;  // the outermost is only a record: the lock itself was never taken
+    int32 depth;    // how often it is locked or recorded, at least 1
+    bool exclusive; // kind of the outermost lock; what nests inside doesn't change it
+    bool recorded;  // the outermost is only a record: the lock itself was never taken
 };
 
 // The calling thread's entries. Only a few domains are locked at a time, so a search goes from the newest entry back;
@@ -71,18 +71,18 @@ public:
 private:
     CSpaceLockEntry* Entries() noexcept { return m_overflow ? m_overflow : m_inline; }
     CSpaceLockEntry* Search(const CSpace* cspace) noexcept;
-    void             CloseGap(CSpaceLockEntry* entry) noexcept;
-    void             FreeOverflow() noexcept;
-    static int32     FetchTid();
+    void CloseGap(CSpaceLockEntry* entry) noexcept;
+    void FreeOverflow() noexcept;
+    static int32 FetchTid();
 
     QX_API static constinit thread_local CSpaceLockTable t_table;
 
     CSpaceLockEntry* m_overflow = nullptr; // owned; holds all entries when it is not null
-    int32            m_count = 0;
-    int32            m_capacity = INLINE_ENTRIES;
-    int32            m_lastHit = 0; // index of the entry found last; may be beyond m_count
-    int32            m_tid = 0;     // 0 until asked for
-    CSpaceLockEntry  m_inline[INLINE_ENTRIES] = {};
+    int32 m_count = 0;
+    int32 m_capacity = INLINE_ENTRIES;
+    int32 m_lastHit = 0; // index of the entry found last; may be beyond m_count
+    int32 m_tid = 0;     // 0 until asked for
+    CSpaceLockEntry m_inline[INLINE_ENTRIES] = {};
 };
 
 } // namespace quna

@@ -23,8 +23,10 @@ void Nest(CSpaceLockEntry& entry, ECSpaceLockMode mode) {
 
 // The record is made before the lock is taken: making it can fail, and then nothing is held.
 void LockNew(CSpaceLockTable& table, CSpace* cs, ECSpaceLockMode mode) {
-    const bool  exclusive = mode != SharedRead;
+    const bool exclusive = mode != SharedRead;
     const int32 tid = table.Tid();
+    if (cs->m_gcThread.IsWanted()) [[unlikely]]
+        cs->m_gcThread.AwaitArrival();
     table.Add({cs, 1, exclusive, false});
     if (exclusive)
         cs->m_lock.LockExclusive(tid);
@@ -34,7 +36,7 @@ void LockNew(CSpaceLockTable& table, CSpace* cs, ECSpaceLockMode mode) {
 
 // How long a thread that needs several locks stays away after so many failures, at most: long enough for another one
 // to get through, short enough not to be noticed.
-constexpr int    ROUNDS_WITHOUT_BACK_OFF = 3;
+constexpr int ROUNDS_WITHOUT_BACK_OFF = 3;
 constexpr uint32 MAX_BACK_OFF_MICROS = 256;
 
 // Different threads must not come back in step.
@@ -48,7 +50,7 @@ public:
     }
 
 private:
-    int    m_round = 0;
+    int m_round = 0;
     uint64 m_random = static_cast<uint64>(CSpaceLockTable::Current().Tid()) * 0x9E3779B97F4A7C15u;
 };
 
@@ -87,7 +89,7 @@ bool TryLock(CSpace* cs, ECSpaceLockMode mode) {
 
 void Unlock(CSpace* cs) {
     QX_ASSERT(cs);
-    CSpaceLockTable&       table = CSpaceLockTable::Current();
+    CSpaceLockTable& table = CSpaceLockTable::Current();
     CSpaceLockEntry* const entry = table.Find(cs);
     QX_ASSERT_TEXT(entry, "HaveLock(cs)");
     if (entry->depth > 1) {
@@ -115,7 +117,7 @@ void RecordLock(CSpace* cs, ECSpaceLockMode mode) {
 
 void RecordUnlock(CSpace* cs) {
     QX_ASSERT(cs);
-    CSpaceLockTable&       table = CSpaceLockTable::Current();
+    CSpaceLockTable& table = CSpaceLockTable::Current();
     CSpaceLockEntry* const entry = table.Find(cs);
     QX_ASSERT_TEXT(entry, "HaveLock(cs)");
     if (entry->depth > 1) {

@@ -11,9 +11,7 @@ constexpr ConstStringZ SOURCE_PATH = "src/CSpace";
 
 } // namespace
 
-void ObjectPages::AddPage() {
-    m_pages.push_back(std::make_unique<Page>());
-}
+void ObjectPages::AddPage() { m_pages.push_back(std::make_unique<Page>()); }
 
 void ObjectPages::Reserve(ssize_t count) {
     while (m_size + count > static_cast<ssize_t>(m_pages.size()) * PAGE_ENTRIES) AddPage();
@@ -85,7 +83,7 @@ void CSpaceObjects::TransferFrom(CSpaceObjects& from) {
     ssize_t bytes = 0;
     for (ssize_t i = 0; i < count; ++i) {
         const ptr<IObject> object = from.m_objects[i];
-        ObjSysState&       state = object->GetSysState();
+        ObjSysState& state = object->GetSysState();
         state.m_cspace = &m_cspace;
         state.marked_ = !m_markValue;
         bytes += EvictorSize(state);

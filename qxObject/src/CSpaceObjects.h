@@ -18,7 +18,7 @@ class QX_API ObjectPages {
 public:
     static constexpr ssize_t PAGE_ENTRIES = 1024;
 
-    ssize_t      Size() const noexcept { return m_size; }
+    ssize_t Size() const noexcept { return m_size; }
     ptr<IObject> operator[](ssize_t i) const noexcept { return Entry(i); }
 
     void Append(ptr<IObject> object) {
@@ -46,7 +46,7 @@ private:
     void AddPage();
 
     std::vector<std::unique_ptr<Page>> m_pages;
-    ssize_t                            m_size = 0;
+    ssize_t m_size = 0;
 };
 
 // Ownership: the objects are the domain's; who takes entries out for good calls Destroy on them.
@@ -68,7 +68,7 @@ public:
     void TransferFrom(CSpaceObjects& from);
 
     // `delta` bytes more are resident.
-    void    AddBytes(ssize_t delta) noexcept { m_bytes.fetch_add(delta, std::memory_order_relaxed); }
+    void AddBytes(ssize_t delta) noexcept { m_bytes.fetch_add(delta, std::memory_order_relaxed); }
     ssize_t Bytes() const noexcept { return m_bytes.load(std::memory_order_relaxed); }
     ssize_t Count() const noexcept { return m_count.load(std::memory_order_relaxed); }
 
@@ -87,14 +87,14 @@ private:
     void Adopt(ptr<IObject> object);
     bool TakeOffList(ptr<IObject> object);
 
-    CSpace&                                             m_cspace;
-    std::mutex                                          m_mutex; // leaf lock: taken by shared holders, and for roots
-    ObjectPages                                         m_objects;
-    ObjectPages                                         m_own; // the domain's own, which are roots and don't move
+    CSpace& m_cspace;
+    std::mutex m_mutex; // leaf lock: taken by shared holders, and for roots
+    ObjectPages m_objects;
+    ObjectPages m_own;                                           // the domain's own, which are roots and don't move
     std::unordered_map<const void*, ptr<const IObject>> m_roots; // by self pointer
-    std::atomic<ssize_t>                                m_count{0};
-    std::atomic<ssize_t>                                m_bytes{0}; // sum of m_size over all objects
-    bool                                                m_markValue = true;
+    std::atomic<ssize_t> m_count{0};
+    std::atomic<ssize_t> m_bytes{0}; // sum of m_size over all objects
+    bool m_markValue = true;
 };
 
 // The size that the evictor counts. Reached by shared holders side by side, hence atomic.

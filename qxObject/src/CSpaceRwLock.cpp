@@ -25,9 +25,7 @@ int SpinRounds() {
     return rounds;
 }
 
-void Relax() {
-    __builtin_ia32_pause();
-}
+void Relax() { __builtin_ia32_pause(); }
 
 } // namespace
 
@@ -49,9 +47,9 @@ struct CSpaceRwLock::Waiter {
         while (!granted.load(std::memory_order_acquire)) granted.wait(0, std::memory_order_acquire);
     }
 
-    const bool         exclusive;
+    const bool exclusive;
     std::atomic<int32> granted{0};
-    Waiter*            next = nullptr; // in the queue; then in the list of those to be woken
+    Waiter* next = nullptr; // in the queue; then in the list of those to be woken
 };
 
 // Requires: m_mutex is held. Enters if the mode allows it and nobody waits; otherwise leaves WAITERS set.
@@ -60,7 +58,8 @@ bool CSpaceRwLock::EnterOrMarkWaiting(bool exclusive) {
     for (;;) {
         const bool free = exclusive ? state == 0 : (state & (WRITER | WAITERS)) == 0;
         const uint64 wanted = free ? (exclusive ? WRITER : state + READER) : (state | WAITERS);
-        if (m_state.compare_exchange_weak(state, wanted, std::memory_order_acquire, std::memory_order_relaxed)) return free;
+        if (m_state.compare_exchange_weak(state, wanted, std::memory_order_acquire, std::memory_order_relaxed))
+            return free;
     }
 }
 
@@ -81,8 +80,8 @@ void CSpaceRwLock::WaitInQueue(bool exclusive) {
 // word. Requires: m_mutex is held, the lock is held by the caller alone or free, the queue is not empty.
 CSpaceRwLock::Waiter* CSpaceRwLock::TakeNextFromQueue() {
     Waiter* const first = m_first;
-    Waiter*       last = first;
-    uint64        owners = WRITER;
+    Waiter* last = first;
+    uint64 owners = WRITER;
     if (!first->exclusive) {
         owners = READER;
         while (last->next && !last->next->exclusive) {
@@ -111,7 +110,8 @@ void CSpaceRwLock::HandOver() {
 
 bool CSpaceRwLock::TryLockExclusive(int32 tid) {
     uint64 expected = 0;
-    if (!m_state.compare_exchange_strong(expected, WRITER, std::memory_order_acquire, std::memory_order_relaxed)) return false;
+    if (!m_state.compare_exchange_strong(expected, WRITER, std::memory_order_acquire, std::memory_order_relaxed))
+        return false;
     m_holderTid.store(tid, std::memory_order_relaxed);
     return true;
 }
@@ -122,9 +122,7 @@ bool CSpaceRwLock::TryLockShared(int32 tid) {
     return true;
 }
 
-void CSpaceRwLock::WaitUntilQuiet() {
-    std::lock_guard<std::mutex> guard(m_mutex);
-}
+void CSpaceRwLock::WaitUntilQuiet() { std::lock_guard<std::mutex> guard(m_mutex); }
 
 void CSpaceRwLock::RecordWait(int64 micros) {
     m_totalWaits.fetch_add(1, std::memory_order_relaxed);
@@ -137,7 +135,8 @@ CSpaceLockFigures CSpaceRwLock::GetFigures() const {
     CSpaceLockFigures figures;
     figures.totalWaits = m_totalWaits.load(std::memory_order_relaxed);
     figures.longestWaitMicros = m_longestWaitMicros.load(std::memory_order_relaxed);
-    if (m_state.load(std::memory_order_relaxed) & ~WAITERS) figures.holder = ThreadNameOfTid(m_holderTid.load(std::memory_order_relaxed));
+    if (m_state.load(std::memory_order_relaxed) & ~WAITERS)
+        figures.holder = ThreadNameOfTid(m_holderTid.load(std::memory_order_relaxed));
     return figures;
 }
 
@@ -148,13 +147,11 @@ ssize_t CSpaceRwLock::NumWaitingForTest() const {
     return count;
 }
 
-int32 CurrentThreadTid() {
-    return static_cast<int32>(::gettid());
-}
+int32 CurrentThreadTid() { return static_cast<int32>(::gettid()); }
 
 std::string ThreadNameOfTid(int32 tid) {
     std::ifstream comm("/proc/self/task/" + std::to_string(tid) + "/comm");
-    std::string   name;
+    std::string name;
     std::getline(comm, name);
     return name;
 }

@@ -12,9 +12,9 @@ namespace quna {
 
 // What a lock tells about itself, so that a program that stands still can be explained.
 struct CSpaceLockFigures {
-    int64       totalWaits = 0;        // acquisitions that had to sleep or spin behind another thread
-    int64       longestWaitMicros = 0; // of those that have ended
-    std::string holder;                // name of the thread that holds it, or of the last reader to come; empty when free
+    int64 totalWaits = 0;        // acquisitions that had to sleep or spin behind another thread
+    int64 longestWaitMicros = 0; // of those that have ended
+    std::string holder;          // name of the thread that holds it, or of the last reader to come; empty when free
 };
 
 // First come, first served between readers and writers: who finds the lock taken, or finds somebody waiting, joins one
@@ -35,7 +35,8 @@ public:
     // `tid` is the calling thread's id in the system, for the figures.
     void LockExclusive(int32 tid) {
         uint64 expected = 0;
-        if (!m_state.compare_exchange_strong(expected, WRITER, std::memory_order_acquire, std::memory_order_relaxed)) [[unlikely]]
+        if (!m_state.compare_exchange_strong(expected, WRITER, std::memory_order_acquire, std::memory_order_relaxed))
+            [[unlikely]]
             WaitInQueue(true);
         m_holderTid.store(tid, std::memory_order_relaxed);
     }
@@ -51,7 +52,8 @@ public:
 
     void UnlockExclusive() {
         uint64 expected = WRITER;
-        if (!m_state.compare_exchange_strong(expected, 0, std::memory_order_release, std::memory_order_relaxed)) [[unlikely]]
+        if (!m_state.compare_exchange_strong(expected, 0, std::memory_order_release, std::memory_order_relaxed))
+            [[unlikely]]
             HandOver();
     }
     void UnlockShared() {
@@ -66,7 +68,7 @@ public:
     void WaitUntilQuiet();
 
     CSpaceLockFigures GetFigures() const;
-    ssize_t           NumWaitingForTest() const;
+    ssize_t NumWaitingForTest() const;
 
 private:
     struct Waiter;
@@ -78,29 +80,31 @@ private:
     bool TryEnterAsReader() {
         uint64 state = m_state.load(std::memory_order_relaxed);
         while ((state & (WRITER | WAITERS)) == 0) {
-            if (m_state.compare_exchange_weak(state, state + READER, std::memory_order_acquire, std::memory_order_relaxed)) return true;
+            if (m_state.compare_exchange_weak(state, state + READER, std::memory_order_acquire,
+                                              std::memory_order_relaxed))
+                return true;
         }
         return false;
     }
-    bool   EnterOrMarkWaiting(bool exclusive);
-    void   WaitInQueue(bool exclusive);
-    void   HandOver();
+    bool EnterOrMarkWaiting(bool exclusive);
+    void WaitInQueue(bool exclusive);
+    void HandOver();
     Waiter* TakeNextFromQueue();
-    void   RecordWait(int64 micros);
+    void RecordWait(int64 micros);
 
     std::atomic<uint64> m_state{0};
-    std::atomic<int32>  m_holderTid{0}; // of the last thread that entered; for the figures only
+    std::atomic<int32> m_holderTid{0}; // of the last thread that entered; for the figures only
 
-    mutable std::mutex m_mutex;           // leaf lock: guards the queue
-    Waiter*            m_first = nullptr; // guarded by m_mutex; the elements are on their threads' stacks
-    Waiter*            m_last = nullptr;  // guarded by m_mutex
+    mutable std::mutex m_mutex; // leaf lock: guards the queue
+    Waiter* m_first = nullptr;  // guarded by m_mutex; the elements are on their threads' stacks
+    Waiter* m_last = nullptr;   // guarded by m_mutex
 
     std::atomic<int64> m_totalWaits{0};
     std::atomic<int64> m_longestWaitMicros{0};
 };
 
 // The id of the calling thread in the system, and the name of a thread with such an id in this process, empty if none.
-QX_API int32       CurrentThreadTid();
+QX_API int32 CurrentThreadTid();
 QX_API std::string ThreadNameOfTid(int32 tid);
 
 } // namespace quna

@@ -34,16 +34,16 @@ namespace {
 
 constexpr ConstStringZ SOURCE_PATH = "src/Collector";
 
-constexpr int     DIRTY_FLAG = 2;             // of objflags_: changes not yet written; set by the store
-constexpr int     EVICTED_FLAG = 1 << 30;     // of objflags_ of a going object: an evictable pointer named it
+constexpr int DIRTY_FLAG = 2;         // of objflags_: changes not yet written; set by the store
+constexpr int EVICTED_FLAG = 1 << 30; // of objflags_ of a going object: an evictable pointer named it
 constexpr ssize_t KEEP_OF_BUDGET_PERCENT = 90;
-constexpr int64   HPTIME_TICKS_PER_MICROSEC = 10;
+constexpr int64 HPTIME_TICKS_PER_MICROSEC = 10;
 constexpr ssize_t PREFETCH_AHEAD = 16;
 
 // A cached object as a candidate for staying. Fewer ticks since its last use sort first.
 struct CacheEntry {
     uint32 age;
-    uint32 size;  // clamped; bytes
+    uint32 size; // clamped; bytes
     ptr<IObject> object;
 };
 
@@ -53,7 +53,9 @@ public:
     // Call inside a catch block.
     void Note(const ReflectedClass* rc) {
         ++m_count;
-        if (m_text.empty()) m_text = std::string("Destroy of an object of class ") + ObjectClassName(rc) + " threw: " + CurrentExceptionText();
+        if (m_text.empty())
+            m_text = std::string("Destroy of an object of class ") + ObjectClassName(rc) +
+                     " threw: " + CurrentExceptionText();
     }
     void Raise() const {
         if (m_count > 0) ThrowQunaAssertionError(m_text.c_str(), SOURCE_PATH, __LINE__);
@@ -70,7 +72,7 @@ private:
         }
     }
 
-    ssize_t     m_count = 0;
+    ssize_t m_count = 0;
     std::string m_text;
 };
 
@@ -84,9 +86,7 @@ void DestroyObject(ptr<IObject> object, FirstFailure& failure) {
 }
 
 // A sum that stands for "without limit" where it doesn't fit.
-ssize_t SaturatedSum(ssize_t x, ssize_t y) {
-    return x > SSIZE_MAX - y ? SSIZE_MAX : x + y;
-}
+ssize_t SaturatedSum(ssize_t x, ssize_t y) { return x > SSIZE_MAX - y ? SSIZE_MAX : x + y; }
 
 class ScopedFlag {
 public:
@@ -104,19 +104,19 @@ private:
 // What a collection has chosen to end.
 struct Collector::Going {
     PageSequence<ssize_t> candidates; // places in the list of what was unmarked; the dirty among them are marked by now
-    ObjectPages           objects;
-    ssize_t               bytes = 0;
-    ssize_t               numEvicted = 0;
+    ObjectPages objects;
+    ssize_t bytes = 0;
+    ssize_t numEvicted = 0;
 };
 
 void Collector::Collect(EGcCache cache) {
     QX_ASSERT(!m_collecting);
     const ScopedFlag collecting(m_collecting);
-    const HPTime     start = HPTime::GetCurrentTime();
+    const HPTime start = HPTime::GetCurrentTime();
     AdvanceTouchClock();
 
     GcMarker marker(m_cspace, m_objects.MarkValue());
-    Going    going;
+    Going going;
     try {
         MarkAll(marker, cache);
         FindGoing(marker, going);
@@ -187,7 +187,7 @@ void Collector::MarkCache(GcMarker& marker) {
 // Requires: the strong part is marked, nothing else is; every evictable pointer of the domain is remembered.
 void Collector::MarkMostRecentlyUsed(GcMarker& marker, ssize_t limit) {
     std::vector<CacheEntry> cached;
-    const int32             now = g_touchClock.load(std::memory_order_relaxed);
+    const int32 now = g_touchClock.load(std::memory_order_relaxed);
     for (ssize_t i = 0; i < marker.NumEvictable(); ++i) {
         const ptr<IObject> target = marker.EvictableTarget(i);
         if (!target) continue;
@@ -222,7 +222,7 @@ void Collector::UnmarkAll(const GcMarker& marker) noexcept {
 
 // Steps 3 and 4: settles which objects go, and clears the pointers to them. The list is not changed yet.
 void Collector::FindGoing(GcMarker& marker, Going& going) {
-    ObjectPages&  objects = m_objects.Objects();
+    ObjectPages& objects = m_objects.Objects();
     const ssize_t count = objects.Size();
     if (marker.NumMarked() == m_objects.Count()) return;
     for (ssize_t i = 0; i < count; ++i) {
@@ -244,15 +244,15 @@ void Collector::FindGoing(GcMarker& marker, Going& going) {
 
 // Closes the gaps in the list by moving entries, without a look at the objects that stay.
 void Collector::RemoveFromList(const GcMarker& marker, Going& going) noexcept {
-    ObjectPages&  objects = m_objects.Objects();
+    ObjectPages& objects = m_objects.Objects();
     const ssize_t numCandidates = going.candidates.Size();
     if (numCandidates == 0) return;
     ssize_t write = going.candidates[0];
     for (ssize_t k = 0; k < numCandidates; ++k) {
-        const ssize_t      place = going.candidates[k];
-        const ssize_t      next = k + 1 < numCandidates ? going.candidates[k + 1] : objects.Size();
+        const ssize_t place = going.candidates[k];
+        const ssize_t next = k + 1 < numCandidates ? going.candidates[k + 1] : objects.Size();
         const ptr<IObject> object = objects[place];
-        ObjSysState&       state = object->GetSysState();
+        ObjSysState& state = object->GetSysState();
         if (marker.IsMarked(state)) {
             objects.Set(write++, object);
         } else {
@@ -279,8 +279,8 @@ void Collector::PutBack(const Going& going) {
 }
 
 void Collector::NoteCollection(const GcMarker& marker, const Going& going, int64 pauseMicros) {
-    const ssize_t               bytes = m_objects.Bytes();
-    const ssize_t               budget = m_budget.load(std::memory_order_relaxed);
+    const ssize_t bytes = m_objects.Bytes();
+    const ssize_t budget = m_budget.load(std::memory_order_relaxed);
     std::lock_guard<std::mutex> guard(m_mutex);
     m_pressureThreshold.store(SaturatedSum(std::max(bytes, budget), budget / 4), std::memory_order_relaxed);
     ++m_stats.collections;
@@ -293,15 +293,15 @@ void Collector::NoteCollection(const GcMarker& marker, const Going& going, int64
 
 void Collector::DestroyAll() {
     QX_ASSERT(!m_collecting);
-    const ScopedFlag   collecting(m_collecting);
-    FirstFailure       failure;
+    const ScopedFlag collecting(m_collecting);
+    FirstFailure failure;
     std::exception_ptr thrown;
     // A hook may still register an object.
     while (m_objects.Objects().Size() + m_objects.OwnObjects().Size() > 0) {
         const ssize_t numObjects = m_objects.Objects().Size();
         const ssize_t numOwn = m_objects.OwnObjects().Size();
-        ObjectPages   objects = std::move(m_objects.Objects());
-        ObjectPages   own = std::move(m_objects.OwnObjects());
+        ObjectPages objects = std::move(m_objects.Objects());
+        ObjectPages own = std::move(m_objects.OwnObjects());
         m_objects.Objects() = ObjectPages();
         m_objects.OwnObjects() = ObjectPages();
         m_objects.UpdateCount();

@@ -33,7 +33,7 @@ public:
     // Ends every object of the domain, its own last.
     void DestroyAll();
 
-    void    SetBudget(ssize_t bytes);
+    void SetBudget(ssize_t bytes);
     // Resident bytes beyond which a collection should not wait for its period.
     ssize_t PressureThreshold() const noexcept { return m_pressureThreshold.load(std::memory_order_relaxed); }
 
@@ -52,14 +52,14 @@ private:
     void PutBack(const Going& going);
     void NoteCollection(const GcMarker& marker, const Going& going, int64 pauseMicros);
 
-    CSpaceObjects&       m_objects;
-    const CSpace&        m_cspace;
-    bool                 m_collecting = false; // guarded by the domain's lock
+    CSpaceObjects& m_objects;
+    const CSpace& m_cspace;
+    bool m_collecting = false; // guarded by the domain's lock
     std::atomic<ssize_t> m_budget{DEFAULT_EVICTION_BUDGET};
     std::atomic<ssize_t> m_pressureThreshold{DEFAULT_EVICTION_BUDGET + DEFAULT_EVICTION_BUDGET / 4};
 
     mutable std::mutex m_mutex; // leaf lock
-    CSpaceGcStats      m_stats; // guarded by m_mutex
+    CSpaceGcStats m_stats;      // guarded by m_mutex
 };
 
 } // namespace quna

@@ -19,11 +19,11 @@ namespace quna {
 // One input of one dependent, in the input's list of out-edges and in the dependent's list of in-edges.
 struct DGEdge {
     const DGBaseNode* in;
-    const DGDepNode*  dep;
-    DGEdge*           prevOut;
-    DGEdge*           nextOut;
-    DGEdge*           prevIn;
-    DGEdge*           nextIn;
+    const DGDepNode* dep;
+    DGEdge* prevOut;
+    DGEdge* nextOut;
+    DGEdge* prevIn;
+    DGEdge* nextIn;
 };
 
 namespace {
@@ -41,9 +41,7 @@ std::atomic<uint64> s_numCalculations{0};
 
 constinit thread_local DGCalculation* t_calculation = nullptr; // the innermost of the thread
 
-bool IsAlone(const DGNodeLink& link) {
-    return link.next == &link;
-}
+bool IsAlone(const DGNodeLink& link) { return link.next == &link; }
 
 void Unlink(DGNodeLink& link) {
     link.prev->next = link.next;
@@ -76,17 +74,17 @@ public:
     // The domain's table owns this node.
     void OnEvict() const override {
         std::unique_ptr<DGIndepNode> self; // ends after the guard
-        Guard                        guard(GraphMutex());
-        const auto                   i = m_domain.m_graph.sources.find(m_source);
+        Guard guard(GraphMutex());
+        const auto i = m_domain.m_graph.sources.find(m_source);
         if (i == m_domain.m_graph.sources.end() || i->second.get() != this) return;
         self = std::move(i->second);
         m_domain.m_graph.sources.erase(i);
     }
     xstring Name() const override { return "data source"; }
-    void    VisitContainingObject(IObjectVisitor&) const override {}
+    void VisitContainingObject(IObjectVisitor&) const override {}
 
 private:
-    CSpace&           m_domain;
+    CSpace& m_domain;
     const void* const m_source;
 };
 
@@ -129,7 +127,7 @@ void DGGraph::EvictAll(CSpace& cspace) {
 
 void DGGraph::ForgetDomain(CSpace& cspace) {
     std::unordered_map<const void*, std::unique_ptr<DGIndepNode>> sources; // ends after the guard
-    Guard                                                          guard(GraphMutex());
+    Guard guard(GraphMutex());
     while (!IsAlone(cspace.m_graph.nodes)) Unlist(*cspace.m_graph.nodes.next->node);
     sources.swap(cspace.m_graph.sources);
 }
@@ -143,8 +141,9 @@ void DGGraph::Read(const DGBaseNode& node) {
 
 void DGGraph::AddEdge(const DGBaseNode& in, DGCalculation& calculation) {
     const DGDepNode& dep = calculation.m_node;
-    Guard            guard(GraphMutex());
-    if (!dep.m_subscribed || dep.m_version.load(std::memory_order_relaxed) != calculation.m_version) return; // stale already
+    Guard guard(GraphMutex());
+    if (!dep.m_subscribed || dep.m_version.load(std::memory_order_relaxed) != calculation.m_version)
+        return; // stale already
     if (in.m_lastReader == calculation.m_number) return;
     DGEdge* const edge = new DGEdge{&in, &dep, nullptr, in.m_outEdges, nullptr, dep.m_inEdges};
     if (edge->nextOut) edge->nextOut->prevOut = edge;
@@ -176,7 +175,7 @@ void DGGraph::MakeStale(const DGDepNode& node) noexcept {
 
 // Makes everything stale that depends on `node`, and appends it to `pending`, except what stands in such a ring already.
 void DGGraph::CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept {
-    DGNodeLink        fresh;
+    DGNodeLink fresh;
     const DGNodeLink* done = &fresh;
     const DGBaseNode* current = &node;
     for (;;) {
@@ -244,7 +243,8 @@ void DGGraph::BeginCalculation(DGCalculation& calculation) {
     for (const DGCalculation* c = t_calculation; c; c = c->m_outer) {
         if (&c->m_node != &node) continue;
         std::string cycle = node.Name().str();
-        for (const DGCalculation* d = t_calculation; d != c; d = d->m_outer) cycle = d->m_node.Name().str() + " -> " + cycle;
+        for (const DGCalculation* d = t_calculation; d != c; d = d->m_outer)
+            cycle = d->m_node.Name().str() + " -> " + cycle;
         cycle = "cycle in a calculation: " + node.Name().str() + " -> " + cycle;
         ThrowQunaAssertionError(cycle.c_str(), SOURCE_PATH, __LINE__);
     }
@@ -266,9 +266,7 @@ bool DGGraph::EndCalculation(DGCalculation& calculation, bool complete) noexcept
     return complete;
 }
 
-DGCalculation::DGCalculation(const DGDepNode& node) : m_node(node) {
-    DGGraph::BeginCalculation(*this);
-}
+DGCalculation::DGCalculation(const DGDepNode& node) : m_node(node) { DGGraph::BeginCalculation(*this); }
 
 DGCalculation::~DGCalculation() {
     if (!m_finished) DGGraph::EndCalculation(*this, false);
@@ -299,7 +297,7 @@ void DGGraph::EvictSource(CSpace& cspace, const void* source) {
     for (;;) {
         const DGBaseNode* victim = nullptr;
         {
-            Guard      guard(GraphMutex());
+            Guard guard(GraphMutex());
             const auto i = cspace.m_graph.sources.find(source);
             if (i == cspace.m_graph.sources.end()) return;
             victim = i->second.get();
@@ -333,27 +331,17 @@ DGBaseNode::~DGBaseNode() noexcept(false) {
     }
 }
 
-void DGBaseNode::OnChange() const {
-    DGGraph::Invalidate(*this);
-}
+void DGBaseNode::OnChange() const { DGGraph::Invalidate(*this); }
 
-void DGBaseNode::ReadBarrier() const {
-    DGGraph::Read(*this);
-}
+void DGBaseNode::ReadBarrier() const { DGGraph::Read(*this); }
 
-void DGBaseNode::AlwaysEvict() const {
-    DGGraph::Evict(*this);
-}
+void DGBaseNode::AlwaysEvict() const { DGGraph::Evict(*this); }
 
 DGIndepNode::DGIndepNode() = default;
 
-bool DGIndepNode::IsEvictable() const {
-    return true;
-}
+bool DGIndepNode::IsEvictable() const { return true; }
 
-void DGIndepNode::EnsureNoInnodesOrOutnodes() const {
-    DGGraph::Invalidate(*this);
-}
+void DGIndepNode::EnsureNoInnodesOrOutnodes() const { DGGraph::Invalidate(*this); }
 
 DGDepNode::DGDepNode() {
     m_asDepNode = this;
@@ -366,9 +354,7 @@ DGDepNode::~DGDepNode() noexcept(false) {
     Unlink(m_pending);
 }
 
-bool DGDepNode::IsEvictable() const {
-    return true;
-}
+bool DGDepNode::IsEvictable() const { return true; }
 
 void DGDepNode::EnsureNoInnodesOrOutnodes() const {
     {

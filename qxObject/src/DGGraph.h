@@ -11,9 +11,9 @@ namespace quna {
 
 // The nodes that one domain lists, and the data sources that its calculations have read.
 struct DGDomain {
-    DGNodeLink                                                     nodes; // head of the ring
+    DGNodeLink nodes; // head of the ring
     std::unordered_map<const void*, std::unique_ptr<DGIndepNode>> sources;
-    std::atomic<bool>                                              haveSources{false}; // sources may be non-empty
+    std::atomic<bool> haveSources{false}; // sources may be non-empty
 };
 
 // All state of the graph is guarded by one mutex of the process, a leaf lock that is held for a few words at a time and

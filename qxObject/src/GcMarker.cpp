@@ -38,7 +38,8 @@ ptr<IObject> GcMarker::EvictableTarget(ssize_t i) const {
     constexpr ssize_t TARGET_AHEAD = 16;
     constexpr ssize_t POINTER_AHEAD = 2 * TARGET_AHEAD;
     if (i + POINTER_AHEAD < m_evictable.Size()) __builtin_prefetch(m_evictable[i + POINTER_AHEAD]);
-    if (i + TARGET_AHEAD < m_evictable.Size()) __builtin_prefetch(LoadEvictableWords(m_evictable[i + TARGET_AHEAD]).m_self);
+    if (i + TARGET_AHEAD < m_evictable.Size())
+        __builtin_prefetch(LoadEvictableWords(m_evictable[i + TARGET_AHEAD]).m_self);
     const ptr<IObject> target = AsIObject(LoadEvictableWords(m_evictable[i]));
     return target && target->GetSysState().m_cspace == &m_cspace ? target : ptr<IObject>();
 }

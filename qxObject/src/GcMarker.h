@@ -44,7 +44,7 @@ public:
     ssize_t BytesMarked() const noexcept { return m_bytesMarked; }
 
     // The evictable pointers that were bound when they were reported.
-    ssize_t       NumEvictable() const noexcept { return m_evictable.Size(); }
+    ssize_t NumEvictable() const noexcept { return m_evictable.Size(); }
     AnyInterface* Evictable(ssize_t i) const noexcept { return m_evictable[i]; }
 
     // The object that the i-th evictable pointer names now; null when it is none of this domain. Looks ahead.
@@ -55,15 +55,15 @@ private:
 
     bool NextEdge(ptr<const IObject>& edge);
 
-    const CSpace&                                     m_cspace;
-    const bool                                        m_markValue;
-    bool                                              m_remember = true;
-    PageSequence<ptr<const IObject>>                  m_stack;
+    const CSpace& m_cspace;
+    const bool m_markValue;
+    bool m_remember = true;
+    PageSequence<ptr<const IObject>> m_stack;
     std::array<ptr<const IObject>, PREFETCH_DISTANCE> m_ahead{}; // prefetched; null where empty
-    std::size_t                                       m_next = 0; // in m_ahead: the oldest
-    PageSequence<AnyInterface*>                       m_evictable;
-    ssize_t                                           m_numMarked = 0;
-    ssize_t                                           m_bytesMarked = 0;
+    std::size_t m_next = 0;                                      // in m_ahead: the oldest
+    PageSequence<AnyInterface*> m_evictable;
+    ssize_t m_numMarked = 0;
+    ssize_t m_bytesMarked = 0;
 };
 
 inline void PrefetchObject(const void* object) noexcept {

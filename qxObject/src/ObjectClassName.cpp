@@ -4,8 +4,6 @@
 
 namespace quna {
 
-std::string ObjectClassName(const ReflectedClass* rc) {
-    return rc && rc->m_name ? rc->m_name : "(unnamed)";
-}
+std::string ObjectClassName(const ReflectedClass* rc) { return rc && rc->m_name ? rc->m_name : "(unnamed)"; }
 
 } // namespace quna

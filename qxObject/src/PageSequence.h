@@ -18,7 +18,7 @@ class PageSequence {
 public:
     static constexpr ssize_t PAGE_ENTRIES = 8192;
 
-    bool    Empty() const noexcept { return m_top == m_begin && m_page <= 0; }
+    bool Empty() const noexcept { return m_top == m_begin && m_page <= 0; }
     ssize_t Size() const noexcept { return m_page < 0 ? 0 : m_page * PAGE_ENTRIES + (m_top - m_begin); }
 
     void Push(const T& value) {
@@ -34,11 +34,14 @@ public:
         return *--m_top;
     }
 
-    T& operator[](ssize_t i) const noexcept { return m_pages[static_cast<std::size_t>(i / PAGE_ENTRIES)].get()[i % PAGE_ENTRIES]; }
+    T& operator[](ssize_t i) const noexcept {
+        return m_pages[static_cast<std::size_t>(i / PAGE_ENTRIES)].get()[i % PAGE_ENTRIES];
+    }
 
 private:
     void NextPage() {
-        if (m_page + 1 == static_cast<ssize_t>(m_pages.size())) m_pages.push_back(std::make_unique_for_overwrite<T[]>(PAGE_ENTRIES));
+        if (m_page + 1 == static_cast<ssize_t>(m_pages.size()))
+            m_pages.push_back(std::make_unique_for_overwrite<T[]>(PAGE_ENTRIES));
         SelectPage(m_page + 1, 0);
     }
     void SelectPage(ssize_t page, ssize_t used) noexcept {
@@ -49,10 +52,10 @@ private:
     }
 
     std::vector<std::unique_ptr<T[]>> m_pages;
-    ssize_t                           m_page = -1; // index of the page that m_begin is; -1 before the first
-    T*                                m_begin = nullptr;
-    T*                                m_top = nullptr;
-    T*                                m_end = nullptr;
+    ssize_t m_page = -1; // index of the page that m_begin is; -1 before the first
+    T* m_begin = nullptr;
+    T* m_top = nullptr;
+    T* m_end = nullptr;
 };
 
 } // namespace quna

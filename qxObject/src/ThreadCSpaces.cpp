@@ -13,10 +13,10 @@ namespace {
 // ever set one.
 struct ThreadCSpace {
     std::atomic<CSpace*> current{nullptr};
-    ThreadCSpace*        prev = nullptr; // guarded by ListMutex
-    ThreadCSpace*        next = nullptr; // guarded by ListMutex
-    bool                 listed = false;
-    bool                 ended = false; // the thread is past the point where it leaves the list
+    ThreadCSpace* prev = nullptr; // guarded by ListMutex
+    ThreadCSpace* next = nullptr; // guarded by ListMutex
+    bool listed = false;
+    bool ended = false; // the thread is past the point where it leaves the list
 };
 
 std::mutex& ListMutex() {
@@ -55,9 +55,7 @@ void ListThread() {
 
 } // namespace
 
-CSpace* GetThreadCSpace() {
-    return t_cspace.current.load(std::memory_order_relaxed);
-}
+CSpace* GetThreadCSpace() { return t_cspace.current.load(std::memory_order_relaxed); }
 
 void SetThreadCSpace(CSpace* cs) {
     if (!t_cspace.listed && !t_cspace.ended) [[unlikely]]

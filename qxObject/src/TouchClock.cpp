@@ -22,9 +22,10 @@ void AdvanceTouchClock() {
 
 void AdvanceTouchClockIfDue() {
     const int64 now = HPTime::GetCurrentTime().GetTicks();
-    int64       last = s_lastAdvance.load(std::memory_order_relaxed);
+    int64 last = s_lastAdvance.load(std::memory_order_relaxed);
     if (now - last < TOUCH_CLOCK_TICK.count() * TICKS_PER_MILLISEC) return;
-    if (s_lastAdvance.compare_exchange_strong(last, now, std::memory_order_relaxed)) g_touchClock.fetch_add(1, std::memory_order_relaxed);
+    if (s_lastAdvance.compare_exchange_strong(last, now, std::memory_order_relaxed))
+        g_touchClock.fetch_add(1, std::memory_order_relaxed);
 }
 
 } // namespace quna

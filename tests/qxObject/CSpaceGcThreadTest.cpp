@@ -3,6 +3,7 @@
 #include "tests/qxObject/GcTestObjects.h"
 #include "tests/support/ExpectAssertion.h"
 
+#include <algorithm>
 #include <random>
 #include <thread>
 
@@ -16,7 +17,7 @@ void WaitForCollections(CSpace* cs, int64 count) {
 }
 
 TEST(CSpaceGcThread, CollectsPeriodicallyFromTheStart) {
-    NodeLog       log;
+    NodeLog log;
     CSpaceCreator cs(1);
     {
         CSpaceLock lock(cs, Exclusive);
@@ -38,7 +39,7 @@ TEST(CSpaceGcThread, IsNotStartedUnlessAskedFor) {
 struct Body {
     std::atomic<int> begun{0};
     std::atomic<int> ended{0};
-    CSpace*          cspace = nullptr;
+    CSpace* cspace = nullptr;
 
     static void Run(void* self, CSpace* cs) {
         Body& body = *static_cast<Body*>(self);
@@ -50,7 +51,7 @@ struct Body {
 };
 
 TEST(CSpaceGcThread, RunsTheBodyThatTheDomainWasGiven) {
-    Body          body;
+    Body body;
     CSpace* const cs = CreateCSpace(QUNA_GC_THREAD_DONT_START, GCThreadFn{&body, &Body::Run});
     EXPECT_EQ(body.begun, 0);
     SetMilliSecsPerGc(cs, 1);
@@ -62,7 +63,7 @@ TEST(CSpaceGcThread, RunsTheBodyThatTheDomainWasGiven) {
 }
 
 TEST(CSpaceGcThread, StopOnlyAsksAndMayBeCalledUnderTheLock) {
-    Body          body;
+    Body body;
     CSpace* const cs = CreateCSpace(QUNA_GC_THREAD_NO_SLEEP, GCThreadFn{&body, &Body::Run});
     WaitForCollections(cs, 1);
     {
@@ -84,7 +85,7 @@ TEST(CSpaceGcThread, ANewPeriodCountsAtOnce) {
 }
 
 TEST(CSpaceGcThread, OutgrowingTheBudgetByAQuarterWakesTheCollector) {
-    NodeLog       log;
+    NodeLog log;
     CSpaceCreator cs(AN_HOUR);
     SetEvictionBudget(cs, 1000);
     const auto addBytes = [&](ssize_t size) {
@@ -101,7 +102,7 @@ TEST(CSpaceGcThread, OutgrowingTheBudgetByAQuarterWakesTheCollector) {
 }
 
 TEST(CSpaceGcThread, DirtyObjectsBeyondTheBudgetDoNotKeepItBusy) {
-    NodeLog       log;
+    NodeLog log;
     CSpaceCreator cs(AN_HOUR);
     SetEvictionBudget(cs, 1000);
     const auto addDirty = [&] {
@@ -119,11 +120,36 @@ TEST(CSpaceGcThread, DirtyObjectsBeyondTheBudgetDoNotKeepItBusy) {
     EXPECT_EQ(GetGcStats(cs).collections, 1);
 }
 
+// A reader that loads one object a lock is far faster than the system wakes a thread.
+TEST(CSpaceGcThread, WhoComesToLockLetsAWokenCollectorGoFirst) {
+    constexpr ssize_t SIZE = 100;
+    constexpr ssize_t BUDGET = 1000 * SIZE;
+    NodeLog log;
+    CSpaceCreator cs(AN_HOUR);
+    GcNode* root = nullptr;
+    SetEvictionBudget(cs, BUDGET);
+    {
+        CSpaceLock lock(cs, Exclusive);
+        root = NewNode(cs, log);
+        AddGcRoot(cs, ptr<const IObject>(root));
+        root->m_evictable.resize(10000);
+    }
+    ssize_t most = 0;
+    for (ptr<IObject>& slot : root->m_evictable) {
+        CSpaceLock lock(cs, SharedRead);
+        ptr<IObject> object(NewNode(cs, log, 0, SIZE));
+        SetEvictablePtr(slot, object);
+        most = std::max(most, GetGcStats(cs).bytesResident);
+    }
+    EXPECT_LE(most, 2 * BUDGET); // 1.25 in fact; the rest is for a system so busy that the collector isn't waited for
+    EXPECT_GE(GetGcStats(cs).collections, 5);
+}
+
 // Application threads create, link, touch and let go of objects while the collector runs without a pause.
 TEST(CSpaceGcThreads, ObjectsMayBeRegisteredAndMeasuredUnderSharedLocks) {
-    NodeLog       log;
+    NodeLog log;
     CSpaceCreator cs(QUNA_GC_THREAD_NO_SLEEP);
-    GcNode*       root = nullptr;
+    GcNode* root = nullptr;
     {
         CSpaceLock lock(cs, Exclusive);
         root = NewNode(cs, log);
@@ -134,13 +160,13 @@ TEST(CSpaceGcThreads, ObjectsMayBeRegisteredAndMeasuredUnderSharedLocks) {
     std::vector<std::thread> threads;
     for (std::size_t t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
-            std::mt19937             random(static_cast<unsigned>(t));
+            std::mt19937 random(static_cast<unsigned>(t));
             DeclareThreadPtr<CSpace> current(cs);
             for (int i = 0; i < 2000; ++i) {
                 CSpaceLock lock(cs, SharedRead);
                 // Each thread binds pointers of its own; all touch the same objects.
                 ptr<IObject>& own = root->m_evictable[t * 16 + random() % 16];
-                ptr<IObject>  local;
+                ptr<IObject> local;
                 if (!ReadEvictablePtr(own, local)) {
                     local = ptr<IObject>(NewNode(cs, log, 0, 50));
                     SetEvictablePtr(own, local);
@@ -164,7 +190,7 @@ TEST(CSpaceGcThreads, DomainsComeAndGoWithTheirCollectors) {
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([] {
             for (int i = 0; i < 50; ++i) {
-                NodeLog       log;
+                NodeLog log;
                 CSpace* const cs = CreateCSpace(QUNA_GC_THREAD_NO_SLEEP);
                 SetThreadCSpace(cs);
                 {

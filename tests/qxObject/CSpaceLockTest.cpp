@@ -26,9 +26,7 @@ void WaitUntilWaiting(CSpace* cs, ssize_t count) {
     while (cs->m_lock.NumWaitingForTest() != count) std::this_thread::yield();
 }
 
-bool Excludes(ECSpaceLockMode x, ECSpaceLockMode y) {
-    return x != SharedRead || y != SharedRead;
-}
+bool Excludes(ECSpaceLockMode x, ECSpaceLockMode y) { return x != SharedRead || y != SharedRead; }
 
 TEST(CSpaceLock, LocksForItsScopeAndIsRecordedForTheThread) {
     CSpaceCreator cs;
@@ -74,13 +72,14 @@ TEST(CSpaceLock, EveryModeInsideEveryModeOfTheSameThread) {
     for (const ECSpaceLockMode outer : ALL_MODES) {
         for (const ECSpaceLockMode inner : ALL_MODES) {
             CSpaceCreator cs;
-            CSpaceLock    lock(cs, outer);
-            const int     status = GetRecordedLockStatus(cs);
+            CSpaceLock lock(cs, outer);
+            const int status = GetRecordedLockStatus(cs);
             if (outer == SharedRead && inner != SharedRead) {
                 ExpectAssertion("entry.exclusive || mode == SharedRead", [&] { Lock(cs, inner); });
                 ExpectAssertion("entry.exclusive || mode == SharedRead", [&] { (void)TryLock(cs, inner); });
                 CSpace* set[] = {cs};
-                ExpectAssertion("mode == SharedRead || GetRecordedLockStatus(spaces[i]) >= 0", [&] { LockMultipleCSpaces(set, 1, inner); });
+                ExpectAssertion("mode == SharedRead || GetRecordedLockStatus(spaces[i]) >= 0",
+                                [&] { LockMultipleCSpaces(set, 1, inner); });
             } else {
                 CSpaceLock nested(cs, inner);
                 EXPECT_EQ(GetRecordedLockStatus(cs) > 0, status > 0); // the outermost lock decides
@@ -108,8 +107,8 @@ TEST(CSpaceLock, StaysHeldUntilTheOutermostUnlock) {
 
 TEST(CSpaceLock, AReaderMayReadAgainWhileAWriterWaits) {
     CSpaceCreator cs;
-    CSpaceLock    lock(cs, SharedRead);
-    std::thread   writer([&] { CSpaceLock exclusive(cs, Exclusive); });
+    CSpaceLock lock(cs, SharedRead);
+    std::thread writer([&] { CSpaceLock exclusive(cs, Exclusive); });
     WaitUntilWaiting(cs, 1);
     {
         CSpaceLock again(cs, SharedRead);
@@ -122,15 +121,15 @@ TEST(CSpaceLock, AReaderMayReadAgainWhileAWriterWaits) {
 }
 
 TEST(CSpaceLock, IsHandedOverInTheOrderOfArrival) {
-    CSpaceCreator            cs;
-    std::mutex               mutex;
-    std::vector<int>         entered;
-    const bool               isWriter[] = {true, false, false, true, false, true, true};
+    CSpaceCreator cs;
+    std::mutex mutex;
+    std::vector<int> entered;
+    const bool isWriter[] = {true, false, false, true, false, true, true};
     std::vector<std::thread> threads;
     Lock(cs, Exclusive);
     for (int i = 0; i < 7; ++i) {
         threads.emplace_back([&, i] {
-            CSpaceLock                  lock(cs, isWriter[i] ? Exclusive : SharedRead);
+            CSpaceLock lock(cs, isWriter[i] ? Exclusive : SharedRead);
             std::lock_guard<std::mutex> guard(mutex);
             entered.push_back(i);
         });
@@ -144,8 +143,8 @@ TEST(CSpaceLock, IsHandedOverInTheOrderOfArrival) {
 }
 
 TEST(CSpaceLock, ReadersThatWaitedTogetherHoldItTogether) {
-    CSpaceCreator            cs;
-    std::atomic<int>         inside{0};
+    CSpaceCreator cs;
+    std::atomic<int> inside{0};
     std::vector<std::thread> readers;
     Lock(cs, Exclusive);
     for (int i = 0; i < 3; ++i) {
@@ -197,7 +196,7 @@ TEST(CSpaceLock, ARecordedLockExcludesNobody) {
 }
 
 TEST(CSpaceLock, TheTableOfAThreadHoldsAnyNumberOfDomains) {
-    constexpr int        COUNT = 100;
+    constexpr int COUNT = 100;
     std::vector<CSpace*> spaces;
     for (int i = 0; i < COUNT; ++i) spaces.push_back(CreateCSpace());
     {
@@ -230,8 +229,8 @@ TEST(CSpaceLock, LocksCanBeReleasedInAnyOrder) {
 
 TEST(CSpaceLock, ASetMayNameADomainTwiceOrOneThatIsHeld) {
     CSpaceCreator a, b;
-    CSpaceLock    outer(a, Exclusive);
-    CSpace*       set[] = {b, a, b};
+    CSpaceLock outer(a, Exclusive);
+    CSpace* set[] = {b, a, b};
     LockMultipleCSpaces(set, 3, Exclusive);
     UnlockMultipleCSpaces(set, 3);
     EXPECT_TRUE(HaveExclusiveLock(a));
@@ -244,7 +243,7 @@ TEST(CSpaceLock, LockingASetHoldsNothingWhileItWaits) {
     CSpaceCreator a, b;
     Lock(b, Exclusive);
     std::thread other([&] {
-        CSpace*            set[] = {a, b};
+        CSpace* set[] = {a, b};
         MultipleCSpaceLock lock(set, 2, Exclusive);
     });
     WaitUntilWaiting(b, 1); // it has found b taken
@@ -307,9 +306,9 @@ TEST(CSpaceThreadPointer, AnyTypeHasOne) {
 }
 
 TEST(CSpaceThreadPointer, TheEndOfADomainClearsItInEveryThread) {
-    CSpace*          cs = CreateCSpace();
+    CSpace* cs = CreateCSpace();
     std::atomic<int> step{0};
-    std::thread      other([&] {
+    std::thread other([&] {
         SetThreadCSpace(cs);
         step = 1;
         while (step.load() != 2) std::this_thread::yield();

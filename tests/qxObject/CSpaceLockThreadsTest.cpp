@@ -19,8 +19,8 @@ constexpr int ROUNDS = 20000; // of each thread; seconds under the race detector
 
 struct Guarded {
     CSpaceCreator cs;
-    int64         a = 0; // a == b whenever nobody holds the domain exclusively
-    int64         b = 0;
+    int64 a = 0; // a == b whenever nobody holds the domain exclusively
+    int64 b = 0;
 
     void Change() {
         ++a;
@@ -41,7 +41,7 @@ void LockOneByOne(Domains& domains, std::mt19937& random) {
         return;
     }
     CSpaceLock lock(first.cs, Exclusive);
-    Guarded&   second = domains[random() % NUM_SPACES];
+    Guarded& second = domains[random() % NUM_SPACES];
     first.Change();
     if (TryLock(second.cs, Exclusive)) {
         second.Change();
@@ -50,21 +50,22 @@ void LockOneByOne(Domains& domains, std::mt19937& random) {
 }
 
 void LockInOrder(Domains& domains, bool ascending) {
-    for (int i = 0; i < NUM_SPACES; ++i) Lock(domains[static_cast<std::size_t>(ascending ? i : NUM_SPACES - 1 - i)].cs, Exclusive);
+    for (int i = 0; i < NUM_SPACES; ++i)
+        Lock(domains[static_cast<std::size_t>(ascending ? i : NUM_SPACES - 1 - i)].cs, Exclusive);
     for (Guarded& domain : domains) domain.Change();
     for (Guarded& domain : domains) Unlock(domain.cs);
 }
 
 void LockSet(Domains& domains, std::mt19937& random) {
-    std::vector<CSpace*>  set;
+    std::vector<CSpace*> set;
     std::vector<Guarded*> members;
-    const std::size_t     size = 1 + random() % NUM_SPACES;
+    const std::size_t size = 1 + random() % NUM_SPACES;
     for (std::size_t i = 0; i < size; ++i) {
         members.push_back(&domains[random() % NUM_SPACES]);
         set.push_back(members.back()->cs);
     }
     const ECSpaceLockMode mode = random() % 4 == 0 ? SharedRead : Exclusive;
-    MultipleCSpaceLock    lock(set.data(), static_cast<ssize_t>(set.size()), mode);
+    MultipleCSpaceLock lock(set.data(), static_cast<ssize_t>(set.size()), mode);
     for (Guarded* member : members) {
         if (mode == SharedRead)
             member->Check();
@@ -74,7 +75,7 @@ void LockSet(Domains& domains, std::mt19937& random) {
 }
 
 TEST(CSpaceLockThreads, SetsAgainstSingleLocksInRandomOrderNeverDeadlock) {
-    Domains                  domains;
+    Domains domains;
     std::vector<std::thread> threads;
     for (unsigned t = 0; t < 6; ++t) {
         threads.emplace_back([&domains, t] {
@@ -94,7 +95,7 @@ TEST(CSpaceLockThreads, SetsAgainstSingleLocksInRandomOrderNeverDeadlock) {
 }
 
 TEST(CSpaceLockThreads, AThreadThatLocksDownwardsMeetsSetsThatLockUpwards) {
-    Domains                  domains;
+    Domains domains;
     std::vector<std::thread> threads;
     threads.emplace_back([&] {
         for (int i = 0; i < ROUNDS; ++i) LockInOrder(domains, false);
@@ -114,7 +115,7 @@ TEST(CSpaceLockThreads, AThreadThatLocksDownwardsMeetsSetsThatLockUpwards) {
 }
 
 TEST(CSpaceLockThreads, ReadersThatNestAndWritersShareOneDomain) {
-    Guarded                  domain;
+    Guarded domain;
     std::vector<std::thread> threads;
     for (int t = 0; t < 3; ++t) {
         threads.emplace_back([&] {
@@ -139,9 +140,9 @@ TEST(CSpaceLockThreads, ReadersThatNestAndWritersShareOneDomain) {
 }
 
 TEST(CSpaceLockThreads, AWriterGetsItsTurnAmongReadersThatNeverLetTheLockGoFree) {
-    CSpaceCreator            cs;
-    std::atomic<bool>        stop{false};
-    std::atomic<int>         running{0};
+    CSpaceCreator cs;
+    std::atomic<bool> stop{false};
+    std::atomic<int> running{0};
     std::vector<std::thread> readers;
     for (int t = 0; t < 3; ++t) {
         readers.emplace_back([&] {

@@ -32,7 +32,7 @@ public:
     void OnDeleteFromMSet(const DeleteFromMSet_params&) override {}
 
     std::string m_calls;
-    bool        m_throw = false;
+    bool m_throw = false;
 
 private:
     void Note(const char* what, CSpace* cs) {
@@ -47,7 +47,7 @@ private:
 
 TEST(CSpaceTransaction, FiresTheHooksInsideTheLock) {
     TransactionHooks hooks;
-    CSpaceCreator    cs;
+    CSpaceCreator cs;
     BeginTransaction(cs);
     EXPECT_TRUE(HaveExclusiveLock(cs));
     EndTransaction(cs);
@@ -57,14 +57,14 @@ TEST(CSpaceTransaction, FiresTheHooksInsideTheLock) {
 
 TEST(CSpaceTransaction, TheLockModeAloneFiresNothing) {
     TransactionHooks hooks;
-    CSpaceCreator    cs;
+    CSpaceCreator cs;
     { CSpaceLock lock(cs, Transaction); }
     EXPECT_EQ(hooks.m_calls, "");
 }
 
 TEST(CSpaceTransaction, AHookThatThrowsLeavesTheLockReleased) {
     TransactionHooks hooks;
-    CSpaceCreator    cs;
+    CSpaceCreator cs;
     hooks.m_throw = true;
     EXPECT_THROW(BeginTransaction(cs), std::runtime_error);
     EXPECT_FALSE(HaveLock(cs));

@@ -29,9 +29,9 @@ public:
         OnChange();
     }
 
-    void    OnEvict() const override { ++m_evicted; }
+    void OnEvict() const override { ++m_evicted; }
     xstring Name() const override { return "Input"; }
-    void    VisitContainingObject(IObjectVisitor&) const override {}
+    void VisitContainingObject(IObjectVisitor&) const override {}
 
     mutable int m_evicted = 0;
 
@@ -43,14 +43,14 @@ class DGNodeTest : public testing::Test {
 protected:
     ~DGNodeTest() noexcept override {}
 
-    CSpaceCreator            cs;
+    CSpaceCreator cs;
     DeclareThreadPtr<CSpace> current{cs};
-    CSpaceLock               lock{cs, Exclusive};
+    CSpaceLock lock{cs, Exclusive};
 };
 
 TEST_F(DGNodeTest, AValueIsComputedOnceAndAgainWhenAnInputChanges) {
-    Input           a(2), b(3);
-    int             runs = 0;
+    Input a(2), b(3);
+    int runs = 0;
     Calculated<int> sum("sum", [&] {
         ++runs;
         return a.Get() + b.Get();
@@ -68,8 +68,8 @@ TEST_F(DGNodeTest, AValueIsComputedOnceAndAgainWhenAnInputChanges) {
 }
 
 TEST_F(DGNodeTest, ADiamondRecomputesEachNodeOnce) {
-    Input           top(1);
-    int             runs[3] = {};
+    Input top(1);
+    int runs[3] = {};
     Calculated<int> left("left", [&] { return ++runs[0], top.Get() + 10; });
     Calculated<int> right("right", [&] { return ++runs[1], top.Get() + 20; });
     Calculated<int> bottom("bottom", [&] { return ++runs[2], left.Get() + right.Get(); });
@@ -82,8 +82,8 @@ TEST_F(DGNodeTest, ADiamondRecomputesEachNodeOnce) {
 }
 
 TEST_F(DGNodeTest, OnlyWhatWasReadLastTimeCounts) {
-    Input           useA(1), a(5), b(6);
-    int             runs = 0;
+    Input useA(1), a(5), b(6);
+    int runs = 0;
     Calculated<int> chosen("chosen", [&] { return ++runs, useA.Get() ? a.Get() : b.Get(); });
     EXPECT_EQ(chosen.Get(), 5);
     b.Set(7);
@@ -109,21 +109,21 @@ public:
     }
     bool IsCurrent() const { return m_version != 0 && m_version == Version(); }
 
-    void    OnEvict() const override { ++m_evicted; }
+    void OnEvict() const override { ++m_evicted; }
     xstring Name() const override { return "Counting"; }
-    void    VisitContainingObject(IObjectVisitor&) const override {}
-    void    OnInvalidate() const override { ++m_invalidated; }
+    void VisitContainingObject(IObjectVisitor&) const override {}
+    void OnInvalidate() const override { ++m_invalidated; }
 
     mutable int m_invalidated = 0;
     mutable int m_evicted = 0;
 
 private:
-    const Input&   m_input;
+    const Input& m_input;
     mutable uint64 m_version = 0;
 };
 
 TEST_F(DGNodeTest, AStaleNodeIsToldOnceUntilItIsComputedAgain) {
-    Input    input(1);
+    Input input(1);
     Counting node(input);
     node.Compute();
     EXPECT_TRUE(node.IsCurrent());
@@ -137,7 +137,7 @@ TEST_F(DGNodeTest, AStaleNodeIsToldOnceUntilItIsComputedAgain) {
 }
 
 TEST_F(DGNodeTest, EvictionInvalidatesTheDependentsAndRunsAtOnce) {
-    Input    input(1);
+    Input input(1);
     Counting node(input);
     node.Compute();
     input.AlwaysEvict();
@@ -148,11 +148,11 @@ TEST_F(DGNodeTest, EvictionInvalidatesTheDependentsAndRunsAtOnce) {
 }
 
 TEST_F(DGNodeTest, AllNodesOfADomainThatWereReadAreEvicted) {
-    Input    input(1), unread(2);
+    Input input(1), unread(2);
     Counting node(input);
     node.Compute();
     CSpaceCreator other;
-    Input         elsewhere(3);
+    Input elsewhere(3);
     {
         DeclareThreadPtr<CSpace> declare(other);
         elsewhere.Get();
@@ -175,9 +175,9 @@ public:
     explicit SelfDeleting(int& alive) : m_alive(alive) { ++m_alive; }
     ~SelfDeleting() noexcept(false) override { --m_alive; }
 
-    void    OnEvict() const override { delete this; }
+    void OnEvict() const override { delete this; }
     xstring Name() const override { return "SelfDeleting"; }
-    void    VisitContainingObject(IObjectVisitor&) const override {}
+    void VisitContainingObject(IObjectVisitor&) const override {}
 
 private:
     int& m_alive;
@@ -206,15 +206,15 @@ TEST_F(DGNodeTest, ANodeThatIsNotEvictableStays) {
 }
 
 TEST(DGNode, TheEndOfADomainEvictsItsNodesAndForgetsTheOthers) {
-    int     alive = 0;
-    Pinned  pinned(1);
+    int alive = 0;
+    Pinned pinned(1);
     CSpace* cs = CreateCSpace();
     SetThreadCSpace(cs);
     pinned.Get();
     (new SelfDeleting(alive))->ReadBarrier();
     Destroy(cs);
     EXPECT_EQ(alive, 0);
-    CSpaceCreator            next;
+    CSpaceCreator next;
     DeclareThreadPtr<CSpace> current(next);
     pinned.Get(); // listed anew
 }
@@ -226,7 +226,7 @@ TEST_F(DGNodeTest, ADependentMayEndBeforeItsInputAndTheOtherWayRound) {
         node.Compute();
     }
     input.Set(2);
-    auto     shortLived = std::make_unique<Input>(1);
+    auto shortLived = std::make_unique<Input>(1);
     Counting node(*shortLived);
     node.Compute();
     shortLived.reset();
@@ -235,8 +235,8 @@ TEST_F(DGNodeTest, ADependentMayEndBeforeItsInputAndTheOtherWayRound) {
 }
 
 TEST_F(DGNodeTest, AChangeDuringTheCalculationIsNotLost) {
-    Input           input(1);
-    bool            disturb = true;
+    Input input(1);
+    bool disturb = true;
     Calculated<int> node("node", [&] {
         const int value = input.Get();
         if (disturb) {
@@ -251,8 +251,8 @@ TEST_F(DGNodeTest, AChangeDuringTheCalculationIsNotLost) {
 }
 
 TEST_F(DGNodeTest, EvictingWhatIsBeingCalculatedKeepsNothing) {
-    Input                          input(1);
-    int                            runs = 0;
+    Input input(1);
+    int runs = 0;
     std::optional<Calculated<int>> node;
     node.emplace("node", [&] {
         if (++runs == 1) node->AlwaysEvict();
@@ -273,7 +273,7 @@ TEST_F(DGNodeTest, ACycleIsAnAssertionThatNamesIt) {
 }
 
 TEST_F(DGNodeTest, ACalculationThatThrowsIsTriedAgain) {
-    Input           input(0);
+    Input input(0);
     Calculated<int> node("node", [&] {
         if (input.Get() == 0) throw std::runtime_error("zero");
         return 10 / input.Get();
@@ -286,7 +286,7 @@ TEST_F(DGNodeTest, ACalculationThatThrowsIsTriedAgain) {
 }
 
 TEST_F(DGNodeTest, ADataSourceIsKnownByItsAddress) {
-    int             source = 1, other = 2, runs = 0;
+    int source = 1, other = 2, runs = 0;
     Calculated<int> node("node", [&] {
         ++runs;
         DataSourceReadBarrier(&source);
@@ -304,7 +304,7 @@ TEST_F(DGNodeTest, ADataSourceIsKnownByItsAddress) {
 }
 
 TEST_F(DGNodeTest, LongChainsAreInvalidatedWithoutRecursion) {
-    Input                       input(1);
+    Input input(1);
     std::deque<Calculated<int>> chain;
     chain.emplace_back("first", [&] { return input.Get(); });
     EXPECT_EQ(chain.back().Get(), 1);
@@ -320,19 +320,19 @@ TEST_F(DGNodeTest, LongChainsAreInvalidatedWithoutRecursion) {
 }
 
 TEST(DGNodeThreads, ReadersUnderTheSharedLockCalculateSideBySide) {
-    CSpaceCreator   cs;
-    Input           input(0);
+    CSpaceCreator cs;
+    Input input(0);
     Calculated<int> twice("twice", [&] { return input.Get() * 2; });
     Calculated<int> outer("outer", [&] { return twice.Get() + input.Get(); });
 
-    constexpr int            LAST = 600;
+    constexpr int LAST = 600;
     std::vector<std::thread> threads;
     for (int t = 0; t < 3; ++t) {
         threads.emplace_back([&] {
             DeclareThreadPtr<CSpace> current(cs);
             for (int last = 0; last < 3 * LAST;) {
                 CSpaceLock lock(cs, SharedRead);
-                const int  value = outer.Get();
+                const int value = outer.Get();
                 EXPECT_EQ(value % 3, 0);
                 EXPECT_GE(value, last);
                 last = value;

@@ -10,8 +10,8 @@ namespace quna {
 namespace {
 
 TEST(EvictablePtr, IsBoundWhenBothWordsAreSet) {
-    NodeLog      log;
-    GcNode       node(log);
+    NodeLog log;
+    GcNode node(log);
     ptr<IObject> target;
     ptr<IObject> local(&node);
     EXPECT_FALSE(ReadEvictablePtr(target, local));
@@ -30,8 +30,8 @@ TEST(EvictablePtr, IsBoundWhenBothWordsAreSet) {
 }
 
 TEST(EvictablePtr, KeepsItsTable) {
-    NodeLog      log;
-    GcNode       node(log);
+    NodeLog log;
+    GcNode node(log);
     ptr<IObject> target(&node);
     ptr<IObject> other(&node);
     other.m_table += 1;
@@ -44,11 +44,11 @@ TEST(EvictablePtr, KeepsItsTable) {
 }
 
 TEST(EvictablePtr, WordsAtOddAddressesAreCopiedWhole) {
-    NodeLog            log;
-    GcNode             node(log);
+    NodeLog log;
+    GcNode node(log);
     const ptr<IObject> bound(&node);
-    alignas(8) char    record[32] = {};
-    auto* const        p = reinterpret_cast<AnyInterface*>(record + 3);
+    alignas(8) char record[32] = {};
+    auto* const p = reinterpret_cast<AnyInterface*>(record + 3);
     StoreEvictableWords(p, bound);
     const AnyInterface words = LoadEvictableWords(p);
     EXPECT_EQ(words.m_self, bound.m_self);
@@ -59,12 +59,12 @@ TEST(EvictablePtr, WordsAtOddAddressesAreCopiedWhole) {
 }
 
 TEST(EvictablePtrThreads, AReaderSeesNothingOrTheWholePointer) {
-    NodeLog            log;
-    GcNode             node(log);
+    NodeLog log;
+    GcNode node(log);
     const ptr<IObject> bound(&node);
     for (int round = 0; round < 2000; ++round) {
         ptr<IObject> shared;
-        std::thread  binder([&] {
+        std::thread binder([&] {
             ptr<IObject> local = bound;
             SetEvictablePtr(shared, local);
         });

@@ -17,8 +17,8 @@ inline constexpr int DIRTY = 2; // the flag of objflags_ that keeps an object
 
 // What happened to the nodes of one test.
 struct NodeLog {
-    std::atomic<ssize_t>     alive{0};
-    std::atomic<ssize_t>     announced{0}; // OnGarbageCollect calls
+    std::atomic<ssize_t> alive{0};
+    std::atomic<ssize_t> announced{0}; // OnGarbageCollect calls
     std::function<void(int)> onGarbageCollect;
     std::function<void(int)> onDestroy;
 };
@@ -40,7 +40,7 @@ public:
     }
     void Destroy() {
         const auto onDestroy = m_log.onDestroy;
-        const int  id = m_id;
+        const int id = m_id;
         delete this;
         if (onDestroy) onDestroy(id);
     }
@@ -49,9 +49,9 @@ public:
     void HoldEvictably(GcNode* child) { m_evictable.push_back(ptr<IObject>(child)); }
     bool HasEvictable(std::size_t i) const { return static_cast<bool>(m_evictable[i]); }
 
-    const int                          m_id;
-    std::vector<GcNode*>               m_strong;
-    mutable std::vector<ptr<IObject>>  m_evictable;
+    const int m_id;
+    std::vector<GcNode*> m_strong;
+    mutable std::vector<ptr<IObject>> m_evictable;
 
 private:
     NodeLog& m_log;
