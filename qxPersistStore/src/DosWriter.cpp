@@ -188,7 +188,7 @@ void DosWriter::WriteMember(PSpace* pspace, ILssTransaction& txn) {
 void DosWriter::OnOpenPSpace(PSpace* pspace) {
     QX_ASSERT(pspace);
     if (!pspace->m_dq.HaveObjectsToDelete()) return;
-    m_nedqList.PushBack(pspace);
+    AddPSpaceToNedqList(pspace);
     m_wakeThreadEvent.Signal();
 }
 
@@ -196,13 +196,19 @@ void DosWriter::OnClosePSpace(PSpace* pspace) {
     QX_ASSERT(pspace);
     const std::lock_guard lock(mutex_);
     ProcessGroup(pspace, false, CleanMember::IsMarked);
-    if (pspace->m_dq.HaveObjectsToDelete()) m_nedqList.Remove(pspace);
+    RemovePSpaceFromNedqList(pspace); // what is left resumes when the space opens again
 }
 
 bool DosWriter::DeleteSomeObjects() { return false; }
 
-void DosWriter::AddPSpaceToNedqList(PSpace* pspace) { m_nedqList.PushBack(pspace); }
-void DosWriter::RemovePSpaceFromNedqList(PSpace* pspace) { m_nedqList.Remove(pspace); }
+// By membership: a space whose queues a transfer has emptied is still on the list.
+void DosWriter::AddPSpaceToNedqList(PSpace* pspace) {
+    if (!m_nedqList.Contains(pspace)) m_nedqList.PushBack(pspace);
+}
+
+void DosWriter::RemovePSpaceFromNedqList(PSpace* pspace) {
+    if (m_nedqList.Contains(pspace)) m_nedqList.Remove(pspace);
+}
 
 void DosWriter::ForgetSpaces() {
     m_dirtyPSpaces.Clear();
