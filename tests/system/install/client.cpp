@@ -1,5 +1,4 @@
 #include "qxPersistStore/IPersistStore.h"
-#include "qxPersistStore/qxPersistStore.h"
 
 int main(int, char** argv) {
     Register_Project_qxPersistStore();
