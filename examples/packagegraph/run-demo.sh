@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Three processes, one store: the first makes it, the second changes it and is killed, the third finds the change.
+# Several processes, one store: the first makes it, the second changes it and is killed, the third finds the change.
 #
 #   run-demo.sh BUILD_FOLDER [DATABASE [PACKAGE]]
 #
@@ -63,10 +63,13 @@ if [[ $status -ne 137 ]]; then
 fi
 
 say "Third process: open the store again"
-"$program" info "$store"
 "$program" show "$store" "$package" | tee "$folder/shown"
 if ! grep -qF 'is held (1 time)' "$folder/shown"; then
     echo "run-demo.sh: the change that the second process wrote is not there" >&2
     exit 1
 fi
+
+say "Fourth process: what the store says of itself"
+"$program" info "$store"
+
 say "The change outlived the process that made it"
