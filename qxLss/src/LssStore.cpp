@@ -229,7 +229,14 @@ void LssStore::GetStats(LssStats& stats) {
 
 // --- inside looks
 
-void LssStore::CheckpointForTest() { m_checkpoint.Run(Checkpoint::EReason::RUNNING); }
+void LssStore::CheckpointForTest() {
+    try {
+        m_checkpoint.Run(Checkpoint::EReason::RUNNING);
+    } catch (...) {
+        m_core->FailWithCurrentException();
+        throw;
+    }
+}
 
 void LssStore::Validate() { m_checkpoint.Validate(); }
 

@@ -48,8 +48,10 @@ public:
     void                      Flush() override;
     void                      Abandon() override;
 
-    // Takes a checkpoint now.
+    // Takes a checkpoint now. A failure is final, as in the background.
     void CheckpointForTest();
+    // From now on nothing happens in the background, so that a run depends on its calls alone.
+    void StopThreadsForTest() { StopThreads(); }
     // Recounts everything; throws CorruptLSSException at a difference. Requires: no transaction open in this thread.
     void Validate();
     // Calls visit(seid, location) for every element.
