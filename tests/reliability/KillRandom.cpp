@@ -1,0 +1,283 @@
+// A child works on a real file with four threads and says through a pipe which transactions are closed and which are
+// durable; it is killed at a random moment. Whatever it said was closed must be there, whole and in order. The file is used
+// for 20 kills, so that recovery is killed as well.
+#include "qxLss/ILogStructuredStore.h"
+#include "qxUtils/AutoCloser.h"
+#include "tests/support/SimArguments.h"
+#include "tests/support/TempDir.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace quna {
+namespace {
+
+constexpr int NUM_THREADS = 4;
+constexpr uint64 NUM_KEYS = 300;
+constexpr Seid NUMBER_SEID = ROOT_SEID; // holds the number of the last transaction
+
+LssSettings Settings(uint64 seed) {
+    LssSettings settings;
+    settings.segmentSize = 65536;
+    settings.flushTimeMilliSec = 20;
+    settings.numSegmentsPerCheckPoint = seed % 2 ? 4 : 128;
+    return settings;
+}
+
+// What transaction `number` does to the keys: key -> size, -1 for a deletion. The keys are the lows 1..NUM_KEYS.
+std::map<uint32, int64> ChangesOf(uint64 number) {
+    std::mt19937_64 random(number * 7919);
+    std::map<uint32, int64> changes;
+    if (number == 1) return changes;
+    for (uint64 i = 1 + random() % 8; i > 0; --i) {
+        const uint32 key = 1 + static_cast<uint32>(random() % NUM_KEYS);
+        const uint64 kind = random() % 32;
+        changes[key] = kind < 6    ? -1
+                       : kind == 6 ? static_cast<int64>(random() % 150000)
+                                   : static_cast<int64>(random() % 600);
+    }
+    return changes;
+}
+
+std::vector<octet_t> BytesOf(uint64 number, uint32 key, int64 size) {
+    std::vector<octet_t> bytes(static_cast<size_t>(size));
+    const uint64 pattern = number * 0x9E3779B97F4A7C15u + key;
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<octet_t>(pattern >> (i % 8 * 8) ^ (i >> 3));
+    return bytes;
+}
+
+void Write(ILssTransaction& transaction, Seid seid, const void* p, ssize_t n) {
+    AutoCloser<ICloseableOutputStream> stream(transaction.WriteSerialElement(seid));
+    stream->WriteStream(p, n);
+    stream.Close();
+}
+
+// 0 if there is none yet.
+uint64 ReadNumber(ILogStructuredStore& store) {
+    AutoCloser<IContiguousSerialElement> element(store.OpenSerialElement(NUMBER_SEID));
+    if (!element.Get()) return 0;
+    uint64 number = 0;
+    std::memcpy(&number, element->GetBuffer().buffer, sizeof number);
+    return number;
+}
+
+struct Message {
+    uint64 number;
+    uint64 durable; // 1: the transaction and all before it are durable
+};
+
+void RunTransaction(ILogStructuredStore& store, std::mt19937_64& random, int pipe) {
+    const bool flush = random() % 16 == 0;
+    AutoCloser<ILssTransaction> transaction(store.OpenTransaction());
+    if (flush) transaction->RequestFlushToDisk();
+    const uint64 number = ReadNumber(store) + 1; // nobody else writes while we have the transaction
+    for (const auto& [key, size] : ChangesOf(number)) {
+        if (size < 0) {
+            transaction->DeleteSerialElement(Seid(key, 1));
+        } else {
+            const std::vector<octet_t> bytes = BytesOf(number, key, size);
+            Write(*transaction.Get(), Seid(key, 1), bytes.data(), size);
+        }
+    }
+    Write(*transaction.Get(), NUMBER_SEID, &number, sizeof number);
+    transaction.Close();
+    const Message message{number, flush ? 1u : 0u};
+    if (::write(pipe, &message, sizeof message) != static_cast<ssize_t>(sizeof message)) std::_Exit(3);
+}
+
+[[noreturn]] void Child(const std::string& path, uint64 seed, int pipe) {
+    try {
+        bool createdNew = false;
+        ILogStructuredStore* store = CreateOrOpenLSS(path.c_str(), nullptr, createdNew, OM_OPEN_ALWAYS, Settings(seed));
+        if (createdNew) {
+            const SeidHigh high = store->AllocateSeidHigh();
+            for (uint64 i = 0; i <= NUM_KEYS; ++i) store->AllocateSeid(high);
+        }
+        std::vector<std::thread> threads;
+        for (int t = 0; t < NUM_THREADS; ++t)
+            threads.emplace_back([&, t] {
+                std::mt19937_64 random(seed * NUM_THREADS + static_cast<uint64>(t));
+                for (;;) RunTransaction(*store, random, pipe);
+            });
+        for (std::thread& thread : threads) thread.join();
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "child: %s\n", e.what());
+    }
+    std::_Exit(4);
+}
+
+// What the keys hold after transactions 1..number: key -> (transaction, size).
+class Model {
+public:
+    void RollTo(uint64 number) {
+        while (m_number < number) {
+            ++m_number;
+            for (const auto& [key, size] : ChangesOf(m_number)) {
+                if (size < 0)
+                    m_elements.erase(key);
+                else
+                    m_elements[key] = {m_number, size};
+            }
+        }
+    }
+    // Empty, or what differs.
+    std::string Compare(ILogStructuredStore& store) const {
+        ssize_t count = m_number > 0 ? 1 : 0;
+        for (uint32 key = 1; key <= NUM_KEYS; ++key) {
+            AutoCloser<IContiguousSerialElement> element(store.OpenSerialElement(Seid(key, 1)));
+            const auto expected = m_elements.find(key);
+            if (!element.Get() != (expected == m_elements.end()))
+                return "key " + std::to_string(key) + (element.Get() ? " should not exist" : " is missing");
+            if (!element.Get()) continue;
+            ++count;
+            const ReadOnlyBuffer buffer = element->GetBuffer();
+            const std::vector<octet_t> bytes = BytesOf(expected->second.number, key, expected->second.size);
+            if (buffer.size != std::ssize(bytes) || std::memcmp(buffer.buffer, bytes.data(), bytes.size()) != 0)
+                return "key " + std::to_string(key) + " has the wrong content";
+        }
+        LssStats stats;
+        store.GetStats(stats);
+        if (stats.numLiveHeadPackets != count) return "the count of elements is wrong";
+        return {};
+    }
+
+private:
+    struct Version {
+        uint64 number;
+        int64 size;
+    };
+    uint64 m_number = 0;
+    std::map<uint32, Version> m_elements;
+};
+
+struct Totals {
+    int64 kills = 0;
+    int64 closed = 0;
+    int64 lost = 0;
+    int64 wrong = 0;
+};
+
+void SleepMicros(uint64 micros) {
+    const timespec time{static_cast<time_t>(micros / 1000000), static_cast<long>(micros % 1000000 * 1000)};
+    ::nanosleep(&time, nullptr);
+}
+
+class Murderer {
+public:
+    Murderer(uint64 seed, Totals& totals)
+        : m_seed(seed), m_random(seed), m_totals(totals), m_path(m_dir.File("store")) {}
+
+    void Run(int kills) {
+        for (int i = 0; i < kills; ++i) {
+            KillOne();
+            if (!Check()) return;
+        }
+    }
+
+private:
+    void KillOne() {
+        int pipe[2];
+        if (::pipe(pipe) != 0) std::abort();
+        const uint64 seed = m_random();
+        const pid_t child = ::fork();
+        if (child < 0) std::abort();
+        if (child == 0) {
+            ::close(pipe[0]);
+            Child(m_path, seed, pipe[1]);
+        }
+        ::close(pipe[1]);
+        std::thread killer([&] {
+            // Often soon, so that recovery is met; the moment itself is the test.
+            SleepMicros(1000 + seed % (seed % 3 == 0 ? 20000 : 200000));
+            ::kill(child, SIGKILL);
+        });
+        Message message;
+        for (;;) {
+            const ssize_t n = ::read(pipe[0], &message, sizeof message);
+            if (n < 0 && errno == EINTR) continue;
+            if (n != static_cast<ssize_t>(sizeof message)) break;
+            m_closed = std::max(m_closed, message.number);
+            ++m_totals.closed;
+        }
+        killer.join();
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        ::close(pipe[0]);
+        ++m_totals.kills;
+        if (!WIFSIGNALED(status)) {
+            ++m_totals.wrong;
+            std::printf("FAULT seed %llu kill %lld: the child ended by itself\n",
+                        static_cast<unsigned long long>(m_seed), static_cast<long long>(m_totals.kills));
+        }
+    }
+
+    // Opened read-only, so that the next child meets the file as the killed one left it.
+    bool Check() {
+        if (m_closed == 0 && ::access(m_path.c_str(), F_OK) != 0) return true;
+        std::string fault;
+        try {
+            bool createdNew = false;
+            AutoCloser<ILogStructuredStore> store(
+                CreateOrOpenLSS(m_path.c_str(), nullptr, createdNew, OM_OPEN_EXISTING_READ_ONLY, Settings(1)));
+            const uint64 number = ReadNumber(*store.Get());
+            if (number < m_closed) {
+                ++m_totals.lost;
+                fault = "transaction " + std::to_string(m_closed) + " was closed, but the last is " +
+                        std::to_string(number);
+            } else if (number > m_closed + NUM_THREADS) {
+                fault = "transaction " + std::to_string(number) + " comes from nowhere";
+            } else {
+                m_model.RollTo(number);
+                fault = m_model.Compare(*store.Get());
+                m_closed = number;
+            }
+        } catch (const std::exception& e) {
+            if (m_closed == 0 && std::strstr(e.what(), "cut short")) return true;
+            fault = e.what();
+        }
+        if (fault.empty()) return true;
+        ++m_totals.wrong;
+        std::printf("FAULT seed %llu kill %lld: %s\n", static_cast<unsigned long long>(m_seed),
+                    static_cast<long long>(m_totals.kills), fault.c_str());
+        return false;
+    }
+
+    const uint64 m_seed;
+    std::mt19937_64 m_random;
+    Totals& m_totals;
+    TempDir m_dir;
+    const std::string m_path;
+    uint64 m_closed = 0; // the largest number that a child acknowledged
+    Model m_model;
+};
+
+int Main(int argc, char** argv) {
+    const ReliabilityArguments arguments(argc, argv);
+    std::fflush(stdout);
+    Totals totals;
+    const int stores = std::max(1, static_cast<int>(arguments.scale));
+    for (int i = 0; i < stores; ++i) Murderer(arguments.seed + static_cast<uint64>(i), totals).Run(20);
+    const bool ok = totals.lost + totals.wrong == 0 && totals.closed > 0;
+    std::printf("reliability kill-random: kills=%lld closed=%lld lost=%lld wrong=%lld verdict=%s\n",
+                static_cast<long long>(totals.kills), static_cast<long long>(totals.closed),
+                static_cast<long long>(totals.lost), static_cast<long long>(totals.wrong), ok ? "ok" : "FAIL");
+    return ok ? 0 : 1;
+}
+
+} // namespace
+} // namespace quna
+
+int main(int argc, char** argv) { return quna::Main(argc, argv); }

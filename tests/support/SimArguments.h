@@ -1,0 +1,53 @@
+// The command line of a reliability program: --seed N, --scale N, --replay seed,k,v.
+#pragma once
+
+#include "qxUtils/BasicTypes.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace quna {
+
+struct ReliabilityArguments {
+    uint64 seed = 1;
+    double scale = 1;
+    bool replay = false;
+    uint64 replaySeed = 0;
+    int64 replayPoint = 0;
+    uint64 replayVariant = 0;
+
+    // Ends the program with a text on a wrong argument. Prints the seed, which is all that a run depends on.
+    ReliabilityArguments(int argc, char** argv) {
+        for (int i = 1; i < argc; ++i) {
+            const std::string name = argv[i];
+            const char* value = i + 1 < argc ? argv[++i] : nullptr;
+            if (value && name == "--seed") {
+                seed = std::strtoull(value, nullptr, 10);
+            } else if (value && name == "--scale") {
+                scale = std::strtod(value, nullptr);
+            } else if (value && name == "--replay") {
+                unsigned long long s = 0;
+                long long k = 0;
+                unsigned long long v = 0;
+                replay = std::sscanf(value, "%llu,%lld,%llu", &s, &k, &v) == 3;
+                replaySeed = s;
+                replayPoint = k;
+                replayVariant = v;
+                if (!replay) Usage(argv[0]);
+            } else {
+                Usage(argv[0]);
+            }
+        }
+        std::printf("seed %llu scale %g\n", static_cast<unsigned long long>(seed), scale);
+    }
+
+private:
+    [[noreturn]] static void Usage(const char* program) {
+        std::fprintf(stderr, "usage: %s [--seed N] [--scale N] [--replay seed,k,v]\n", program);
+        std::exit(2);
+    }
+};
+
+} // namespace quna
