@@ -127,7 +127,7 @@ StorePtr TryOnce(const OpenRequest& request, bool& createdNew) {
     if (!core->m_file.IsStillNamed())
         return nullptr;
 
-    const bool isCutShort = !Replaces(mode) && IsCutShortCreation(core->m_file);
+    const bool isCutShort = mode != OM_CREATE_ALWAYS && IsCutShortCreation(core->m_file);
     if (isCutShort && MustExist(mode))
         Refuse("open", request.path, "its creation was cut short, so it counts as missing");
     if (mode == OM_CREATE_NEW && !isCutShort)

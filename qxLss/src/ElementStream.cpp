@@ -41,6 +41,7 @@ void ElementStream::WriteStream(const void* buffer, ssize_t n) {
         m_filled += n;
         return;
     }
+    m_transaction.ThrowIfBroken();
     // Before the log is touched: this is the caller's mistake and harms nothing but the element.
     const ssize_t partBytes = OverflowBytes(m_segmentSize);
     if (static_cast<ssize_t>(m_parts.size()) * partBytes + m_filled + n > MaxOverflowPackets(m_segmentSize) * partBytes)
@@ -139,6 +140,7 @@ void ElementStream::Close() {
     m_isOpen = false;
     if (std::uncaught_exceptions() > m_uncaughtAtOpen)
         return;
+    m_transaction.ThrowIfBroken();
     try {
         if (!m_isLong && m_room < m_filled) // no room for even an empty element
             MoveToNextSegment();

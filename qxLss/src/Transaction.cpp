@@ -48,7 +48,7 @@ void Transaction::RequestFlushToDisk() { m_flushRequested = true; }
 
 void Transaction::CheckSeid(Seid seid) const {
     QX_ASSERT(seid);
-    QX_ASSERT(m_allocator.IsAllocatedHigh(seid.high_));
+    QX_ASSERT(m_allocator.IsAllocated(seid));
 }
 
 ICloseableOutputStream* Transaction::WriteSerialElement(Seid seid) {
@@ -146,7 +146,6 @@ void Transaction::Break() noexcept {
     if (m_broken)
         return;
     m_broken = true;
-    m_stream.Drop();
     try {
         m_log.AppendAbort();
     } catch (...) {

@@ -55,6 +55,10 @@ public:
     void AddElement(Location l, const std::vector<Location>& parts);
     // Writing has failed: undoes the transaction and stops the store's writing. For a catch block.
     void Break() noexcept;
+    void ThrowIfBroken() const {
+        if (m_broken) [[unlikely]]
+            m_core.ThrowIfUnwritable();
+    }
 
 private:
     static constexpr uint32 NO_PARTS = ~uint32{0};
