@@ -130,8 +130,10 @@ QX_API void AddGcRoot(CSpace* cs, ptr<const IObject> object);
 QX_API void RemoveGcRoot(ptr<const IObject> object);
 QX_API void RemoveGcRoot(CSpace* cs, ptr<const IObject> object);
 
-// The object's domain; null before it is registered.
-inline CSpace* GetAssociatedCSpace(ptr<const IObject> object) { return object->GetSysState().m_cspace; }
+// The object's domain; null before it is registered, and for a null object.
+inline CSpace* GetAssociatedCSpace(ptr<const IObject> object) {
+    return object ? object->GetSysState().m_cspace : nullptr;
+}
 
 // True when both objects have a domain and the two differ.
 inline bool ObjectsBelongToDifferentCSpaces(ptr<const IObject> po1, ptr<const IObject> po2) {

@@ -14,12 +14,16 @@
 #include "qxObject/CSpace.h"
 #include "qxObject/Interface.h"
 #include "qxObject/ThreadPtr.h"
+#include "qxPersistStore/CID.h"
+#include "qxPersistStore/ClassNameTranslation.h"
 #include "qxPersistStore/IPersistable.h"
 #include "qxPersistStore/MAsyncBind.h"
 #include "qxPersistStore/OID.h"
 #include "qxPersistStore/PSpaceLockMode.h"
 #include "qxPersistStore/PSpaceTxn.h"
 #include "qxPersistStore/PersistStoreSettings.h"
+#include "qxPersistStore/ReachablePrefVisitors.h"
+#include "qxPersistStore/TypeInfo.h"
 #include "qxPersistStore/TypeOpsId.h"
 #include "qxPersistStore/pref.h"
 #include "qxUtils/BasicTypes.h"
@@ -210,8 +214,8 @@ extern "C" QX_API void Unregister_Project_qxPersistStore();
 
 namespace quna {
 
-extern "C" QX_API void Register_Project_qxPersistStore();
-extern "C" QX_API void Unregister_Project_qxPersistStore();
+using ::Register_Project_qxPersistStore;
+using ::Unregister_Project_qxPersistStore;
 
 QX_API XTarget* Quna_Core_qxPersistStore_GetXTarget();
 

@@ -11,6 +11,7 @@
 
 #include "qxObject/IObject.h"
 #include "qxPersistStore/OID.h"
+#include "qxPersistStore/ReachablePrefVisitors.h"
 #include "qxUtils/Archive.h"
 #include "qxUtils/Export.h"
 

@@ -83,4 +83,10 @@ public:
     explicit RecordException(ConstStringZ message);
 };
 
+// A record whose schema this library does not know. The message names both numbers.
+class QX_API SchemaException : public RecordException {
+public:
+    explicit SchemaException(ConstStringZ message);
+};
+
 } // namespace quna

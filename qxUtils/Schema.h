@@ -12,7 +12,7 @@ namespace quna {
 
 QX_API void SerialiseSchema(Archive& ar, int schema);
 
-// Stores the record's schema in `schema`. RecordException, naming both numbers, when it is newer than latestSchema or
+// Stores the record's schema in `schema`. SchemaException, naming both numbers, when it is newer than latestSchema or
 // below 1.
 QX_API InputArchive DeserialiseSchema(InputArchive ar, int latestSchema, int& schema);
 

@@ -1,37 +1,16 @@
 #include "qxPersistStore/src/DOS.h"
 
-#include "qxObject/ReflectedClass.h"
 #include "qxPersistStore/src/PSpace.h"
 #include "qxPersistStore/src/PersistStore.h"
 #include "qxPersistStore/src/Records.h"
+#include "qxPersistStore/src/TraceOnFailure.h"
 #include "qxUtils/Assert.h"
-#include "qxUtils/Tracer.h"
 
 namespace quna {
 
 namespace {
 
 constexpr ConstStringZ SOURCE_PATH = "src/DOS";
-
-// Traces, when an exception ends the scope, which object was being written: a reader of the log has no other way to
-// find it.
-class TraceOnFailedWrite {
-public:
-    TraceOnFailedWrite(ptr<const IPersistable> po, OID oid) : m_po(po), m_oid(oid) {}
-    TraceOnFailedWrite(const TraceOnFailedWrite&) = delete;
-    TraceOnFailedWrite& operator=(const TraceOnFailedWrite&) = delete;
-    ~TraceOnFailedWrite() {
-        if (std::uncaught_exceptions() == m_uncaught) return;
-        const ReflectedClass* rc = m_po->GetReflectedClass();
-        TracerX() << "PSpace: error : writing object with OID = " << m_oid << " of class " << (rc ? rc->GetName() : "?")
-                  << " failed\n";
-    }
-
-private:
-    ptr<const IPersistable> m_po;
-    OID m_oid;
-    int m_uncaught = std::uncaught_exceptions();
-};
 
 } // namespace
 
@@ -77,7 +56,7 @@ void PSpaceDos::WriteObject(ILssTransaction& txn, ptr<const IPersistable> po) {
     const OID oid = GetOid(po);
     QX_ASSERT(oid);
     QX_ASSERT(IsPersistableDirty(po));
-    const TraceOnFailedWrite trace(po, oid);
+    const TraceOnFailure trace("writing", po, oid);
     ObjSysState& state = po->GetSysState();
     if (state.GetFlag(PERSISTABLE_DELETED)) {
         txn.DeleteSerialElement(oid); // false for an object that was deleted before its first write

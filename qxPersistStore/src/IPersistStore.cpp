@@ -68,6 +68,11 @@ void SyncPermanentlyDeleteObject(ptr<IPersistable> obj) {
     if (PSpace* pspace = GetAssociatedPSpace(obj)) pspace->SyncPermanentlyDeleteObject(obj);
 }
 
+void* FailedPSpaceMark() {
+    static constinit char mark = 0;
+    return &mark;
+}
+
 // ---- Look-ups -------------------------------------------------------------------------------------------------------
 
 PSpace* GetAssociatedPSpace(ptr<const IObject> po) {
@@ -78,7 +83,8 @@ PSpace* GetAssociatedPSpace(ptr<const IObject> po) {
 
 PSpace* GetPSpaceOfCSpace(CSpace* cs) {
     QX_ASSERT(cs);
-    return static_cast<PSpace*>(GetPtrSlot(cs, PTR_SLOT_PSpace));
+    void* const slot = GetPtrSlot(cs, PTR_SLOT_PSpace);
+    return slot == FailedPSpaceMark() ? nullptr : static_cast<PSpace*>(slot);
 }
 
 PersistStore* GetAssociatedPersistStore(ptr<const IObject> po) {

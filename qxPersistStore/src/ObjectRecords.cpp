@@ -5,6 +5,7 @@
 #include "qxPersistStore/PersistStoreExceptions.h"
 #include "qxPersistStore/src/PersistStore.h"
 #include "qxPersistStore/src/StreamLengthCounter.h"
+#include "qxPersistStore/src/TraceOnFailure.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/AutoCloser.h"
 #include "qxUtils/RecordLimits.h"
@@ -81,6 +82,7 @@ void PersistStore::DynCreateDeserialise(InputArchive ar_begin, InputArchive ar_e
         QX_ASSERT(!GetOid(po));
         po->GetPersistObjState().m_oid = oid; // before Deserialise: references read there can see it
         const InputArchive body = ar;
+        const TraceOnFailure trace("reading", po, oid);
         ar = po->Deserialise(body);
         SetPersistableSizeForGCEvictor(po, ar.ptr() - body.ptr());
     }

@@ -10,6 +10,7 @@
 #include "qxUtils/Tracer.h"
 
 #include <cstring>
+#include <exception>
 #include <vector>
 
 namespace quna {
@@ -37,19 +38,24 @@ public:
 // const, since attaching an object changes its system state only.
 ptr<IPersistable> Mutable(ptr<const IPersistable> po) { return {const_cast<void*>(po.m_self), po.m_table}; }
 
-// Detaches the root of a space whose construction failed after the root had gone to the CSpace.
-class PSpaceRootGuard {
+// When the construction of a space fails, its CSpace lives on, with objects that look for their space: the slot stays
+// taken, by a mark that stands for no space, and the root visits nothing.
+class ConstructionGuard {
 public:
-    explicit PSpaceRootGuard(PSpaceRoot* root) : m_root(root) {}
-    PSpaceRootGuard(const PSpaceRootGuard&) = delete;
-    PSpaceRootGuard& operator=(const PSpaceRootGuard&) = delete;
-    ~PSpaceRootGuard() {
+    explicit ConstructionGuard(CSpace* cspace) : m_cspace(cspace) {}
+    ConstructionGuard(const ConstructionGuard&) = delete;
+    ConstructionGuard& operator=(const ConstructionGuard&) = delete;
+    ~ConstructionGuard() {
+        if (!m_cspace) return;
+        GetPtrSlotArray(m_cspace)[PTR_SLOT_PSpace] = FailedPSpaceMark();
         if (m_root) m_root->Detach();
     }
-    void Release() { m_root = nullptr; }
+    void SetRoot(PSpaceRoot* root) { m_root = root; }
+    void Release() { m_cspace = nullptr; }
 
 private:
-    PSpaceRoot* m_root;
+    CSpace* m_cspace;
+    PSpaceRoot* m_root = nullptr;
 };
 
 } // namespace
@@ -68,11 +74,12 @@ PSpace::PSpace(PersistStore& ps, ConstStringZ name, OID oid, bool creating, CSpa
 }
 
 void PSpace::OpenInGivenCSpace(bool creating) {
-    QX_ASSERT(!GetPtrSlot(m_cspace,PTR_SLOT_PSpace));
-    GetPtrSlotArray(m_cspace)[PTR_SLOT_PSpace] = this;
     const ThreadPSpaceScope pair(this, m_cspace);
-    const CSpaceLock lock(m_cspace, Exclusive);
-    PSpaceRootGuard guard(CreatePSpaceRoot());
+    const CSpaceLock lock(m_cspace, Exclusive); // the CSpace may have objects and a collector, which look at the slot
+    QX_ASSERT(!GetPtrSlot(m_cspace,PTR_SLOT_PSpace));
+    ConstructionGuard guard(m_cspace);
+    GetPtrSlotArray(m_cspace)[PTR_SLOT_PSpace] = this;
+    guard.SetRoot(CreatePSpaceRoot());
     LoadOrCreate(creating);
     guard.Release();
 }
@@ -83,12 +90,22 @@ void PSpace::OpenInOwnCSpace(bool creating) {
     collector.m_stubFn = [](void* self, CSpace* cs) { static_cast<PSpace*>(self)->RunCollector(cs); };
     m_cspace = CreateCSpace(QUNA_GC_THREAD_DONT_START, collector);
     QX_ASSERT(m_cspace);
+    try {
+        PrepareOwnCSpace(creating);
+    } catch (...) {
+        quna::Destroy(m_cspace); // nobody else knows it
+        throw;
+    }
+}
+
+void PSpace::PrepareOwnCSpace(bool creating) {
+    ConstructionGuard guard(m_cspace);
     GetPtrSlotArray(m_cspace)[PTR_SLOT_PSpace] = this;
     SetMilliSecsPerGc(m_cspace, MILLISECS_PER_GC);
     const ThreadPSpaceScope pair(this, m_cspace);
     const CSpacePseudoLock lock(m_cspace, Exclusive); // nobody else can know this CSpace yet
     QX_ASSERT(HaveExclusiveLockedCSpace());
-    PSpaceRootGuard guard(CreatePSpaceRoot());
+    guard.SetRoot(CreatePSpaceRoot());
     LoadOrCreate(creating);
     StartGc(m_cspace);
     guard.Release();
@@ -96,7 +113,12 @@ void PSpace::OpenInOwnCSpace(bool creating) {
 
 PSpaceRoot* PSpace::CreatePSpaceRoot() {
     auto* root = new PSpaceRoot(*this);
-    RegisterDomainObject(m_cspace, ptr<IObject>(root)); // registered, and a root that no transfer takes along
+    try {
+        RegisterDomainObject(m_cspace, ptr<IObject>(root)); // registered, and a root that no transfer takes along
+    } catch (...) {
+        delete root;
+        throw;
+    }
     return root;
 }
 
@@ -123,7 +145,6 @@ void PSpace::Close() {
     QX_ASSERT(m_cspace);
     QX_ASSERT(!HaveLock(m_cspace));
     ThreadPSpaceScope pair(this, m_cspace);
-    pair.Forget(this, m_cspace);
     {
         const CSpaceLock lock(m_cspace, Exclusive);
         EvictAllDgsNodes(m_cspace);
@@ -134,10 +155,18 @@ void PSpace::Close() {
     QX_ASSERT(!HaveChangesToWriteToLss());
     QX_ASSERT(m_nextInTxnGrp == this);
     QX_ASSERT(m_inGrp == false);
-    quna::Destroy(m_cspace);
+    // An object that fails to go must not leave the space half closed: its CSpace is gone either way.
+    std::exception_ptr failure;
+    try {
+        quna::Destroy(m_cspace);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    pair.Forget(this, m_cspace);
     m_cspace = nullptr;
     m_ps.m_spaceMap.RemovePSpace(this);
     delete this; // the pair is restored after it, from copies of its own
+    if (failure) std::rethrow_exception(failure);
 }
 
 // Changes that mark nothing themselves, such as a request for a deletion, or a new space without objects, must not be
@@ -148,7 +177,10 @@ void PSpace::MarkAsDirtyWhereAnythingIsUnwritten() {
 }
 
 PSpace::~PSpace() noexcept(false) {
-    if (std::uncaught_exceptions() > 0) return;
+    if (std::uncaught_exceptions() > 0) {
+        TracerX() << "PSpace: error : space \"" << m_name << "\" ends while an exception passes\n";
+        return;
+    }
     QX_ASSERT(!HaveChangesToWriteToLss());
     QX_ASSERT(m_nextInTxnGrp == this);
     QX_ASSERT(m_inGrp == false);
@@ -291,7 +323,14 @@ bool PSpace::MakeObjectPersistWithGivenOID(ptr<IPersistable> po, OID oid, bool t
     po->GetPersistObjState().m_oid = oid;
     QX_ASSERT(GetOid(po) == oid);
     po->GetSysState().SetFlag(PERSISTABLE_DIRTY);
-    AddPOToDirtyObjectSet(po);
+    try {
+        AddPOToDirtyObjectSet(po);
+    } catch (...) { // no memory: the object stays transient
+        po->GetSysState().ClearFlag(PERSISTABLE_DIRTY);
+        po->GetPersistObjState().m_oid = OID();
+        rot_.RemoveResidentObject(oid);
+        throw;
+    }
     if (trace) MakeReachableObjectsPersist(po);
     return true;
 }
@@ -337,7 +376,12 @@ void PSpace::MarkPersistableAsDirtyWithoutTrace(ptr<const IPersistable> po) {
     ObjSysState& state = po->GetSysState();
     if (state.GetFlag(PERSISTABLE_DIRTY)) return;
     state.SetFlag(PERSISTABLE_DIRTY);
-    AddPOToDirtyObjectSet(po);
+    try {
+        AddPOToDirtyObjectSet(po);
+    } catch (...) { // an object that is dirty and in no set would never be written
+        state.ClearFlag(PERSISTABLE_DIRTY);
+        throw;
+    }
 }
 
 void PSpace::AddPOToDirtyObjectSet(ptr<const IPersistable> po) {

@@ -96,7 +96,7 @@ public:
     bool createdNew_;
     OidHigh m_oidHighForOidAllocations; // high half of new OIDs
     SeidLow m_affiliateOidLow;          // hint for the next allocation; sticky
-    bool m_ensureCommitted = false;     // the map names this space; guarded by DosWriter::mutex_
+    bool m_ensureCommitted = false;     // the map names this space; changed under DosWriter::mutex_ and the CSpace lock
     PSpaceDos m_dos;
     CSpace* m_cspace;              // null after Close
     PSpace* m_nextInTxnGrp = this; // ring; guarded by the group manager's mutex, like m_inGrp
@@ -107,11 +107,15 @@ public:
 private:
     void OpenInGivenCSpace(bool creating);
     void OpenInOwnCSpace(bool creating);
+    void PrepareOwnCSpace(bool creating);
     void LoadOrCreate(bool creating);
     PSpaceRoot* CreatePSpaceRoot();
     void RunCollector(CSpace* cs);
     void MarkAsDirtyWhereAnythingIsUnwritten();
 };
+
+// What stands in the slot of a CSpace whose space failed to open: not null, and no space.
+void* FailedPSpaceMark();
 
 QX_API const ReflectedClass& _GetReflected(const PSpace*);
 

@@ -54,6 +54,8 @@ void PSpaceMap::AssertAllClosed() {
 
 OID PSpaceMap::ReserveName(const xstring& name, EOpenMode openMode) {
     const std::lock_guard lock(mutex_);
+    const bool beingOpened = m_opening.find(name) != m_opening.end();
+    QX_ASSERT_TEXT(!beingOpened, "e.m_ptr == __null");
     OID oid;
     const auto i = map_.find(name);
     if (i == map_.end()) {
@@ -65,8 +67,7 @@ OID PSpaceMap::ReserveName(const xstring& name, EOpenMode openMode) {
         QX_ASSERT(e.m_oid);
         oid = e.m_oid;
     }
-    const bool reserved = m_opening.insert(name).second;
-    QX_ASSERT_TEXT(reserved, "e.m_ptr == __null");
+    m_opening.insert(name);
     return oid;
 }
 
@@ -84,11 +85,12 @@ PSpace* PSpaceMap::OpenPSpace(ILogStructuredStore& lss, OidHigh oidHigh, ConstSt
             e.m_oid = Seid(0, oidHigh);
             QX_ASSERT(lss.AllocateAffiliateSeid(e.m_oid));
         }
+        MAP fresh; // made before the space, so that entering it cannot fail
+        if (creating) fresh.emplace(key, e);
         p = new PSpace(m_ps, name, e.m_oid, creating, cspace);
         const std::lock_guard lock(mutex_);
-        Entry& entry = map_[key];
-        if (creating) entry.m_oid = e.m_oid; // not committed: the map on disk does not change
-        entry.m_ptr = p;
+        map_.merge(fresh); // not committed: the map on disk does not change
+        map_.find(key)->second.m_ptr = p;
     }
     m_ps.m_dosWriter.OnOpenPSpace(p);
     return p;

@@ -16,6 +16,21 @@ namespace {
 
 constexpr ConstStringZ SOURCE_PATH = "src/PersistStoreTxn";
 
+// Gives a lock back when the scope ends before Keep.
+class UnlockUnlessKept {
+public:
+    explicit UnlockUnlessKept(CSpace* cs) : m_cs(cs) {}
+    UnlockUnlessKept(const UnlockUnlessKept&) = delete;
+    UnlockUnlessKept& operator=(const UnlockUnlessKept&) = delete;
+    ~UnlockUnlessKept() {
+        if (m_cs) Unlock(m_cs);
+    }
+    void Keep() { m_cs = nullptr; }
+
+private:
+    CSpace* m_cs;
+};
+
 } // namespace
 
 void AssertHaveCSpaceLocks(PSpaceLockMode* L, ssize_t n) {
@@ -70,6 +85,7 @@ void PersistStoreTxn::OnOpenPSpace(PSpace* p) {
     QX_ASSERT(p);
     QX_ASSERT(p->m_cspace);
     Lock(p->m_cspace, Exclusive);
+    UnlockUnlessKept lock(p->m_cspace);
     if (!m_openedPSpaces.empty()) {
         Merge(m_openedPSpaces.front(), p);
     } else if (m_haveWriteAccess) {
@@ -80,6 +96,7 @@ void PersistStoreTxn::OnOpenPSpace(PSpace* p) {
         for (const PSpaceLockMode& m : m_pspaces) Merge(p, m.space);
     }
     m_openedPSpaces.push_back(p);
+    lock.Keep();
 }
 
 void PersistStoreTxn::Close() {
@@ -117,25 +134,6 @@ bool PersistStoreTxn::DestroyPSpace(ConstStringZ name) {
 }
 
 // ---- The thread's current space -------------------------------------------------------------------------------------
-
-namespace {
-
-// Gives a lock back when the scope ends before Keep.
-class UnlockUnlessKept {
-public:
-    explicit UnlockUnlessKept(CSpace* cs) : m_cs(cs) {}
-    UnlockUnlessKept(const UnlockUnlessKept&) = delete;
-    UnlockUnlessKept& operator=(const UnlockUnlessKept&) = delete;
-    ~UnlockUnlessKept() {
-        if (m_cs) Unlock(m_cs);
-    }
-    void Keep() { m_cs = nullptr; }
-
-private:
-    CSpace* m_cs;
-};
-
-} // namespace
 
 PersistStoreTxn* OpenPSpaceTxn(ECSpaceLockMode mode) {
     PSpace* ps = GetThreadPSpace();

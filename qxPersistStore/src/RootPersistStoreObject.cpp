@@ -5,6 +5,7 @@
 #include "qxPersistStore/src/Records.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/AutoCloser.h"
+#include "qxUtils/Exceptions.h"
 #include "qxUtils/Schema.h"
 
 namespace quna {
@@ -43,11 +44,21 @@ void RootPersistStoreObject::WriteIfDirty(ILssTransaction& txn) const {
     dirty.Complete();
 }
 
+// Also false for a record that ends in the middle of a name or a count.
+bool RootPersistStoreObject::IsUsedExactly(IContiguousSerialElement& se, ClassNameTranslationTable const* table) {
+    try {
+        return ParseRecord(se, [this, table](InputArchive ar) { return Deserialise(ar, table); });
+    } catch (const SchemaException&) {
+        throw;
+    } catch (const RecordException&) {
+        return false;
+    }
+}
+
 void RootPersistStoreObject::Read(ILogStructuredStore& lss, ClassNameTranslationTable const* table) {
     AutoCloser<IContiguousSerialElement> se(lss.OpenSerialElement(ROOT_PERSISTSTORE_OBJECT_SEID));
     if (!se) throw QunaSystemException("PersistStore is missing root object");
-    if (!ParseRecord(*se, [this, table](InputArchive ar) { return Deserialise(ar, table); }))
-        throw QunaSystemException("PersistStore root object is corupt");
+    if (!IsUsedExactly(*se, table)) throw QunaSystemException("PersistStore root object is corupt");
     se.Close();
     if (!m_dirty.load(std::memory_order_relaxed)) return;
     AutoCloser<ILssTransaction> txn(lss.OpenTransaction());

@@ -37,6 +37,9 @@ public:
     OidHigh m_oidHighForOidAllocations = 0;    // of the store's own identifiers and of every space's; 0 until known
     CidMap m_cidMap;
     TypeOpsMap m_typeOpsMap;
+
+private:
+    bool IsUsedExactly(IContiguousSerialElement& se, ClassNameTranslationTable const* table);
 };
 
 } // namespace quna

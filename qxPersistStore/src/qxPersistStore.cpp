@@ -91,19 +91,29 @@ void _Register_qxPersistStore1() { Quna_Core_qxPersistStore_GetXTarget(); }
 
 } // namespace
 
+namespace {
+
+void RegisterItems() {
+    for (const RegisterItemFn registerItem : REGISTER_ITEMS) registerItem(Quna_Core_qxPersistStore_GetXTarget());
+    _Register_qxPersistStore0();
+    _Register_qxPersistStore1();
+}
+
+} // namespace
+
 XTarget* Quna_Core_qxPersistStore_GetXTarget() {
     if (!s_xTarget) s_xTarget = RegisterTarget(s_dsTarget);
     return s_xTarget;
 }
+
+} // namespace quna
 
 extern "C" void Register_Project_qxPersistStore() {
     static constinit bool s_called = false;
     if (s_called) return;
     s_called = true;
     Register_Project_qxObject();
-    for (const RegisterItemFn registerItem : REGISTER_ITEMS) registerItem(Quna_Core_qxPersistStore_GetXTarget());
-    _Register_qxPersistStore0();
-    _Register_qxPersistStore1();
+    quna::RegisterItems();
 }
 
 // What is registered stays registered; the two flags are separate, so that a second registration is not permitted.
@@ -113,5 +123,3 @@ extern "C" void Unregister_Project_qxPersistStore() {
     s_called = true;
     Unregister_Project_qxObject();
 }
-
-} // namespace quna

@@ -47,6 +47,8 @@ FileException::FileException(ConstStringZ message, int systemError) : ExceptionB
 
 RecordException::RecordException(ConstStringZ message) : ExceptionBase(message) {}
 
+SchemaException::SchemaException(ConstStringZ message) : RecordException(message) {}
+
 void ThrowQunaAssertionError(const char* text, const char* path, int line) {
     throw QunaAssertionError(text, path, line);
 }
