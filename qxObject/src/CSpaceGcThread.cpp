@@ -106,6 +106,14 @@ bool CSpaceGcThread::WaitUntilDue() {
     }
 }
 
+void CSpaceGcThread::Calm() {
+    m_wake.store(false, std::memory_order_relaxed);
+    if (!IsWanted()) return;
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_wanted.store(false, std::memory_order_relaxed);
+    m_changed.notify_all(); // nobody comes any more: let those who stood back go on
+}
+
 void CSpaceGcThread::Wake() {
     if (m_wake.load(std::memory_order_relaxed)) return;
     std::lock_guard<std::mutex> guard(m_mutex);

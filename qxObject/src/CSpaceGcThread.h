@@ -28,7 +28,7 @@ public:
 
     // The next collection is due now. Calm takes that back: what asked for it has been done.
     void Wake();
-    void Calm() noexcept { m_wake.store(false, std::memory_order_relaxed); }
+    void Calm();
 
     // From Wake until the collector thread has got the domain's lock (Arrived): whoever comes to lock the domain waits a
     // little, so that the collector is before it in the queue. Without that, a thread that loads objects would go far

@@ -140,11 +140,10 @@ void LockMultipleCSpaces(CSpace** spaces, ssize_t n, ECSpaceLockMode mode) {
     QX_ASSERT(SharedRead <= mode && mode <= Transaction);
     for (ssize_t i = 0; i < n; ++i) QX_ASSERT(mode == SharedRead || GetRecordedLockStatus(spaces[i]) >= 0);
     if (n == 0) return;
-    CSpaceLockTable::Current().Reserve(n); // nothing below can fail half done
-
     BackOff backOff;
     ssize_t first = 0; // the one to wait for
     for (;;) {
+        CSpaceLockTable::Current().Reserve(n); // nothing below can fail half done; a failed round gives it back
         Lock(spaces[first], mode);
         ssize_t next = 0;
         while (next < n && (next == first || TryLock(spaces[next], mode))) ++next;

@@ -225,6 +225,7 @@ void Collector::FindGoing(GcMarker& marker, Going& going) {
     ObjectPages& objects = m_objects.Objects();
     const ssize_t count = objects.Size();
     if (marker.NumMarked() == m_objects.Count()) return;
+    marker.ResumeRemembering(); // a dirty object that nothing reached is walked here for the first time
     for (ssize_t i = 0; i < count; ++i) {
         if (i + PREFETCH_AHEAD < count) __builtin_prefetch(objects[i + PREFETCH_AHEAD].m_self);
         const ObjSysState& state = objects[i]->GetSysState();

@@ -38,6 +38,8 @@ public:
 
     // Stops remembering evictable pointers: from now on objects are walked a second time.
     void StopRemembering() noexcept { m_remember = false; }
+    // From now on objects may be walked for the first time again. A pointer that is remembered twice does no harm.
+    void ResumeRemembering() noexcept { m_remember = true; }
     void ResetFigures() noexcept { m_numMarked = m_bytesMarked = 0; }
 
     ssize_t NumMarked() const noexcept { return m_numMarked; }
