@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 namespace quna {
 namespace {
 
@@ -69,6 +71,32 @@ TEST_F(PSpaceMapOfTest, ASpaceIsOpenOnceOnly) {
     m_store.OpenSpace("s");
     ExpectAssertion("e.m_ptr == __null", "src/PSpaceMap",
                     [&] { m_store->OpenPSpace("s", OM_OPEN_ALWAYS, nullptr); });
+}
+
+using PSpaceMapThreads = PSpaceMapOfTest;
+
+TEST_F(PSpaceMapThreads, ANameUnderConstructionIsRefusedAtOnceAndHoldsNobodyUp) {
+    PSpace* ps = m_store.OpenSpace("s");
+    const OID oid = OidOf(ps);
+    m_store.CloseSpace(ps);
+    RecordingLss& lss = m_store.Record();
+    bool entered = false;
+    lss.m_onRead = [&](Seid seid) {
+        if (seid != oid)
+            return;
+        entered = true; // in the constructor of the space
+        std::thread([&] {
+            ExpectAssertion("e.m_ptr == __null", "src/PSpaceMap",
+                            [&] { m_store->OpenPSpace("s", OM_OPEN_ALWAYS, nullptr); });
+            EXPECT_EQ(1, m_store->GetNumPSpaces());
+            PSpace* const other = OpenPSpace(m_store.Get(), "other", OM_CREATE_NEW, nullptr);
+            other->Close();
+        }).join();
+    };
+    ps = m_store.OpenSpace("s");
+    lss.m_onRead = nullptr;
+    EXPECT_TRUE(entered);
+    EXPECT_EQ(oid, OidOf(ps));
 }
 
 TEST_F(PSpaceMapOfTest, ANewSpaceCountsAtOnceButIsOnDiskOnlyOnceWritten) {

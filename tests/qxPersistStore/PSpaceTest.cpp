@@ -376,6 +376,18 @@ TEST_F(PSpaceOfTest, DeletingAnObjectRemovesItsElementWithTheNextWrite) {
     EXPECT_FALSE(m_ps->TryBindObject(oid));
 }
 
+TEST_F(PSpaceOfTest, KeepsTheHandlerOfAsynchronousBinding) {
+    struct Handler {
+        MAsyncBind BeginAsyncBindRequest(OID) { return {}; }
+        void EndAsyncBindRequest(OID) {}
+    } handler;
+    const SpaceScope scope(m_ps);
+    EXPECT_FALSE(m_ps->GetAsyncBindRequestHandler());
+    m_ps->SetAsyncBindRequestHandler(ptr<IAsyncBindRequestHandler>(&handler));
+    EXPECT_EQ(&handler, m_ps->GetAsyncBindRequestHandler().m_self);
+    m_ps->SetAsyncBindRequestHandler(null);
+}
+
 TEST_F(PSpaceOfTest, WhatIsNotOfferedFailsAsStated) {
     const SpaceScope scope(m_ps);
     TestLeaf* const leaf = NewObject<TestLeaf>(1);

@@ -80,6 +80,18 @@ TEST(RecordLimits, ASmallOverrunIsLeftToTheOwnersCheckOfTheEnd) {
     EXPECT_EQ(record.End() + 1, end.ptr());
 }
 
+TEST(RecordLimits, ASmallSkipBeyondTheEndIsLeftToTheOwnersCheckOfTheEnd) {
+    const Record record({1, 2, 3});
+    const RecordLimitsScope limits(record.Begin(), record.End());
+    InputArchive ar(record.Begin());
+    ar += 4;
+    EXPECT_EQ(record.End() + 1, ar.ptr());
+    EXPECT_THROW(ar += RECORD_SLACK, RecordException);
+    EXPECT_THROW(ar += ssize_t{1} << 40, RecordException);
+    EXPECT_THROW(ar += -1, RecordException);
+    EXPECT_EQ(record.End() + 1, ar.ptr());
+}
+
 TEST(RecordLimits, ReadingOnBeyondTheSlackIsRefused) {
     const Record record({1});
     const RecordLimitsScope limits(record.Begin(), record.End());

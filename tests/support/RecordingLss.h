@@ -40,7 +40,11 @@ public:
             seid.high_ += 1;
         return allocated;
     }
-    IContiguousSerialElement* OpenSerialElement(Seid seid) override { return m_inner->OpenSerialElement(seid); }
+    IContiguousSerialElement* OpenSerialElement(Seid seid) override {
+        if (m_onRead)
+            m_onRead(seid);
+        return m_inner->OpenSerialElement(seid);
+    }
     ILssTransaction* OpenTransaction() override {
         ILssTransaction* const inner = m_inner->OpenTransaction();
         Note("open");
@@ -78,6 +82,8 @@ public:
 
     // Called before an element is written; may throw.
     std::function<void(Seid)> m_onWrite;
+    // Called before an element is read; may throw.
+    std::function<void(Seid)> m_onRead;
     bool m_refuseAffiliates = false;
     bool m_affiliateInWrongSpace = false;
 
