@@ -12,12 +12,12 @@ namespace quna {
 
 namespace {
 
-std::atomic<bool> g_isForkedChild{false};
+std::atomic<uint32> g_forkGeneration{0};
 
 // The largest segment table, in slots: at the usual sizes more than 8 TiB have.
 constexpr ssize_t MAX_SLOTS = ssize_t{1} << 27;
 
-void OnForkInChild() { g_isForkedChild.store(true, std::memory_order_relaxed); }
+void OnForkInChild() { g_forkGeneration.fetch_add(1, std::memory_order_relaxed); }
 
 } // namespace
 
@@ -26,7 +26,7 @@ void InstallForkGuard() {
     static_cast<void>(installed);
 }
 
-bool IsForkedChild() noexcept { return g_isForkedChild.load(std::memory_order_relaxed); }
+uint32 ForkGeneration() noexcept { return g_forkGeneration.load(std::memory_order_relaxed); }
 
 void StoreCore::Attach(const StoreId& storeId, ssize_t segmentSize) {
     m_storeId = storeId;

@@ -16,10 +16,12 @@
 
 namespace quna {
 
-// Throws FileException in a process that fork made out of one with open stores: the child shares the lock and the file
-// offset of nothing, and must not write.
+// A store belongs to the process that opened it: a child that fork makes of it holds neither its lock nor its threads,
+// and every call there throws FileException. The child may open stores of its own.
+//
+// Forks are counted from the first call of InstallForkGuard on; ForkGeneration differs between a process and its child.
 QX_API void InstallForkGuard();
-QX_API bool IsForkedChild() noexcept;
+QX_API uint32 ForkGeneration() noexcept;
 
 // Numbers of GetStats. Changed under the log's turn or by the checkpoint, read at any time.
 struct StoreCounters {
@@ -52,6 +54,7 @@ public:
         if (HasFailed() || IsForkedChild()) [[unlikely]]
             ThrowUnwritable();
     }
+    bool IsForkedChild() const noexcept { return ForkGeneration() != m_forkGeneration; }
     void ThrowIfForked() const {
         if (IsForkedChild()) [[unlikely]]
             ThrowUnwritable();
@@ -69,6 +72,7 @@ public:
 private:
     [[noreturn]] void ThrowUnwritable() const;
 
+    const uint32       m_forkGeneration = ForkGeneration();
     std::atomic<bool>  m_hasFailed{false};
     mutable std::mutex m_failureMutex;
     std::string        m_failure; // guarded by m_failureMutex
