@@ -159,7 +159,7 @@ public:
     operator const octet_t*() const { return p; } // NOLINT(google-explicit-constructor)
     const octet_t* ptr() const { return p; }
     InputArchive& operator+=(ssize_t n) {
-        CheckRecordRemaining(p, n);
+        CheckRecordSkip(p, n);
         p += n;
         return *this;
     }

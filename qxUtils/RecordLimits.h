@@ -51,6 +51,16 @@ inline void CheckRecordRemaining(const octet_t* p, ssize_t n) {
         ThrowRecordTooShort(p, n);
 }
 
+// Before a cursor moves on by n bytes without reading them: throws RecordException when n is negative, or when the cursor
+// would leave the part of the slack in which a small overrun is harmless.
+inline void CheckRecordSkip(const octet_t* p, ssize_t n) {
+    const uintptr_t at = reinterpret_cast<uintptr_t>(p);
+    const RecordLimits& limits = tls_recordLimits;
+    const bool inRecord = at >= limits.begin && at < limits.forbidden;
+    if (n < 0 || (inRecord && static_cast<uintptr_t>(n) >= limits.forbidden - at)) [[unlikely]]
+        ThrowRecordTooShort(p, n);
+}
+
 // Publishes a record for the calling thread, for a scope. Nests: the record outside is published again afterwards.
 // Requires: RECORD_SLACK readable bytes behind `end`.
 class RecordLimitsScope {
