@@ -3,6 +3,7 @@
 #include "qxPersistStore/src/PSpace.h"
 #include "qxPersistStore/src/PersistStoreTxn.h"
 
+#include "tests/support/Sanitized.h"
 #include "tests/support/TestStore.h"
 
 #include <gtest/gtest.h>
@@ -17,17 +18,7 @@
 namespace quna {
 namespace {
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr int SLOWNESS = 8;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-constexpr int SLOWNESS = 8;
-#else
-constexpr int SLOWNESS = 1;
-#endif
-#else
-constexpr int SLOWNESS = 1;
-#endif
+constexpr int SLOWNESS = UNDER_SANITIZER ? 8 : 1;
 
 TestNode& RootOf(PSpace* ps) { return *static_cast<TestNode*>(ps->GetRoot("root").m_self); }
 
