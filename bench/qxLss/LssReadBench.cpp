@@ -36,13 +36,16 @@ std::vector<uint32> RandomCycle() {
 struct ChainStore {
     ChainStore() : store("qxbench-read") {
         const std::vector<uint32> next = RandomCycle();
+        std::vector<Seid> seids(next.size()); // ascending, not without gaps
+        for (Seid& seid : seids)
+            seid = store->AllocateSeid(store.High());
         octet_t content[RECORD_BYTES] = {};
         for (size_t i = 0; i < next.size();) {
             AutoCloser<ILssTransaction> txn(store->OpenTransaction());
             for (int k = 0; k < 1000; ++k, ++i) {
-                const Seid seid = store->AllocateSeid(store.High());
-                std::memcpy(content, &next[seid.low_], sizeof next[0]);
-                BenchStore::Write(*txn, seid, content, RECORD_BYTES);
+                const uint32 low = seids[next[i]].low_;
+                std::memcpy(content, &low, sizeof low);
+                BenchStore::Write(*txn, seids[i], content, RECORD_BYTES);
             }
             txn.Close();
         }
@@ -57,7 +60,7 @@ ChainStore& SharedStore() {
 
 void WarmRandomDependent(benchmark::State& state) {
     BenchStore& store = SharedStore().store;
-    uint32 low = static_cast<uint32>(state.thread_index()) * 1000;
+    uint32 low = static_cast<uint32>(state.thread_index()); // both were handed out
     for (auto _ : state) {
         IContiguousSerialElement* const element = store->OpenSerialElement(Seid(low, store.High()));
         std::memcpy(&low, element->GetBuffer().buffer, sizeof low);

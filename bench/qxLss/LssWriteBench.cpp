@@ -47,10 +47,15 @@ void RandomOverwrite(benchmark::State& state) {
     const std::vector<Seid> seids = store.Fill(NUM_ELEMENTS, RECORD_BYTES);
     const std::vector<octet_t> content(RECORD_BYTES, octet_t{8});
     std::mt19937_64 random(1);
+    std::vector<Seid> chosen(BATCH);
     for (auto _ : state) {
+        state.PauseTiming();
+        for (Seid& seid : chosen)
+            seid = seids[random() % seids.size()];
+        state.ResumeTiming();
         AutoCloser<ILssTransaction> txn(store->OpenTransaction());
-        for (ssize_t i = 0; i < BATCH; ++i)
-            BenchStore::Write(*txn, seids[random() % seids.size()], content.data(), RECORD_BYTES);
+        for (const Seid seid : chosen)
+            BenchStore::Write(*txn, seid, content.data(), RECORD_BYTES);
         txn.Close();
     }
     state.SetItemsProcessed(state.iterations() * BATCH);

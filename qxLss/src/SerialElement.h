@@ -41,6 +41,7 @@ private:
 
     bool PinParts(const std::atomic<Location>& place);
     void Assemble();
+    void CopyPart(Location part, uint32 ordinal, octet_t* to) const;
     void Pin(ssize_t slot);
     void UnpinAll();
 

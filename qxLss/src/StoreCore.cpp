@@ -75,20 +75,24 @@ void ThrowCorrupt(const StoreCore& core, const std::string& what, int64 offset) 
     throw CorruptLSSException(text.c_str());
 }
 
-const octet_t* LoadPacket(const StoreCore& core, Location l, EPacketType type, uint64 key, ssize_t loadBehind) {
+const octet_t* TouchPacket(const StoreCore& core, Location l, ssize_t loadBehind) {
     const SegmentTable& segments = *core.m_segments;
     if (!segments.IsInside(l, segments.MaxSlots()))
         ThrowCorrupt(core, "a location points outside the segments", LocationOffset(l));
     const ssize_t slot = segments.SlotOf(l);
-    const uint32 offset = segments.OffsetIn(l);
     const octet_t* const base = segments[slot].base.load(std::memory_order_acquire);
-    const octet_t* packet = base + offset;
     if (base == core.m_map->At(segments.OffsetOf(slot)))
         core.m_map->Load(LocationOffset(l), LocationBytes(l) + loadBehind);
+    return base + segments.OffsetIn(l);
+}
+
+const octet_t* LoadPacket(const StoreCore& core, Location l, EPacketType type, uint64 key, ssize_t loadBehind) {
+    const octet_t* const packet = TouchPacket(core, l, loadBehind);
+    const SegmentTable& segments = *core.m_segments;
     const PacketHeader header = ReadPod<PacketHeader>(packet);
     if (PacketType(header.info) != type || header.key != key || PacketBytes(header.info) != LocationBytes(l))
         ThrowCorrupt(core, "a packet is not the one that is expected", LocationOffset(l));
-    if (PacketCrc(segments[slot].crcSeed, offset, packet, PayloadBytes(header.info)) != header.crc)
+    if (PacketCrc(segments[segments.SlotOf(l)].crcSeed, segments.OffsetIn(l), packet, PayloadBytes(header.info)) != header.crc)
         ThrowCorrupt(core, "the checksum of a packet is wrong", LocationOffset(l));
     return packet;
 }

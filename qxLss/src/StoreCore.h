@@ -81,6 +81,9 @@ private:
 // Throws CorruptLSSException: "The store '<path>' is damaged: <what> at offset <offset>". `offset` below 0: none.
 [[noreturn]] QX_API void ThrowCorrupt(const StoreCore& core, const std::string& what, int64 offset = -1);
 
+// The bytes of the packet at location `l`, loaded but not verified. Throws CorruptLSSException if there can be none.
+QX_API const octet_t* TouchPacket(const StoreCore& core, Location l, ssize_t loadBehind);
+
 // The packet at location `l`, loaded and verified: type, key, length and checksum are as expected. `loadBehind` bytes
 // behind it are loaded as well. Throws CorruptLSSException or FileException. Requires: the segment cannot be reused
 // while the caller uses the result.
