@@ -106,10 +106,20 @@ TEST(AutoCloser, AReleasedObjectIsNotClosed) {
     EXPECT_EQ(0, c.m_numCloses);
 }
 
-TEST(AutoCloser, TheFormForTransactionsIsTheSame) {
-    Closeable c;
-    { const AutoCloser2<Closeable> closer(&c); }
-    EXPECT_EQ(1, c.m_numCloses);
+// As a store or a transaction is: opaque to its user, ended by a free function.
+struct Opaque {
+    int m_numCloses = 0;
+};
+void Close(Opaque* opaque) { ++opaque->m_numCloses; }
+
+TEST(AutoCloser2, EndsAnOpaqueObjectByTheFreeFunctionClose) {
+    Opaque opaque;
+    { const AutoCloser2<Opaque> closer(&opaque); }
+    EXPECT_EQ(1, opaque.m_numCloses);
+    AutoCloser2<Opaque> closer(&opaque);
+    closer.Close();
+    EXPECT_EQ(nullptr, closer.Get());
+    EXPECT_EQ(2, opaque.m_numCloses);
 }
 
 } // namespace
