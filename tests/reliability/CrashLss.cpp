@@ -48,8 +48,8 @@ public:
         LssDriver driver(sys, m_workload);
         driver.Run();
         m_history = driver.History();
-        if (!m_history.failure.empty()) {
-            Report("refused", -1, 0, 0, "the undisturbed workload failed: " + m_history.failure);
+        if (!m_history.failure.empty() || !m_history.fault.empty()) {
+            Report("refused", -1, 0, 0, "the undisturbed workload failed: " + m_history.failure + m_history.fault);
             return;
         }
         const std::vector<SimCall> record = sys.Record();
@@ -145,7 +145,7 @@ int Main(int argc, char** argv) {
         const int workloads = std::max(1, static_cast<int>(3 * arguments.scale));
         for (int i = 0; i < workloads; ++i) {
             const uint64 seed = arguments.seed + static_cast<uint64>(i);
-            Sweep(totals, seed, WorkloadOf(seed)).Run(arguments.scale < 1 ? 6 : 10);
+            Sweep(totals, seed, WorkloadOf(seed)).Run(arguments.scale > 1 ? 12 : 6);
         }
     }
     const bool ok = totals.Sum() == 0 && totals.states > 0;

@@ -41,10 +41,10 @@ int Main(int argc, char** argv) {
             const Result disturbed = Run(seed, oneIn);
             ++runs;
             further += disturbed.calls - quiet.calls;
-            if (!disturbed.history.failure.empty()) {
+            if (!disturbed.history.failure.empty() || !disturbed.history.fault.empty()) {
                 ++failed;
                 std::printf("FAULT seed %llu one in %d: %s\n", static_cast<unsigned long long>(seed), oneIn,
-                            disturbed.history.failure.c_str());
+                            (disturbed.history.failure + disturbed.history.fault).c_str());
             } else if (disturbed.image != quiet.image) {
                 ++different;
                 std::printf("FAULT seed %llu one in %d: the image differs\n", static_cast<unsigned long long>(seed),

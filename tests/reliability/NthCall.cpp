@@ -73,10 +73,14 @@ bool Run(const Case& c, Totals& totals) {
     ++totals.runs;
     totals.failures += sys.NumFailures();
     const LssHistory& history = driver.History();
-    const bool reported = !history.failure.empty();
+    const bool reported = !history.failure.empty() || !history.fault.empty();
     if (c.kind.mustBeReported && !reported && sys.NumFailures() > driver.NumFailuresInClose()) {
         ++totals.unreported;
         Report(c, "nobody was told");
+    }
+    if (!history.fault.empty()) {
+        ++totals.lost;
+        Report(c, history.fault);
     }
     if (c.kind.isFinal && reported && driver.NumClosedAfterFailure() > 0) {
         ++totals.ackedAfter;

@@ -122,8 +122,14 @@ void LssDriver::Run() {
         for (int i = 0; i < m_workload.steps; ++i) Step();
     } catch (const FileException& e) {
         m_history.failure = e.what();
+    } catch (const std::exception& e) {
+        m_history.fault = e.what();
     }
     if (!m_store) return;
+    if (!m_history.fault.empty()) {
+        std::exchange(m_store, nullptr)->Abandon();
+        return;
+    }
     if (!m_history.failure.empty()) ProbeAfterFailure();
     CloseStore();
 }

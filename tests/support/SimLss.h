@@ -35,7 +35,8 @@ struct LssHistory {
     std::vector<LssState> states;          // S0, S1...; one more than transactions
     std::vector<Transaction> transactions; // the n-th leads to states[n + 1]
     std::vector<Identifier> identifiers;
-    std::string failure; // what ended the workload early; empty: nothing did
+    std::string failure; // the FileException that ended the workload early; empty: none did
+    std::string fault;   // what the store did wrong while it ran: any other exception; empty: nothing
 
     // The states that a crash after `calls` recorded calls may leave.
     ssize_t Floor(ssize_t calls, bool processDeathOnly) const;

@@ -1,0 +1,137 @@
+// The imagined disk is an instrument: these are the rules that the sweeps over it stand on.
+#include "tests/support/SimDisk.h"
+
+#include "qxLss/src/FileIo.h"
+#include "qxUtils/Exceptions.h"
+#include "tests/support/SimSys.h"
+
+#include <cerrno>
+#include <set>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace quna {
+namespace {
+
+using EChoice = CrashVariant::EChoice;
+
+class DiskTest : public testing::Test {
+protected:
+    DiskTest() : m_file(m_sys) {
+        m_file.Open("d/f", EFileAccess::CREATE);
+        SyncDirectoryOf(m_sys, "d/f");
+    }
+
+    void Write(int64 offset, const std::string& text) { m_file.Write(offset, text.data(), std::ssize(text)); }
+
+    // The file's content after a crash now; "none" if it is not there.
+    std::string After(EChoice choice, uint64 seed = 0) {
+        SimDisk disk(m_sys.InitialImage());
+        for (const SimCall& call : m_sys.Record()) disk.Apply(call);
+        const DiskImage image = disk.Image({choice, seed});
+        const auto found = image.find("d/f");
+        return found == image.end() ? "none" : std::string(found->second.begin(), found->second.end());
+    }
+
+    SimSys m_sys;
+    File m_file;
+};
+
+TEST_F(DiskTest, OnlyWhatASyncCoversIsCertain) {
+    Write(0, "abc");
+    m_file.SyncData();
+    Write(1, "X");
+    Write(2, "Y");
+    EXPECT_EQ(After(EChoice::NONE), "abc");
+    EXPECT_EQ(After(EChoice::ALL), "aXY");
+    EXPECT_EQ(After(EChoice::ALL_BUT_LAST), "aXc");
+    EXPECT_EQ(After(EChoice::ONLY_LAST), "abY");
+    std::set<std::string> seen;
+    for (uint64 seed = 0; seed < 50; ++seed) seen.insert(After(EChoice::RANDOM_SUBSET, seed));
+    EXPECT_EQ(seen, (std::set<std::string>{"abc", "aXc", "abY", "aXY"}));
+}
+
+TEST_F(DiskTest, ADurableWriteIsCertainByItself) {
+    Write(0, "abc");
+    m_file.WriteDurable(1, "X", 1);
+    EXPECT_EQ(After(EChoice::NONE), std::string("\0X", 2));
+    EXPECT_EQ(After(EChoice::ALL), "aXc"); // the earlier write never shows over it
+}
+
+TEST_F(DiskTest, AWriteIsTornAtSectorsAndSometimesInside) {
+    Write(0, std::string(2048, 'a'));
+    m_file.SyncData();
+    Write(0, std::string(2048, 'b'));
+    std::set<std::string> seen;
+    bool insideSector = false;
+    for (uint64 seed = 0; seed < 400; ++seed) {
+        const std::string found = After(EChoice::TORN, seed);
+        ASSERT_EQ(found.size(), 2048u);
+        seen.insert(found);
+        for (size_t i = 1; i < found.size(); ++i)
+            insideSector = insideSector || (found[i] != found[i - 1] && i % 512 != 0);
+    }
+    EXPECT_GT(seen.size(), 10u);
+    EXPECT_TRUE(insideSector);
+}
+
+TEST_F(DiskTest, ASectorNeverShowsALaterWriteWithoutAnEarlierOne) {
+    Write(0, std::string(1024, 'a'));
+    m_file.SyncData();
+    Write(0, "b");
+    Write(1, "c");
+    Write(600, "d");
+    std::set<std::string> seen;
+    for (uint64 seed = 0; seed < 200; ++seed) {
+        const std::string found = After(EChoice::SECTORS, seed);
+        if (found[1] == 'c') {
+            EXPECT_EQ(found[0], 'b');
+        }
+        seen.insert(found.substr(0, 2) + found[600]);
+    }
+    EXPECT_EQ(seen, (std::set<std::string>{"aaa", "baa", "bca", "aad", "bad", "bcd"}));
+}
+
+TEST_F(DiskTest, AFailedSyncLosesWhatWasPendingWhileReadsStillShowIt) {
+    Write(0, "abc");
+    m_file.SyncData();
+    Write(0, "xyz");
+    m_sys.FailCall(ESimCall::SYNC, 1, EIO, false);
+    EXPECT_THROW(m_file.SyncData(), FileException);
+    m_file.SyncData(); // succeeds, and does not bring them back
+    EXPECT_EQ(After(EChoice::ALL), "abc");
+    char bytes[3];
+    m_file.Read(0, bytes, 3);
+    EXPECT_EQ(std::string(bytes, 3), "xyz");
+    m_file.DropCache();
+    m_file.Read(0, bytes, 3);
+    EXPECT_EQ(std::string(bytes, 3), "abc");
+}
+
+TEST_F(DiskTest, NamesAreCertainAfterASyncOfTheDirectory) {
+    EXPECT_TRUE(RenameFile(m_sys, "d/f", "d/g", false));
+    EXPECT_EQ(After(EChoice::NONE), "");
+    EXPECT_EQ(After(EChoice::ALL), "none");
+    SyncDirectoryOf(m_sys, "d/g");
+    EXPECT_EQ(After(EChoice::NONE), "none");
+}
+
+TEST_F(DiskTest, SizesArePendingTooAndANewDiskBeginsWithTheImage) {
+    m_file.Allocate(0, 8192);
+    EXPECT_EQ(After(EChoice::NONE), "");
+    m_file.SyncData();
+    EXPECT_EQ(After(EChoice::NONE).size(), 8192u);
+    m_file.Truncate(100);
+    EXPECT_EQ(After(EChoice::NONE).size(), 8192u);
+    EXPECT_EQ(After(EChoice::ALL).size(), 100u);
+
+    SimSys further(m_sys.CachedImage());
+    File file(further);
+    file.Open("d/f", EFileAccess::READ_WRITE);
+    EXPECT_EQ(file.Size(), 100);
+    EXPECT_EQ(further.NumRecorded(), 0);
+}
+
+} // namespace
+} // namespace quna
