@@ -59,9 +59,11 @@ void ElementStream::FlushStream() {}
 void ElementStream::WriteSlowly(const octet_t* p, ssize_t n) {
     while (!m_isLong) {
         const ssize_t take = std::clamp<ssize_t>(m_room - m_filled, 0, n);
-        std::memcpy(m_log.Payload() + m_filled, p, static_cast<size_t>(take));
-        m_filled += take;
-        p += take;
+        if (take > 0) {
+            std::memcpy(m_log.Payload() + m_filled, p, static_cast<size_t>(take));
+            m_filled += take;
+            p += take;
+        }
         n -= take;
         if (n == 0)
             return;

@@ -33,6 +33,15 @@ EHeaderState ReadHeader(File& file, int64 offset, CheckpointHeader& header) {
     return EHeaderState::VALID;
 }
 
+template <class Entry>
+std::vector<Entry> EntriesOf(const std::vector<octet_t>& table) {
+    std::vector<Entry> entries;
+    entries.reserve(table.size() / sizeof(Entry));
+    for (size_t at = 0; at + sizeof(Entry) <= table.size(); at += sizeof(Entry))
+        entries.push_back(ReadPod<Entry>(table.data() + at));
+    return entries;
+}
+
 // The newer of two header places; VALID if there is a valid one.
 EHeaderState ChooseHeader(File& file, CheckpointHeader& newest) {
     CheckpointHeader a{};
@@ -107,11 +116,8 @@ void Recovery::LoadTables(const CheckpointHeader& header) {
     const std::vector<octet_t> highs = ReadTable({locations.begin(), split}, EPacketType::HIGHS);
     const std::vector<octet_t> sut = ReadTable({split, locations.end()}, EPacketType::SUT);
 
-    std::vector<SutEntry> entries(sut.size() / sizeof(SutEntry));
-    std::memcpy(static_cast<void*>(entries.data()), sut.data(), entries.size() * sizeof(SutEntry));
-    FillSegments(header, entries);
-    std::vector<HighsEntry> highsEntries(highs.size() / sizeof(HighsEntry));
-    std::memcpy(static_cast<void*>(highsEntries.data()), highs.data(), highsEntries.size() * sizeof(HighsEntry));
+    FillSegments(header, EntriesOf<SutEntry>(sut));
+    const std::vector<HighsEntry> highsEntries = EntriesOf<HighsEntry>(highs);
     if (highsEntries.size() != header.numHighs)
         ThrowCorrupt(m_core, "the table of high halves has the wrong length");
     FillIndex(highsEntries);

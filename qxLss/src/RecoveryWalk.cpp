@@ -99,8 +99,8 @@ Recovery::EStep Recovery::TakeElement(const PacketHeader& packet, const octet_t*
         if (isLong)
             operation.parts = ParseLongHead(m_core, bytes, operation.location).parts;
     } else if (type == EPacketType::DROP) {
-        operation.parts.resize(static_cast<size_t>(payloadBytes) / sizeof(Location));
-        std::memcpy(operation.parts.data(), bytes + PACKET_HEADER_BYTES, operation.parts.size() * sizeof(Location));
+        for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(Location)) <= payloadBytes; at += sizeof(Location))
+            operation.parts.push_back(ReadPod<Location>(bytes + PACKET_HEADER_BYTES + at));
     }
     if (type != EPacketType::LONG_PART)
         m_pending.push_back(std::move(operation));
