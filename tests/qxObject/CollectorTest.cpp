@@ -207,6 +207,19 @@ TEST_F(CollectorTest, ADirtyObjectIsNeverLetGo) {
     EXPECT_FALSE(root->HasEvictable(0));
 }
 
+TEST_F(CollectorTest, OverTheBudgetPointersOfADirtyObjectThatNothingReachesAreClearedToo) {
+    GcNode* const root = NewRoot();
+    for (int i = 0; i < 10; ++i) root->HoldEvictably(New(i, 100));
+    GcNode* const unreachable = New(20, 100);
+    GcNode* const cold = New(21, 100);
+    unreachable->HoldEvictably(cold);
+    SetIObjectFlag(ptr<const IObject>(unreachable), DIRTY, true);
+    SetEvictionBudget(cs, 500);
+    CollectWithinBudget();
+    EXPECT_FALSE(unreachable->HasEvictable(0)); // its target is gone
+    SetIObjectFlag(ptr<const IObject>(unreachable), DIRTY, false);
+}
+
 TEST_F(CollectorTest, EveryGoingObjectIsToldBeforeTheFirstIsDestroyed) {
     ssize_t toldAtFirstDestroy = -1;
     log.onDestroy = [&](int) {
