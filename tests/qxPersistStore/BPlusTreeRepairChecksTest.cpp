@@ -129,17 +129,6 @@ TEST_F(LeafRepairChecks, BalanceFromTheLeftChecksTheCounts) {
     ExpectAssertion("50 <= newNumRight && newNumRight <= 100", PATH, [&] { FromLeft(); });
 }
 
-TEST_F(LeafRepairChecks, AnEmptyLeafMayReceive) {
-    Make(100, 50);
-    m_right->m_numKeyEntrys = 0;
-    m_tree.m_size -= 50;
-    // Its old first key is not known any more; the bytes behind the moved entries still hold it.
-    FromLeft();
-    EXPECT_EQ(50, m_left->m_numKeyEntrys);
-    EXPECT_EQ(50, m_right->m_numKeyEntrys);
-    EXPECT_EQ(KeyAt<IntKey>(*m_right, 0), KeyAt<IntKey>(*m_anchor, 0));
-}
-
 // ---- The anchor -----------------------------------------------------------------------------------------------------------
 
 TEST_F(LeafRepairChecks, AKeyIsReplacedAtTheLastSeparatorThatIsNotAboveTheOldOne) {
