@@ -67,11 +67,8 @@ protected:
 
     // The deletions requested since the last write: roots of subtrees.
     std::vector<OID> Requested() const {
-        std::vector<OID> oids;
         const DeletionQueue::OIDS& queue = m_ps->GetDQ().m_deltaQueue;
-        for (ssize_t i = 0; i < queue.size(); ++i)
-            oids.push_back(queue[i]);
-        return oids;
+        return std::vector<OID>(queue.begin(), queue.end());
     }
 
     TestStore m_store;
