@@ -1,0 +1,100 @@
+// The read path: descents that follow references and change nothing.
+//
+// The search tree with all entries in chained leaves is Bayer and McCreight's ("Organization and Maintenance of Large
+// Ordered Indexes", 1972) in the form that Comer calls B+ tree ("The Ubiquitous B-Tree", 1979).
+//
+// Separators are lazy: they need not equal any key that is stored. So a key may lead into a leaf all of whose entries lie
+// below it, and a bound on a leaf's edge goes on to the next leaf.
+#include "qxPersistStore/BPlusTree.h"
+
+#include "qxPersistStore/src/BTreeSearch.h"
+
+namespace quna {
+
+namespace {
+
+constexpr ConstStringZ SOURCE_PATH = "src/BPlusTree2";
+
+} // namespace
+
+BPlusTree::Iterator BPlusTree::begin() { return Iterator(m_firstLeaf.Get(), 0); }
+
+BPlusTree::Iterator BPlusTree::end() {
+    if (m_height < 0) return Iterator();
+    QX_ASSERT(m_lastLeaf);
+    LeafNode* const leaf = m_lastLeaf.Get();
+    return Iterator(leaf, leaf->m_numKeyEntrys);
+}
+
+// The leaf into which the key leads; null in a tree without nodes.
+LeafNode* BPlusTree::FindLeaf(const CalculatedBTreeTypeInfo& bi, const _Key* key) const {
+    void* node = GetRoot();
+    QX_ASSERT(m_height >= 0);
+    QX_ASSERT(node);
+    for (ssize_t height = m_height; height > 0; --height) {
+        const auto* const inner = cast_ptr<InternalNode>(node);
+        node = FollowChildAt(bi, inner, FindChildIndex(bi, inner, key), height - 1);
+        QX_ASSERT(node);
+    }
+    return cast_ptr<LeafNode>(node);
+}
+
+namespace {
+
+// A null root means a tree that never had nodes.
+bool HasNoNodes(const BPlusTree& tree) {
+    if (tree.m_root) return false;
+    const ssize_t m_height = tree.m_height;
+    QX_ASSERT(m_height == -1);
+    return true;
+}
+
+// Index j of a leaf as a position: behind the last entry it is the next leaf's first.
+BPlusTree::Iterator PositionOf(LeafNode* node, ssize_t j) {
+    QX_ASSERT(0 <= j && j <= cast_ptr<LeafNode>(node)->m_numKeyEntrys);
+    if (j == node->m_numKeyEntrys)
+        if (LeafNode* const next = node->m_next.Get()) return BPlusTree::Iterator(next, 0);
+    return BPlusTree::Iterator(node, j);
+}
+
+} // namespace
+
+BPlusTree::Iterator BPlusTree::find(const _Key* key) {
+    if (HasNoNodes(*this)) return Iterator();
+    const CalculatedBTreeTypeInfo& bi = GetCalculatedBTreeTypeInfo();
+    LeafNode* const leaf = FindLeaf(bi, key);
+    const ssize_t i = SearchLeaf(bi, leaf, key);
+    return i < 0 ? end() : Iterator(leaf, i);
+}
+
+const _Payload* BPlusTree::rFind(const _Key* key) const {
+    if (HasNoNodes(*this)) return nullptr;
+    const CalculatedBTreeTypeInfo& bi = GetCalculatedBTreeTypeInfo();
+    const LeafNode* const leaf = FindLeaf(bi, key);
+    const ssize_t i = SearchLeaf(bi, leaf, key);
+    return i < 0 ? nullptr : member_payload(bi, GetEntry(bi, leaf, i));
+}
+
+ssize_t BPlusTree::count(const _Key* key) const { return rFind(key) ? 1 : 0; }
+
+const _Payload* BPlusTree::operator[](const _Key* key) const {
+    const _Payload* const p = rFind(key);
+    QX_ASSERT(p);
+    return p;
+}
+
+BPlusTree::Iterator BPlusTree::lower_bound(const _Key* key) {
+    if (HasNoNodes(*this)) return end();
+    const CalculatedBTreeTypeInfo& bi = GetCalculatedBTreeTypeInfo();
+    LeafNode* const leaf = FindLeaf(bi, key);
+    return PositionOf(leaf, LowerBoundInLeaf(bi, leaf, key));
+}
+
+BPlusTree::Iterator BPlusTree::upper_bound(const _Key* key) {
+    if (HasNoNodes(*this)) return end();
+    const CalculatedBTreeTypeInfo& bi = GetCalculatedBTreeTypeInfo();
+    LeafNode* const leaf = FindLeaf(bi, key);
+    return PositionOf(leaf, UpperBoundInLeaf(bi, leaf, key));
+}
+
+} // namespace quna

@@ -1,0 +1,105 @@
+// What the two kinds of tree nodes do alike.
+#pragma once
+
+#include "qxObject/CSpace.h"
+#include "qxObject/EvictablePtr.h"
+#include "qxPersistStore/BTreeEntries.h"
+#include "qxPersistStore/IPersistable.h"
+#include "qxPersistStore/IPersistStore.h"
+#include "qxPersistStore/pref.h"
+#include "qxUtils/Archive.h"
+#include "qxUtils/Assert.h"
+#include "qxUtils/BasicTypes.h"
+#include "qxUtils/VariableLengthSerialise.h"
+
+#include <cstddef>
+#include <utility>
+
+namespace quna {
+
+namespace detail {
+
+// Whether entries may not be copied as bytes: their types have something to end, or references, which are read as
+// atomics while others bind them.
+inline bool NeedsCopyByType(const CalculatedBTreeTypeInfo& bi) {
+    return bi.m_keyType->HasDestruct() || (bi.m_payloadType && bi.m_payloadType->HasDestruct());
+}
+
+template <class Node>
+void ResizeEntrys(Node* node, ssize_t requiredSize) {
+    QX_ASSERT_IN("src/BPlusTree2", node->m_entrys.size() == 0 || node->m_entrys.size() == requiredSize);
+    node->m_entrys.reserve(requiredSize);
+    node->m_entrys.resize(requiredSize);
+}
+
+// Reads the type ids and resolves them. Entries that the node has already stay what they are as long as the ids are the
+// same, and their descriptor survives a failure here, so that they can be ended; with other ids they end before.
+template <class Node, class DestructLiveEntries>
+InputArchive ReadTypes(InputArchive ar, Node& node, DestructLiveEntries&& destructLiveEntries) {
+    BTreeTypeInfo stored;
+    const InputArchive behind = DeserialiseBTreeTypeInfo(ar, stored);
+    if (stored.m_keyTid != node.m_bti.m_keyTid || stored.m_payloadTid != node.m_bti.m_payloadTid) {
+        destructLiveEntries();
+        node.m_entrys.clear();
+    }
+    stored.GetCalculatedBTreeTypeInfo();
+    node.m_bti = stored;
+    return behind;
+}
+
+inline InputArchive ReadNumEntries(InputArchive ar, int schema, ssize_t& n) {
+    if (schema == 1) {
+        int64 native = 0;
+        ar = ar >> native;
+        n = native;
+    } else {
+        uint64 x = 0;
+        ar = DeserialiseVariableLengthUint(ar, x);
+        n = static_cast<ssize_t>(x);
+    }
+    QX_ASSERT_IN("src/BPlusTree2", 0 <= n && n <= 100);
+    return ar;
+}
+
+// The reference at `place` bound by loading: null for a null reference. At an aligned address the place keeps the
+// pointer; at another one it does so only under an exclusive lock, since the words could tear. Fails "node" when the
+// object is not of the class whose table is given.
+QX_API void* LoadChild(const void* place, const void* table);
+
+} // namespace detail
+
+// Where the words of the cached pointer stand in a reference.
+inline constexpr std::ptrdiff_t PREF_POINTER_OFFSET = sizeof(OID);
+static_assert(sizeof(prefbase) == sizeof(OID) + sizeof(AnyInterface));
+
+// Follows a reference at any address to a node of a known class: as Get, without a call on the way to a bound node.
+template <class Node>
+Node* FollowChild(const void* place) {
+    const AnyInterface words =
+        LoadEvictableWords(reinterpret_cast<const AnyInterface*>(static_cast<const char*>(place) + PREF_POINTER_OFFSET));
+    if (words.m_self && words.m_table) [[likely]] {
+        Node* const node = static_cast<Node*>(words.m_self);
+        node->GetSysState().SetLastTouchedTime(g_touchClock.load(std::memory_order_relaxed));
+        return node;
+    }
+    return static_cast<Node*>(detail::LoadChild(place, IPersistable::Stubs<Node>::GetTable()));
+}
+
+// The same for a node that is only carried along: no use is noted, so that a bound one is not brought into the cache.
+template <class Node>
+Node* FollowNeighbour(const void* place) {
+    const AnyInterface words =
+        LoadEvictableWords(reinterpret_cast<const AnyInterface*>(static_cast<const char*>(place) + PREF_POINTER_OFFSET));
+    if (words.m_self && words.m_table) [[likely]]
+        return static_cast<Node*>(words.m_self);
+    return static_cast<Node*>(detail::LoadChild(place, IPersistable::Stubs<Node>::GetTable()));
+}
+
+// MarkAsDirtyWithoutTrace with a transient node told apart first: it has nothing to mark, which the call would find out
+// by way of its space.
+template <class Object>
+void MarkDirty(const Object* object) {
+    if (!object->IsDirty() && object->m_persistObjState.m_oid) object->MarkAsDirtyWithoutTrace();
+}
+
+} // namespace quna
