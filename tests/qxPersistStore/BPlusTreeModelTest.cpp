@@ -127,23 +127,24 @@ private:
         const K key = Made<K>::From(n);
         const auto found = m_model.find(n);
         ASSERT_EQ(found != m_model.end(), Has(tree, key));
-        if constexpr (!T::IS_SET)
+        if constexpr (!T::IS_SET) {
             if (found != m_model.end()) {
                 ASSERT_TRUE(IsMadeFrom(*Get<P>(tree, key), found->second));
             }
+        }
         CheckBound(tree.lower_bound(AsKey(key)), tree.end(), m_model.lower_bound(n));
         CheckBound(tree.upper_bound(AsKey(key)), tree.end(), m_model.upper_bound(n));
     }
     void CheckBound(BPlusTree::Iterator i, BPlusTree::Iterator end, std::map<uint64, uint64>::const_iterator j) {
-        if (j == m_model.end())
-            ASSERT_TRUE(i == end);
-        else
+        ASSERT_EQ(j == m_model.end(), i == end);
+        if (j != m_model.end())
             CheckEntry(i.const_deref(), *j);
     }
     static void CheckEntry(const void* entry, const std::pair<const uint64, uint64>& expected) {
         ASSERT_TRUE(IsMadeFrom(ValueAt<K>(entry), expected.first));
-        if constexpr (!T::IS_SET)
+        if constexpr (!T::IS_SET) {
             ASSERT_TRUE(IsMadeFrom(ValueAt<P>(static_cast<const char*>(entry) + sizeof(K)), expected.second));
+        }
     }
 
     std::mt19937_64 m_random;

@@ -1,5 +1,6 @@
 // Trees in a store: which objects each operation marks, what becomes persistent, what is queued for deletion, and trees
 // that come back from the file node by node.
+#include "qxPersistStore/PersistStoreExceptions.h"
 #include "tests/support/Sanitized.h"
 #include "tests/support/TestTree.h"
 #include "tests/support/TestTreeStore.h"

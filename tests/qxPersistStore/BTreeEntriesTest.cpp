@@ -82,6 +82,7 @@ protected:
         InitEntrysBuffer(Bi(), &m_leaf);
         InitEntrysBuffer(Bi(), &m_node);
     }
+    ~BTreeEntries() noexcept override {}
     const CalculatedBTreeTypeInfo& Bi() const { return m_info.m_bi; }
     static void Number(LeafNode& leaf, ssize_t n) {
         for (ssize_t i = 0; i < n; ++i)
@@ -280,6 +281,7 @@ TEST_F(BTreeEntries, ValuesAreMadeAssignedAndEndedThroughTheirTypes) {
 class BTreeReachable : public ::testing::Test {
 protected:
     BTreeReachable() : m_ps(m_store.OpenSpace("s")), m_scope(m_ps) {}
+    ~BTreeReachable() noexcept override {}
 
     TestStore m_store;
     PSpace* m_ps;

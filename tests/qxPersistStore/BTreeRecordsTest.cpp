@@ -2,7 +2,7 @@
 #include "tests/support/TestStore.h"
 #include "tests/support/TestTree.h"
 
-#include "qxPersistStore/src/TypeOpsMap.h"
+#include "qxPersistStore/PersistStoreExceptions.h"
 
 #include <gtest/gtest.h>
 

@@ -8,12 +8,12 @@
 #include "qxObject/TypeOpsArrays.h"
 #include "qxObject/WCSpace.h"
 #include "qxPersistStore/BPlusTree.h"
+#include "qxPersistStore/BTreeEntries.h"
+#include "qxPersistStore/BTreeTypeInfo.h"
+#include "qxPersistStore/InternalNode.h"
+#include "qxPersistStore/LeafNode.h"
 #include "qxPersistStore/pref.h"
-#include "qxPersistStore/src/BTreeEntries.h"
-#include "qxPersistStore/src/BTreeTypeInfo.h"
-#include "qxPersistStore/src/InternalNode.h"
 #include "qxPersistStore/src/KeyAndCrefSlot.h"
-#include "qxPersistStore/src/LeafNode.h"
 
 #include "tests/support/TestTreeTypes.h"
 
@@ -493,6 +493,7 @@ private:
 class TreeDomain {
 public:
     TreeDomain() : m_thread(m_cs.Get()), m_lock(m_cs.Get(), Exclusive) {}
+    ~TreeDomain() noexcept {} // what the ends of its parts throw ends the test's process
     CSpace* Get() const { return m_cs.Get(); }
     ssize_t NumObjects() const { return GetNumObjects(m_cs.Get()); }
 
@@ -507,6 +508,7 @@ template <class K = IntKey, class P = IntKey>
 class TransientTreeTest : public ::testing::Test {
 protected:
     TransientTreeTest() : m_tree(ResolvedInfo<K, P>()) {}
+    ~TransientTreeTest() noexcept override {}
 
     void Build(const Shape& shape, bool stale = false) { TreeBuilder(m_tree, stale).Build(shape); }
     // 10, 20, 30 ... in ascending order.
