@@ -260,8 +260,8 @@ private:
     void MakeFirstLeaf();
     void GrowRoot(KeyAndCrefSlot& rightEntry);
     void InsertIntoRoomyLeaf(wFindRet& ret, LeafNode* leaf, ssize_t insertPos, NewLeafEntry& entry);
-    LeafNode* SplitLeaf(wFindRet& ret, LeafNode* left, ssize_t insertPos, NewLeafEntry& entry,
-                        KeyAndCrefSlot* separator, const _Key* key);
+    LeafNode* SplitLeaf(wFindRet& ret, LeafNode* left, ssize_t insertPos, NewLeafEntry& entry);
+    void UndoSplit(LeafNode* left, LeafNode* right, LeafNode* next);
     bool DeleteInInternalNode(ssize_t height, InternalNode* iThisNode, InternalNode* ilNode, InternalNode* irNode,
                               InternalNode* lAnchor, InternalNode* rAnchor, InternalNode* parent, void*& deleteNode,
                               const _Key* key);

@@ -28,8 +28,8 @@ BPlusTree::Iterator BPlusTree::end() {
 
 // The leaf into which the key leads; null in a tree without nodes.
 LeafNode* BPlusTree::FindLeaf(const CalculatedBTreeTypeInfo& bi, const _Key* key) const {
-    void* node = GetRoot();
     QX_ASSERT(m_height >= 0);
+    void* node = GetRoot();
     QX_ASSERT(node);
     for (ssize_t height = m_height; height > 0; --height) {
         const auto* const inner = cast_ptr<InternalNode>(node);

@@ -3,7 +3,10 @@
 #include "qxObject/RegisterProject.h"
 #include "qxObject/Registry.h"
 #include "qxObject/TypeOpsArrays.h"
+#include "qxPersistStore/BPlusTree.h"
 #include "qxPersistStore/IPersistStore.h"
+#include "qxPersistStore/InternalNode.h"
+#include "qxPersistStore/LeafNode.h"
 #include "qxPersistStore/pref.h"
 #include "qxPersistStore/src/ReflectedFunctions.h"
 #include "qxPersistStore/src/ReflectedStoreClasses.h"
@@ -26,6 +29,9 @@ using RegisterItemFn = void (*)(XTarget* target);
 
 // In the order of registration.
 constexpr RegisterItemFn REGISTER_ITEMS[] = {
+    &_Register_BPlusTree,
+    &_Register_InternalNode,
+    &_Register_LeafNode,
     &_Register_ClassNameTranslation,
     &_Register_ClassNameTranslationTable,
     &_Register_EAsyncBindResult,

@@ -277,7 +277,7 @@ TEST(LibrarySurfaceWithoutAStore, TypeLookUpsNeedASpace) {
 TEST(Registration, EachPublicItemIsFoundByItsName) {
     RegisterTestObjects();
     for (const char* name :
-         {"PersistStore", "PSpace", "PersistStoreTxn", "OID", "PersistObjState", "ClassNameTranslation",
+         {"BPlusTree", "InternalNode", "LeafNode", "PersistStore", "PSpace", "PersistStoreTxn", "OID", "PersistObjState", "ClassNameTranslation",
           "ClassNameTranslationTable", "LssSettings", "PersistStoreSettings", "PSpaceLockMode", "MAsyncBind", "BcTypeOps"})
         EXPECT_NE(nullptr, FindReflectedClass((std::string("quna::") + name).c_str())) << name;
     for (const char* name : {"IPersistable", "IAsyncBindRequestHandler", "IPrefVisitor"})
