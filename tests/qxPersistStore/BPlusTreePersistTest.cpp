@@ -1,5 +1,6 @@
 // Trees in a store: which objects each operation marks, what becomes persistent, what is queued for deletion, and trees
 // that come back from the file node by node.
+#include "qxObject/ReflectionByteCodeValue.h"
 #include "qxPersistStore/PersistStoreExceptions.h"
 #include "tests/support/Sanitized.h"
 #include "tests/support/TestTree.h"
@@ -421,6 +422,29 @@ TEST_F(BPlusTreePersist, ATreeOfForeignTypeIdsFailsAtItsUseAndTheStoreIsUnharmed
     EXPECT_EQ(-1, foreign->m_height);
     Reopen();
     EXPECT_THROW(PutKey(Tree("foreign"), IntKey{1}), BadTypeOpsIdException);
+    ExpectSound(Tree());
+}
+
+TEST_F(BPlusTreePersist, ATreeOfATypeThatThisProcessDoesNotHaveFailsAtItsUseAndTheStoreIsUnharmed) {
+    BuiltTree({50, 50});
+    // Written while the type was known.
+    static const octet_t s_code[] = {0x60, 0};
+    static const ConstStringZ s_names[] = {"quna::tree_test::Unknown"};
+    BTreeTypeInfo info;
+    info.m_keyTid = GetTypeOpsId(m_store.Get(), ReflectionByteCodeValue(ReflectionByteCode(s_code, s_names, nullptr), false),
+                                 TreeOpsOf<IntKey>());
+    auto* const unknown = NewObject<BPlusTree>(info);
+    m_ps->AddRoot("unknown", unknown);
+    EXPECT_TRUE(PutKey(*unknown, IntKey{1}));
+    Reopen();
+    constexpr ConstStringZ TEXT = "TypeOps not found for quna::tree_test::Unknown";
+    ExpectException<TypeOpsNotFoundException>(TEXT, [&] { Has(Tree("unknown"), IntKey{1}); });
+    ExpectException<TypeOpsNotFoundException>(TEXT, [&] { PutKey(Tree("unknown"), IntKey{2}); });
+    ExpectException<TypeOpsNotFoundException>(TEXT, [&] { Remove(Tree("unknown"), IntKey{1}); });
+    EXPECT_EQ(1, Tree("unknown").size());
+    ExpectSound(Tree());
+    Reopen();
+    EXPECT_EQ(1, Tree("unknown").size());
     ExpectSound(Tree());
 }
 
