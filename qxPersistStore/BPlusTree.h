@@ -71,7 +71,7 @@ public:
 
     // A position. Good as long as its leaf stays in memory and the tree isn't changed. Stepping from leaf to leaf may
     // load. The end is the last leaf with its count; without nodes null and 0.
-    class Iterator {
+    class QX_API Iterator {
     public:
         Iterator() = default;
         Iterator(LeafNode* leaf, ssize_t offset) : m_leaf(leaf), m_offset(offset) {}
@@ -113,23 +113,8 @@ public:
         ssize_t m_offset = 0; // index of the entry
 
     private:
-        void ToNextLeaf() {
-            if (LeafNode* const leaf = m_leaf->m_next.Get()) {
-                // The chain is read one leaf ahead, so that its memory is there when it is wanted.
-                if (const LeafNode* const after = leaf->m_next.GetBoundPtr()) {
-                    __builtin_prefetch(&after->m_numKeyEntrys);
-                    __builtin_prefetch(&after->m_bti);
-                }
-                m_leaf = leaf;
-                m_offset = 0;
-            }
-        }
-        void ToPrevLeaf() {
-            if (LeafNode* const leaf = m_leaf->m_prev.Get()) {
-                m_leaf = leaf;
-                m_offset = leaf->m_numKeyEntrys - 1;
-            }
-        }
+        void ToNextLeaf();
+        void ToPrevLeaf();
     };
 
     BPlusTree() = default; // for the object system, just before Deserialise
@@ -278,6 +263,10 @@ private:
         if (m_rootOfChain && m_rootOfChain != m_root.GetBoundPtr()) [[unlikely]]
             RepairChainAfterDeepCopy();
     }
+
+    // Before a position is handed out through which the caller may write. Readers beside each other repair nothing: what
+    // the old chain shows them is equal.
+    void EnsureChainIfExclusive() const;
 
     // The root whose leaves the chain is known to link. Set by copying only, null otherwise, since nothing but the deep
     // copy, which begins with a copy, ever changes the root from outside. Not stored.

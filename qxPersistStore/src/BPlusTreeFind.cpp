@@ -17,16 +17,62 @@ constexpr ConstStringZ SOURCE_PATH = "src/BPlusTree2";
 
 } // namespace
 
-BPlusTree::Iterator BPlusTree::begin() { return Iterator(m_firstLeaf.Get(), 0); }
+// ---- Positions ------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// A scan reads the chain two leaves ahead: the entries of the next leaf, and the header of the one behind, which names its
+// entries when the scan gets there.
+void PrefetchBehind(const LeafNode* leaf) {
+    const LeafNode* const next = leaf->m_next.GetBoundPtr();
+    if (!next) return;
+    PrefetchKeys(reinterpret_cast<const _KeyAndPayload*>(next->m_entrys.data()), next->m_entrys.size() / 2);
+    if (const LeafNode* const behind = next->m_next.GetBoundPtr()) {
+        __builtin_prefetch(behind);
+        __builtin_prefetch(&behind->m_numKeyEntrys);
+        __builtin_prefetch(&behind->m_bti.m_bi);
+    }
+}
+
+} // namespace
+
+void BPlusTree::Iterator::ToNextLeaf() {
+    LeafNode* const leaf = m_leaf->m_next.Get();
+    if (!leaf) return;
+    PrefetchBehind(leaf);
+    m_leaf = leaf;
+    m_offset = 0;
+}
+
+void BPlusTree::Iterator::ToPrevLeaf() {
+    LeafNode* const leaf = m_leaf->m_prev.Get();
+    if (!leaf) return;
+    m_leaf = leaf;
+    m_offset = leaf->m_numKeyEntrys - 1;
+}
+
+void BPlusTree::EnsureChainIfExclusive() const {
+    if (!m_rootOfChain || m_rootOfChain == m_root.GetBoundPtr()) [[likely]]
+        return;
+    if (HaveExclusiveLockedCSpace()) EnsureChain();
+}
+
+BPlusTree::Iterator BPlusTree::begin() {
+    EnsureChainIfExclusive();
+    return Iterator(m_firstLeaf.Get(), 0);
+}
 
 BPlusTree::Iterator BPlusTree::end() {
     if (m_height < 0) return Iterator();
+    EnsureChainIfExclusive();
     QX_ASSERT(m_lastLeaf);
     LeafNode* const leaf = m_lastLeaf.Get();
     return Iterator(leaf, leaf->m_numKeyEntrys);
 }
 
-// The leaf into which the key leads; null in a tree without nodes.
+// ---- Search ---------------------------------------------------------------------------------------------------------
+
+// The leaf into which the key leads. Requires: the tree has nodes.
 LeafNode* BPlusTree::FindLeaf(const CalculatedBTreeTypeInfo& bi, const _Key* key) const {
     QX_ASSERT(m_height >= 0);
     void* node = GetRoot();
@@ -61,6 +107,7 @@ BPlusTree::Iterator PositionOf(LeafNode* node, ssize_t j) {
 
 BPlusTree::Iterator BPlusTree::find(const _Key* key) {
     if (HasNoNodes(*this)) return Iterator();
+    EnsureChainIfExclusive();
     const CalculatedBTreeTypeInfo& bi = GetCalculatedBTreeTypeInfo();
     LeafNode* const leaf = FindLeaf(bi, key);
     const ssize_t i = SearchLeaf(bi, leaf, key);
@@ -85,6 +132,7 @@ const _Payload* BPlusTree::operator[](const _Key* key) const {
 
 BPlusTree::Iterator BPlusTree::lower_bound(const _Key* key) {
     if (HasNoNodes(*this)) return end();
+    EnsureChainIfExclusive();
     const CalculatedBTreeTypeInfo& bi = GetCalculatedBTreeTypeInfo();
     LeafNode* const leaf = FindLeaf(bi, key);
     return PositionOf(leaf, LowerBoundInLeaf(bi, leaf, key));
@@ -92,6 +140,7 @@ BPlusTree::Iterator BPlusTree::lower_bound(const _Key* key) {
 
 BPlusTree::Iterator BPlusTree::upper_bound(const _Key* key) {
     if (HasNoNodes(*this)) return end();
+    EnsureChainIfExclusive();
     const CalculatedBTreeTypeInfo& bi = GetCalculatedBTreeTypeInfo();
     LeafNode* const leaf = FindLeaf(bi, key);
     return PositionOf(leaf, UpperBoundInLeaf(bi, leaf, key));

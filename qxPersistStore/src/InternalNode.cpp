@@ -13,8 +13,6 @@ namespace quna {
 
 namespace {
 
-constexpr ConstStringZ SOURCE_PATH = "src/BPlusTree2";
-
 constexpr int LATEST_SCHEMA = 2;
 
 } // namespace
