@@ -2,10 +2,10 @@
 #include "tests/support/ExpectAssertion.h"
 #include "tests/support/TestTree.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

@@ -2,9 +2,9 @@
 #include "tests/support/ExpectAssertion.h"
 #include "tests/support/TestTree.h"
 
-#include <gtest/gtest.h>
-
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -130,8 +130,7 @@ TEST_F(BPlusTreeFind, EveryKeyOfATreeOfThreeLevelsIsFoundAndNoOther) {
 
 TEST_F(BPlusTreeFind, StaleSeparatorsLeadToTheRightLeaf) {
     Build({50, 50, 50}, true); // separators 507 and 1007
-    for (IntKey key = 10; key <= 1500; key += 10)
-        ASSERT_EQ(key + 1, (Get<IntKey>(m_tree, key)));
+    for (IntKey key = 10; key <= 1500; key += 10) ASSERT_EQ(key + 1, (Get<IntKey>(m_tree, key)));
     EXPECT_FALSE(Has(m_tree, IntKey{508}));
 }
 

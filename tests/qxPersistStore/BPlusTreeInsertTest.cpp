@@ -2,11 +2,11 @@
 #include "tests/support/ExpectAssertion.h"
 #include "tests/support/TestTree.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstring>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -257,7 +257,8 @@ TEST_P(FullRootInsert, AnInternalSplitGivesFiftyFiftyAndOneThatRises) {
     ExpectSound(m_tree);
 }
 
-INSTANTIATE_TEST_SUITE_P(AtEveryInterestingPosition, FullRootInsert, ::testing::Values(0, 1, 48, 49, 50, 51, 52, 98, 99, 100));
+INSTANTIATE_TEST_SUITE_P(AtEveryInterestingPosition, FullRootInsert,
+                         ::testing::Values(0, 1, 48, 49, 50, 51, 52, 98, 99, 100));
 
 TEST_F(BPlusTreeInsert, AnEntryAtPosition50OfAFullNodeRisesItself) {
     Build(FullRoot(50));
@@ -505,8 +506,10 @@ TEST_F(BPlusTreeInsert, TheStepsOfTheWritePathCheckTheirSlots) {
                     [&] { TreeInternals::RecursiveFind(m_tree, ret, nullptr, 1, AsKey(key), empty, true); });
     ExpectAssertion("rightEntry.empty()", "src/BPlusTree2",
                     [&] { TreeInternals::RecursiveFind(m_tree, ret, root, 1, AsKey(key), filled, true); });
-    ExpectAssertion("left", "src/BPlusTree2", [&] { TreeInternals::InsertIntoInternalNode(m_tree, nullptr, filled, empty); });
-    ExpectAssertion("!e.empty()", "src/BPlusTree2", [&] { TreeInternals::InsertIntoInternalNode(m_tree, root, empty, empty); });
+    ExpectAssertion("left", "src/BPlusTree2",
+                    [&] { TreeInternals::InsertIntoInternalNode(m_tree, nullptr, filled, empty); });
+    ExpectAssertion("!e.empty()", "src/BPlusTree2",
+                    [&] { TreeInternals::InsertIntoInternalNode(m_tree, root, empty, empty); });
     ExpectAssertion("overflow.empty()", "src/BPlusTree2",
                     [&] { TreeInternals::InsertIntoInternalNode(m_tree, root, filled, filled); });
     root->m_numKeyEntrys = 0;

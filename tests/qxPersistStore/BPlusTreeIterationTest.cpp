@@ -3,10 +3,10 @@
 #include "tests/support/TestTree.h"
 #include "tests/support/TestTreeStore.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

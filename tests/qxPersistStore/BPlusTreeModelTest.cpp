@@ -4,13 +4,13 @@
 #include "tests/support/TestTree.h"
 #include "tests/support/TestTreeStore.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <map>
 #include <random>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -105,8 +105,7 @@ private:
         } else {
             const uint64 payload = Random(200);
             ASSERT_EQ(isNew, Put(tree, key, Made<P>::From(payload), replace));
-            if (isNew || replace)
-                m_model[n] = payload;
+            if (isNew || replace) m_model[n] = payload;
         }
     }
     void Erase(BPlusTree& tree, uint64 n) {
@@ -118,8 +117,7 @@ private:
         const auto i = tree.lower_bound(AsKey(key));
         const auto j = m_model.lower_bound(n);
         ASSERT_EQ(j == m_model.end(), i == tree.end());
-        if (j == m_model.end())
-            return;
+        if (j == m_model.end()) return;
         tree.erase(i);
         m_model.erase(j);
     }
@@ -137,8 +135,7 @@ private:
     }
     void CheckBound(BPlusTree::Iterator i, BPlusTree::Iterator end, std::map<uint64, uint64>::const_iterator j) {
         ASSERT_EQ(j == m_model.end(), i == end);
-        if (j != m_model.end())
-            CheckEntry(i.const_deref(), *j);
+        if (j != m_model.end()) CheckEntry(i.const_deref(), *j);
     }
     static void CheckEntry(const void* entry, const std::pair<const uint64, uint64>& expected) {
         ASSERT_TRUE(IsMadeFrom(ValueAt<K>(entry), expected.first));
@@ -154,12 +151,11 @@ private:
 // Grows, holds, shrinks, and empties.
 constexpr unsigned GROWTHS[] = {90, 50, 20, 60, 10, 0};
 
-using AllTypes =
-    ::testing::Types<Types<uint8, void, 256>, Types<uint8, uint8, 256>, Types<uint8, xstring, 256>,
-                     Types<Key3, void, 2000>, Types<Key3, uint64, 2000>, Types<uint32, uint32, 2000>,
-                     Types<uint64, uint64, 2000>, Types<uint64, void, 2000>, Types<Key24, uint8, 2000>,
-                     Types<Key24, void, 1000>, Types<xstring, void, 1000>, Types<xstring, uint64, 1000>,
-                     Types<xstring, xstring, 1000>, Types<uint32, Key24, 2000>>;
+using AllTypes = ::testing::Types<Types<uint8, void, 256>, Types<uint8, uint8, 256>, Types<uint8, xstring, 256>,
+                                  Types<Key3, void, 2000>, Types<Key3, uint64, 2000>, Types<uint32, uint32, 2000>,
+                                  Types<uint64, uint64, 2000>, Types<uint64, void, 2000>, Types<Key24, uint8, 2000>,
+                                  Types<Key24, void, 1000>, Types<xstring, void, 1000>, Types<xstring, uint64, 1000>,
+                                  Types<xstring, xstring, 1000>, Types<uint32, Key24, 2000>>;
 
 template <class T>
 class BPlusTreeModel : public ::testing::Test {
@@ -175,8 +171,7 @@ TYPED_TEST(BPlusTreeModel, AfterEveryStepTheTreeIsSoundAndAgrees) {
         for (uint64 i = 0; i < TypeParam::NUM_KEYS / 2 / SLOWNESS; ++i) {
             pair.Step(tree, growth);
             ExpectSound(tree);
-            if (i % 100 == 0)
-                pair.CheckAll(tree);
+            if (i % 100 == 0) pair.CheckAll(tree);
             ASSERT_FALSE(this->HasFailure()) << "seed 1, growth " << growth << ", step " << i;
         }
     pair.CheckAll(tree);
@@ -195,8 +190,7 @@ TEST_P(BPlusTreeTallModel, ManyEntriesComeAndGo) {
         for (uint64 i = 0; i < 20000 / SLOWNESS; ++i) {
             pair.Step(tree, growth);
             height = std::max(height, tree.m_height);
-            if (i % 1000 != 0)
-                continue;
+            if (i % 1000 != 0) continue;
             ExpectSound(tree);
             pair.CheckAll(tree);
             ASSERT_FALSE(HasFailure()) << "seed " << GetParam() << ", growth " << growth << ", step " << i;
@@ -217,8 +211,7 @@ TEST(BPlusTreeValuesModel, EachValueLivesOnceInTheTree) {
         for (unsigned growth : GROWTHS)
             for (uint64 i = 0; i < 3000 / SLOWNESS; ++i) {
                 pair.Step(tree, growth);
-                if (i % 50 != 0)
-                    continue;
+                if (i % 50 != 0) continue;
                 ExpectSound(tree);
                 ssize_t separators = 0;
                 for (const ptr<IPersistable>& node : NodesOf(tree))
@@ -235,10 +228,10 @@ TEST(BPlusTreeValuesModel, EachValueLivesOnceInTheTree) {
 template <class T>
 class BPlusTreeStoredModel : public PersistentTreeTest {};
 
-using StoredTypes = ::testing::Types<Types<uint8, uint8, 256>, Types<Key3, uint64, 2000>, Types<uint64, uint64, 2000>,
-                                     Types<Key24, void, 1000>, Types<xstring, xstring, 1000>,
-                                     Types<uint64, cref<TestLeaf>, 1000>, Types<Key3, cref<TestLeaf>, 1000>,
-                                     Types<CountedValue, CountedValue, 1000>>;
+using StoredTypes =
+    ::testing::Types<Types<uint8, uint8, 256>, Types<Key3, uint64, 2000>, Types<uint64, uint64, 2000>,
+                     Types<Key24, void, 1000>, Types<xstring, xstring, 1000>, Types<uint64, cref<TestLeaf>, 1000>,
+                     Types<Key3, cref<TestLeaf>, 1000>, Types<CountedValue, CountedValue, 1000>>;
 TYPED_TEST_SUITE(BPlusTreeStoredModel, StoredTypes);
 
 TYPED_TEST(BPlusTreeStoredModel, WritesCollectionsAndRestartsInBetweenChangeNothing) {
@@ -247,16 +240,11 @@ TYPED_TEST(BPlusTreeStoredModel, WritesCollectionsAndRestartsInBetweenChangeNoth
     for (unsigned growth : GROWTHS)
         for (uint64 i = 0; i < TypeParam::NUM_KEYS / 2 / SLOWNESS; ++i) {
             pair.Step(this->Tree(), growth);
-            if (i % 61 == 0)
-                this->WriteAll();
-            if (i % 97 == 0)
-                this->Evict();
-            if (i % 193 == 0)
-                this->Reopen();
-            if (i % 20 == 0)
-                ExpectSound(this->Tree());
-            if (i % 200 == 0)
-                pair.CheckAll(this->Tree());
+            if (i % 61 == 0) this->WriteAll();
+            if (i % 97 == 0) this->Evict();
+            if (i % 193 == 0) this->Reopen();
+            if (i % 20 == 0) ExpectSound(this->Tree());
+            if (i % 200 == 0) pair.CheckAll(this->Tree());
             ASSERT_FALSE(this->HasFailure()) << "seed 11, growth " << growth << ", step " << i;
         }
     this->Reopen();

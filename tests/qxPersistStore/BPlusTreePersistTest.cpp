@@ -6,11 +6,11 @@
 #include "tests/support/TestTree.h"
 #include "tests/support/TestTreeStore.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <random>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -28,8 +28,7 @@ protected:
         EXPECT_EQ(Objects{}, DirtyOf(objects));
         action();
         for (const ptr<IPersistable>& object : AllOf(tree))
-            if (std::find(objects.begin(), objects.end(), object) == objects.end())
-                objects.push_back(object);
+            if (std::find(objects.begin(), objects.end(), object) == objects.end()) objects.push_back(object);
         return DirtyOf(objects);
     }
     static LeafNode* Leaf(BPlusTree& tree, std::size_t i) { return LeavesOf(tree)[i]; }
@@ -133,7 +132,8 @@ TEST_F(BPlusTreeMarks, ADeletionWithoutARepairMarksTheTreeAndTheLeaf) {
 
 TEST_F(BPlusTreeMarks, ALeafBalanceMarksBothLeavesAndTheAnchor) {
     BPlusTree& tree = BuiltTree({50, 50, 51});
-    EXPECT_EQ((Objects{&tree, Leaf(tree, 1), Leaf(tree, 2), &RootNode(tree)}), Marked(tree, [&] { DeleteFrom(tree, 1); }));
+    EXPECT_EQ((Objects{&tree, Leaf(tree, 1), Leaf(tree, 2), &RootNode(tree)}),
+              Marked(tree, [&] { DeleteFrom(tree, 1); }));
     EXPECT_TRUE(Requested().empty());
 }
 
@@ -156,8 +156,8 @@ TEST_F(BPlusTreeMarks, AnInternalBalanceMarksTheAnchorAndBothNodes) {
     InternalNode& root = RootNode(tree);
     // In the middle node a leaf merges into its left sibling first.
     const std::size_t victim = 51 + 20;
-    const Objects expected = {&tree, Leaf(tree, victim - 1), Leaf(tree, victim), Leaf(tree, victim + 1), &root,
-                              ChildAt(root, 0), ChildAt(root, 1)};
+    const Objects expected = {&tree, Leaf(tree, victim - 1), Leaf(tree, victim), Leaf(tree, victim + 1),
+                              &root, ChildAt(root, 0),       ChildAt(root, 1)};
     EXPECT_EQ(expected, Marked(tree, [&] { DeleteFrom(tree, victim); }));
     EXPECT_EQ(1u, Requested().size());
 }
@@ -168,8 +168,8 @@ TEST_F(BPlusTreeMarks, AnInternalMergeQueuesTheLeafThenTheNode) {
     const std::size_t victim = 51 + 20;
     LeafNode* const goneLeaf = Leaf(tree, victim);
     auto* const goneNode = &InternalChild(root, 0);
-    const Objects expected = {&tree, Leaf(tree, victim - 1), goneLeaf, Leaf(tree, victim + 1), &root,
-                              ChildAt(root, -1), goneNode};
+    const Objects expected = {&tree, Leaf(tree, victim - 1), goneLeaf, Leaf(tree, victim + 1),
+                              &root, ChildAt(root, -1),      goneNode};
     EXPECT_EQ(expected, Marked(tree, [&] { DeleteFrom(tree, victim); }));
     EXPECT_EQ((std::vector<OID>{GetOid(goneLeaf), GetOid(goneNode)}), Requested());
 }
@@ -431,8 +431,9 @@ TEST_F(BPlusTreePersist, ATreeOfATypeThatThisProcessDoesNotHaveFailsAtItsUseAndT
     static const octet_t s_code[] = {0x60, 0};
     static const ConstStringZ s_names[] = {"quna::tree_test::Unknown"};
     BTreeTypeInfo info;
-    info.m_keyTid = GetTypeOpsId(m_store.Get(), ReflectionByteCodeValue(ReflectionByteCode(s_code, s_names, nullptr), false),
-                                 TreeOpsOf<IntKey>());
+    info.m_keyTid =
+        GetTypeOpsId(m_store.Get(), ReflectionByteCodeValue(ReflectionByteCode(s_code, s_names, nullptr), false),
+                     TreeOpsOf<IntKey>());
     auto* const unknown = NewObject<BPlusTree>(info);
     m_ps->AddRoot("unknown", unknown);
     EXPECT_TRUE(PutKey(*unknown, IntKey{1}));
@@ -450,8 +451,7 @@ TEST_F(BPlusTreePersist, ATreeOfATypeThatThisProcessDoesNotHaveFailsAtItsUseAndT
 
 TEST_F(BPlusTreePersist, ATreeWithoutTypeIdsIsNotWritten) {
     BPlusTree tree;
-    ExpectAssertion("1 <= bti.m_keyTid", "src/BPlusTree2",
-                    [&] { Written([&](Archive& ar) { tree.Serialise(ar); }); });
+    ExpectAssertion("1 <= bti.m_keyTid", "src/BPlusTree2", [&] { Written([&](Archive& ar) { tree.Serialise(ar); }); });
 }
 
 TEST_F(BPlusTreePersist, ADamagedCountInTheFileIsRefusedAndTheOtherNodesAreRead) {

@@ -1,13 +1,12 @@
 // The two printed forms, the number of nodes, and what Validate finds and what it deliberately does not.
+#include "qxUtils/xostream.h"
 #include "tests/support/ExpectAssertion.h"
 #include "tests/support/TestTree.h"
 #include "tests/support/TestTreeStore.h"
 
-#include "qxUtils/xostream.h"
+#include <string>
 
 #include <gtest/gtest.h>
-
-#include <string>
 
 namespace quna {
 namespace {
@@ -129,7 +128,8 @@ TEST_F(BPlusTreePrint, CountingChecksNodesAndCounts) {
 class BPlusTreeValidate : public TransientTreeTest<> {
 protected:
     void ExpectFault(const std::string& text, int line = __builtin_LINE()) {
-        ExpectAssertion(text, PATH, [&] { m_tree.Validate(); }, __FILE__, line);
+        ExpectAssertion(
+            text, PATH, [&] { m_tree.Validate(); }, __FILE__, line);
     }
 };
 

@@ -1,13 +1,12 @@
 // The records of the three classes in the registry.
+#include "qxObject/ReflectedClass.h"
+#include "qxObject/Registry.h"
 #include "tests/support/TestStore.h"
 #include "tests/support/TestTree.h"
 
-#include "qxObject/ReflectedClass.h"
-#include "qxObject/Registry.h"
+#include <memory>
 
 #include <gtest/gtest.h>
-
-#include <memory>
 
 namespace quna {
 namespace {

@@ -3,11 +3,11 @@
 #include "tests/support/ExpectAssertion.h"
 #include "tests/support/TestTree.h"
 
-#include <gtest/gtest.h>
-
 #include <functional>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -195,8 +195,14 @@ protected:
 };
 
 TEST_F(InternalRepairChecks, TheNodesAreChecked) {
-    ExpectFromAll("left", [&] { m_left = nullptr; m_right = nullptr; });
-    ExpectFromAll("right", [&] { m_right = nullptr; m_anchor = nullptr; });
+    ExpectFromAll("left", [&] {
+        m_left = nullptr;
+        m_right = nullptr;
+    });
+    ExpectFromAll("right", [&] {
+        m_right = nullptr;
+        m_anchor = nullptr;
+    });
     ExpectFromAll("anchor", [&] { m_anchor = nullptr; });
 }
 
@@ -204,9 +210,8 @@ TEST_F(InternalRepairChecks, TheSeparatorMustLieBetweenTheTwo) {
     // In front of all separators.
     ExpectFromAll("0 <= ai && ai < anchor->m_numKeyEntrys", [&] { SetKeyAt<IntKey>(*m_anchor, 0, 100000); });
     // Not above the left node's last key.
-    ExpectFromAll("Key(bi).Less(member_key(GetEntry(bi,left,nL-1)), anchorKey)", [&] {
-        SetKeyAt<IntKey>(*m_anchor, 0, KeyAt<IntKey>(*m_left, m_left->m_numKeyEntrys - 1));
-    });
+    ExpectFromAll("Key(bi).Less(member_key(GetEntry(bi,left,nL-1)), anchorKey)",
+                  [&] { SetKeyAt<IntKey>(*m_anchor, 0, KeyAt<IntKey>(*m_left, m_left->m_numKeyEntrys - 1)); });
     // Not below the right node's first key.
     ExpectFromAll("Key(bi).Less(anchorKey, member_key(GetEntry(bi,right,0)))",
                   [&] { SetKeyAt<IntKey>(*m_anchor, 0, KeyAt<IntKey>(*m_right, 0)); });
@@ -320,10 +325,8 @@ TEST_F(DescentChecks, ALeafWithAnImpossibleCountIsRefused) {
 TEST_F(DescentChecks, AMergeNeedsANeighbourUnderTheSameParent) {
     Build({50, 50});
     InternalNode other(m_tree.m_bti);
-    ExpectFault("parent == rAnchor", {.node = Leaves()[0],
-                                      .right = Leaves()[1],
-                                      .rightAnchor = &other,
-                                      .parent = &RootNode(m_tree)});
+    ExpectFault("parent == rAnchor",
+                {.node = Leaves()[0], .right = Leaves()[1], .rightAnchor = &other, .parent = &RootNode(m_tree)});
 }
 
 TEST_F(DescentChecks, ChildrenMustBeThereAndStandOnce) {

@@ -4,13 +4,13 @@
 #include "tests/support/TestTree.h"
 #include "tests/support/TestTreeStore.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <functional>
 #include <random>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -130,7 +130,8 @@ TEST_F(BPlusTreeThreads, ReadersSeeEachChangeWholeWhileTheTreeIsChangedWrittenAn
     };
     std::thread r1([&] { reader(1); });
     std::thread r2([&] { reader(2); });
-    RunTogether({[&] { changer(3); }, [&] {
+    RunTogether({[&] { changer(3); },
+                 [&] {
                      for (int i = 0; i < 20; ++i) SynchronousGc(m_ps->GetCSpace());
                  }});
     stop = true;

@@ -2,10 +2,10 @@
 #include "tests/support/TestStore.h"
 #include "tests/support/TestTree.h"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -85,13 +85,11 @@ protected:
     ~BTreeEntries() noexcept override {}
     const CalculatedBTreeTypeInfo& Bi() const { return m_info.m_bi; }
     static void Number(LeafNode& leaf, ssize_t n) {
-        for (ssize_t i = 0; i < n; ++i)
-            SetKeyAt(leaf, i, Key3(static_cast<uint64>(i)));
+        for (ssize_t i = 0; i < n; ++i) SetKeyAt(leaf, i, Key3(static_cast<uint64>(i)));
     }
     static std::vector<uint64> Numbers(const LeafNode& leaf, ssize_t from, ssize_t n) {
         std::vector<uint64> numbers;
-        for (ssize_t i = from; i < from + n; ++i)
-            numbers.push_back(KeyAt<Key3>(leaf, i).Number());
+        for (ssize_t i = from; i < from + n; ++i) numbers.push_back(KeyAt<Key3>(leaf, i).Number());
         return numbers;
     }
 
@@ -113,7 +111,8 @@ TEST_F(BTreeEntries, SizesAndOffsetsComeFromTheTypes) {
     EXPECT_EQ(static_cast<void*>(reinterpret_cast<char*>(entry) + 3), static_cast<void*>(member_payload(Bi(), entry)));
     auto* const internal = GetEntry(Bi(), &m_node, 1);
     EXPECT_EQ(static_cast<void*>(internal), static_cast<void*>(member_key(internal)));
-    EXPECT_EQ(static_cast<void*>(reinterpret_cast<char*>(internal) + 3), static_cast<void*>(member_cref(Bi(), internal)));
+    EXPECT_EQ(static_cast<void*>(reinterpret_cast<char*>(internal) + 3),
+              static_cast<void*>(member_cref(Bi(), internal)));
 }
 
 TEST_F(BTreeEntries, AnUnresolvedDescriptorIsRefused) {
@@ -169,8 +168,7 @@ TEST_F(BTreeEntries, EntriesShiftUpAndDownOverEachOther) {
     ShiftLeafEntries(Bi(), &m_leaf, 2, 0, 4);
     EXPECT_EQ((std::vector<uint64>{1, 2, 3, 4, 3, 4}), Numbers(m_leaf, 0, 6));
     ShiftLeafEntries(Bi(), &m_leaf, 100, 99, 0); // none: an end position may be named
-    for (ssize_t i = 0; i < 3; ++i)
-        SetKeyAt(m_node, i, Key3(static_cast<uint64>(i)));
+    for (ssize_t i = 0; i < 3; ++i) SetKeyAt(m_node, i, Key3(static_cast<uint64>(i)));
     ShiftInternalEntries(Bi(), &m_node, 0, 1, 3);
     EXPECT_EQ(0u, KeyAt<Key3>(m_node, 1).Number());
     EXPECT_EQ(2u, KeyAt<Key3>(m_node, 3).Number());
@@ -207,7 +205,9 @@ TEST_F(BTreeEntries, EntriesCompareByKeyThenPayload) {
         std::memcpy(bytes.data() + 3, &payload, 2);
         return bytes;
     };
-    const auto at = [](const std::vector<char>& bytes) { return reinterpret_cast<const _KeyAndPayload*>(bytes.data()); };
+    const auto at = [](const std::vector<char>& bytes) {
+        return reinterpret_cast<const _KeyAndPayload*>(bytes.data());
+    };
     const auto a1 = entry(1, 5);
     const auto a2 = entry(1, 6);
     const auto b = entry(2, 0);
@@ -290,9 +290,8 @@ protected:
 
 TEST_F(BTreeReachable, NeedsAParent) {
     const cref<TestLeaf> child;
-    ExpectAssertion("parent", "src/BPlusTree2", [&] {
-        DeclareVariableReachable(TreeOpsOf<cref<TestLeaf>>(), ptr<const IPersistable>(), &child);
-    });
+    ExpectAssertion("parent", "src/BPlusTree2",
+                    [&] { DeclareVariableReachable(TreeOpsOf<cref<TestLeaf>>(), ptr<const IPersistable>(), &child); });
 }
 
 TEST_F(BTreeReachable, ATransientParentReachesNothing) {

@@ -1,13 +1,12 @@
 // The three records of a tree, byte by byte, the visitors, and what reading a record does to a node.
+#include "qxPersistStore/PersistStoreExceptions.h"
 #include "tests/support/TestStore.h"
 #include "tests/support/TestTree.h"
 
-#include "qxPersistStore/PersistStoreExceptions.h"
-
-#include <gtest/gtest.h>
-
 #include <set>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -132,10 +131,12 @@ TEST_F(BTreeRecords, SchemaOneOfATreeHasNativeNumbersAndTheTrueHeight) {
 TEST_F(BTreeRecords, ImpossibleNumbersOfATreeAreRefused) {
     StoredInfo<uint8, uint16>();
     BPlusTree read;
-    ExpectAssertion("m_size >= 0", "src/BPlusTree2",
-                    [&] { Read(read, Bytes{1, 1, 2} + Native(-1) + Bytes{0, 0, 0} + Native(-1)); });
-    ExpectAssertion("m_height >= -1", "src/BPlusTree2",
-                    [&] { Read(read, Bytes{1, 1, 2} + Native(0) + Bytes{0, 0, 0} + Native(-2)); });
+    ExpectAssertion("m_size >= 0", "src/BPlusTree2", [&] {
+        Read(read, Bytes{1, 1, 2} + Native(-1) + Bytes{0, 0, 0} + Native(-1));
+    });
+    ExpectAssertion("m_height >= -1", "src/BPlusTree2", [&] {
+        Read(read, Bytes{1, 1, 2} + Native(0) + Bytes{0, 0, 0} + Native(-2));
+    });
     ExpectAssertion("1 <= bti.m_keyTid", "src/BPlusTree2", [&] { Read(read, {2, 0, 2, 0, 0, 0, 0, 0}); });
 }
 
@@ -223,8 +224,8 @@ TEST_F(BTreeRecords, SchemaOneOfANodeHasANativeCount) {
 
 TEST_F(BTreeRecords, ImpossibleCountsOfANodeAreRefused) {
     StoredInfo<uint8, uint16>();
-    for (const Bytes& count : {Bytes{2, 1, 2, 0, 0, 101}, Bytes{1, 1, 2, 0, 0} + Native(-1),
-                               Bytes{1, 1, 2, 0, 0} + Native(101)}) {
+    for (const Bytes& count :
+         {Bytes{2, 1, 2, 0, 0, 101}, Bytes{1, 1, 2, 0, 0} + Native(-1), Bytes{1, 1, 2, 0, 0} + Native(101)}) {
         auto* const leaf = NewObject<LeafNode>();
         ExpectAssertion("0 <= n && n <= 100", "src/BPlusTree2", [&] { Read(*leaf, count); });
         EXPECT_EQ(0, leaf->m_numKeyEntrys);
@@ -391,8 +392,7 @@ TEST_F(BTreeRecords, ACopiedNodeOfValuesWithDestructorsHasItsOwn) {
 
 struct SeenPrefs final : IPrefVisitor {
     void VisitPref(const prefbase& pref) override {
-        if (const OID oid = pref.GetOid())
-            m_lows.push_back(oid.low_);
+        if (const OID oid = pref.GetOid()) m_lows.push_back(oid.low_);
     }
     void VisitParentPref(const prefbase&) override { ADD_FAILURE() << "a tree has no parent references"; }
     std::vector<uint32> m_lows;
@@ -479,8 +479,7 @@ TEST_F(BTreeRecords, AnInternalNodeShowsItsLeftmostChildFirstToBothVisitors) {
     EXPECT_EQ(children, objects.m_objects);
     m_ps->MakeObjectPersist(node, true); // reaches all children through VisitPrefs
     std::vector<uint32> lows;
-    for (ssize_t i = -1; i < 2; ++i)
-        lows.push_back(CrefAt(*node, i).GetOid().low_);
+    for (ssize_t i = -1; i < 2; ++i) lows.push_back(CrefAt(*node, i).GetOid().low_);
     SeenPrefs prefs;
     node->VisitPrefs(prefs);
     EXPECT_EQ(lows, prefs.m_lows);

@@ -14,10 +14,7 @@
 #include "qxPersistStore/LeafNode.h"
 #include "qxPersistStore/pref.h"
 #include "qxPersistStore/src/KeyAndCrefSlot.h"
-
 #include "tests/support/TestTreeTypes.h"
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -27,6 +24,8 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 
@@ -41,7 +40,9 @@ struct TreeInternals {
         t.ValidateNode(height, node, isRoot, k1, k2);
     }
     static ssize_t NumNodes(const BPlusTree& t, ssize_t height, void* node) { return t.GetNumNodes(height, node); }
-    static void WriteNode(const BPlusTree& t, xostream& os, ssize_t height, void* node) { t.WriteNode(os, height, node); }
+    static void WriteNode(const BPlusTree& t, xostream& os, ssize_t height, void* node) {
+        t.WriteNode(os, height, node);
+    }
     static void SwapMembers(BPlusTree& x, BPlusTree& y) { x.SwapMembers(y); }
     static void SwapPersistentWithTransient(BPlusTree& x, BPlusTree& y) { x.SwapPersistentWithTransient(y); }
     static bool RecursiveDelete(BPlusTree& t, ssize_t height, void* node, void* left, void* right,
@@ -156,8 +157,7 @@ bool Has(const BPlusTree& tree, const K& key) {
 template <class P, class K>
 std::optional<P> Get(const BPlusTree& tree, const K& key) {
     const _Payload* const p = tree.rFind(AsKey(key));
-    if (!p)
-        return std::nullopt;
+    if (!p) return std::nullopt;
     return ValueAt<P>(p);
 }
 
@@ -213,15 +213,13 @@ inline InternalNode& RootNode(const BPlusTree& tree) { return *static_cast<Inter
 template <class K>
 std::vector<K> KeysOf(const LeafNode& leaf) {
     std::vector<K> keys;
-    for (ssize_t i = 0; i < leaf.m_numKeyEntrys; ++i)
-        keys.push_back(KeyAt<K>(leaf, i));
+    for (ssize_t i = 0; i < leaf.m_numKeyEntrys; ++i) keys.push_back(KeyAt<K>(leaf, i));
     return keys;
 }
 template <class K>
 std::vector<K> Separators(const InternalNode& node) {
     std::vector<K> keys;
-    for (ssize_t i = 0; i < node.m_numKeyEntrys; ++i)
-        keys.push_back(KeyAt<K>(node, i));
+    for (ssize_t i = 0; i < node.m_numKeyEntrys; ++i) keys.push_back(KeyAt<K>(node, i));
     return keys;
 }
 
@@ -235,8 +233,7 @@ void VisitNodes(void* node, ssize_t height, Visit& visit) {
     }
     auto* const internal = static_cast<InternalNode*>(node);
     visit(internal);
-    for (ssize_t i = -1; i < internal->m_numKeyEntrys; ++i)
-        VisitNodes(ChildAt(*internal, i), height - 1, visit);
+    for (ssize_t i = -1; i < internal->m_numKeyEntrys; ++i) VisitNodes(ChildAt(*internal, i), height - 1, visit);
 }
 
 } // namespace detail
@@ -248,8 +245,7 @@ inline std::vector<LeafNode*> LeavesOf(const BPlusTree& tree) {
         void operator()(InternalNode*) {}
         std::vector<LeafNode*> m_leaves;
     } collect;
-    if (tree.m_height >= 0)
-        detail::VisitNodes(tree.m_root.Get(), tree.m_height, collect);
+    if (tree.m_height >= 0) detail::VisitNodes(tree.m_root.Get(), tree.m_height, collect);
     return collect.m_leaves;
 }
 
@@ -260,15 +256,13 @@ inline std::vector<ptr<IPersistable>> NodesOf(const BPlusTree& tree) {
         void operator()(InternalNode* node) { m_nodes.emplace_back(node); }
         std::vector<ptr<IPersistable>> m_nodes;
     } collect;
-    if (tree.m_height >= 0)
-        detail::VisitNodes(tree.m_root.Get(), tree.m_height, collect);
+    if (tree.m_height >= 0) detail::VisitNodes(tree.m_root.Get(), tree.m_height, collect);
     return collect.m_nodes;
 }
 
 inline std::vector<ssize_t> LeafCounts(const BPlusTree& tree) {
     std::vector<ssize_t> counts;
-    for (const LeafNode* leaf : LeavesOf(tree))
-        counts.push_back(leaf->m_numKeyEntrys);
+    for (const LeafNode* leaf : LeavesOf(tree)) counts.push_back(leaf->m_numKeyEntrys);
     return counts;
 }
 
@@ -276,8 +270,7 @@ template <class K>
 std::vector<K> AllKeys(const BPlusTree& tree) {
     std::vector<K> keys;
     for (const LeafNode* leaf : LeavesOf(tree))
-        for (ssize_t i = 0; i < leaf->m_numKeyEntrys; ++i)
-            keys.push_back(KeyAt<K>(*leaf, i));
+        for (ssize_t i = 0; i < leaf->m_numKeyEntrys; ++i) keys.push_back(KeyAt<K>(*leaf, i));
     return keys;
 }
 
@@ -302,8 +295,7 @@ private:
     TreeChecker(const BPlusTree& tree, bool halfFull) : m_tree(tree), m_halfFull(halfFull) {}
 
     static void Require(bool condition, const char* fault) {
-        if (!condition)
-            throw std::string(fault);
+        if (!condition) throw std::string(fault);
     }
 
     void CheckTree() {
@@ -364,21 +356,19 @@ private:
         }
     }
 
-    const BPlusTree&       m_tree;
-    const bool             m_halfFull;
-    std::set<const void*>  m_seen;
+    const BPlusTree& m_tree;
+    const bool m_halfFull;
+    std::set<const void*> m_seen;
     std::vector<LeafNode*> m_leaves;
-    ssize_t                m_numEntries = 0;
+    ssize_t m_numEntries = 0;
 };
 
 // Both checks: the tree's own and the one above.
 inline void ExpectSound(const BPlusTree& tree, bool halfFull = true, const char* file = __builtin_FILE(),
                         int line = __builtin_LINE()) {
     const std::string fault = TreeChecker::FaultOf(tree, halfFull);
-    if (!fault.empty())
-        ADD_FAILURE_AT(file, line) << fault;
-    if (!halfFull)
-        return;
+    if (!fault.empty()) ADD_FAILURE_AT(file, line) << fault;
+    if (!halfFull) return;
     try {
         tree.Validate();
     } catch (const std::exception& e) {
@@ -398,7 +388,9 @@ struct Shape {
 };
 
 // n equal shapes.
-inline std::vector<Shape> Times(int n, const Shape& shape) { return std::vector<Shape>(static_cast<std::size_t>(n), shape); }
+inline std::vector<Shape> Times(int n, const Shape& shape) {
+    return std::vector<Shape>(static_cast<std::size_t>(n), shape);
+}
 inline std::vector<Shape> operator+(std::vector<Shape> x, const std::vector<Shape>& y) {
     x.insert(x.end(), y.begin(), y.end());
     return x;
@@ -416,8 +408,7 @@ public:
 
     void Build(const Shape& shape) {
         ssize_t height = 0;
-        for (const Shape* s = &shape; !s->m_children.empty(); s = &s->m_children.front())
-            ++height;
+        for (const Shape* s = &shape; !s->m_children.empty(); s = &s->m_children.front()) ++height;
         IntKey first = 0;
         Make(shape, m_tree.m_root, first);
         m_tree.m_height = height;
@@ -450,8 +441,7 @@ private:
         for (ssize_t i = 0; i < count; ++i, m_nextKey += KEY_STEP) {
             std::memcpy(EntryAt(*leaf, i), &m_nextKey, sizeof m_nextKey);
             const IntKey payload = m_nextKey + 1;
-            if (payloadOps)
-                std::memcpy(PayloadPlace(*leaf, i), &payload, sizeof payload);
+            if (payloadOps) std::memcpy(PayloadPlace(*leaf, i), &payload, sizeof payload);
         }
         leaf->m_numKeyEntrys = count;
         if (m_last) {
@@ -471,8 +461,7 @@ private:
             cref<void> child;
             IntKey separator = 0;
             Make(children[i], child, separator);
-            if (m_stale)
-                separator -= 3;
+            if (m_stale) separator -= 3;
             const auto entry = static_cast<ssize_t>(i) - 1;
             std::memcpy(EntryAt(*node, entry), &separator, sizeof separator);
             StorePref(CrefPlace(*node, entry), child);
@@ -483,8 +472,8 @@ private:
 
     BPlusTree& m_tree;
     const bool m_stale;
-    IntKey     m_nextKey = KEY_STEP;
-    LeafNode*  m_last = nullptr;
+    IntKey m_nextKey = KEY_STEP;
+    LeafNode* m_last = nullptr;
 };
 
 // ---- Trees without a store ------------------------------------------------------------------------------------------------
@@ -498,9 +487,9 @@ public:
     ssize_t NumObjects() const { return GetNumObjects(m_cs.Get()); }
 
 private:
-    CSpaceCreator            m_cs;
+    CSpaceCreator m_cs;
     DeclareThreadPtr<CSpace> m_thread;
-    CSpaceLock               m_lock;
+    CSpaceLock m_lock;
 };
 
 // A test with transient trees of one pair of types.
@@ -513,13 +502,12 @@ protected:
     void Build(const Shape& shape, bool stale = false) { TreeBuilder(m_tree, stale).Build(shape); }
     // 10, 20, 30 ... in ascending order.
     void Fill(ssize_t n) {
-        for (ssize_t i = 1; i <= n; ++i)
-            Put(m_tree, static_cast<K>(i * 10), static_cast<P>(i * 10 + 1));
+        for (ssize_t i = 1; i <= n; ++i) Put(m_tree, static_cast<K>(i * 10), static_cast<P>(i * 10 + 1));
     }
     std::vector<LeafNode*> Leaves() const { return LeavesOf(m_tree); }
 
     TreeDomain m_domain; // first: the trees end before it
-    BPlusTree  m_tree;
+    BPlusTree m_tree;
 };
 
 } // namespace quna

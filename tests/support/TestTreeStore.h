@@ -4,11 +4,11 @@
 #include "tests/support/TestStore.h"
 #include "tests/support/TestTree.h"
 
-#include <gtest/gtest.h>
-
 #include <optional>
 #include <set>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 
@@ -88,24 +88,21 @@ using Objects = std::set<const void*>;
 // The tree and its nodes: the tree first, then each node before its children.
 inline std::vector<ptr<IPersistable>> AllOf(BPlusTree& tree) {
     std::vector<ptr<IPersistable>> objects{ptr<IPersistable>(&tree)};
-    for (const ptr<IPersistable>& node : NodesOf(tree))
-        objects.push_back(node);
+    for (const ptr<IPersistable>& node : NodesOf(tree)) objects.push_back(node);
     return objects;
 }
 // Those of `objects` that are dirty.
 inline Objects DirtyOf(const std::vector<ptr<IPersistable>>& objects) {
     Objects dirty;
     for (const ptr<IPersistable>& object : objects)
-        if (IsPersistableDirty(object))
-            dirty.insert(object.m_self);
+        if (IsPersistableDirty(object)) dirty.insert(object.m_self);
     return dirty;
 }
 inline Objects DirtyOf(BPlusTree& tree) { return DirtyOf(AllOf(tree)); }
 inline Objects TransientOf(BPlusTree& tree) {
     Objects found;
     for (const ptr<IPersistable>& object : AllOf(tree))
-        if (!GetOid(object))
-            found.insert(object.m_self);
+        if (!GetOid(object)) found.insert(object.m_self);
     return found;
 }
 

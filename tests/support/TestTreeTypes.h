@@ -25,8 +25,7 @@ struct BytesKey {
     }
     uint64 Number() const {
         uint64 number = 0;
-        for (octet_t byte : m_bytes)
-            number = number << 8 | byte;
+        for (octet_t byte : m_bytes) number = number << 8 | byte;
         return number;
     }
     auto operator<=>(const BytesKey&) const = default;
@@ -91,8 +90,7 @@ private:
         return new uint64(*rhs.m_p);
     }
     static void MayThrow() {
-        if (s_copiesUntilThrow >= 0 && s_copiesUntilThrow-- == 0)
-            throw std::runtime_error("copy");
+        if (s_copiesUntilThrow >= 0 && s_copiesUntilThrow-- == 0) throw std::runtime_error("copy");
     }
     uint64* m_p;
 };

@@ -5,8 +5,6 @@
 #include "tests/support/TestStore.h"
 #include "tests/support/TestTree.h"
 
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <cstdio>
 #include <map>
@@ -16,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,8 +24,8 @@ namespace {
 // Whether the writer of the store works the deletion queue off, so that it can be waited for to run empty.
 constexpr bool DELETION_RUNS = false;
 
-constexpr uint64 ACCOUNT = 0;                                 // the key whose payload keeps the sum right
-constexpr uint64 NUM_KEYS = UNDER_SANITIZER ? 3000 : 12000;   // three levels without a sanitizer
+constexpr uint64 ACCOUNT = 0;                               // the key whose payload keeps the sum right
+constexpr uint64 NUM_KEYS = UNDER_SANITIZER ? 3000 : 12000; // three levels without a sanitizer
 constexpr int NUM_KILLS = UNDER_SANITIZER ? 4 : 12;
 constexpr int CHANGES_PER_GROUP = 150;
 
@@ -102,8 +101,7 @@ void ChangeTree(const Opened& opened, std::mt19937_64& random, Payload& sum) {
         }
         for (int n = 0;; ++n) {
             ChangeTree(opened, random, sum);
-            if (n % 4 != 0)
-                continue;
+            if (n % 4 != 0) continue;
             // Some groups are written here, the others by the writer in its own time.
             const int32 number = static_cast<int32>(sum);
             opened.m_store->WriteAllDirtyObjectsToLss(n % 16 == 0);
@@ -121,12 +119,10 @@ class ReachedObjects final : public IPrefVisitor {
 public:
     explicit ReachedObjects(PSpace* ps) : m_ps(ps) {}
     void Add(OID oid) {
-        if (!oid || !m_reached.insert(oid).second)
-            return;
+        if (!oid || !m_reached.insert(oid).second) return;
         const ptr<IPersistable> object = m_ps->TryBindObject(oid);
         EXPECT_TRUE(object) << "a reference dangles: " << TextOfSeid(oid);
-        if (object)
-            m_pending.push_back(object);
+        if (object) m_pending.push_back(object);
         while (!m_pending.empty() && !m_walking) {
             m_walking = true;
             const ptr<IPersistable> next = m_pending.back();
@@ -185,8 +181,7 @@ int32 CheckStore(const std::string& path) {
         ExpectSound(opened.Tree());
         EXPECT_EQ(number, SumOf(opened.Tree()));
     }
-    if (DELETION_RUNS)
-        WaitUntilNothingIsQueued(opened);
+    if (DELETION_RUNS) WaitUntilNothingIsQueued(opened);
     CheckNothingIsOrphaned(opened);
     opened.Close();
     return number;
@@ -206,8 +201,7 @@ int32 RunAndKill(const std::string& path, uint64 seed, int32 acknowledged) {
     const uint64 wanted = 1 + seed % 40;
     int32 number = 0;
     for (uint64 n = 0; n < wanted; ++n) {
-        if (::read(pipe[0], &number, sizeof number) != static_cast<ssize_t>(sizeof number))
-            break;
+        if (::read(pipe[0], &number, sizeof number) != static_cast<ssize_t>(sizeof number)) break;
         acknowledged = number;
     }
     // The moment is what the test is about; whatever it hits is right.
