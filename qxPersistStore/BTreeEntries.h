@@ -34,7 +34,9 @@ inline ssize_t GetKeySize(const CalculatedBTreeTypeInfo& bi) {
     return bi.m_keyType->m_size;
 }
 // 0 in a set.
-inline ssize_t GetPayloadSize(const CalculatedBTreeTypeInfo& bi) { return bi.m_payloadType ? bi.m_payloadType->m_size : 0; }
+inline ssize_t GetPayloadSize(const CalculatedBTreeTypeInfo& bi) {
+    return bi.m_payloadType ? bi.m_payloadType->m_size : 0;
+}
 inline ssize_t GetKeyAndCrefSize(const CalculatedBTreeTypeInfo& bi) {
     QX_ASSERT_IN("src/BPlusTree2", bi.m_keyType);
     return bi.m_keyAndCrefSize;

@@ -64,7 +64,9 @@ public:
 
 private:
     const CalculatedBTreeTypeInfo& Resolve() const;
-    CalculatedBTreeTypeInfo ResolvedOrNothing() const noexcept { return IsResolved() ? m_bi : CalculatedBTreeTypeInfo(); }
+    CalculatedBTreeTypeInfo ResolvedOrNothing() const noexcept {
+        return IsResolved() ? m_bi : CalculatedBTreeTypeInfo();
+    }
 };
 
 // The two ids, which open the record of the tree and of each node. Reading clears the cache first, so that a descriptor

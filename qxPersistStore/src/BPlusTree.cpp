@@ -108,7 +108,8 @@ public:
             return;
         }
         const auto* const inner = cast_ptr<InternalNode>(node);
-        for (ssize_t i = -1; i < inner->m_numKeyEntrys; ++i) Visit(height - 1, FollowChildAt(m_bi, inner, i, height - 1));
+        for (ssize_t i = -1; i < inner->m_numKeyEntrys; ++i)
+            Visit(height - 1, FollowChildAt(m_bi, inner, i, height - 1));
     }
     void Finish() {
         if (!m_last) return;
@@ -123,8 +124,10 @@ private:
     void Link(LeafNode* leaf) {
         leaf->m_prev = m_last;
         MarkDirty(leaf);
-        if (m_last) m_last->m_next = leaf;
-        else m_first = leaf;
+        if (m_last)
+            m_last->m_next = leaf;
+        else
+            m_first = leaf;
         m_last = leaf;
     }
 

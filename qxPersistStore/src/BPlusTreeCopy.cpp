@@ -4,7 +4,6 @@
 // where both trees are of one kind, and entries are copied where they are not; nodes that a persistent tree gives up go to
 // the deletion queue, which walks them through VisitPrefs.
 #include "qxPersistStore/BPlusTree.h"
-
 #include "qxPersistStore/IPersistStore.h"
 #include "qxPersistStore/src/BTreeSearch.h"
 #include "qxPersistStore/src/FixedOrHeapAllocatedBuffer.h"
@@ -165,7 +164,8 @@ public:
             return;
         }
         auto* const inner = cast_ptr<InternalNode>(node);
-        for (ssize_t i = -1; i < inner->m_numKeyEntrys; ++i) Visit(height - 1, FollowChildAt(m_bi, inner, i, height - 1));
+        for (ssize_t i = -1; i < inner->m_numKeyEntrys; ++i)
+            Visit(height - 1, FollowChildAt(m_bi, inner, i, height - 1));
         if (m_keysHoldReferences) BlankKeys(inner);
     }
 

@@ -12,7 +12,6 @@
 // Separators are lazy: deleting a leaf's first key leaves the separator above alone. What counts is that everything left
 // of a separator is below it and everything right of it is not.
 #include "qxPersistStore/BPlusTree.h"
-
 #include "qxPersistStore/IPersistStore.h"
 #include "qxPersistStore/src/BTreeSearch.h"
 
@@ -24,7 +23,12 @@ namespace {
 
 constexpr ConstStringZ SOURCE_PATH = "src/BPlusTree2";
 
-enum class ERepair { BALANCE_FROM_RIGHT, BALANCE_FROM_LEFT, MERGE_INTO_LEFT, MERGE_RIGHT_INTO_THIS };
+enum class ERepair {
+    BALANCE_FROM_RIGHT,
+    BALANCE_FROM_LEFT,
+    MERGE_INTO_LEFT,
+    MERGE_RIGHT_INTO_THIS
+};
 
 // Of a node whose neighbours have s1 and s2 entries, 0 for none.
 ERepair ChooseRepair(ssize_t s1, ssize_t s2, bool leftHasSameParent) {
@@ -100,7 +104,8 @@ Neighbour LeftOfChild(const CalculatedBTreeTypeInfo& bi, ssize_t height, Interna
 
 Neighbour RightOfChild(const CalculatedBTreeTypeInfo& bi, ssize_t height, InternalNode* iThisNode, ssize_t child,
                        InternalNode* irNode, InternalNode* rAnchor) {
-    if (child + 1 < iThisNode->m_numKeyEntrys) return {FollowNeighbourAt(bi, iThisNode, child + 1, height - 1), iThisNode};
+    if (child + 1 < iThisNode->m_numKeyEntrys)
+        return {FollowNeighbourAt(bi, iThisNode, child + 1, height - 1), iThisNode};
     if (irNode) return {FollowNeighbourAt(bi, irNode, -1, height - 1), rAnchor};
     QX_ASSERT(!rAnchor);
     return {};
@@ -119,8 +124,8 @@ bool BPlusTree::DeleteInInternalNode(ssize_t height, InternalNode* iThisNode, In
     const Neighbour next_l = LeftOfChild(bi, height, iThisNode, child, nextNode, ilNode, lAnchor);
     const Neighbour next_r = RightOfChild(bi, height, iThisNode, child, irNode, rAnchor);
     void* childDeleteNode = nullptr;
-    if (!RecursiveDelete(height - 1, nextNode, next_l.m_node, next_r.m_node, next_l.m_anchor, next_r.m_anchor, iThisNode,
-                         childDeleteNode, key))
+    if (!RecursiveDelete(height - 1, nextNode, next_l.m_node, next_r.m_node, next_l.m_anchor, next_r.m_anchor,
+                         iThisNode, childDeleteNode, key))
         return false;
     if (!childDeleteNode) return true;
 
@@ -144,12 +149,8 @@ bool BPlusTree::DeleteInInternalNode(ssize_t height, InternalNode* iThisNode, In
 
     deleteNode = nullptr;
     switch (ChooseRepair(CountOf(ilNode), CountOf(irNode), lAnchor == parent)) {
-    case ERepair::BALANCE_FROM_RIGHT:
-        BalanceInternalRightToLeft(iThisNode, irNode, rAnchor);
-        break;
-    case ERepair::BALANCE_FROM_LEFT:
-        BalanceInternalLeftToRight(ilNode, iThisNode, lAnchor);
-        break;
+    case ERepair::BALANCE_FROM_RIGHT: BalanceInternalRightToLeft(iThisNode, irNode, rAnchor); break;
+    case ERepair::BALANCE_FROM_LEFT: BalanceInternalLeftToRight(ilNode, iThisNode, lAnchor); break;
     case ERepair::MERGE_INTO_LEFT:
         MergeInternalRightToLeft(ilNode, iThisNode, lAnchor);
         deleteNode = iThisNode;
@@ -302,9 +303,7 @@ bool BPlusTree::DeleteInLeaf(LeafNode* leaf, LeafNode* lNode, LeafNode* rNode, I
     if (leaf->m_numKeyEntrys >= BTREE_MIN_ENTRIES) return true;
     QX_ASSERT(parent);
     switch (ChooseRepair(CountOf(lNode), CountOf(rNode), lAnchor == parent)) {
-    case ERepair::BALANCE_FROM_RIGHT:
-        BalanceLeafRightToLeft(leaf, rNode, rAnchor);
-        break;
+    case ERepair::BALANCE_FROM_RIGHT: BalanceLeafRightToLeft(leaf, rNode, rAnchor); break;
     case ERepair::BALANCE_FROM_LEFT:
         QX_ASSERT(leaf->m_numKeyEntrys > 0);
         BalanceLeafLeftToRight(lNode, leaf, lAnchor);

@@ -9,7 +9,6 @@
 // is full, of the separator: the caller's key and payload may lie in the very leaf that is about to shift, and a
 // constructor that throws leaves the tree as it was.
 #include "qxPersistStore/BPlusTree.h"
-
 #include "qxPersistStore/IPersistStore.h"
 #include "qxPersistStore/src/BTreeSearch.h"
 #include "qxPersistStore/src/FixedOrHeapAllocatedBuffer.h"
@@ -151,8 +150,7 @@ void BPlusTree::wFindInNode(wFindRet& ret, void* left, ssize_t height, const _Ke
         wRecursiveFind(ret, cast_ptr<InternalNode>(left), height, key, rightEntry, allowCreate, payload);
         return;
     }
-    LeafNode* const right =
-        wFindInLeaf(ret, cast_ptr<LeafNode>(left), key, allowCreate, payload, &rightEntry);
+    LeafNode* const right = wFindInLeaf(ret, cast_ptr<LeafNode>(left), key, allowCreate, payload, &rightEntry);
     if (right) StorePref(member_cref(rightEntry.m_bi, rightEntry.contents()), ReferenceTo(right));
 }
 
@@ -181,7 +179,8 @@ void Report(wFindRet& ret, const CalculatedBTreeTypeInfo& bi, LeafNode* leaf, ss
 }
 
 // The first key of the right leaf that a split at insertPos makes.
-const _Key* SeparatorOfSplit(const CalculatedBTreeTypeInfo& bi, const LeafNode* left, ssize_t insertPos, const _Key* key) {
+const _Key* SeparatorOfSplit(const CalculatedBTreeTypeInfo& bi, const LeafNode* left, ssize_t insertPos,
+                             const _Key* key) {
     if (insertPos == HALF) return key;
     return member_key(GetEntry(bi, left, insertPos < HALF ? HALF - 1 : HALF));
 }
@@ -276,8 +275,10 @@ LeafNode* BPlusTree::SplitLeaf(wFindRet& ret, LeafNode* left, ssize_t insertPos,
 // Takes the new leaf, still empty, out of the chain: no entry has moved yet.
 void BPlusTree::UndoSplit(LeafNode* left, LeafNode* right, LeafNode* next) {
     left->m_next = next;
-    if (next) next->m_prev = left;
-    else m_lastLeaf = left;
+    if (next)
+        next->m_prev = left;
+    else
+        m_lastLeaf = left;
     right->m_prev.Clear();
     right->m_next.Clear();
     --m_size;

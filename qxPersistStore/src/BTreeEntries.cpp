@@ -28,7 +28,9 @@ void VisitObjectsIfAny(const TypeOps& type, IObjectVisitor& v, const void* A, ss
 
 // The payload or the reference of the first entry.
 void* SecondPart(const CalculatedBTreeTypeInfo& bi, void* A) { return static_cast<char*>(A) + GetKeySize(bi); }
-const void* SecondPart(const CalculatedBTreeTypeInfo& bi, const void* A) { return static_cast<const char*>(A) + GetKeySize(bi); }
+const void* SecondPart(const CalculatedBTreeTypeInfo& bi, const void* A) {
+    return static_cast<const char*>(A) + GetKeySize(bi);
+}
 
 // The visitor for a persistent parent, null members for a transient one.
 PSpace* SpaceOfPersistentParent(ptr<IPersistable const> parent) {

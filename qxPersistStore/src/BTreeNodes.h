@@ -4,8 +4,8 @@
 #include "qxObject/CSpace.h"
 #include "qxObject/EvictablePtr.h"
 #include "qxPersistStore/BTreeEntries.h"
-#include "qxPersistStore/IPersistable.h"
 #include "qxPersistStore/IPersistStore.h"
+#include "qxPersistStore/IPersistable.h"
 #include "qxPersistStore/pref.h"
 #include "qxUtils/Archive.h"
 #include "qxUtils/Assert.h"
@@ -75,8 +75,8 @@ static_assert(sizeof(prefbase) == sizeof(OID) + sizeof(AnyInterface));
 // Follows a reference at any address to a node of a known class: as Get, without a call on the way to a bound node.
 template <class Node>
 Node* FollowChild(const void* place) {
-    const AnyInterface words =
-        LoadEvictableWords(reinterpret_cast<const AnyInterface*>(static_cast<const char*>(place) + PREF_POINTER_OFFSET));
+    const AnyInterface words = LoadEvictableWords(
+        reinterpret_cast<const AnyInterface*>(static_cast<const char*>(place) + PREF_POINTER_OFFSET));
     if (words.m_self && words.m_table) [[likely]] {
         Node* const node = static_cast<Node*>(words.m_self);
         node->GetSysState().SetLastTouchedTime(g_touchClock.load(std::memory_order_relaxed));
@@ -88,8 +88,8 @@ Node* FollowChild(const void* place) {
 // The same for a node that is only carried along: no use is noted, so that a bound one is not brought into the cache.
 template <class Node>
 Node* FollowNeighbour(const void* place) {
-    const AnyInterface words =
-        LoadEvictableWords(reinterpret_cast<const AnyInterface*>(static_cast<const char*>(place) + PREF_POINTER_OFFSET));
+    const AnyInterface words = LoadEvictableWords(
+        reinterpret_cast<const AnyInterface*>(static_cast<const char*>(place) + PREF_POINTER_OFFSET));
     if (words.m_self && words.m_table) [[likely]]
         return static_cast<Node*>(words.m_self);
     return static_cast<Node*>(detail::LoadChild(place, IPersistable::Stubs<Node>::GetTable()));

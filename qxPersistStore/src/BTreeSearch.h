@@ -26,7 +26,8 @@ inline const void* PlaceOfChild(const CalculatedBTreeTypeInfo& bi, const Interna
 }
 
 // Child i, whose height is given, loaded if need be.
-inline void* FollowChildAt(const CalculatedBTreeTypeInfo& bi, const InternalNode* node, ssize_t i, ssize_t childHeight) {
+inline void* FollowChildAt(const CalculatedBTreeTypeInfo& bi, const InternalNode* node, ssize_t i,
+                           ssize_t childHeight) {
     const void* const place = PlaceOfChild(bi, node, i);
     return childHeight > 0 ? static_cast<void*>(FollowChild<InternalNode>(place))
                            : static_cast<void*>(FollowChild<LeafNode>(place));

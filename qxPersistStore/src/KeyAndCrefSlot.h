@@ -11,8 +11,7 @@ namespace quna {
 // Ownership: of the key in it, until release: the caller then moves the bytes into a node.
 class QX_API KeyAndCrefSlot {
 public:
-    explicit KeyAndCrefSlot(const CalculatedBTreeTypeInfo& bi)
-        : m_bi(bi), m_buffer(GetKeyAndCrefSize(bi)) {}
+    explicit KeyAndCrefSlot(const CalculatedBTreeTypeInfo& bi) : m_bi(bi), m_buffer(GetKeyAndCrefSize(bi)) {}
     ~KeyAndCrefSlot() {
         if (m_p) DestructKeyAndCref(m_bi, m_p);
     }

@@ -102,9 +102,15 @@ void LeafNode::VisitPrefs(IPrefVisitor& visitor) const {
 
 // ---- Search ---------------------------------------------------------------------------------------------------------
 
-ssize_t LeafNode::SearchLeaf(const _Key* key) const { return quna::SearchLeaf(GetCalculatedBTreeTypeInfo(), this, key); }
-ssize_t LeafNode::lower_bound(const _Key* key) const { return LowerBoundInLeaf(GetCalculatedBTreeTypeInfo(), this, key); }
-ssize_t LeafNode::upper_bound(const _Key* key) const { return UpperBoundInLeaf(GetCalculatedBTreeTypeInfo(), this, key); }
+ssize_t LeafNode::SearchLeaf(const _Key* key) const {
+    return quna::SearchLeaf(GetCalculatedBTreeTypeInfo(), this, key);
+}
+ssize_t LeafNode::lower_bound(const _Key* key) const {
+    return LowerBoundInLeaf(GetCalculatedBTreeTypeInfo(), this, key);
+}
+ssize_t LeafNode::upper_bound(const _Key* key) const {
+    return UpperBoundInLeaf(GetCalculatedBTreeTypeInfo(), this, key);
+}
 
 // ---- Entries --------------------------------------------------------------------------------------------------------
 
@@ -113,7 +119,8 @@ void InitEntrysBuffer(const CalculatedBTreeTypeInfo& bi, LeafNode* node) {
 }
 
 void ShiftLeafEntries(const CalculatedBTreeTypeInfo& bi, LeafNode* node, ssize_t s, ssize_t d, ssize_t count) {
-    std::memmove(GetEntry(bi, node, d), GetEntry(bi, node, s), static_cast<std::size_t>(count * bi.m_keyAndPayloadSize));
+    std::memmove(GetEntry(bi, node, d), GetEntry(bi, node, s),
+                 static_cast<std::size_t>(count * bi.m_keyAndPayloadSize));
 }
 
 void MoveLeafEntries(const CalculatedBTreeTypeInfo& bi, const LeafNode* src, ssize_t s, LeafNode* dst, ssize_t d,

@@ -1,16 +1,14 @@
 // The tree in ordinary use, beside a std::map.
-#include "qxPersistStore/BPlusTree.h"
-
 #include "qxObject/TypeDescription.h"
+#include "qxPersistStore/BPlusTree.h"
 #include "qxUtils/xstring.h"
-
 #include "tests/support/TestStore.h"
-
-#include <gtest/gtest.h>
 
 #include <map>
 #include <random>
 #include <set>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -180,8 +178,7 @@ TEST_F(BPlusTreeSmoke, ReferencesInPayloadsBecomePersistentAndSurviveSelfAssignm
     }();
     {
         const SpaceScope scope(m_ps);
-        BPlusTree* const tree =
-            DollarNewTree(keyTid, GetPersistStoreTypeOpsId(DescriptionOf<pref<IPersistable>>()));
+        BPlusTree* const tree = DollarNewTree(keyTid, GetPersistStoreTypeOpsId(DescriptionOf<pref<IPersistable>>()));
         ASSERT_TRUE(AddPSpaceRoot("tree", tree));
         for (int i = 0; i < 250; ++i) {
             const pref<IPersistable> payload(ptr<IPersistable>(NewObject<TestLeaf>(i)));
