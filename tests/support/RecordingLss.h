@@ -99,6 +99,7 @@ private:
             m_lss.Note("flush");
             m_inner->RequestFlushToDisk();
         }
+        void RequestDropWhenUnwinding() override { m_inner->RequestDropWhenUnwinding(); }
         ICloseableOutputStream* WriteSerialElement(Seid seid) override {
             if (m_lss.m_onWrite)
                 m_lss.m_onWrite(seid);
