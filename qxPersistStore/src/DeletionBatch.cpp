@@ -21,7 +21,7 @@ constexpr ssize_t BATCH_THRESHOLD = 10;
 // batches would grow with the square of the length; the batches grow with the queue instead. An OID in the image costs
 // about a two hundredth of a deletion.
 constexpr ssize_t LONG_QUEUE = 16384;
-constexpr ssize_t IMAGE_OIDS_PER_DELETION = 256;
+constexpr ssize_t IMAGE_OIDS_PER_DELETION = 128;
 
 } // namespace
 
@@ -57,22 +57,23 @@ ssize_t DeletionBatch::Threshold() const {
 
 void DeletionBatch::TakeSubTrees() {
     const ssize_t threshold = Threshold();
+    OBJSET stack;
     while (m_oidsToDelete.size() < threshold && !m_dq.m_queue.empty()) {
         const OID oid = m_dq.PopBack(DeletionQueue::QUEUE);
         m_dq.MarkAsDirty();
-        const ptr<IPersistable> resident = m_pspace.rot_.FindResidentObject(oid);
-        if (resident && resident->GetSysState().GetFlag(PERSISTABLE_DELETED)) continue; // goes with the dirty set
-        TakeSubTree(oid);
+        ptr<IPersistable> po = m_pspace.rot_.FindOrLoadResidentObject(oid);
+        if (po && po->GetSysState().GetFlag(PERSISTABLE_DELETED)) continue; // goes with the dirty set
+        if (!po) po = m_pspace.BindObject(oid);                             // which says that it dangles
+        QX_ASSERT(po);
+        TakeSubTree(oid, po, stack);
     }
 }
 
-void DeletionBatch::TakeSubTree(OID oid) {
-    const ptr<IPersistable> po = m_pspace.BindObject(oid);
-    QX_ASSERT(po);
+// The stack is empty before and after; it is passed along for its memory.
+void DeletionBatch::TakeSubTree(OID oid, ptr<IPersistable> root, OBJSET& stack) {
     m_oidsToDelete.push_back(oid);
-    ObjectDeleterPrefVisitor::OBJSET stack;
-    po->GetSysState().SetFlag(PERSISTABLE_DELETE_VISITED);
-    stack.push(po);
+    root->GetSysState().SetFlag(PERSISTABLE_DELETE_VISITED);
+    stack.push(root);
     ObjectDeleterPrefVisitor visitor(m_dq, m_oidsToDelete, stack);
     while (!stack.empty()) {
         const ptr<IPersistable> visited = stack.pop();

@@ -5,6 +5,7 @@
 #include "qxPersistStore/src/DeletionQueue.h"
 #include "qxPersistStore/src/QueuedOids.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/PagedStack.h"
 #include "qxUtils/xdeque.h"
 
 namespace quna {
@@ -38,10 +39,11 @@ public:
     bool WasNeverWritten(ptr<IPersistable> po, OID oid) const;
 
 private:
+    using OBJSET = PagedStack<ptr<IPersistable>, 1024>;
     using RESIDENT = xdeque<ptr<IPersistable>, 256>;
 
     ssize_t Threshold() const;
-    void TakeSubTree(OID oid);
+    void TakeSubTree(OID oid, ptr<IPersistable> root, OBJSET& stack);
     void DeleteElement(ILssTransaction& txn, OID oid) const;
 
     DeletionQueue& m_dq;

@@ -297,7 +297,7 @@ TEST_F(DeletionBatches, AVeryLongQueueIsWorkedInLongerBatchesSoThatItsImagesStay
     }
     Accumulate();
     EXPECT_TRUE(Batch());
-    EXPECT_EQ(n - n / 256, Queue().m_queue.size());
+    EXPECT_EQ(n - n / 128, Queue().m_queue.size());
 }
 
 // ---- The thread's context, the writer's list ----
