@@ -51,8 +51,8 @@ private:
     const bool m_wasDirty;
     bool m_committed = false;
     DeletionQueue::OIDS m_oidsToDelete;
-    RESIDENT m_resident;     // the objects of the batch that are in memory
-    QueuedOids m_unloaded;   // the single objects of the batch that are not; one queue
+    RESIDENT m_resident;   // the objects of the batch that are in memory
+    QueuedOids m_unloaded; // the single objects of the batch that are not; one queue
 };
 
 } // namespace quna

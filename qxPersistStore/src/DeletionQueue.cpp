@@ -166,14 +166,10 @@ DeletionQueue::OIDS& DeletionQueue::Queue(EQueue queue) {
 
 const DeletionQueue::OIDS& DeletionQueue::Queue(EQueue queue) const {
     switch (queue) {
-    case DELTA_QUEUE:
-        return m_deltaQueue;
-    case DELTA_QUEUE2:
-        return m_deltaQueue2;
-    case QUEUE:
-        return m_queue;
-    default:
-        return m_queue2;
+    case DELTA_QUEUE: return m_deltaQueue;
+    case DELTA_QUEUE2: return m_deltaQueue2;
+    case QUEUE: return m_queue;
+    default: return m_queue2;
     }
 }
 

@@ -82,7 +82,12 @@ private:
     friend class ObjectDeleterPrefVisitor;
 
     // In the order of the checks.
-    enum EQueue { DELTA_QUEUE, DELTA_QUEUE2, QUEUE, QUEUE2 };
+    enum EQueue {
+        DELTA_QUEUE,
+        DELTA_QUEUE2,
+        QUEUE,
+        QUEUE2
+    };
 
     OIDS& Queue(EQueue queue);
     const OIDS& Queue(EQueue queue) const;

@@ -107,8 +107,7 @@ TEST(Transaction, OneThatAskedToBeDroppedIsForgottenWhenAnExceptionPasses) {
         later = lss.NewSeid();
         const auto fail = [&](bool drop) {
             const AutoCloser<ILssTransaction> txn(lss->OpenTransaction());
-            if (drop)
-                txn->RequestDropWhenUnwinding();
+            if (drop) txn->RequestDropWhenUnwinding();
             EXPECT_TRUE(txn->DeleteSerialElement(deleted));
             TestLss::Write(*txn.Get(), written, std::string(100'000, 'x')); // long
             TestLss::Write(*txn.Get(), fresh, "f");
@@ -206,8 +205,7 @@ TEST(Transaction, CloseAfterARequestedFlushSurvivesPowerLoss) {
     }
     SimDisk disk;
     const std::vector<SimCall> record = sys.Record();
-    for (ssize_t i = 0; i < recorded; ++i)
-        disk.Apply(record[static_cast<size_t>(i)]);
+    for (ssize_t i = 0; i < recorded; ++i) disk.Apply(record[static_cast<size_t>(i)]);
     SimSys after(disk.Image({CrashVariant::EChoice::NONE, 0}));
     TestLss lss(after, SmallSegments(), OM_OPEN_EXISTING);
     EXPECT_EQ(lss.All(), flushed);

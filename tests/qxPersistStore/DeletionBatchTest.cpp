@@ -1,13 +1,12 @@
 // What one deletion batch does, in which order, and what it leaves alone.
 #include "qxPersistStore/src/DeletionQueue.h"
-
 #include "tests/support/DeletionFixture.h"
 #include "tests/support/Sanitized.h"
 
-#include <gtest/gtest.h>
-
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

@@ -2,12 +2,11 @@
 #include "qxPersistStore/PersistStoreExceptions.h"
 #include "qxPersistStore/src/DeletionQueue.h"
 #include "qxPersistStore/src/ObjectDeleterPrefVisitor.h"
-
 #include "tests/support/DeletionFixture.h"
 
-#include <gtest/gtest.h>
-
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -46,8 +45,7 @@ TEST_F(DeletionGuards, ARootThatDoesNotExistRaisesAndStaysInTheDurableQueue) {
     DeleteElement(*m_store->GetLss(), oids[1]);
     Collect();
     RecordingLss& lss = m_store.Record();
-    ExpectException<DerefDanglingOidException>("Dereferenced dangling OID = " + TextOfSeid(oids[1]),
-                                               [&] { Batch(); });
+    ExpectException<DerefDanglingOidException>("Dereferenced dangling OID = " + TextOfSeid(oids[1]), [&] { Batch(); });
     EXPECT_TRUE(lss.Log().empty());
     EXPECT_EQ(1, Queue().m_queue.size());
     EXPECT_EQ(image, Image());

@@ -2,14 +2,13 @@
 #include "tests/support/DeletionFixture.h"
 #include "tests/support/Sanitized.h"
 
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <thread>
 
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 

@@ -3,13 +3,12 @@
 #include "qxLss/CorruptLSSException.h"
 #include "qxObject/QunaSystemException.h"
 #include "qxPersistStore/PersistStoreExceptions.h"
-
 #include "tests/support/TestStore.h"
-
-#include <gtest/gtest.h>
 
 #include <fstream>
 #include <thread>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -253,8 +252,7 @@ TEST(PersistStore, OpeningRefusesWhatTheModeDoesNotAllowAndLeavesTheFile) {
 }
 
 TEST(PersistStore, WithAWriterOpenIsClosedCleanlyAtOnce) {
-    for (int i = 0; i < 20; ++i)
-        const TestStore store{PersistStoreSettings()};
+    for (int i = 0; i < 20; ++i) const TestStore store{PersistStoreSettings()};
 }
 
 // ---- The root record ----
@@ -288,8 +286,8 @@ TEST(RootPersistStoreObject, WithAClassItHoldsTheClassesName) {
     TestStore store;
     MakeStoreWithTwoClasses(store);
     const BareLss lss(store.Path());
-    const Bytes expected = Bytes{2, 1, 2} + BytesOfString("test::Leaf") + BytesOfString("test::Node") +
-                           Bytes{1, 0, 0, 0, 1, 0};
+    const Bytes expected =
+        Bytes{2, 1, 2} + BytesOfString("test::Leaf") + BytesOfString("test::Node") + Bytes{1, 0, 0, 0, 1, 0};
     EXPECT_EQ(expected, ElementOf(*lss, ROOT_PERSISTSTORE_OBJECT_SEID));
 }
 

@@ -3,14 +3,13 @@
 
 #include "qxPersistStore/src/DeletionQueue.h"
 #include "qxPersistStore/src/DosWriter.h"
-
 #include "tests/support/DeletionTestObjects.h"
 #include "tests/support/TestStore.h"
 
-#include <gtest/gtest.h>
-
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 

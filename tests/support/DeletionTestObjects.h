@@ -6,7 +6,6 @@
 #include "qxPersistStore/PersistentMembers.h"
 #include "qxUtils/Schema.h"
 #include "qxUtils/xvector.h"
-
 #include "tests/support/TestObjects.h"
 
 #include <mutex>
