@@ -16,21 +16,21 @@ namespace quna {
 // Bytes that someone else keeps alive.
 struct ReadOnlyBuffer {
     const octet_t* buffer; // first byte
-    ssize_t        size;   // bytes
+    ssize_t size;          // bytes
 };
 
 // The state of a store. Counts that exceed their field saturate.
 struct LssStats {
-    int   numCheckPoints;         // completed checkpoints in the store's life
-    int   numRecoveries;          // opens that rolled the log forward, in the store's life
-    int64 numTransactions;        // committed transactions in the store's life
-    int   segmentSize;            // bytes
-    int64 fileSize;               // bytes
-    int64 utilisation;            // bytes of live packets, headers and padding included
-    int   numLiveHeadPackets;     // elements that exist, committed
-    int   numLiveOverflowPackets; // further packets of elements too long for one
-    int   numLiveRPMPackets;      // current pages of the index
-    int   numObsoletePackets;     // dead packets in segments that have not been freed
+    int numCheckPoints;         // completed checkpoints in the store's life
+    int numRecoveries;          // opens that rolled the log forward, in the store's life
+    int64 numTransactions;      // committed transactions in the store's life
+    int segmentSize;            // bytes
+    int64 fileSize;             // bytes
+    int64 utilisation;          // bytes of live packets, headers and padding included
+    int numLiveHeadPackets;     // elements that exist, committed
+    int numLiveOverflowPackets; // further packets of elements too long for one
+    int numLiveRPMPackets;      // current pages of the index
+    int numObsoletePackets;     // dead packets in segments that have not been freed
 };
 
 // Takes the bytes of one element. FlushStream does nothing: an element is whole or not there.

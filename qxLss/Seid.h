@@ -34,7 +34,7 @@ struct Seid : safe_bool<Seid> {
     union {
         uint64 value_;
         struct {
-            SeidLow  low_;
+            SeidLow low_;
             SeidHigh high_;
         };
     };

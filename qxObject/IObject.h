@@ -37,11 +37,11 @@ struct ObjSysState {
         if (touched.load(std::memory_order_relaxed) != time) touched.store(time, std::memory_order_relaxed);
     }
 
-    CSpace* m_cspace = nullptr;     // the domain, null until the object is registered; not owned
-    bool    marked_ = false;        // reached by the collection that runs now
-    uint32  objflags_ = 0;          // flag bits; 2, 4 and 8 belong to the persistent store
-    ssize_t m_size = 0;             // bytes that the evictor counts for the object
-    int32   m_lastTouchedTime = 0;  // in ticks of the collector's epoch
+    CSpace* m_cspace = nullptr;  // the domain, null until the object is registered; not owned
+    bool marked_ = false;        // reached by the collection that runs now
+    uint32 objflags_ = 0;        // flag bits; 2, 4 and 8 belong to the persistent store
+    ssize_t m_size = 0;          // bytes that the evictor counts for the object
+    int32 m_lastTouchedTime = 0; // in ticks of the collector's epoch
 };
 
 // The record as it stands in an object. It describes the object, not its value, so copying an object does not copy it.
@@ -55,32 +55,35 @@ struct ObjSysState_2 : ObjSysState {
 // from it; it is empty and adds nothing to the two words.
 template <class I>
 struct IObjectForwards {
-    AnyInterface      QueryInterface(const ReflectedInterface& ri) { return Table().QueryInterface(Self(), ri); }
+    AnyInterface QueryInterface(const ReflectedInterface& ri) { return Table().QueryInterface(Self(), ri); }
     AnyConstInterface QueryInterface(const ReflectedInterface& ri) const { return Table().QueryInterface(Self(), ri); }
-    AnyInterface      BindInterface(const ReflectedInterface& ri) { return Table().BindInterface(Self(), ri); }
+    AnyInterface BindInterface(const ReflectedInterface& ri) { return Table().BindInterface(Self(), ri); }
     AnyConstInterface BindInterface(const ReflectedInterface& ri) const { return Table().BindInterface(Self(), ri); }
 
     const ReflectedClass* GetReflectedClass() const { return Table().GetReflectedClass(Self()); }
-    void                  VisitObjects(IObjectVisitor& visitor) const { Table().VisitObjects(Self(), visitor); }
-    void                  OnGarbageCollect() { Table().OnGarbageCollect(Self()); }
-    void                  Destroy() { Table().Destroy(Self()); }
+    void VisitObjects(IObjectVisitor& visitor) const { Table().VisitObjects(Self(), visitor); }
+    void OnGarbageCollect() { Table().OnGarbageCollect(Self()); }
+    void Destroy() { Table().Destroy(Self()); }
     // The record is system state beside the object's value: it is reached, and changed, through const pointers too.
-    ObjSysState&          GetSysState() const { return Table().GetSysState(Self()); }
+    ObjSysState& GetSysState() const { return Table().GetSysState(Self()); }
 
     // Ends the chain that begins at ptr<I>::operator->.
-    I*       operator->() noexcept { return static_cast<I*>(this); }
+    I* operator->() noexcept { return static_cast<I*>(this); }
     const I* operator->() const noexcept { return static_cast<const I*>(this); }
 
     explicit operator bool() const noexcept { return Self() != nullptr; }
 
 private:
     const auto& Table() const { return *static_cast<const I&>(*this).m_table; }
-    void*       Self() const { return static_cast<const I&>(*this).m_self; }
+    void* Self() const { return static_cast<const I&>(*this).m_self; }
 };
 
 // A class that provides the operations of the root interface; interface values themselves are not objects.
 template <class C>
-concept IObjectClass = !std::is_const_v<C> && !requires { typename C::FnTable; } && requires(C& object) {
+concept IObjectClass = !std::is_const_v<C> && !requires {
+    typename C::FnTable;
+}
+&&requires(C& object) {
     { object.GetSysState() } -> std::same_as<ObjSysState&>;
 };
 
@@ -103,16 +106,25 @@ struct IObject : IObjectForwards<IObject> {
     // The table of an interface that extends this one begins with a copy: `FnTable{IObject::Stubs<T>::s_table, ...}`.
     template <class T>
     struct QX_API Stubs {
-        static AnyInterface QueryInterface(void* self, const ReflectedInterface& ri) { return static_cast<T*>(self)->QueryInterface(ri); }
-        static AnyInterface BindInterface(void* self, const ReflectedInterface& ri) { return static_cast<T*>(self)->BindInterface(ri); }
-        static const ReflectedClass* GetReflectedClass(const void* self) { return static_cast<const T*>(self)->GetReflectedClass(); }
-        static void VisitObjects(const void* self, IObjectVisitor& visitor) { static_cast<const T*>(self)->VisitObjects(visitor); }
+        static AnyInterface QueryInterface(void* self, const ReflectedInterface& ri) {
+            return static_cast<T*>(self)->QueryInterface(ri);
+        }
+        static AnyInterface BindInterface(void* self, const ReflectedInterface& ri) {
+            return static_cast<T*>(self)->BindInterface(ri);
+        }
+        static const ReflectedClass* GetReflectedClass(const void* self) {
+            return static_cast<const T*>(self)->GetReflectedClass();
+        }
+        static void VisitObjects(const void* self, IObjectVisitor& visitor) {
+            static_cast<const T*>(self)->VisitObjects(visitor);
+        }
         static void OnGarbageCollect(void* self) { static_cast<T*>(self)->OnGarbageCollect(); }
         static void Destroy(void* self) { static_cast<T*>(self)->Destroy(); }
         static ObjSysState& GetSysState(void* self) { return static_cast<T*>(self)->GetSysState(); }
 
-        static constexpr FnTable s_table = {&Stubs::QueryInterface,   &Stubs::BindInterface, &Stubs::GetReflectedClass, &Stubs::VisitObjects,
-                                            &Stubs::OnGarbageCollect, &Stubs::Destroy,       &Stubs::GetSysState};
+        static constexpr FnTable s_table = {&Stubs::QueryInterface, &Stubs::BindInterface,    &Stubs::GetReflectedClass,
+                                            &Stubs::VisitObjects,   &Stubs::OnGarbageCollect, &Stubs::Destroy,
+                                            &Stubs::GetSysState};
 
         static const FnTable* GetTable() noexcept { return &s_table; }
     };
@@ -126,7 +138,7 @@ struct IObject : IObjectForwards<IObject> {
     IObject() noexcept = default;
     IObject(void* self, const FnTable* table) noexcept : m_self(self), m_table(table) {}
 
-    void*          m_self = nullptr;
+    void* m_self = nullptr;
     const FnTable* m_table = nullptr;
 };
 
@@ -141,9 +153,7 @@ const ReflectedClass& GetReflectedClass() {
 
 // An untyped pointer as the root interface. `p` must be null or come from a `ptr` to an interface that extends IObject,
 // whose table therefore begins with IObject's.
-inline ptr<IObject> AsIObject(const AnyInterface& p) noexcept {
-    return ptr<IObject>(p.m_self, p.m_table);
-}
+inline ptr<IObject> AsIObject(const AnyInterface& p) noexcept { return ptr<IObject>(p.m_self, p.m_table); }
 inline ptr<const IObject> AsIObject(const AnyConstInterface& p) noexcept {
     return ptr<const IObject>(p.m_self, p.m_table);
 }
@@ -195,8 +205,10 @@ public:
 
     // Every field, if the class lists its members; otherwise nothing.
     void VisitObjects(IObjectVisitor& visitor) const {
-        if constexpr (HasMembers<Final>) VisitMemberObjects(visitor, static_cast<const Final&>(*this));
-        else Base::VisitObjects(visitor);
+        if constexpr (HasMembers<Final>)
+            VisitMemberObjects(visitor, static_cast<const Final&>(*this));
+        else
+            Base::VisitObjects(visitor);
     }
 
     void OnGarbageCollect() {}

@@ -28,8 +28,8 @@ protected:
 };
 
 template <class I>
-    requires ExtendsInterface<std::remove_const_t<I>, IObject>
-IObjectVisitor& operator<<(IObjectVisitor& visitor, ptr<I> p) {
+requires ExtendsInterface<std::remove_const_t<I>, IObject> IObjectVisitor& operator<<(IObjectVisitor& visitor,
+                                                                                      ptr<I> p) {
     visitor.VisitObject(p);
     return visitor;
 }

@@ -2,8 +2,8 @@
 // layer that cares about changes implements and installs.
 #pragma once
 
-#include "qxObject/Interface.h"
 #include "qxObject/IObject.h"
+#include "qxObject/Interface.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
 
@@ -22,9 +22,9 @@ using VisitPrefsInArrayFn = void (*)(IPrefVisitor& visitor, const void* array, s
 
 // Which field of which object.
 struct FieldParams {
-    ptr<IObject>  obj;
+    ptr<IObject> obj;
     PseudoFieldId fid = -1;
-    void*         addr = nullptr; // of the field
+    void* addr = nullptr; // of the field
 };
 
 struct AssignValue_params : FieldParams {
@@ -41,25 +41,25 @@ struct OffsetValue_params : FieldParams {
 
 // Elements i to i + n - 1 of a vector of values. `elementSize` is in bytes.
 struct CreateIntoVector_params : FieldParams {
-    ssize_t             i = 0;
-    const void*         src = nullptr;
-    ssize_t             n = 0;
+    ssize_t i = 0;
+    const void* src = nullptr;
+    ssize_t n = 0;
     VisitPrefsInArrayFn visitPrefsInArrayFn = nullptr; // null for values without references
-    ssize_t             elementSize = 0;
+    ssize_t elementSize = 0;
 };
 
 struct DeleteFromVector_params : FieldParams {
-    ssize_t             i = 0;
-    ssize_t             n = 0;
+    ssize_t i = 0;
+    ssize_t n = 0;
     VisitPrefsInArrayFn visitPrefsInArrayFn = nullptr;
-    ssize_t             elementSize = 0;
+    ssize_t elementSize = 0;
 };
 
 // Vectors and sets of references that own their targets.
 struct CreateIntoMVector_params : FieldParams {
-    ssize_t         i = 0;
+    ssize_t i = 0;
     const prefbase* src = nullptr;
-    ssize_t         n = 0;
+    ssize_t n = 0;
 };
 
 struct DeleteFromMVector_params : FieldParams {
@@ -69,12 +69,12 @@ struct DeleteFromMVector_params : FieldParams {
 
 struct InsertIntoMSet_params : FieldParams {
     const prefbase* src = nullptr;
-    ssize_t         n = 0;
+    ssize_t n = 0;
 };
 
 struct DeleteFromMSet_params : FieldParams {
     const prefbase* src = nullptr;
-    ssize_t         n = 0;
+    ssize_t n = 0;
 };
 
 // Threads: each operation runs on the thread that changes the object, inside the change, under the lock of the object's

@@ -38,9 +38,11 @@ struct AnyInterface {
     constexpr explicit operator bool() const noexcept { return m_self != nullptr; }
 
     // Two values are equal when they are the same object, through whatever interface each sees it.
-    friend constexpr bool operator==(const AnyInterface& a, const AnyInterface& b) noexcept { return a.m_self == b.m_self; }
+    friend constexpr bool operator==(const AnyInterface& a, const AnyInterface& b) noexcept {
+        return a.m_self == b.m_self;
+    }
 
-    void*                  m_self = nullptr;
+    void* m_self = nullptr;
     const FunctionPointer* m_table = nullptr;
 };
 
@@ -49,14 +51,17 @@ struct AnyConstInterface {
     constexpr AnyConstInterface() noexcept = default;
     constexpr AnyConstInterface(NullInterface) noexcept {}
     constexpr AnyConstInterface(std::nullptr_t) noexcept {}
-    constexpr AnyConstInterface(const void* self, const FunctionPointer* table) noexcept : m_self(self), m_table(table) {}
+    constexpr AnyConstInterface(const void* self, const FunctionPointer* table) noexcept
+        : m_self(self), m_table(table) {}
     constexpr AnyConstInterface(const AnyInterface& a) noexcept : m_self(a.m_self), m_table(a.m_table) {}
 
     constexpr explicit operator bool() const noexcept { return m_self != nullptr; }
 
-    friend constexpr bool operator==(const AnyConstInterface& a, const AnyConstInterface& b) noexcept { return a.m_self == b.m_self; }
+    friend constexpr bool operator==(const AnyConstInterface& a, const AnyConstInterface& b) noexcept {
+        return a.m_self == b.m_self;
+    }
 
-    const void*            m_self = nullptr;
+    const void* m_self = nullptr;
     const FunctionPointer* m_table = nullptr;
 };
 
@@ -98,21 +103,23 @@ public:
     constexpr ptr(void* self, const FunctionPointer* table) noexcept : AnyInterface(self, table) {}
 
     template <class Table>
-        requires std::derived_from<Table, typename I::FnTable>
-    ptr(void* self, const Table* table) noexcept : AnyInterface(self, ForgetTable(static_cast<const typename I::FnTable*>(table))) {}
+        requires std::derived_from<Table, typename I::FnTable> ptr(void* self, const Table* table)
+    noexcept : AnyInterface(self, ForgetTable(static_cast<const typename I::FnTable*>(table))) {}
 
     // From an interface value.
     template <class J>
-        requires ExtendsInterface<J, I>
-    ptr(const J& value) noexcept : ptr(value.m_self, value.m_table) {}
+        requires ExtendsInterface<J, I> ptr(const J& value)
+    noexcept : ptr(value.m_self, value.m_table) {}
 
     template <class C>
         requires(!std::is_const_v<C> && Implements<C, I>)
-    ptr(C* object) noexcept : ptr(I::template CoerceFrom<C>(object)) {}
+    ptr(C* object)
+    noexcept : ptr(I::template CoerceFrom<C>(object)) {}
 
     template <class J>
         requires(!std::is_const_v<J> && !std::same_as<I, J> && ExtendsInterface<J, I>)
-    ptr(ptr<J> p) noexcept : ptr(p.m_self, p.Table()) {}
+    ptr(ptr<J> p)
+    noexcept : ptr(p.m_self, p.Table()) {}
 
     const typename I::FnTable* Table() const noexcept { return RecallTable<typename I::FnTable>(m_table); }
 
@@ -132,21 +139,21 @@ public:
     constexpr ptr(const void* self, const FunctionPointer* table) noexcept : AnyConstInterface(self, table) {}
 
     template <class Table>
-        requires std::derived_from<Table, typename I::FnTable>
-    ptr(const void* self, const Table* table) noexcept
-        : AnyConstInterface(self, ForgetTable(static_cast<const typename I::FnTable*>(table))) {}
+        requires std::derived_from<Table, typename I::FnTable> ptr(const void* self, const Table* table)
+    noexcept : AnyConstInterface(self, ForgetTable(static_cast<const typename I::FnTable*>(table))) {}
 
     template <class J>
-        requires ExtendsInterface<J, I>
-    ptr(const J& value) noexcept : ptr(value.m_self, value.m_table) {}
+        requires ExtendsInterface<J, I> ptr(const J& value)
+    noexcept : ptr(value.m_self, value.m_table) {}
 
     template <class C>
-        requires Implements<std::remove_const_t<C>, I>
-    ptr(C* object) noexcept : ptr(I::template CoerceFrom<std::remove_const_t<C>>(const_cast<std::remove_const_t<C>*>(object))) {}
+        requires Implements<std::remove_const_t<C>, I> ptr(C* object)
+    noexcept : ptr(I::template CoerceFrom<std::remove_const_t<C>>(const_cast<std::remove_const_t<C>*>(object))) {}
 
     template <class J>
         requires(!std::same_as<const I, J> && ExtendsInterface<std::remove_const_t<J>, I>)
-    ptr(ptr<J> p) noexcept : ptr(p.m_self, p.Table()) {}
+    ptr(ptr<J> p)
+    noexcept : ptr(p.m_self, p.Table()) {}
 
     const typename I::FnTable* Table() const noexcept { return RecallTable<typename I::FnTable>(m_table); }
 

@@ -29,13 +29,15 @@ struct ClassMember {
         parent.m_parent = true;
         return parent;
     }
-    constexpr bool IsInSchema(schema_t schema) const { return m_firstSchema <= schema && (m_lastSchema == 0 || schema <= m_lastSchema); }
+    constexpr bool IsInSchema(schema_t schema) const {
+        return m_firstSchema <= schema && (m_lastSchema == 0 || schema <= m_lastSchema);
+    }
 
-    ConstStringZ    m_name;
-    Field Class::*  m_pointer;
-    schema_t        m_firstSchema;
-    schema_t        m_lastSchema = 0; // 0: no end
-    bool            m_parent = false;
+    ConstStringZ m_name;
+    Field Class::*m_pointer;
+    schema_t m_firstSchema;
+    schema_t m_lastSchema = 0; // 0: no end
+    bool m_parent = false;
 };
 
 template <class Class, class Field>
@@ -67,7 +69,9 @@ constexpr std::tuple<Entries...> MemberList(Entries... entries) {
 
 // A class that declares its members.
 template <class T>
-concept HasMembers = std::is_class_v<T> && requires { std::tuple_size<decltype(T::Members())>::value; };
+concept HasMembers = std::is_class_v<T> && requires {
+    std::tuple_size<decltype(T::Members())>::value;
+};
 
 namespace detail {
 

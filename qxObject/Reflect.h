@@ -22,13 +22,13 @@ namespace quna {
 // The interfaces of a class, as its record lists them.
 struct InterfaceNames {
     const ConstStringZ* m_names = nullptr;
-    ssize_t             m_numIndirect = 0;
-    ssize_t             m_numDirect = 0;
+    ssize_t m_numIndirect = 0;
+    ssize_t m_numDirect = 0;
 };
 
 namespace detail {
 
-inline constexpr ConstStringZ   IOBJECT_NAMES[] = {"quna::IObject"};
+inline constexpr ConstStringZ IOBJECT_NAMES[] = {"quna::IObject"};
 inline constexpr InterfaceNames IOBJECT_INTERFACES = {IOBJECT_NAMES, 0, 1};
 
 template <class T, std::size_t INDEX>
@@ -47,12 +47,13 @@ struct QX_API FieldsOf {
         constexpr auto entry = std::get<INDEX>(T::Members());
         using Entry = std::remove_cvref_t<decltype(entry)>;
         if constexpr (!IsRemovedMember<Entry>::value)
-            fields[n++] = ReflectedField{entry.m_name, DescriptionFnOf<typename Entry::FieldType>(), &FieldAddress<T, INDEX>, entry.m_firstSchema};
+            fields[n++] = ReflectedField{entry.m_name, DescriptionFnOf<typename Entry::FieldType>(),
+                                         &FieldAddress<T, INDEX>, entry.m_firstSchema};
     }
     template <std::size_t... INDEXES>
     static constexpr auto Make(std::index_sequence<INDEXES...>) {
         std::array<ReflectedField, NUM_ENTRIES> fields{};
-        std::size_t                             n = 0;
+        std::size_t n = 0;
         (AddField<INDEXES>(fields, n), ...);
         return fields;
     }
@@ -60,14 +61,17 @@ struct QX_API FieldsOf {
 };
 
 template <class T>
-concept HasCreateFn = requires { { T::sfnCreateInstance() } -> std::same_as<ptr<IObject>>; };
+concept HasCreateFn = requires {
+    { T::sfnCreateInstance() } -> std::same_as<ptr<IObject>>;
+};
 
 } // namespace detail
 
 // The record of `T`, by what T can do: an instance can be created if T has sfnCreateInstance and a default constructor,
 // and the fields are those of its list of members.
 template <class T>
-constexpr ReflectedClass MakeReflectedClass(ConstStringZ name, uint32 flags = 0, InterfaceNames interfaces = detail::IOBJECT_INTERFACES) {
+constexpr ReflectedClass MakeReflectedClass(ConstStringZ name, uint32 flags = 0,
+                                            InterfaceNames interfaces = detail::IOBJECT_INTERFACES) {
     ReflectedClass rc;
     rc.m_name = name;
     rc.m_flags = flags;
@@ -78,7 +82,8 @@ constexpr ReflectedClass MakeReflectedClass(ConstStringZ name, uint32 flags = 0,
         rc.m_numFields = NumMembers<T>();
     }
     if constexpr (IObjectClass<T>) {
-        if constexpr (std::is_default_constructible_v<T> && detail::HasCreateFn<T>) rc.m_createFn = &T::sfnCreateInstance;
+        if constexpr (std::is_default_constructible_v<T> && detail::HasCreateFn<T>)
+            rc.m_createFn = &T::sfnCreateInstance;
         rc.m_IObjectFnTable = &IObject::Stubs<T>::s_table;
         rc.m_interfaces = interfaces.m_names;
         rc.m_numIndirectInterfaces = interfaces.m_numIndirect;
@@ -97,8 +102,10 @@ QX_API void RegisterOrThrow(const ReflectedGlobalFunction& record, XTarget* targ
 // Makes the operations of a vector, pair, map or set known, so that they are found by description.
 template <class T>
 void RegisterTypeOpsOf() {
-    if constexpr (requires { _GetTypeOps(static_cast<const T*>(nullptr)); }) RegisterTypeOps(DescriptionOf<T>(), &GetTypeOps<T>());
-    else RegisterTypeOps(DescriptionOf<T>(), &detail::TypeOpsOf<T>::s_ops);
+    if constexpr (requires { _GetTypeOps(static_cast<const T*>(nullptr)); })
+        RegisterTypeOps(DescriptionOf<T>(), &GetTypeOps<T>());
+    else
+        RegisterTypeOps(DescriptionOf<T>(), &detail::TypeOpsOf<T>::s_ops);
 }
 
 } // namespace quna

@@ -42,13 +42,16 @@ struct FunctionTraits<Result (*)(Args...)> {
 
 private:
     template <class F, std::size_t... INDEXES>
-    static void InvokeIndexed(F function, void* result, [[maybe_unused]] void* const* args, std::index_sequence<INDEXES...>) {
+    static void InvokeIndexed(F function, void* result, [[maybe_unused]] void* const* args,
+                              std::index_sequence<INDEXES...>) {
         if constexpr (std::is_void_v<Result>)
             function(static_cast<Args>(*static_cast<std::remove_reference_t<Args>*>(args[INDEXES]))...);
         else if constexpr (std::is_reference_v<Result>)
-            ::new (result) std::add_pointer_t<Result>(std::addressof(function(static_cast<Args>(*static_cast<std::remove_reference_t<Args>*>(args[INDEXES]))...)));
+            ::new (result) std::add_pointer_t<Result>(std::addressof(
+                function(static_cast<Args>(*static_cast<std::remove_reference_t<Args>*>(args[INDEXES]))...)));
         else
-            ::new (result) Result(function(static_cast<Args>(*static_cast<std::remove_reference_t<Args>*>(args[INDEXES]))...));
+            ::new (result)
+                Result(function(static_cast<Args>(*static_cast<std::remove_reference_t<Args>*>(args[INDEXES]))...));
     }
 };
 
@@ -72,7 +75,9 @@ void InvokeFunction(void* result, void* const* args) {
 
 template <auto METHOD>
 void InvokeMethod(void* result, void* const* args) {
-    const auto call = [](auto* self, auto&&... rest) -> decltype(auto) { return (self->*METHOD)(std::forward<decltype(rest)>(rest)...); };
+    const auto call = [](auto* self, auto&&... rest) -> decltype(auto) {
+        return (self->*METHOD)(std::forward<decltype(rest)>(rest)...);
+    };
     FunctionTraits<decltype(METHOD)>::WithSelf::Invoke(call, result, args);
 }
 
@@ -90,14 +95,16 @@ template <auto F, std::size_t N>
 constexpr ReflectedGlobalFunction DescribeFunction(ConstStringZ name, const std::array<ReflectedArgument, N>& args) {
     using Traits = detail::FunctionTraits<decltype(F)>;
     static_assert(N == Traits::NUM_ARGS);
-    return {name, DescriptionFnOf<typename Traits::ResultType>(), args.data(), static_cast<ssize_t>(N), &detail::InvokeFunction<F>};
+    return {name, DescriptionFnOf<typename Traits::ResultType>(), args.data(), static_cast<ssize_t>(N),
+            &detail::InvokeFunction<F>};
 }
 
 template <auto METHOD, std::size_t N>
 constexpr ReflectedMethod DescribeMethod(ConstStringZ name, const std::array<ReflectedArgument, N>& args) {
     using Traits = detail::FunctionTraits<decltype(METHOD)>;
     static_assert(N == Traits::NUM_ARGS);
-    return {name, DescriptionFnOf<typename Traits::ResultType>(), args.data(), static_cast<ssize_t>(N), &detail::InvokeMethod<METHOD>};
+    return {name, DescriptionFnOf<typename Traits::ResultType>(), args.data(), static_cast<ssize_t>(N),
+            &detail::InvokeMethod<METHOD>};
 }
 
 } // namespace quna

@@ -8,17 +8,17 @@ namespace quna {
 
 struct ReflectedEnumValue {
     ConstStringZ m_name = nullptr;
-    int64        m_value = 0;
+    int64 m_value = 0;
 };
 
 struct ReflectedEnum {
     ConstStringZ GetName() const { return m_name; }
 
-    ConstStringZ              m_name = nullptr; // fully qualified
-    ssize_t                   m_size = 0;       // bytes of a value
+    ConstStringZ m_name = nullptr; // fully qualified
+    ssize_t m_size = 0;            // bytes of a value
     const ReflectedEnumValue* m_values = nullptr;
-    ssize_t                   m_numValues = 0;
-    TypeOps                   m_ops;
+    ssize_t m_numValues = 0;
+    TypeOps m_ops;
 };
 
 } // namespace quna

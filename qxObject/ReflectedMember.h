@@ -10,7 +10,7 @@ namespace quna {
 using TypeDescriptionFn = ReflectionByteCode (*)();
 
 struct ReflectedField {
-    ConstStringZ      m_name = nullptr;
+    ConstStringZ m_name = nullptr;
     TypeDescriptionFn m_typeFn = nullptr;
     // The address of the field in an object of the class.
     void* (*m_addressFn)(void* object) = nullptr;
@@ -20,7 +20,7 @@ struct ReflectedField {
 };
 
 struct ReflectedArgument {
-    ConstStringZ      m_name = nullptr;
+    ConstStringZ m_name = nullptr;
     TypeDescriptionFn m_typeFn = nullptr;
 };
 
@@ -29,11 +29,11 @@ struct ReflectedArgument {
 using InvokeFn = void (*)(void* result, void* const* args);
 
 struct ReflectedMethod {
-    ConstStringZ             m_name = nullptr;
-    TypeDescriptionFn        m_resultTypeFn = nullptr;
+    ConstStringZ m_name = nullptr;
+    TypeDescriptionFn m_resultTypeFn = nullptr;
     const ReflectedArgument* m_args = nullptr;
-    ssize_t                  m_numArgs = 0;
-    InvokeFn                 m_invokeFn = nullptr; // args[0] is the address of the object's pointer
+    ssize_t m_numArgs = 0;
+    InvokeFn m_invokeFn = nullptr; // args[0] is the address of the object's pointer
 };
 
 } // namespace quna

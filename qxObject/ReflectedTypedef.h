@@ -9,7 +9,7 @@ namespace quna {
 struct ReflectedTypedef {
     ConstStringZ GetName() const { return m_name; }
 
-    ConstStringZ      m_name = nullptr; // fully qualified
+    ConstStringZ m_name = nullptr; // fully qualified
     TypeDescriptionFn m_typeFn = nullptr;
 };
 

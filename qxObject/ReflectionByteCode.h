@@ -85,15 +85,15 @@ struct ReflectionByteCode {
 
     explicit operator bool() const { return m_bc != nullptr; }
 
-    const octet_t*        m_bc = nullptr;          // null: nothing is described
-    const ConstStringZ*   m_stringTable = nullptr; // by index
+    const octet_t* m_bc = nullptr;                 // null: nothing is described
+    const ConstStringZ* m_stringTable = nullptr;   // by index
     const PtrMapOrSetFns* m_mapOrSetFns = nullptr; // one for each map and set, in the order of the code; may be null
 };
 
 // One step of a description, as a reader sees it.
 struct ByteCodeStep {
-    EByteCode    m_code;
-    int          m_numArguments;   // descriptions that follow as arguments
+    EByteCode m_code;
+    int m_numArguments;            // descriptions that follow as arguments
     ConstStringZ m_name = nullptr; // of a named type
 };
 

@@ -62,8 +62,8 @@ private:
     void PointIntoStrings(const xvector<ssize_t>& offsets);
     void CopyTable(const ReflectionByteCodeValue& rhs);
 
-    xvector<uint8>       m_byteCode;
-    xstring              m_strings;     // the names, each with a terminating zero
+    xvector<uint8> m_byteCode;
+    xstring m_strings;                  // the names, each with a terminating zero
     xvector<const char*> m_stringTable; // into m_strings
 };
 

@@ -21,26 +21,26 @@ struct XTarget;
 // What came of a registration.
 enum ENameSpaceError {
     NSE_OK = 0,
-    NSE_COLON_EXPECTED,       // a single ':' in the name
-    NSE_IDENTIFIER_EXPECTED,  // no identifier where one must stand: an empty name, "a::", "1a"
-    NSE_NAME_ALREADY_IN_USE,  // the name is an item or a namespace already
-    NSE_NAME_NOT_FOUND,       // there is no record or no target to enter
-    NSE_NOT_A_NAMESPACE,      // something in front of a "::" is the name of an item
+    NSE_COLON_EXPECTED,      // a single ':' in the name
+    NSE_IDENTIFIER_EXPECTED, // no identifier where one must stand: an empty name, "a::", "1a"
+    NSE_NAME_ALREADY_IN_USE, // the name is an item or a namespace already
+    NSE_NAME_NOT_FOUND,      // there is no record or no target to enter
+    NSE_NOT_A_NAMESPACE,     // something in front of a "::" is the name of an item
 };
 
 // A library as its own sources describe it: a static table.
 struct dsTarget {
-    ConstStringZ           m_targetName = nullptr;        // for example "Quna/Core/qxObject"
+    ConstStringZ m_targetName = nullptr; // for example "Quna/Core/qxObject"
     const dsTarget* const* m_directSubTargets = nullptr;
-    ssize_t                m_numDirectSubTargets = 0;
-    const ConstStringZ*    m_releases = nullptr;
-    ssize_t                m_numReleases = 0;
+    ssize_t m_numDirectSubTargets = 0;
+    const ConstStringZ* m_releases = nullptr;
+    ssize_t m_numReleases = 0;
 };
 
 // A library as the registry knows it. Never destroyed.
 struct XTarget {
-    const dsTarget* m_dsTarget;  // the description it was registered with, which outlives it
-    ssize_t         m_numItems;  // registered under it
+    const dsTarget* m_dsTarget; // the description it was registered with, which outlives it
+    ssize_t m_numItems;         // registered under it
 };
 
 // Makes the target known. A name that is known already gives the target it had.
@@ -55,10 +55,10 @@ QX_API ENameSpaceError RegisterReflectedTypedef(const ReflectedTypedef* rt, XTar
 QX_API ENameSpaceError RegisterReflectedGlobalFunction(const ReflectedGlobalFunction* rf, XTarget* target);
 
 // The record of that name and kind, or null.
-QX_API const ReflectedClass*          FindReflectedClass(const char* name);
-QX_API const ReflectedInterface*      FindReflectedInterface(const char* name);
-QX_API const ReflectedEnum*           FindReflectedEnum(const char* name);
-QX_API const ReflectedTypedef*        FindReflectedTypedef(const char* name);
+QX_API const ReflectedClass* FindReflectedClass(const char* name);
+QX_API const ReflectedInterface* FindReflectedInterface(const char* name);
+QX_API const ReflectedEnum* FindReflectedEnum(const char* name);
+QX_API const ReflectedTypedef* FindReflectedTypedef(const char* name);
 QX_API const ReflectedGlobalFunction* FindReflectedGlobalFunction(const char* name);
 
 // Makes a table known for a described type that is no class and no enum: a vector, pair, map or set. The table lives for

@@ -42,8 +42,8 @@ public:
     ReflectionByteCode GetDescription() const;
 
 private:
-    std::vector<octet_t>        m_code;
-    std::vector<ConstStringZ>   m_names;
+    std::vector<octet_t> m_code;
+    std::vector<ConstStringZ> m_names;
     std::vector<PtrMapOrSetFns> m_mapOrSetFns;
 };
 
@@ -51,7 +51,9 @@ template <class T>
 struct TypeDescriber;
 
 template <class T>
-concept CanDescribe = requires(TypeDescriptionBuilder& builder) { TypeDescriber<T>::Describe(builder); };
+concept CanDescribe = requires(TypeDescriptionBuilder& builder) {
+    TypeDescriber<T>::Describe(builder);
+};
 
 // Lives for ever.
 template <CanDescribe T>
@@ -67,8 +69,10 @@ ReflectionByteCode DescriptionOf() {
 // &DescriptionOf<T>, or null when T has no description.
 template <class T>
 constexpr TypeDescriptionFn DescriptionFnOf() {
-    if constexpr (CanDescribe<T>) return &DescriptionOf<T>;
-    else return nullptr;
+    if constexpr (CanDescribe<T>)
+        return &DescriptionOf<T>;
+    else
+        return nullptr;
 }
 
 namespace detail {
@@ -90,17 +94,25 @@ template <class Container>
 struct ContainerFns {
     static constexpr bool IS_MAP = requires { typename Container::mapped_type; };
 
-    static ssize_t Size(const void* container) { return static_cast<ssize_t>(static_cast<const Container*>(container)->size()); }
+    static ssize_t Size(const void* container) {
+        return static_cast<ssize_t>(static_cast<const Container*>(container)->size());
+    }
     static void ForEach(const void* container, MapOrSetFns::EntryFn entryFn, void* context) {
         for (const auto& entry : *static_cast<const Container*>(container)) {
-            if constexpr (IS_MAP) entryFn(context, &entry.first, &entry.second);
-            else entryFn(context, &entry, nullptr);
+            if constexpr (IS_MAP)
+                entryFn(context, &entry.first, &entry.second);
+            else
+                entryFn(context, &entry, nullptr);
         }
     }
     static bool Insert(void* container, const void* key, const void* value) {
         const auto& typedKey = *static_cast<const typename Container::key_type*>(key);
-        if constexpr (IS_MAP) return static_cast<Container*>(container)->emplace(typedKey, *static_cast<const typename Container::mapped_type*>(value)).second;
-        else return static_cast<Container*>(container)->insert(typedKey).second;
+        if constexpr (IS_MAP)
+            return static_cast<Container*>(container)
+                ->emplace(typedKey, *static_cast<const typename Container::mapped_type*>(value))
+                .second;
+        else
+            return static_cast<Container*>(container)->insert(typedKey).second;
     }
     static void Clear(void* container) { static_cast<Container*>(container)->clear(); }
 
@@ -108,39 +120,66 @@ struct ContainerFns {
 };
 
 template <class T>
-concept ReflectedAsClass = requires { { _GetReflected(static_cast<const T*>(nullptr)) } -> std::same_as<const ReflectedClass&>; };
+concept ReflectedAsClass = requires {
+    { _GetReflected(static_cast<const T*>(nullptr)) } -> std::same_as<const ReflectedClass&>;
+};
 template <class T>
-concept ReflectedAsInterface = requires { { _GetReflected(static_cast<const T*>(nullptr)) } -> std::same_as<const ReflectedInterface&>; };
+concept ReflectedAsInterface = requires {
+    { _GetReflected(static_cast<const T*>(nullptr)) } -> std::same_as<const ReflectedInterface&>;
+};
 template <class T>
-concept ReflectedAsEnum = requires { { _GetReflected(static_cast<const T*>(nullptr)) } -> std::same_as<const ReflectedEnum&>; };
+concept ReflectedAsEnum = requires {
+    { _GetReflected(static_cast<const T*>(nullptr)) } -> std::same_as<const ReflectedEnum&>;
+};
 
 template <class T>
 concept CanWrap = !std::is_void_v<T> && CanDescribe<T>;
 
 } // namespace detail
 
-template <> struct TypeDescriber<void> : detail::BasicDescriber<EByteCode::Void> {};
-template <> struct TypeDescriber<bool> : detail::BasicDescriber<EByteCode::Bool> {};
-template <> struct TypeDescriber<char> : detail::BasicDescriber<EByteCode::Char> {};
-template <> struct TypeDescriber<int8> : detail::BasicDescriber<EByteCode::Int8> {};
-template <> struct TypeDescriber<int16> : detail::BasicDescriber<EByteCode::Int16> {};
-template <> struct TypeDescriber<int32> : detail::BasicDescriber<EByteCode::Int32> {};
-template <> struct TypeDescriber<int64> : detail::BasicDescriber<EByteCode::Int64> {};
-template <> struct TypeDescriber<uint8> : detail::BasicDescriber<EByteCode::Uint8> {};
-template <> struct TypeDescriber<uint16> : detail::BasicDescriber<EByteCode::Uint16> {};
-template <> struct TypeDescriber<uint32> : detail::BasicDescriber<EByteCode::Uint32> {};
-template <> struct TypeDescriber<uint64> : detail::BasicDescriber<EByteCode::Uint64> {};
-template <> struct TypeDescriber<float32> : detail::BasicDescriber<EByteCode::Float32> {};
-template <> struct TypeDescriber<float64> : detail::BasicDescriber<EByteCode::Float64> {};
-template <> struct TypeDescriber<xstring> : detail::BasicDescriber<EByteCode::XString> {};
-template <> struct TypeDescriber<Guid> : detail::BasicDescriber<EByteCode::Guid> {};
-template <> struct TypeDescriber<OID> : detail::BasicDescriber<EByteCode::Oid> {};
-template <> struct TypeDescriber<ConstStringZ> : detail::BasicDescriber<EByteCode::StringZ> {};
+template <>
+struct TypeDescriber<void> : detail::BasicDescriber<EByteCode::Void> {};
+template <>
+struct TypeDescriber<bool> : detail::BasicDescriber<EByteCode::Bool> {};
+template <>
+struct TypeDescriber<char> : detail::BasicDescriber<EByteCode::Char> {};
+template <>
+struct TypeDescriber<int8> : detail::BasicDescriber<EByteCode::Int8> {};
+template <>
+struct TypeDescriber<int16> : detail::BasicDescriber<EByteCode::Int16> {};
+template <>
+struct TypeDescriber<int32> : detail::BasicDescriber<EByteCode::Int32> {};
+template <>
+struct TypeDescriber<int64> : detail::BasicDescriber<EByteCode::Int64> {};
+template <>
+struct TypeDescriber<uint8> : detail::BasicDescriber<EByteCode::Uint8> {};
+template <>
+struct TypeDescriber<uint16> : detail::BasicDescriber<EByteCode::Uint16> {};
+template <>
+struct TypeDescriber<uint32> : detail::BasicDescriber<EByteCode::Uint32> {};
+template <>
+struct TypeDescriber<uint64> : detail::BasicDescriber<EByteCode::Uint64> {};
+template <>
+struct TypeDescriber<float32> : detail::BasicDescriber<EByteCode::Float32> {};
+template <>
+struct TypeDescriber<float64> : detail::BasicDescriber<EByteCode::Float64> {};
+template <>
+struct TypeDescriber<xstring> : detail::BasicDescriber<EByteCode::XString> {};
+template <>
+struct TypeDescriber<Guid> : detail::BasicDescriber<EByteCode::Guid> {};
+template <>
+struct TypeDescriber<OID> : detail::BasicDescriber<EByteCode::Oid> {};
+template <>
+struct TypeDescriber<ConstStringZ> : detail::BasicDescriber<EByteCode::StringZ> {};
 
-template <CanDescribe T> struct TypeDescriber<xvector<T>> : detail::WrappedDescriber<EByteCode::Vector, T> {};
-template <CanDescribe T> struct TypeDescriber<T*> : detail::WrappedDescriber<EByteCode::Pointer, T> {};
-template <CanDescribe T> struct TypeDescriber<T&> : detail::WrappedDescriber<EByteCode::Reference, T> {};
-template <CanDescribe T> struct TypeDescriber<const T> : detail::WrappedDescriber<EByteCode::Const, T> {};
+template <CanDescribe T>
+struct TypeDescriber<xvector<T>> : detail::WrappedDescriber<EByteCode::Vector, T> {};
+template <CanDescribe T>
+struct TypeDescriber<T*> : detail::WrappedDescriber<EByteCode::Pointer, T> {};
+template <CanDescribe T>
+struct TypeDescriber<T&> : detail::WrappedDescriber<EByteCode::Reference, T> {};
+template <CanDescribe T>
+struct TypeDescriber<const T> : detail::WrappedDescriber<EByteCode::Const, T> {};
 
 template <CanDescribe A, CanDescribe B>
 struct TypeDescriber<std::pair<A, B>> {
@@ -171,11 +210,15 @@ struct TypeDescriber<std::set<K, L>> {
 // References and interface pointers name their target; it may be a type that is only declared.
 template <class T>
 struct TypeDescriber<pref<T>> {
-    static void Describe(TypeDescriptionBuilder& builder) { builder.PutNamed(EByteCode::Pref, GetReflectedInterface<T>().m_name); }
+    static void Describe(TypeDescriptionBuilder& builder) {
+        builder.PutNamed(EByteCode::Pref, GetReflectedInterface<T>().m_name);
+    }
 };
 template <class T>
 struct TypeDescriber<cref<T>> {
-    static void Describe(TypeDescriptionBuilder& builder) { builder.PutNamed(EByteCode::Cref, GetReflectedClass<T>().m_name); }
+    static void Describe(TypeDescriptionBuilder& builder) {
+        builder.PutNamed(EByteCode::Cref, GetReflectedClass<T>().m_name);
+    }
 };
 template <>
 struct TypeDescriber<cref<void>> {
@@ -183,7 +226,9 @@ struct TypeDescriber<cref<void>> {
 };
 template <detail::ReflectedAsInterface T>
 struct TypeDescriber<ptr<T>> {
-    static void Describe(TypeDescriptionBuilder& builder) { builder.PutNamed(EByteCode::Ptr, GetReflectedInterface<T>().m_name); }
+    static void Describe(TypeDescriptionBuilder& builder) {
+        builder.PutNamed(EByteCode::Ptr, GetReflectedInterface<T>().m_name);
+    }
 };
 template <detail::ReflectedAsInterface T>
 struct TypeDescriber<ptr<const T>> {
@@ -196,17 +241,23 @@ struct TypeDescriber<ptr<const T>> {
 template <class T>
     requires(!std::is_const_v<T> && detail::ReflectedAsClass<T>)
 struct TypeDescriber<T> {
-    static void Describe(TypeDescriptionBuilder& builder) { builder.PutNamed(EByteCode::Class, GetReflectedClass<T>().m_name); }
+    static void Describe(TypeDescriptionBuilder& builder) {
+        builder.PutNamed(EByteCode::Class, GetReflectedClass<T>().m_name);
+    }
 };
 template <class T>
     requires(!std::is_const_v<T> && detail::ReflectedAsInterface<T>)
 struct TypeDescriber<T> {
-    static void Describe(TypeDescriptionBuilder& builder) { builder.PutNamed(EByteCode::Interface, GetReflectedInterface<T>().m_name); }
+    static void Describe(TypeDescriptionBuilder& builder) {
+        builder.PutNamed(EByteCode::Interface, GetReflectedInterface<T>().m_name);
+    }
 };
 template <class T>
     requires(!std::is_const_v<T> && detail::ReflectedAsEnum<T>)
 struct TypeDescriber<T> {
-    static void Describe(TypeDescriptionBuilder& builder) { builder.PutNamed(EByteCode::Enum, _GetReflected(static_cast<const T*>(nullptr)).m_name); }
+    static void Describe(TypeDescriptionBuilder& builder) {
+        builder.PutNamed(EByteCode::Enum, _GetReflected(static_cast<const T*>(nullptr)).m_name);
+    }
 };
 
 } // namespace quna

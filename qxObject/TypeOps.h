@@ -29,7 +29,8 @@ struct TypeOps {
     using LessFn = bool (*)(const void*, const void*);
     using PrintVariableFn = void (*)(xostream&, const void*);
     using ConstructArrayFn = void (*)(void*, ssize_t stride, ssize_t count);
-    using CopyConstructArrayFn = void (*)(void* dst, ssize_t dstStride, const void* src, ssize_t srcStride, ssize_t count);
+    using CopyConstructArrayFn = void (*)(void* dst, ssize_t dstStride, const void* src, ssize_t srcStride,
+                                          ssize_t count);
     using AssignArrayFn = void (*)(void* dst, ssize_t dstStride, const void* src, ssize_t srcStride, ssize_t count);
     using DestructArrayFn = void (*)(void*, ssize_t stride, ssize_t count);
     using SerialiseArrayFn = void (*)(Archive&, const void*, ssize_t stride, ssize_t count);
@@ -145,25 +146,25 @@ struct TypeOps {
         return m_UpperBoundFn(array, stride, count, value);
     }
 
-    ssize_t               m_size = 0; // bytes of one value; 0 in the table of a type that has no values
-    EqualsFn              m_equalsFn = nullptr;
-    LessFn                m_lessFn = nullptr;
-    PrintVariableFn       m_PrintVariableFn = nullptr;
-    ConstructArrayFn      m_ConstructArrayFn = nullptr;
-    CopyConstructArrayFn  m_CopyConstructArrayFn = nullptr;
-    AssignArrayFn         m_AssignArrayFn = nullptr;
-    DestructArrayFn       m_DestructArrayFn = nullptr;
-    SerialiseArrayFn      m_SerialiseArrayFn = nullptr;
-    DeserialiseArrayFn    m_DeserialiseArrayFn = nullptr;
+    ssize_t m_size = 0; // bytes of one value; 0 in the table of a type that has no values
+    EqualsFn m_equalsFn = nullptr;
+    LessFn m_lessFn = nullptr;
+    PrintVariableFn m_PrintVariableFn = nullptr;
+    ConstructArrayFn m_ConstructArrayFn = nullptr;
+    CopyConstructArrayFn m_CopyConstructArrayFn = nullptr;
+    AssignArrayFn m_AssignArrayFn = nullptr;
+    DestructArrayFn m_DestructArrayFn = nullptr;
+    SerialiseArrayFn m_SerialiseArrayFn = nullptr;
+    DeserialiseArrayFn m_DeserialiseArrayFn = nullptr;
     VisitObjectsInArrayFn m_VisitObjectsInArrayFn = nullptr;
-    VisitPrefsInArrayFn   m_VisitPrefsInArrayFn = nullptr;
-    BoundFn               m_LowerBoundFn = nullptr;
-    BoundFn               m_UpperBoundFn = nullptr;
+    VisitPrefsInArrayFn m_VisitPrefsInArrayFn = nullptr;
+    BoundFn m_LowerBoundFn = nullptr;
+    BoundFn m_UpperBoundFn = nullptr;
 
     // Conversions between a value and a variable of a described type. The tables generated here leave them null.
-    FromSelfFn     m_ConstructVariableFromSelfFn = nullptr;
+    FromSelfFn m_ConstructVariableFromSelfFn = nullptr;
     FromVariableFn m_ConstructSelfFromVariableFn = nullptr;
-    FromSelfFn     m_AssignVariableFromSelfFn = nullptr;
+    FromSelfFn m_AssignVariableFromSelfFn = nullptr;
     FromVariableFn m_AssignSelfFromVariableFn = nullptr;
 };
 

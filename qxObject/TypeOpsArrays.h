@@ -45,7 +45,7 @@ public:
     const T& operator*() const noexcept { return *m_value; }
 
 private:
-    const T*    m_value;
+    const T* m_value;
     RawValue<T> m_copy;
 };
 
@@ -70,8 +70,8 @@ public:
     T& operator*() const noexcept { return *m_value; }
 
 private:
-    void*       m_place;
-    T*          m_value;
+    void* m_place;
+    T* m_value;
     RawValue<T> m_copy;
 };
 
@@ -87,16 +87,20 @@ void ConstructAt(void* p, const Args&... args) {
     }
 }
 
-inline char* ElementAt(void* array, ssize_t stride, ssize_t i) noexcept { return static_cast<char*>(array) + stride * i; }
-inline const char* ElementAt(const void* array, ssize_t stride, ssize_t i) noexcept { return static_cast<const char*>(array) + stride * i; }
+inline char* ElementAt(void* array, ssize_t stride, ssize_t i) noexcept {
+    return static_cast<char*>(array) + stride * i;
+}
+inline const char* ElementAt(const void* array, ssize_t stride, ssize_t i) noexcept {
+    return static_cast<const char*>(array) + stride * i;
+}
 
 // Hands the edges of an aligned copy on as those of the value that was copied: the address of an evictable pointer
 // inside the copy becomes its true, unaligned address.
 class RelocatedEdges final : public IObjectVisitor {
 public:
     RelocatedEdges(IObjectVisitor& target, const void* copy, const void* place, ssize_t size)
-        : m_target(target), m_copy(reinterpret_cast<std::uintptr_t>(copy)), m_place(reinterpret_cast<std::uintptr_t>(place)),
-          m_size(static_cast<std::uintptr_t>(size)) {}
+        : m_target(target), m_copy(reinterpret_cast<std::uintptr_t>(copy)),
+          m_place(reinterpret_cast<std::uintptr_t>(place)), m_size(static_cast<std::uintptr_t>(size)) {}
 
     void VisitObject(ptr<const IObject> object) override { m_target.VisitObject(object); }
     void VisitEvictablePtr(AnyInterface* p) override {
@@ -105,7 +109,7 @@ public:
     }
 
 private:
-    IObjectVisitor&      m_target;
+    IObjectVisitor& m_target;
     const std::uintptr_t m_copy;
     const std::uintptr_t m_place;
     const std::uintptr_t m_size; // bytes
@@ -163,10 +167,10 @@ void CopyConstructArray(void* dst, ssize_t dstStride, const void* src, ssize_t s
 template <class T>
 void AssignArray(void* dst, ssize_t dstStride, const void* src, ssize_t srcStride, ssize_t count) {
     for (ssize_t i = 0; i < count; ++i) {
-        char* const       to = detail::ElementAt(dst, dstStride, i);
+        char* const to = detail::ElementAt(dst, dstStride, i);
         const char* const from = detail::ElementAt(src, srcStride, i);
         if (to == from) continue; // two unaligned views of one value would disown each other
-        const detail::ReadView<T>  source(from);
+        const detail::ReadView<T> source(from);
         const detail::WriteView<T> target(to);
         *target = *source;
     }
@@ -174,19 +178,21 @@ void AssignArray(void* dst, ssize_t dstStride, const void* src, ssize_t srcStrid
 
 template <class T>
 void SerialiseArray(Archive& ar, const void* array, ssize_t stride, ssize_t count) {
-    for (ssize_t i = 0; i < count; ++i) ValueOps<T>::Serialise(ar, *detail::ReadView<T>(detail::ElementAt(array, stride, i)));
+    for (ssize_t i = 0; i < count; ++i)
+        ValueOps<T>::Serialise(ar, *detail::ReadView<T>(detail::ElementAt(array, stride, i)));
 }
 
 template <class T>
 InputArchive DeserialiseArray(InputArchive ar, void* array, ssize_t stride, ssize_t count) {
-    for (ssize_t i = 0; i < count; ++i) ar = ValueOps<T>::Deserialise(ar, *detail::WriteView<T>(detail::ElementAt(array, stride, i)));
+    for (ssize_t i = 0; i < count; ++i)
+        ar = ValueOps<T>::Deserialise(ar, *detail::WriteView<T>(detail::ElementAt(array, stride, i)));
     return ar;
 }
 
 template <class T>
 void VisitObjectsInArray(IObjectVisitor& visitor, const void* array, ssize_t stride, ssize_t count) {
     for (ssize_t i = 0; i < count; ++i) {
-        const char* const         place = detail::ElementAt(array, stride, i);
+        const char* const place = detail::ElementAt(array, stride, i);
         const detail::ReadView<T> view(place);
         if (detail::IsAlignedFor<T>(place)) [[likely]] {
             ValueOps<T>::VisitObjects(visitor, *view);
@@ -214,7 +220,8 @@ void VisitPrefsInArray(IPrefVisitor& visitor, const void* array, ssize_t stride,
         const T& value = *std::launder(reinterpret_cast<const T*>(visited.m_bytes));
         ValueOps<T>::VisitPrefs(visitor, value);
         // The array is const in what it means; a visitor that aims references elsewhere says so by casting, as here.
-        if (ShouldStoreVisited(*detail::ReadView<T>(place), value)) std::memcpy(const_cast<char*>(place), visited.m_bytes, sizeof(T));
+        if (ShouldStoreVisited(*detail::ReadView<T>(place), value))
+            std::memcpy(const_cast<char*>(place), visited.m_bytes, sizeof(T));
     }
 }
 
@@ -236,7 +243,7 @@ void PrintVariable(xostream& os, const void* p) {
 template <class T>
 ssize_t BinaryLowerBound(const void* array, ssize_t stride, ssize_t count, const void* value) {
     const detail::ReadView<T> sought(value);
-    ssize_t                   first = 0;
+    ssize_t first = 0;
     while (count > 0) {
         const ssize_t half = count / 2;
         if (ValueOps<T>::Less(*detail::ReadView<T>(detail::ElementAt(array, stride, first + half)), *sought)) {
@@ -252,7 +259,7 @@ ssize_t BinaryLowerBound(const void* array, ssize_t stride, ssize_t count, const
 template <class T>
 ssize_t BinaryUpperBound(const void* array, ssize_t stride, ssize_t count, const void* value) {
     const detail::ReadView<T> sought(value);
-    ssize_t                   first = 0;
+    ssize_t first = 0;
     while (count > 0) {
         const ssize_t half = count / 2;
         if (!ValueOps<T>::Less(*sought, *detail::ReadView<T>(detail::ElementAt(array, stride, first + half)))) {

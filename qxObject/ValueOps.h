@@ -36,27 +36,49 @@ template <class T>
 concept PlainValue = !std::is_pointer_v<T> && !std::is_void_v<T> && !std::is_reference_v<T>;
 
 template <class T>
-concept OwnEqual = PlainValue<T> && requires(const T& x) { { x == x } -> std::convertible_to<bool>; };
+concept OwnEqual = PlainValue<T> && requires(const T& x) {
+    { x == x } -> std::convertible_to<bool>;
+};
 template <class T>
-concept OwnLess = PlainValue<T> && requires(const T& x) { { x < x } -> std::convertible_to<bool>; };
+concept OwnLess = PlainValue<T> && requires(const T& x) {
+    { x < x } -> std::convertible_to<bool>;
+};
 template <class T>
-concept OwnPrint = PlainValue<T> && requires(xostream& os, const T& x) { { os << x } -> std::same_as<xostream&>; };
+concept OwnPrint = PlainValue<T> && requires(xostream& os, const T& x) {
+    { os << x } -> std::same_as<xostream&>;
+};
 template <class T>
-concept SerialiseMember = requires(const T& x, Archive& ar) { x.Serialise(ar); };
+concept SerialiseMember = requires(const T& x, Archive& ar) {
+    x.Serialise(ar);
+};
 template <class T>
-concept SerialiseOperator = PlainValue<T> && requires(const T& x, Archive& ar) { { ar << x } -> std::same_as<Archive&>; };
+concept SerialiseOperator = PlainValue<T> && requires(const T& x, Archive& ar) {
+    { ar << x } -> std::same_as<Archive&>;
+};
 template <class T>
-concept DeserialiseMember = requires(T& x, InputArchive ar) { { x.Deserialise(ar) } -> std::convertible_to<InputArchive>; };
+concept DeserialiseMember = requires(T& x, InputArchive ar) {
+    { x.Deserialise(ar) } -> std::convertible_to<InputArchive>;
+};
 template <class T>
-concept DeserialiseOperator = PlainValue<T> && requires(T& x, InputArchive ar) { { ar >> x } -> std::same_as<InputArchive>; };
+concept DeserialiseOperator = PlainValue<T> && requires(T& x, InputArchive ar) {
+    { ar >> x } -> std::same_as<InputArchive>;
+};
 template <class T>
-concept VisitObjectsMember = requires(const T& x, IObjectVisitor& visitor) { x.VisitObjects(visitor); };
+concept VisitObjectsMember = requires(const T& x, IObjectVisitor& visitor) {
+    x.VisitObjects(visitor);
+};
 template <class T>
-concept VisitObjectsOperator = requires(const T& x, IObjectVisitor& visitor) { { visitor << x } -> std::same_as<IObjectVisitor&>; };
+concept VisitObjectsOperator = requires(const T& x, IObjectVisitor& visitor) {
+    { visitor << x } -> std::same_as<IObjectVisitor&>;
+};
 template <class T>
-concept VisitPrefsMember = requires(const T& x, IPrefVisitor& visitor) { x.VisitPrefs(visitor); };
+concept VisitPrefsMember = requires(const T& x, IPrefVisitor& visitor) {
+    x.VisitPrefs(visitor);
+};
 template <class T>
-concept VisitPrefsOperator = requires(const T& x, IPrefVisitor& visitor) { { visitor << x } -> std::same_as<IPrefVisitor&>; };
+concept VisitPrefsOperator = requires(const T& x, IPrefVisitor& visitor) {
+    { visitor << x } -> std::same_as<IPrefVisitor&>;
+};
 
 [[noreturn]] QX_API void ThrowVectorTooLarge(ssize_t numElements, ssize_t elementSize);
 
@@ -100,39 +122,60 @@ struct ValueOps {
     static constexpr bool FROM_MEMBERS = HasMembers<T>;
 
     static constexpr bool CanEqual() {
-        if constexpr (detail::OwnEqual<T>) return true;
-        else if constexpr (FROM_MEMBERS) return detail::EveryMember<T>([](auto ops) { return decltype(ops)::CAN_EQUAL; });
-        else return false;
+        if constexpr (detail::OwnEqual<T>)
+            return true;
+        else if constexpr (FROM_MEMBERS)
+            return detail::EveryMember<T>([](auto ops) { return decltype(ops)::CAN_EQUAL; });
+        else
+            return false;
     }
     static constexpr bool CanLess() {
-        if constexpr (detail::OwnLess<T>) return true;
-        else if constexpr (FROM_MEMBERS) return detail::EveryMember<T>([](auto ops) { return decltype(ops)::CAN_LESS; });
-        else return false;
+        if constexpr (detail::OwnLess<T>)
+            return true;
+        else if constexpr (FROM_MEMBERS)
+            return detail::EveryMember<T>([](auto ops) { return decltype(ops)::CAN_LESS; });
+        else
+            return false;
     }
     static constexpr bool CanPrint() {
-        if constexpr (detail::OwnPrint<T>) return true;
-        else if constexpr (FROM_MEMBERS) return detail::EveryMember<T>([](auto ops) { return decltype(ops)::CAN_PRINT; });
-        else return false;
+        if constexpr (detail::OwnPrint<T>)
+            return true;
+        else if constexpr (FROM_MEMBERS)
+            return detail::EveryMember<T>([](auto ops) { return decltype(ops)::CAN_PRINT; });
+        else
+            return false;
     }
     static constexpr bool CanSerialise() {
-        if constexpr (detail::SerialiseMember<T> || std::is_enum_v<T> || detail::SerialiseOperator<T>) return true;
-        else if constexpr (FROM_MEMBERS && !IObjectClass<T>) return detail::EveryMember<T>([](auto ops) { return decltype(ops)::CAN_SERIALISE; });
-        else return false;
+        if constexpr (detail::SerialiseMember<T> || std::is_enum_v<T> || detail::SerialiseOperator<T>)
+            return true;
+        else if constexpr (FROM_MEMBERS && !IObjectClass<T>)
+            return detail::EveryMember<T>([](auto ops) { return decltype(ops)::CAN_SERIALISE; });
+        else
+            return false;
     }
     static constexpr bool CanDeserialise() {
-        if constexpr (detail::DeserialiseMember<T> || std::is_enum_v<T> || detail::DeserialiseOperator<T>) return true;
-        else if constexpr (FROM_MEMBERS && !IObjectClass<T>) return detail::EveryMember<T>([](auto ops) { return decltype(ops)::CAN_DESERIALISE; });
-        else return false;
+        if constexpr (detail::DeserialiseMember<T> || std::is_enum_v<T> || detail::DeserialiseOperator<T>)
+            return true;
+        else if constexpr (FROM_MEMBERS && !IObjectClass<T>)
+            return detail::EveryMember<T>([](auto ops) { return decltype(ops)::CAN_DESERIALISE; });
+        else
+            return false;
     }
     static constexpr bool CanVisitObjects() {
-        if constexpr (detail::VisitObjectsMember<T> || detail::VisitObjectsOperator<T>) return true;
-        else if constexpr (FROM_MEMBERS) return detail::SomeMember<T>([](auto ops) { return decltype(ops)::CAN_VISIT_OBJECTS; });
-        else return false;
+        if constexpr (detail::VisitObjectsMember<T> || detail::VisitObjectsOperator<T>)
+            return true;
+        else if constexpr (FROM_MEMBERS)
+            return detail::SomeMember<T>([](auto ops) { return decltype(ops)::CAN_VISIT_OBJECTS; });
+        else
+            return false;
     }
     static constexpr bool CanVisitPrefs() {
-        if constexpr (detail::VisitPrefsMember<T> || detail::VisitPrefsOperator<T>) return true;
-        else if constexpr (FROM_MEMBERS) return detail::SomeMember<T>([](auto ops) { return decltype(ops)::CAN_VISIT_PREFS; });
-        else return false;
+        if constexpr (detail::VisitPrefsMember<T> || detail::VisitPrefsOperator<T>)
+            return true;
+        else if constexpr (FROM_MEMBERS)
+            return detail::SomeMember<T>([](auto ops) { return decltype(ops)::CAN_VISIT_PREFS; });
+        else
+            return false;
     }
 
     static constexpr bool CAN_EQUAL = CanEqual();
@@ -147,7 +190,9 @@ struct ValueOps {
         if constexpr (detail::OwnEqual<T>) {
             return x == y;
         } else {
-            return AllMembers<T>([&](const auto& member) { return OpsOf<decltype(member)>::Equal(x.*member.m_pointer, y.*member.m_pointer); });
+            return AllMembers<T>([&](const auto& member) {
+                return OpsOf<decltype(member)>::Equal(x.*member.m_pointer, y.*member.m_pointer);
+            });
         }
     }
 
@@ -205,7 +250,8 @@ struct ValueOps {
         } else if constexpr (detail::DeserialiseOperator<T>) {
             return ar >> x;
         } else {
-            ForEachMember<T>([&](const auto& member) { ar = OpsOf<decltype(member)>::Deserialise(ar, x.*member.m_pointer); });
+            ForEachMember<T>(
+                [&](const auto& member) { ar = OpsOf<decltype(member)>::Deserialise(ar, x.*member.m_pointer); });
             return ar;
         }
     }
@@ -253,10 +299,12 @@ struct RangeOps {
     static constexpr bool CAN_VISIT_PREFS = Ops::CAN_VISIT_PREFS;
 
     static bool Equal(const C& x, const C& y) {
-        return x.size() == y.size() && std::equal(x.begin(), x.end(), y.begin(), [](const E& a, const E& b) { return Ops::Equal(a, b); });
+        return x.size() == y.size() &&
+               std::equal(x.begin(), x.end(), y.begin(), [](const E& a, const E& b) { return Ops::Equal(a, b); });
     }
     static bool Less(const C& x, const C& y) {
-        return std::lexicographical_compare(x.begin(), x.end(), y.begin(), y.end(), [](const E& a, const E& b) { return Ops::Less(a, b); });
+        return std::lexicographical_compare(x.begin(), x.end(), y.begin(), y.end(),
+                                            [](const E& a, const E& b) { return Ops::Less(a, b); });
     }
     static void VisitObjects(IObjectVisitor& visitor, const C& x) {
         for (const E& element : x) Ops::VisitObjects(visitor, element);
@@ -343,7 +391,9 @@ template <class K, class V, class L>
 struct ValueOps<std::map<K, V, L>> : detail::RangeOps<std::map<K, V, L>, std::pair<const K, V>> {
     static void Print(xostream& os, const std::map<K, V, L>& x) { ValueOps::PrintElements(os, x, '{', '}'); }
     static void Serialise(Archive& ar, const std::map<K, V, L>& x) { ValueOps::SerialiseElements(ar, x); }
-    static InputArchive Deserialise(InputArchive ar, std::map<K, V, L>& x) { return detail::DeserialiseOrdered<std::pair<K, V>>(ar, x); }
+    static InputArchive Deserialise(InputArchive ar, std::map<K, V, L>& x) {
+        return detail::DeserialiseOrdered<std::pair<K, V>>(ar, x);
+    }
     static constexpr bool CAN_DESERIALISE = ValueOps<std::pair<K, V>>::CAN_DESERIALISE;
 };
 
@@ -361,7 +411,9 @@ struct ValueOps<std::pair<A, B>> {
     static constexpr bool CAN_VISIT_OBJECTS = First::CAN_VISIT_OBJECTS || Second::CAN_VISIT_OBJECTS;
     static constexpr bool CAN_VISIT_PREFS = First::CAN_VISIT_PREFS || Second::CAN_VISIT_PREFS;
 
-    static bool Equal(const Pair& x, const Pair& y) { return First::Equal(x.first, y.first) && Second::Equal(x.second, y.second); }
+    static bool Equal(const Pair& x, const Pair& y) {
+        return First::Equal(x.first, y.first) && Second::Equal(x.second, y.second);
+    }
     static bool Less(const Pair& x, const Pair& y) {
         if (First::Less(x.first, y.first)) return true;
         return !First::Less(y.first, x.first) && Second::Less(x.second, y.second);
@@ -375,7 +427,9 @@ struct ValueOps<std::pair<A, B>> {
         First::Serialise(ar, x.first);
         Second::Serialise(ar, x.second);
     }
-    static InputArchive Deserialise(InputArchive ar, Pair& x) { return Second::Deserialise(First::Deserialise(ar, x.first), x.second); }
+    static InputArchive Deserialise(InputArchive ar, Pair& x) {
+        return Second::Deserialise(First::Deserialise(ar, x.first), x.second);
+    }
     static void VisitObjects(IObjectVisitor& visitor, const Pair& x) {
         if constexpr (First::CAN_VISIT_OBJECTS) First::VisitObjects(visitor, x.first);
         if constexpr (Second::CAN_VISIT_OBJECTS) Second::VisitObjects(visitor, x.second);

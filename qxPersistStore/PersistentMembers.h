@@ -71,8 +71,10 @@ void VisitMemberPrefs(IPrefVisitor& visitor, const T& object) {
     ForEachMember<T>([&](const auto& member) {
         using Field = typename std::remove_cvref_t<decltype(member)>::FieldType;
         if constexpr (std::is_base_of_v<prefbase, Field>) {
-            if (member.m_parent) visitor.VisitParentPref(object.*member.m_pointer);
-            else visitor.VisitPref(object.*member.m_pointer);
+            if (member.m_parent)
+                visitor.VisitParentPref(object.*member.m_pointer);
+            else
+                visitor.VisitPref(object.*member.m_pointer);
         } else if constexpr (ValueOps<Field>::CAN_VISIT_PREFS) {
             ValueOps<Field>::VisitPrefs(visitor, object.*member.m_pointer);
         }
@@ -90,7 +92,7 @@ public:
 
 namespace detail {
 
-inline constexpr ConstStringZ   PERSISTABLE_NAMES[] = {"quna::IObject", "quna::IPersistable"};
+inline constexpr ConstStringZ PERSISTABLE_NAMES[] = {"quna::IObject", "quna::IPersistable"};
 inline constexpr InterfaceNames PERSISTABLE_INTERFACES = {PERSISTABLE_NAMES, 1, 1};
 
 } // namespace detail

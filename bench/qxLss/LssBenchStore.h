@@ -57,9 +57,9 @@ public:
     }
 
 private:
-    const std::string    m_path;
+    const std::string m_path;
     ILogStructuredStore* m_lss = nullptr;
-    SeidHigh             m_high = 0;
+    SeidHigh m_high = 0;
 };
 
 } // namespace quna

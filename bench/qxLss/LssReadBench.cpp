@@ -1,13 +1,13 @@
 // How fast elements are read, beside a bare touch of the same memory and beside LMDB.
 #include "bench/qxLss/LssBenchStore.h"
 
-#include <benchmark/benchmark.h>
-
 #include <algorithm>
 #include <cstring>
 #include <memory>
 #include <numeric>
 #include <random>
+
+#include <benchmark/benchmark.h>
 
 #if QX_HAVE_LMDB
 #include <lmdb.h>
@@ -28,8 +28,7 @@ std::vector<uint32> RandomCycle() {
     std::mt19937_64 random(1);
     std::shuffle(order.begin(), order.end(), random);
     std::vector<uint32> next(order.size());
-    for (size_t i = 0; i < order.size(); ++i)
-        next[order[i]] = order[(i + 1) % order.size()];
+    for (size_t i = 0; i < order.size(); ++i) next[order[i]] = order[(i + 1) % order.size()];
     return next;
 }
 
@@ -37,8 +36,7 @@ struct ChainStore {
     ChainStore() : store("qxbench-read") {
         const std::vector<uint32> next = RandomCycle();
         std::vector<Seid> seids(next.size()); // ascending, not without gaps
-        for (Seid& seid : seids)
-            seid = store->AllocateSeid(store.High());
+        for (Seid& seid : seids) seid = store->AllocateSeid(store.High());
         octet_t content[RECORD_BYTES] = {};
         for (size_t i = 0; i < next.size();) {
             AutoCloser<ILssTransaction> txn(store->OpenTransaction());
@@ -120,22 +118,24 @@ void Memcpy(benchmark::State& state) {
 BENCHMARK(Memcpy)->Iterations(1000)->Repetitions(5)->ReportAggregatesOnly();
 
 void OpenAndClose(benchmark::State& state) {
-    const std::string path = (std::filesystem::temp_directory_path() / ("qxbench-open-" + std::to_string(::getpid()))).string();
+    const std::string path =
+        (std::filesystem::temp_directory_path() / ("qxbench-open-" + std::to_string(::getpid()))).string();
     bool createdNew = false;
     {
-        AutoCloser<ILogStructuredStore> lss(CreateOrOpenLSS(path.c_str(), nullptr, createdNew, OM_CREATE_ALWAYS, LssSettings()));
+        AutoCloser<ILogStructuredStore> lss(
+            CreateOrOpenLSS(path.c_str(), nullptr, createdNew, OM_CREATE_ALWAYS, LssSettings()));
         const SeidHigh high = lss->AllocateSeidHigh();
         const octet_t content[RECORD_BYTES] = {7};
         for (int64 i = 0; i < state.range(0);) {
             AutoCloser<ILssTransaction> txn(lss->OpenTransaction());
-            for (int k = 0; k < 1000; ++k, ++i)
-                BenchStore::Write(*txn, lss->AllocateSeid(high), content, RECORD_BYTES);
+            for (int k = 0; k < 1000; ++k, ++i) BenchStore::Write(*txn, lss->AllocateSeid(high), content, RECORD_BYTES);
             txn.Close();
         }
         lss.Close();
     }
     for (auto _ : state) {
-        ILogStructuredStore* const lss = CreateOrOpenLSS(path.c_str(), nullptr, createdNew, OM_OPEN_EXISTING, LssSettings());
+        ILogStructuredStore* const lss =
+            CreateOrOpenLSS(path.c_str(), nullptr, createdNew, OM_OPEN_EXISTING, LssSettings());
         state.PauseTiming();
         lss->Close();
         state.ResumeTiming();
@@ -147,7 +147,8 @@ BENCHMARK(OpenAndClose)->Arg(1000)->Arg(1000000)->Iterations(20)->Unit(benchmark
 #if QX_HAVE_LMDB
 
 void LmdbWarmRandomDependent(benchmark::State& state) {
-    const std::string path = (std::filesystem::temp_directory_path() / ("qxbench-lmdbread-" + std::to_string(::getpid()))).string();
+    const std::string path =
+        (std::filesystem::temp_directory_path() / ("qxbench-lmdbread-" + std::to_string(::getpid()))).string();
     MDB_env* env = nullptr;
     mdb_env_create(&env);
     mdb_env_set_mapsize(env, size_t{4} << 30);

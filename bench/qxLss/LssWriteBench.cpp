@@ -1,12 +1,11 @@
 // How fast transactions of small and large elements are written, beside a bare pwrite of the same bytes and beside LMDB.
 #include "bench/qxLss/LssBenchStore.h"
 
-#include <benchmark/benchmark.h>
-
 #include <algorithm>
 #include <cstring>
 #include <random>
 
+#include <benchmark/benchmark.h>
 #include <fcntl.h>
 
 #if QX_HAVE_LMDB
@@ -29,12 +28,10 @@ void NewIds(benchmark::State& state) {
     std::vector<Seid> seids(BATCH);
     for (auto _ : state) {
         state.PauseTiming();
-        for (Seid& seid : seids)
-            seid = store->AllocateSeid(store.High());
+        for (Seid& seid : seids) seid = store->AllocateSeid(store.High());
         state.ResumeTiming();
         AutoCloser<ILssTransaction> txn(store->OpenTransaction());
-        for (const Seid seid : seids)
-            BenchStore::Write(*txn, seid, content.data(), RECORD_BYTES);
+        for (const Seid seid : seids) BenchStore::Write(*txn, seid, content.data(), RECORD_BYTES);
         txn.Close();
     }
     state.SetItemsProcessed(state.iterations() * BATCH);
@@ -50,12 +47,10 @@ void RandomOverwrite(benchmark::State& state) {
     std::vector<Seid> chosen(BATCH);
     for (auto _ : state) {
         state.PauseTiming();
-        for (Seid& seid : chosen)
-            seid = seids[random() % seids.size()];
+        for (Seid& seid : chosen) seid = seids[random() % seids.size()];
         state.ResumeTiming();
         AutoCloser<ILssTransaction> txn(store->OpenTransaction());
-        for (const Seid seid : chosen)
-            BenchStore::Write(*txn, seid, content.data(), RECORD_BYTES);
+        for (const Seid seid : chosen) BenchStore::Write(*txn, seid, content.data(), RECORD_BYTES);
         txn.Close();
     }
     state.SetItemsProcessed(state.iterations() * BATCH);
@@ -85,8 +80,7 @@ void OneRecordATransaction(benchmark::State& state) {
     size_t i = 0;
     for (auto _ : state) {
         AutoCloser<ILssTransaction> txn(store->OpenTransaction());
-        if (flush)
-            txn->RequestFlushToDisk();
+        if (flush) txn->RequestFlushToDisk();
         BenchStore::Write(*txn, seids[i++ % seids.size()], content.data(), RECORD_BYTES);
         txn.Close();
     }
@@ -102,8 +96,7 @@ void Allocate(benchmark::State& state) {
         if (state.range(0)) {
             Seid seid = hint;
             benchmark::DoNotOptimize(store->AllocateAffiliateSeid(seid));
-            if ((seid.low_ & 63) == 0)
-                hint = seid;
+            if ((seid.low_ & 63) == 0) hint = seid;
         } else {
             benchmark::DoNotOptimize(store->AllocateSeid(store.High()));
         }
@@ -117,7 +110,8 @@ BENCHMARK(Allocate)->Arg(0)->Arg(1)->Iterations(1000000)->Repetitions(5)->Report
 void RawPwrite(benchmark::State& state) {
     const ssize_t bytes = state.range(0);
     const bool sync = state.range(1) != 0;
-    const std::string path = (std::filesystem::temp_directory_path() / ("qxbench-raw-" + std::to_string(::getpid()))).string();
+    const std::string path =
+        (std::filesystem::temp_directory_path() / ("qxbench-raw-" + std::to_string(::getpid()))).string();
     const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
     const std::vector<octet_t> content(static_cast<size_t>(bytes), octet_t{7});
     off_t at = 0;
@@ -133,7 +127,12 @@ void RawPwrite(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * bytes);
 }
 BENCHMARK(RawPwrite)->Args({BATCH * 120, 0})->Iterations(2000)->Repetitions(5)->ReportAggregatesOnly();
-BENCHMARK(RawPwrite)->Args({65536 + 64, 0})->Args({1048576, 0})->Iterations(4000)->Repetitions(5)->ReportAggregatesOnly();
+BENCHMARK(RawPwrite)
+    ->Args({65536 + 64, 0})
+    ->Args({1048576, 0})
+    ->Iterations(4000)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly();
 BENCHMARK(RawPwrite)->Args({164, 0})->Iterations(200000)->Repetitions(5)->ReportAggregatesOnly();
 BENCHMARK(RawPwrite)->Args({164, 1})->Iterations(2000)->Repetitions(5)->ReportAggregatesOnly();
 
@@ -143,7 +142,8 @@ BENCHMARK(RawPwrite)->Args({164, 1})->Iterations(2000)->Repetitions(5)->ReportAg
 
 class Lmdb {
 public:
-    explicit Lmdb(unsigned flags) : m_path((std::filesystem::temp_directory_path() / ("qxbench-lmdb-" + std::to_string(::getpid()))).string()) {
+    explicit Lmdb(unsigned flags)
+        : m_path((std::filesystem::temp_directory_path() / ("qxbench-lmdb-" + std::to_string(::getpid()))).string()) {
         std::filesystem::remove(m_path);
         mdb_env_create(&m_env);
         mdb_env_set_mapsize(m_env, size_t{4} << 30);
@@ -184,7 +184,8 @@ void LmdbNewIds(benchmark::State& state) {
     Lmdb db(MDB_NOSYNC);
     uint64 next = 0;
     for (auto _ : state)
-        db.Put(BATCH, [&] { return next++; }, MDB_APPEND);
+        db.Put(
+            BATCH, [&] { return next++; }, MDB_APPEND);
     state.SetItemsProcessed(state.iterations() * BATCH);
 }
 BENCHMARK(LmdbNewIds)->Iterations(2000)->Repetitions(5)->ReportAggregatesOnly();
@@ -193,10 +194,12 @@ void LmdbRandomOverwrite(benchmark::State& state) {
     Lmdb db(MDB_NOSYNC);
     uint64 next = 0;
     for (ssize_t i = 0; i < NUM_ELEMENTS / BATCH; ++i)
-        db.Put(BATCH, [&] { return next++; }, MDB_APPEND);
+        db.Put(
+            BATCH, [&] { return next++; }, MDB_APPEND);
     std::mt19937_64 random(1);
     for (auto _ : state)
-        db.Put(BATCH, [&] { return random() % static_cast<uint64>(NUM_ELEMENTS); }, 0);
+        db.Put(
+            BATCH, [&] { return random() % static_cast<uint64>(NUM_ELEMENTS); }, 0);
     state.SetItemsProcessed(state.iterations() * BATCH);
 }
 BENCHMARK(LmdbRandomOverwrite)->Iterations(100)->Repetitions(5)->ReportAggregatesOnly();
@@ -205,7 +208,8 @@ void LmdbOneRecordATransaction(benchmark::State& state) {
     Lmdb db(0);
     uint64 next = 0;
     for (auto _ : state)
-        db.Put(1, [&] { return next++; }, MDB_APPEND);
+        db.Put(
+            1, [&] { return next++; }, MDB_APPEND);
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(LmdbOneRecordATransaction)->Iterations(1000)->Repetitions(5)->ReportAggregatesOnly();

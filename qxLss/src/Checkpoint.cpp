@@ -19,25 +19,25 @@ constexpr ssize_t MAX_TOUCHED_SEGMENTS = 8;       // for each checkpoint
 
 // What step (1) has seen.
 struct Checkpoint::State {
-    LogPosition                 position{};
-    uint64                      clock = 0;
-    uint64                      lastTransaction = 0;
-    uint64                      ringSequence = 0;
-    uint32                      nextHigh = 0;
+    LogPosition position{};
+    uint64 clock = 0;
+    uint64 lastTransaction = 0;
+    uint64 ringSequence = 0;
+    uint32 nextHigh = 0;
     std::vector<HighAllocation> highs;
-    std::vector<ssize_t>        emptied;         // log segments without a live packet
-    int64                       liveHead = 0;
-    int64                       liveOverflow = 0;
-    int64                       numTransactions = 0;
-    std::vector<Location>       highsPackets;
-    std::vector<Location>       sutPackets;
-    std::vector<Location>       listPackets;
+    std::vector<ssize_t> emptied; // log segments without a live packet
+    int64 liveHead = 0;
+    int64 liveOverflow = 0;
+    int64 numTransactions = 0;
+    std::vector<Location> highsPackets;
+    std::vector<Location> sutPackets;
+    std::vector<Location> listPackets;
 };
 
-Checkpoint::Checkpoint(StoreCore& core, SpaceManager& space, UserLog& log, Index& index, Flusher& flusher, AllocRing& ring,
-                       SeidAllocator& allocator)
-    : m_core(core), m_space(space), m_log(log), m_index(index), m_flusher(flusher), m_ring(ring), m_allocator(allocator),
-      m_writer(core) {}
+Checkpoint::Checkpoint(StoreCore& core, SpaceManager& space, UserLog& log, Index& index, Flusher& flusher,
+                       AllocRing& ring, SeidAllocator& allocator)
+    : m_core(core), m_space(space), m_log(log), m_index(index), m_flusher(flusher), m_ring(ring),
+      m_allocator(allocator), m_writer(core) {}
 
 void Checkpoint::Import(const CheckpointHeader& header, const std::vector<ssize_t>& held) {
     std::lock_guard lock(m_mutex);
@@ -46,8 +46,7 @@ void Checkpoint::Import(const CheckpointHeader& header, const std::vector<ssize_
     m_isBeingCreated.store(header.flags & HEADER_FLAG_CREATING, std::memory_order_relaxed);
     const ssize_t numSlots = m_space.NumSlots();
     for (ssize_t slot = 0; slot < numSlots; ++slot) {
-        if ((*m_core.m_segments)[slot].kind == ESegmentKind::INDEX)
-            m_indexSegments.insert(slot);
+        if ((*m_core.m_segments)[slot].kind == ESegmentKind::INDEX) m_indexSegments.insert(slot);
     }
     ScheduleNext();
 }
@@ -76,8 +75,7 @@ void Checkpoint::Validate() {
 
 void Checkpoint::TakePosition(State& state, EReason reason) {
     TurnScope turn(m_log.Turn());
-    if (m_core.m_settings.validateSUTDuringCheckPoint)
-        CheckUsage(m_core, m_index, m_space.NumSlots());
+    if (m_core.m_settings.validateSUTDuringCheckPoint) CheckUsage(m_core, m_index, m_space.NumSlots());
     m_log.HandOver();
     TouchSparseSegments();
     state.position = m_log.Position();
@@ -105,18 +103,15 @@ void Checkpoint::TakePosition(State& state, EReason reason) {
 // below a quarter a move frees more than three times what it writes.
 void Checkpoint::TouchSparseSegments() {
     ssize_t liveBytes = 0;
-    for (const ssize_t slot : m_indexSegments)
-        liveBytes += (*m_core.m_segments)[slot].liveBytes;
+    for (const ssize_t slot : m_indexSegments) liveBytes += (*m_core.m_segments)[slot].liveBytes;
     ssize_t touched = 0;
     if (static_cast<ssize_t>(m_indexSegments.size()) * m_core.m_segmentSize <= 4 * liveBytes + 4 * m_core.m_segmentSize)
         return;
     for (const ssize_t slot : m_indexSegments) {
         const SegmentSlot& s = (*m_core.m_segments)[slot];
-        if (s.livePackets == 0 || s.liveBytes * ssize_t{4} >= m_core.m_segmentSize)
-            continue;
+        if (s.livePackets == 0 || s.liveBytes * ssize_t{4} >= m_core.m_segmentSize) continue;
         TouchPagesOf(slot);
-        if (++touched == MAX_TOUCHED_SEGMENTS)
-            return;
+        if (++touched == MAX_TOUCHED_SEGMENTS) return;
     }
 }
 
@@ -130,9 +125,11 @@ void Checkpoint::TouchPagesOf(ssize_t slot) {
         const octet_t* const packet = bytes.data() + pos;
         const PacketHeader header = ReadPod<PacketHeader>(packet);
         const ssize_t packetBytes = PacketBytes(header.info);
-        if (pos + packetBytes > size || PacketCrc(s.crcSeed, static_cast<uint32>(pos), packet, PayloadBytes(header.info)) != header.crc)
+        if (pos + packetBytes > size ||
+            PacketCrc(s.crcSeed, static_cast<uint32>(pos), packet, PayloadBytes(header.info)) != header.crc)
             return; // the end of what was written
-        if (PacketType(header.info) == EPacketType::INDEX && PayloadBytes(header.info) >= static_cast<ssize_t>(sizeof(IndexPrefix)))
+        if (PacketType(header.info) == EPacketType::INDEX &&
+            PayloadBytes(header.info) >= static_cast<ssize_t>(sizeof(IndexPrefix)))
             m_index.TouchPage(header.key, packet[PACKET_HEADER_BYTES], MakeLocation(fileOffset + pos, packetBytes));
         pos += packetBytes;
     }
@@ -148,15 +145,13 @@ ssize_t Checkpoint::SlotsNeeded() const {
 ssize_t Checkpoint::TakeIndexSegment() {
     const ssize_t slot = m_space.Take(ESegmentKind::INDEX, 0, m_log.HandedClock());
     m_indexSegments.insert(slot);
-    if (static_cast<ssize_t>(m_copy.size()) <= slot)
-        m_copy.resize(static_cast<size_t>(slot) + 1);
+    if (static_cast<ssize_t>(m_copy.size()) <= slot) m_copy.resize(static_cast<size_t>(slot) + 1);
     m_copy[static_cast<size_t>(slot)] = m_core.m_segments->Entry(slot);
     return slot;
 }
 
 void Checkpoint::BeginSegment() {
-    if (m_writer.IsOpen())
-        m_writer.HandOver();
+    if (m_writer.IsOpen()) m_writer.HandOver();
     ssize_t slot = 0;
     if (m_reserved.empty()) {
         slot = TakeIndexSegment();
@@ -169,8 +164,7 @@ void Checkpoint::BeginSegment() {
 }
 
 Location Checkpoint::WritePage(uint64 key, const void* payload, ssize_t n) {
-    if (!m_writer.IsOpen() || m_writer.Room() < PaddedSize(PACKET_HEADER_BYTES + n))
-        BeginSegment();
+    if (!m_writer.IsOpen() || m_writer.Room() < PaddedSize(PACKET_HEADER_BYTES + n)) BeginSegment();
     const Location l = m_writer.Append(EPacketType::INDEX, key, payload, n);
     ++(*m_core.m_segments)[m_writer.Slot()].packets;
     m_core.m_counters.liveBytes.fetch_add(m_core.m_segments->Credit(l), std::memory_order_relaxed);
@@ -194,15 +188,16 @@ ssize_t Checkpoint::TablePackets() const {
 // The segments of the tables must stand in the usage table before it is copied out, and taking one may lengthen it.
 void Checkpoint::ReserveForTables(ssize_t numHighs) {
     const ssize_t perSegment = (m_core.m_segmentSize - SEGMENT_HEADER_BYTES - PACKET_HEADER_BYTES) / ENTRY_BYTES - 1;
-    const auto entriesIn = [](ssize_t room) { return std::max<ssize_t>(0, (room - PACKET_HEADER_BYTES) / ENTRY_BYTES - 1); };
+    const auto entriesIn = [](ssize_t room) {
+        return std::max<ssize_t>(0, (room - PACKET_HEADER_BYTES) / ENTRY_BYTES - 1);
+    };
     for (;;) {
         ssize_t needed = numHighs + static_cast<ssize_t>(m_copy.size());
         if (TablePackets() > CheckpointHeader::MAX_LOCATIONS)
             needed += TablePackets() * static_cast<ssize_t>(sizeof(Location)) / ENTRY_BYTES + 2;
         ssize_t capacity = m_writer.IsOpen() ? entriesIn(m_writer.Room() - 2 * PACKET_HEADER_BYTES) : 0;
         capacity += static_cast<ssize_t>(m_reserved.size()) * (perSegment - 1);
-        if (capacity >= needed)
-            break;
+        if (capacity >= needed) break;
         m_reserved.push_back(TakeIndexSegment());
     }
     std::sort(m_reserved.rbegin(), m_reserved.rend()); // taken from the back
@@ -226,18 +221,18 @@ void Checkpoint::WriteTables(State& state) {
         highs.push_back(entry);
     }
     ReserveForTables(static_cast<ssize_t>(highs.size()));
-    for (const ssize_t slot : m_indexSegments)
-        m_copy[static_cast<size_t>(slot)] = m_core.m_segments->Entry(slot);
+    for (const ssize_t slot : m_indexSegments) m_copy[static_cast<size_t>(slot)] = m_core.m_segments->Entry(slot);
 
-    AppendEntries(EPacketType::HIGHS, highs.data(), static_cast<ssize_t>(highs.size()), ENTRY_BYTES, state.highsPackets);
+    AppendEntries(EPacketType::HIGHS, highs.data(), static_cast<ssize_t>(highs.size()), ENTRY_BYTES,
+                  state.highsPackets);
     AppendEntries(EPacketType::SUT, m_copy.data(), static_cast<ssize_t>(m_copy.size()), ENTRY_BYTES, state.sutPackets);
     if (static_cast<ssize_t>(state.highsPackets.size() + state.sutPackets.size()) > CheckpointHeader::MAX_LOCATIONS) {
         std::vector<Location> all = state.highsPackets;
         all.insert(all.end(), state.sutPackets.begin(), state.sutPackets.end());
-        AppendEntries(EPacketType::LIST, all.data(), static_cast<ssize_t>(all.size()), sizeof(Location), state.listPackets);
+        AppendEntries(EPacketType::LIST, all.data(), static_cast<ssize_t>(all.size()), sizeof(Location),
+                      state.listPackets);
     }
-    if (m_writer.IsOpen())
-        m_writer.HandOver();
+    if (m_writer.IsOpen()) m_writer.HandOver();
 }
 
 // Packets of as many entries as the segment has room for. The key is the number of the first.
@@ -245,10 +240,10 @@ void Checkpoint::AppendEntries(EPacketType type, const void* entries, ssize_t n,
                                std::vector<Location>& locations) {
     const octet_t* const bytes = static_cast<const octet_t*>(entries);
     for (ssize_t first = 0; first < n;) {
-        if (!m_writer.IsOpen() || m_writer.Room() < PACKET_HEADER_BYTES + entryBytes)
-            BeginSegment();
+        if (!m_writer.IsOpen() || m_writer.Room() < PACKET_HEADER_BYTES + entryBytes) BeginSegment();
         const ssize_t fit = std::min(n - first, (m_writer.Room() - PACKET_HEADER_BYTES) / entryBytes);
-        locations.push_back(m_writer.Append(type, static_cast<uint64>(first), bytes + first * entryBytes, fit * entryBytes));
+        locations.push_back(
+            m_writer.Append(type, static_cast<uint64>(first), bytes + first * entryBytes, fit * entryBytes));
         first += fit;
     }
 }
@@ -269,10 +264,8 @@ void Checkpoint::WriteHeader(State& state, EReason reason) {
     h.startSequence = state.position.sequence;
     h.lastTransaction = state.lastTransaction;
     h.numSlots = static_cast<uint32>(m_space.NumSlots());
-    if (reason == EReason::CREATION)
-        m_isBeingCreated.store(true, std::memory_order_relaxed);
-    if (reason == EReason::CLEAN_CLOSE)
-        m_isBeingCreated.store(false, std::memory_order_relaxed);
+    if (reason == EReason::CREATION) m_isBeingCreated.store(true, std::memory_order_relaxed);
+    if (reason == EReason::CLEAN_CLOSE) m_isBeingCreated.store(false, std::memory_order_relaxed);
     h.flags = (reason == EReason::CLEAN_CLOSE ? HEADER_FLAG_CLEAN : 0) | (IsBeingCreated() ? HEADER_FLAG_CREATING : 0) |
               (state.listPackets.empty() ? 0 : HEADER_FLAG_LIST);
     h.ringSequence = state.ringSequence;
@@ -281,12 +274,10 @@ void Checkpoint::WriteHeader(State& state, EReason reason) {
     h.liveHead = static_cast<uint64>(state.liveHead);
     h.liveOverflow = static_cast<uint64>(state.liveOverflow);
     for (const SutEntry& entry : m_copy) {
-        if (!entry.sequence)
-            continue;
+        if (!entry.sequence) continue;
         h.liveBytes += entry.liveBytes;
         h.obsolete += entry.packets - entry.livePackets;
-        if (entry.kind == static_cast<uint8>(ESegmentKind::INDEX))
-            h.liveIndex += entry.livePackets;
+        if (entry.kind == static_cast<uint8>(ESegmentKind::INDEX)) h.liveIndex += entry.livePackets;
     }
     h.numCheckpoints = static_cast<uint64>(m_core.m_counters.numCheckpoints.load(std::memory_order_relaxed)) + 1;
     h.numRecoveries = static_cast<uint64>(m_core.m_counters.numRecoveries.load(std::memory_order_relaxed));
@@ -302,8 +293,8 @@ void Checkpoint::WriteHeader(State& state, EReason reason) {
     if (static_cast<ssize_t>(locations.size()) > CheckpointHeader::MAX_LOCATIONS)
         ThrowCorrupt(m_core, "the tables of a checkpoint do not fit its header");
     for (size_t i = 0; i < locations.size(); ++i)
-        std::memcpy(reinterpret_cast<octet_t*>(&h) + offsetof(CheckpointHeader, locations) + i * sizeof(Location), &locations[i],
-                    sizeof(Location));
+        std::memcpy(reinterpret_cast<octet_t*>(&h) + offsetof(CheckpointHeader, locations) + i * sizeof(Location),
+                    &locations[i], sizeof(Location));
     h.crc = Crc32c(&h, offsetof(CheckpointHeader, crc));
     m_core.m_file.WriteDurable(HeaderOffset(h.checkpointSequence), &h, sizeof h);
     m_header = h;
@@ -314,8 +305,7 @@ void Checkpoint::WriteHeader(State& state, EReason reason) {
 void Checkpoint::FreeSegments(const State& state) {
     m_held.clear();
     for (const std::vector<Location>* packets : {&state.highsPackets, &state.sutPackets, &state.listPackets}) {
-        for (const Location l : *packets)
-            m_held.insert(m_core.m_segments->SlotOf(l));
+        for (const Location l : *packets) m_held.insert(m_core.m_segments->SlotOf(l));
     }
     m_reserved.clear();
     for (auto i = m_indexSegments.begin(); i != m_indexSegments.end();) {
@@ -326,21 +316,21 @@ void Checkpoint::FreeSegments(const State& state) {
             ++i;
         }
     }
-    for (const ssize_t slot : state.emptied)
-        m_space.Free(slot);
+    for (const ssize_t slot : state.emptied) m_space.Free(slot);
 }
 
 void Checkpoint::ScheduleNext() {
-    const int64 least = std::min<int64>(int64{m_core.m_settings.numSegmentsPerCheckPoint} * m_core.m_segmentSize, MAX_LOG_BETWEEN);
-    const int64 between = std::clamp<int64>(m_space.FileBytes() / 4, std::max<int64>(least, m_core.m_segmentSize), MAX_LOG_BETWEEN);
+    const int64 least =
+        std::min<int64>(int64{m_core.m_settings.numSegmentsPerCheckPoint} * m_core.m_segmentSize, MAX_LOG_BETWEEN);
+    const int64 between =
+        std::clamp<int64>(m_space.FileBytes() / 4, std::max<int64>(least, m_core.m_segmentSize), MAX_LOG_BETWEEN);
     m_dueClock.store(m_header.logClock + static_cast<uint64>(between), std::memory_order_relaxed);
 }
 
 // Nothing but the flag changes, so the next header may say the same of everything else.
 void Checkpoint::ClearCreatingFlag() {
     std::lock_guard lock(m_mutex);
-    if (!IsBeingCreated())
-        return;
+    if (!IsBeingCreated()) return;
     m_core.ThrowIfUnwritable();
     m_flusher.SyncAll();
     CheckpointHeader h = m_header;

@@ -28,7 +28,11 @@ namespace quna {
 // Threads:   Run and ClearCreatingFlag by any thread without the turn; one at a time by m_mutex, which is outside the turn.
 class QX_API Checkpoint final : private IIndexPageSink {
 public:
-    enum class EReason { CREATION, RUNNING, CLEAN_CLOSE };
+    enum class EReason {
+        CREATION,
+        RUNNING,
+        CLEAN_CLOSE
+    };
 
     Checkpoint(StoreCore& core, SpaceManager& space, UserLog& log, Index& index, Flusher& flusher, AllocRing& ring,
                SeidAllocator& allocator);
@@ -53,7 +57,7 @@ private:
     struct State;
 
     Location WritePage(uint64 key, const void* payload, ssize_t n) override;
-    void     PageDied(Location l) override;
+    void PageDied(Location l) override;
 
     void TakePosition(State& state, EReason reason);
     void TouchSparseSegments();
@@ -61,31 +65,32 @@ private:
     void ReserveForTables(ssize_t numHighs);
     ssize_t TablePackets() const;
     void WriteTables(State& state);
-    void AppendEntries(EPacketType type, const void* entries, ssize_t n, ssize_t entryBytes, std::vector<Location>& locations);
+    void AppendEntries(EPacketType type, const void* entries, ssize_t n, ssize_t entryBytes,
+                       std::vector<Location>& locations);
     void BeginSegment();
     ssize_t TakeIndexSegment();
     void WriteHeader(State& state, EReason reason);
     void FreeSegments(const State& state);
     void ScheduleNext();
 
-    StoreCore&     m_core;
-    SpaceManager&  m_space;
-    UserLog&       m_log;
-    Index&         m_index;
-    Flusher&       m_flusher;
-    AllocRing&     m_ring;
+    StoreCore& m_core;
+    SpaceManager& m_space;
+    UserLog& m_log;
+    Index& m_index;
+    Flusher& m_flusher;
+    AllocRing& m_ring;
     SeidAllocator& m_allocator;
 
-    std::mutex            m_mutex;         // guards all below
-    SegmentWriter         m_writer;
-    CheckpointHeader      m_header{};      // the newest durable one
-    std::vector<SutEntry> m_copy;          // of the usage table, of the running checkpoint
-    std::vector<ssize_t>  m_reserved;      // index segments taken, not begun
-    std::set<ssize_t>     m_indexSegments;
-    std::set<ssize_t>     m_held;          // hold the tables that m_header names
-    uint64                m_previousSequence = 0; // of the index stream
-    std::atomic<bool>     m_isBeingCreated{false};
-    std::atomic<uint64>   m_dueClock{0};
+    std::mutex m_mutex; // guards all below
+    SegmentWriter m_writer;
+    CheckpointHeader m_header{};     // the newest durable one
+    std::vector<SutEntry> m_copy;    // of the usage table, of the running checkpoint
+    std::vector<ssize_t> m_reserved; // index segments taken, not begun
+    std::set<ssize_t> m_indexSegments;
+    std::set<ssize_t> m_held;      // hold the tables that m_header names
+    uint64 m_previousSequence = 0; // of the index stream
+    std::atomic<bool> m_isBeingCreated{false};
+    std::atomic<uint64> m_dueClock{0};
 };
 
 } // namespace quna

@@ -15,8 +15,7 @@ void CleanThread::Start(std::function<void()> work, std::function<void()> failed
 }
 
 void CleanThread::Stop() {
-    if (!m_thread.joinable())
-        return;
+    if (!m_thread.joinable()) return;
     {
         std::lock_guard lock(m_mutex);
         m_stop = true;
@@ -38,8 +37,7 @@ void CleanThread::ThreadMain() {
     std::unique_lock lock(m_mutex);
     for (;;) {
         m_wake.wait(lock, [this] { return m_woken || m_stop; });
-        if (m_stop)
-            return;
+        if (m_stop) return;
         m_woken = false;
         lock.unlock();
         try {

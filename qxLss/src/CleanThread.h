@@ -28,13 +28,13 @@ public:
 private:
     void ThreadMain();
 
-    std::function<void()>   m_work;
-    std::function<void()>   m_failed;      // called inside the catch block
-    std::mutex              m_mutex;       // leaf
+    std::function<void()> m_work;
+    std::function<void()> m_failed; // called inside the catch block
+    std::mutex m_mutex;             // leaf
     std::condition_variable m_wake;
-    bool                    m_woken = false; // guarded by m_mutex
-    bool                    m_stop = false;  // guarded by m_mutex
-    std::thread             m_thread;
+    bool m_woken = false; // guarded by m_mutex
+    bool m_stop = false;  // guarded by m_mutex
+    std::thread m_thread;
 };
 
 } // namespace quna

@@ -15,11 +15,11 @@ namespace quna {
 namespace {
 
 struct OpenRequest {
-    SysCalls&   sys;
+    SysCalls& sys;
     std::string path;
-    EOpenMode   mode;
+    EOpenMode mode;
     LssSettings settings;
-    ssize_t     minSegmentSize;
+    ssize_t minSegmentSize;
 };
 
 [[noreturn]] void Refuse(const char* what, const std::string& path, const char* why) {
@@ -53,10 +53,8 @@ using StorePtr = std::unique_ptr<LssStore, Abandoner>;
 void OpenNewFile(File& file, const std::string& newPath, const std::string& path) {
     for (;;) {
         file.Open(newPath, EFileAccess::CREATE);
-        if (!file.TryLock(true))
-            Refuse("create", path, "another process is creating it");
-        if (file.IsStillNamed())
-            break;
+        if (!file.TryLock(true)) Refuse("create", path, "another process is creating it");
+        if (file.IsStillNamed()) break;
         file.Close();
     }
     file.Truncate(0);
@@ -81,8 +79,7 @@ StorePtr Create(const OpenRequest& request, bool replace) {
     try {
         StoreId id;
         const int error = request.sys.RandomBytes(id.data(), id.size());
-        if (error < 0)
-            ThrowFileError("get random bytes for", request.path, -error);
+        if (error < 0) ThrowFileError("get random bytes for", request.path, -error);
         core->Attach(id, SegmentSizeFor(request));
         store.reset(new LssStore(std::move(core)));
         store->LayDown();
@@ -113,25 +110,21 @@ StorePtr TryOnce(const OpenRequest& request, bool& createdNew) {
     const EOpenMode mode = request.mode;
     std::unique_ptr<StoreCore> core = MakeCore(request);
     if (!core->m_file.TryOpen(request.path, IsReadOnly(mode) ? EFileAccess::READ_ONLY : EFileAccess::READ_WRITE)) {
-        if (MustExist(mode))
-            Refuse("open", request.path, "the file does not exist");
+        if (MustExist(mode)) Refuse("open", request.path, "the file does not exist");
         createdNew = true;
         StorePtr store = Create(request, Replaces(mode));
-        if (!store && mode == OM_CREATE_NEW)
-            Refuse("create", request.path, "the file exists already");
+        if (!store && mode == OM_CREATE_NEW) Refuse("create", request.path, "the file exists already");
         return store;
     }
     if (!core->m_file.TryLock(!IsReadOnly(mode)))
         Refuse(mode == OM_CREATE_NEW ? "create" : "open", request.path,
                mode == OM_CREATE_NEW ? "the file exists already and is in use" : "it is in use by another owner");
-    if (!core->m_file.IsStillNamed())
-        return nullptr;
+    if (!core->m_file.IsStillNamed()) return nullptr;
 
     const bool isCutShort = mode != OM_CREATE_ALWAYS && IsCutShortCreation(core->m_file);
     if (isCutShort && MustExist(mode))
         Refuse("open", request.path, "its creation was cut short, so it counts as missing");
-    if (mode == OM_CREATE_NEW && !isCutShort)
-        Refuse("create", request.path, "the file exists already");
+    if (mode == OM_CREATE_NEW && !isCutShort) Refuse("create", request.path, "the file exists already");
     createdNew = isCutShort || Replaces(mode);
     // The old file's lock is held until the new one has its name.
     return createdNew ? Create(request, true) : OpenFile(std::move(core));
@@ -142,8 +135,7 @@ ILogStructuredStore* Open(const OpenRequest& request, bool& createdNew) {
     for (;;) {
         bool created = false;
         StorePtr store = TryOnce(request, created);
-        if (!store)
-            continue;
+        if (!store) continue;
         store->StartThreads();
         createdNew = created;
         return store.release();
@@ -151,15 +143,14 @@ ILogStructuredStore* Open(const OpenRequest& request, bool& createdNew) {
 }
 
 void CheckArguments(ConstStringZ path) {
-    if (!path || !*path)
-        throw FileException("Can't open a store: the path is empty");
+    if (!path || !*path) throw FileException("Can't open a store: the path is empty");
 }
 
 } // namespace
 
 // The deltas directory belongs to archiving; a store without it is whole.
-ILogStructuredStore* CreateOrOpenLSS(ConstStringZ path, ConstStringZ /*deltasDirPath*/, bool& createdNew, EOpenMode openMode,
-                                     const LssSettings& settings) {
+ILogStructuredStore* CreateOrOpenLSS(ConstStringZ path, ConstStringZ /*deltasDirPath*/, bool& createdNew,
+                                     EOpenMode openMode, const LssSettings& settings) {
     CheckArguments(path);
     return Open({RealSysCalls(), path, openMode, settings, MIN_SEGMENT_SIZE}, createdNew);
 }

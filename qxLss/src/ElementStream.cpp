@@ -36,8 +36,7 @@ void ElementStream::Open(Seid seid) {
 void ElementStream::WriteStream(const void* buffer, ssize_t n) {
     QX_ASSERT(m_isOpen);
     if (n <= m_room - m_filled && !m_isLong) [[likely]] {
-        if (n > 0)
-            std::memcpy(m_log.Payload() + m_filled, buffer, static_cast<size_t>(n));
+        if (n > 0) std::memcpy(m_log.Payload() + m_filled, buffer, static_cast<size_t>(n));
         m_filled += n;
         return;
     }
@@ -65,8 +64,7 @@ void ElementStream::WriteSlowly(const octet_t* p, ssize_t n) {
             p += take;
         }
         n -= take;
-        if (n == 0)
-            return;
+        if (n == 0) return;
         if (m_filled < m_segmentSize / 4)
             MoveToNextSegment();
         else
@@ -76,8 +74,7 @@ void ElementStream::WriteSlowly(const octet_t* p, ssize_t n) {
 }
 
 void ElementStream::MoveToNextSegment() {
-    if (!m_spill)
-        m_spill = std::make_unique_for_overwrite<octet_t[]>(static_cast<size_t>(m_segmentSize));
+    if (!m_spill) m_spill = std::make_unique_for_overwrite<octet_t[]>(static_cast<size_t>(m_segmentSize));
     std::memcpy(m_spill.get(), m_log.Payload(), static_cast<size_t>(m_filled));
     m_log.LinkToNext();
     std::memcpy(m_log.Payload(), m_spill.get(), static_cast<size_t>(m_filled));
@@ -85,8 +82,7 @@ void ElementStream::MoveToNextSegment() {
 }
 
 void ElementStream::BecomeLong() {
-    if (!m_spill)
-        m_spill = std::make_unique_for_overwrite<octet_t[]>(static_cast<size_t>(m_segmentSize));
+    if (!m_spill) m_spill = std::make_unique_for_overwrite<octet_t[]>(static_cast<size_t>(m_segmentSize));
     const ssize_t n = m_filled;
     std::memcpy(m_spill.get(), m_log.Payload(), static_cast<size_t>(n));
     m_isLong = true;
@@ -99,10 +95,8 @@ void ElementStream::BecomeLong() {
 void ElementStream::WritePart(const octet_t* p, ssize_t n) {
     const ssize_t partBytes = OverflowBytes(m_segmentSize);
     while (n > 0) {
-        if (m_filled == partBytes)
-            EndPart();
-        if (m_filled == 0 && m_log.ElementRoom() < PART_PREFIX_BYTES + partBytes)
-            m_log.LinkToNext();
+        if (m_filled == partBytes) EndPart();
+        if (m_filled == 0 && m_log.ElementRoom() < PART_PREFIX_BYTES + partBytes) m_log.LinkToNext();
         const ssize_t take = std::min(n, partBytes - m_filled);
         std::memcpy(m_log.Payload() + PART_PREFIX_BYTES + m_filled, p, static_cast<size_t>(take));
         m_filled += take;
@@ -122,16 +116,17 @@ void ElementStream::EndPart() {
 Location ElementStream::EndLong() {
     const ssize_t tailBytes = m_filled;
     const ssize_t listBytes = static_cast<ssize_t>(m_parts.size() * sizeof(Location));
-    const LongPrefix prefix{static_cast<uint64>(static_cast<ssize_t>(m_parts.size()) * OverflowBytes(m_segmentSize) + tailBytes),
-                            static_cast<uint32>(m_parts.size()), 0};
+    const LongPrefix prefix{
+        static_cast<uint64>(static_cast<ssize_t>(m_parts.size()) * OverflowBytes(m_segmentSize) + tailBytes),
+        static_cast<uint32>(m_parts.size()), 0};
     const ssize_t payloadBytes = static_cast<ssize_t>(sizeof prefix) + listBytes + tailBytes;
     std::memcpy(m_spill.get(), m_log.Payload() + PART_PREFIX_BYTES, static_cast<size_t>(tailBytes));
-    if (m_log.ElementRoom() < payloadBytes)
-        m_log.LinkToNext();
+    if (m_log.ElementRoom() < payloadBytes) m_log.LinkToNext();
     octet_t* const payload = m_log.Payload();
     std::memcpy(payload, &prefix, sizeof prefix);
     std::memcpy(payload + sizeof prefix, m_parts.data(), static_cast<size_t>(listBytes));
-    std::memcpy(payload + static_cast<ssize_t>(sizeof prefix) + listBytes, m_spill.get(), static_cast<size_t>(tailBytes));
+    std::memcpy(payload + static_cast<ssize_t>(sizeof prefix) + listBytes, m_spill.get(),
+                static_cast<size_t>(tailBytes));
     return m_log.EndElement(EPacketType::HEAD, m_seid.value_, payloadBytes, PACKET_FLAG_LONG);
 }
 
@@ -140,8 +135,7 @@ void ElementStream::Drop() { m_isOpen = false; }
 void ElementStream::Close() {
     QX_ASSERT(m_isOpen);
     m_isOpen = false;
-    if (std::uncaught_exceptions() > m_uncaughtAtOpen)
-        return;
+    if (std::uncaught_exceptions() > m_uncaughtAtOpen) return;
     m_transaction.ThrowIfBroken();
     try {
         if (!m_isLong && m_room < m_filled) // no room for even an empty element

@@ -44,17 +44,17 @@ private:
     void EndPart();
     Location EndLong();
 
-    Transaction&               m_transaction;
-    UserLog&                   m_log;
-    const ssize_t              m_segmentSize;
-    Seid                       m_seid;
-    bool                       m_isOpen = false;
-    bool                       m_isLong = false;
-    int                        m_uncaughtAtOpen = 0;
-    ssize_t                    m_filled = 0;      // payload bytes in the packet under construction
-    ssize_t                    m_room = 0;        // payload bytes that it may have
-    std::vector<Location>      m_parts;           // OVERFLOW packets of a long element
-    std::unique_ptr<octet_t[]> m_spill;           // of a segment's size, made at the first need
+    Transaction& m_transaction;
+    UserLog& m_log;
+    const ssize_t m_segmentSize;
+    Seid m_seid;
+    bool m_isOpen = false;
+    bool m_isLong = false;
+    int m_uncaughtAtOpen = 0;
+    ssize_t m_filled = 0;               // payload bytes in the packet under construction
+    ssize_t m_room = 0;                 // payload bytes that it may have
+    std::vector<Location> m_parts;      // OVERFLOW packets of a long element
+    std::unique_ptr<octet_t[]> m_spill; // of a segment's size, made at the first need
 };
 
 } // namespace quna

@@ -16,8 +16,7 @@ void Flusher::Start(Hooks hooks) {
 }
 
 void Flusher::Stop() {
-    if (!m_thread.joinable())
-        return;
+    if (!m_thread.joinable()) return;
     {
         std::lock_guard lock(m_wakeMutex);
         m_stop = true;
@@ -44,12 +43,10 @@ void Flusher::WakeTopUp() {
 
 void Flusher::ArmTimer() {
     const int flushTime = m_core.m_settings.flushTimeMilliSec;
-    if (flushTime <= 0)
-        return;
+    if (flushTime <= 0) return;
     {
         std::lock_guard lock(m_wakeMutex);
-        if (m_timerArmed.load(std::memory_order_relaxed))
-            return;
+        if (m_timerArmed.load(std::memory_order_relaxed)) return;
         m_deadline = m_core.m_file.Sys().MonotonicNanos() + int64{flushTime} * 1000000;
         m_timerArmed.store(true, std::memory_order_relaxed);
     }
@@ -62,8 +59,7 @@ void Flusher::SetDurableClock(uint64 clock) {
 }
 
 void Flusher::SyncUpTo(uint64 clock) {
-    if (DurableClock() >= clock)
-        return;
+    if (DurableClock() >= clock) return;
     SyncUntil([this, clock] { return DurableClock() >= clock; });
 }
 
@@ -117,8 +113,8 @@ void Flusher::ThreadMain() {
         const int64 now = m_core.m_file.Sys().MonotonicNanos();
         if (m_writeBack.empty() && !m_topUp && !(armed && now >= m_deadline)) {
             if (armed)
-                m_wake.wait_for(lock, std::chrono::nanoseconds(
-                                          std::clamp<int64>(m_deadline - now, 0, int64{m_core.m_settings.flushTimeMilliSec} * 1000000)));
+                m_wake.wait_for(lock, std::chrono::nanoseconds(std::clamp<int64>(
+                                          m_deadline - now, 0, int64{m_core.m_settings.flushTimeMilliSec} * 1000000)));
             else
                 m_wake.wait(lock);
             continue;
@@ -147,12 +143,9 @@ void Flusher::DoDueWork() {
             sync = true;
         }
     }
-    if (m_core.HasFailed())
-        return;
-    for (const Range& range : writeBack)
-        m_core.m_file.WriteBack(range.offset, range.n);
-    if (topUp)
-        m_hooks.topUp();
+    if (m_core.HasFailed()) return;
+    for (const Range& range : writeBack) m_core.m_file.WriteBack(range.offset, range.n);
+    if (topUp) m_hooks.topUp();
     if (sync) {
         m_hooks.handOverBuffered();
         SyncHandedOver();

@@ -65,29 +65,29 @@ private:
     void ThreadMain();
     void DoDueWork();
 
-    StoreCore&              m_core;
-    Hooks                   m_hooks;
-    std::atomic<uint64>     m_handedClock{0};
-    std::atomic<uint64>     m_durableClock{0};
-    std::atomic<uint64>     m_numBegun{0};
+    StoreCore& m_core;
+    Hooks m_hooks;
+    std::atomic<uint64> m_handedClock{0};
+    std::atomic<uint64> m_durableClock{0};
+    std::atomic<uint64> m_numBegun{0};
 
-    std::mutex              m_syncMutex;
+    std::mutex m_syncMutex;
     std::condition_variable m_syncEnded;
-    bool                    m_syncing = false;  // guarded by m_syncMutex
-    uint64                  m_numEnded = 0;     // guarded by m_syncMutex
+    bool m_syncing = false; // guarded by m_syncMutex
+    uint64 m_numEnded = 0;  // guarded by m_syncMutex
 
     struct Range {
         int64 offset;
         int64 n;
     };
-    std::mutex              m_wakeMutex;        // leaf
+    std::mutex m_wakeMutex; // leaf
     std::condition_variable m_wake;
-    std::vector<Range>      m_writeBack;        // guarded by m_wakeMutex
-    int64                   m_deadline = 0;     // ns, monotonic; guarded by m_wakeMutex
-    bool                    m_topUp = false;    // guarded by m_wakeMutex
-    bool                    m_stop = false;     // guarded by m_wakeMutex
-    std::atomic<bool>       m_timerArmed{false}; // written under m_wakeMutex
-    std::thread             m_thread;
+    std::vector<Range> m_writeBack;        // guarded by m_wakeMutex
+    int64 m_deadline = 0;                  // ns, monotonic; guarded by m_wakeMutex
+    bool m_topUp = false;                  // guarded by m_wakeMutex
+    bool m_stop = false;                   // guarded by m_wakeMutex
+    std::atomic<bool> m_timerArmed{false}; // written under m_wakeMutex
+    std::thread m_thread;
 };
 
 } // namespace quna

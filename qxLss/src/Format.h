@@ -16,14 +16,14 @@ namespace quna {
 using StoreId = std::array<octet_t, 16>;
 
 inline constexpr uint32 FORMAT_VERSION = 1;
-inline constexpr char   CHECKPOINT_MAGIC[] = "LSSCKPT1";
-inline constexpr char   SEGMENT_MAGIC[] = "LSSSEGM1";
+inline constexpr char CHECKPOINT_MAGIC[] = "LSSCKPT1";
+inline constexpr char SEGMENT_MAGIC[] = "LSSSEGM1";
 
 inline constexpr ssize_t MIN_SEGMENT_SIZE = 65536;
 inline constexpr ssize_t MAX_SEGMENT_SIZE = 8388608;
 inline constexpr ssize_t MIN_TEST_SEGMENT_SIZE = 4096;
-inline constexpr int64   FRONT_AREA_BYTES = 131072; // two headers and the allocation ring
-inline constexpr int64   MAX_FILE_BYTES = int64{1} << 43;
+inline constexpr int64 FRONT_AREA_BYTES = 131072; // two headers and the allocation ring
+inline constexpr int64 MAX_FILE_BYTES = int64{1} << 43;
 
 inline constexpr ssize_t PACKET_ALIGNMENT = 8;
 inline constexpr ssize_t SECTOR_BYTES = 4096; // durable bytes are not written again within it
@@ -49,7 +49,12 @@ enum class EPacketType : uint32 {
     LIST = 13
 };
 
-enum class ESegmentKind : uint8 { FREE = 0, USER = 1, SURVIVORS = 2, INDEX = 3 };
+enum class ESegmentKind : uint8 {
+    FREE = 0,
+    USER = 1,
+    SURVIVORS = 2,
+    INDEX = 3
+};
 
 inline constexpr uint32 PACKET_FLAG_LONG = 1;
 
@@ -63,11 +68,11 @@ struct PacketHeader {
 static_assert(sizeof(PacketHeader) == 16);
 
 struct CommitPayload {
-    uint64 bytes;         // of packets since the last COMMIT, ABORT or RELOC; LINK and PAD not counted
-    uint32 packets;       // likewise
-    uint32 flags;         // COMMIT_FLAG_...
-    uint64 durableUpTo;   // log clock
-    uint64 time;          // 100 ns since 1970
+    uint64 bytes;       // of packets since the last COMMIT, ABORT or RELOC; LINK and PAD not counted
+    uint32 packets;     // likewise
+    uint32 flags;       // COMMIT_FLAG_...
+    uint64 durableUpTo; // log clock
+    uint64 time;        // 100 ns since 1970
 };
 static_assert(sizeof(CommitPayload) == 32);
 inline constexpr uint32 COMMIT_FLAG_FLUSH = 1;   // a flush was asked for
@@ -130,8 +135,8 @@ static_assert(sizeof(RelocLong) == 32);
 
 // Form 0: a bitmap of 256 bits, then a location for each set bit.
 struct IndexPrefix {
-    uint8  level;
-    uint8  form;
+    uint8 level;
+    uint8 form;
     uint16 n;
     uint32 zero;
     uint64 bitmap[4];
@@ -145,8 +150,8 @@ struct SutEntry {
     uint32 packets;
     uint32 writtenAt; // log clock >> STAMP_SHIFT
     uint32 dataStamp; // likewise
-    uint8  kind;
-    uint8  ageClass;
+    uint8 kind;
+    uint8 ageClass;
     uint16 zero;
 };
 static_assert(sizeof(SutEntry) == 32);
@@ -156,8 +161,8 @@ struct HighsEntry {
     uint32 high;
     uint32 horizon;
     uint64 root;
-    uint8  rootLevel;
-    uint8  zero;
+    uint8 rootLevel;
+    uint8 zero;
     uint16 incrementalLeft;
     uint32 nextIncremental;
     uint64 liveElements;
@@ -165,11 +170,11 @@ struct HighsEntry {
 static_assert(sizeof(HighsEntry) == 32);
 
 struct SegmentHeader {
-    char   magic[8];
+    char magic[8];
     uint64 sequence;
-    uint64 storeIdStart;  // first 8 bytes of the store id
+    uint64 storeIdStart; // first 8 bytes of the store id
     uint64 clockAtOpening;
-    uint64 dataStamp;     // log clock
+    uint64 dataStamp; // log clock
     uint32 kind;
     uint32 ageClass;
     uint64 previousSequence; // of the same stream
@@ -185,36 +190,36 @@ inline constexpr uint32 HEADER_FLAG_LIST = 4; // `locations` are those of LIST p
 struct CheckpointHeader {
     static constexpr ssize_t MAX_LOCATIONS = 488;
 
-    char    magic[8];
-    uint32  version;
-    uint32  segmentSize;
+    char magic[8];
+    uint32 version;
+    uint32 segmentSize;
     StoreId storeId;
-    uint64  checkpointSequence;
-    uint64  nextSegmentSequence;
-    uint64  logClock;
-    uint32  startSlot;      // where rolling forward begins
-    uint32  startOffset;
-    uint64  startSequence;
-    uint64  lastTransaction;
-    uint32  numSlots;
-    uint32  flags;          // HEADER_FLAG_...
-    uint64  ringSequence;
-    uint32  nextHigh;
-    uint32  numHighs;
-    uint64  liveHead;
-    uint64  liveOverflow;
-    uint64  liveIndex;
-    uint64  obsolete;
-    uint64  numCheckpoints;
-    uint64  numRecoveries;
-    uint64  numTransactions;
-    uint64  archivedUpTo;   // transaction number
-    uint64  liveBytes;
-    uint32  numHighsPackets;
-    uint32  numSutPackets;
-    uint64  locations[MAX_LOCATIONS];
-    uint32  unused;
-    uint32  crc;
+    uint64 checkpointSequence;
+    uint64 nextSegmentSequence;
+    uint64 logClock;
+    uint32 startSlot; // where rolling forward begins
+    uint32 startOffset;
+    uint64 startSequence;
+    uint64 lastTransaction;
+    uint32 numSlots;
+    uint32 flags; // HEADER_FLAG_...
+    uint64 ringSequence;
+    uint32 nextHigh;
+    uint32 numHighs;
+    uint64 liveHead;
+    uint64 liveOverflow;
+    uint64 liveIndex;
+    uint64 obsolete;
+    uint64 numCheckpoints;
+    uint64 numRecoveries;
+    uint64 numTransactions;
+    uint64 archivedUpTo; // transaction number
+    uint64 liveBytes;
+    uint32 numHighsPackets;
+    uint32 numSutPackets;
+    uint64 locations[MAX_LOCATIONS];
+    uint32 unused;
+    uint32 crc;
 };
 static_assert(sizeof(CheckpointHeader) == 4096);
 static_assert(offsetof(CheckpointHeader, storeId) == 16 && offsetof(CheckpointHeader, logClock) == 48);
@@ -242,8 +247,8 @@ inline constexpr ssize_t ELEMENT_TAIL_BYTES = 64;
 inline constexpr ssize_t USER_TAIL_BYTES = 112;
 
 inline constexpr ssize_t LEAF_SLOTS = 256;
-inline constexpr int     LEAF_SHIFT = 8;
-inline constexpr int     MAX_INDEX_LEVEL = 3;
+inline constexpr int LEAF_SHIFT = 8;
+inline constexpr int MAX_INDEX_LEVEL = 3;
 
 inline constexpr ssize_t PaddedSize(ssize_t n) { return (n + PACKET_ALIGNMENT - 1) & ~(PACKET_ALIGNMENT - 1); }
 
@@ -264,7 +269,8 @@ using Location = uint64;
 inline constexpr Location LOCATION_LONG = Location{1} << 60;
 
 inline constexpr Location MakeLocation(int64 fileOffset, ssize_t paddedBytes, bool isLong = false) {
-    return static_cast<uint64>(fileOffset) >> 3 | static_cast<uint64>(paddedBytes) >> 3 << 40 | (isLong ? LOCATION_LONG : 0);
+    return static_cast<uint64>(fileOffset) >> 3 | static_cast<uint64>(paddedBytes) >> 3 << 40 |
+           (isLong ? LOCATION_LONG : 0);
 }
 inline constexpr int64 LocationOffset(Location l) { return static_cast<int64>((l & 0xFFFFFFFFFFu) << 3); }
 inline constexpr ssize_t LocationBytes(Location l) { return static_cast<ssize_t>((l >> 40 & 0xFFFFF) << 3); }

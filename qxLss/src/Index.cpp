@@ -15,8 +15,7 @@ constexpr size_t DIRECTORY_SLOTS = 65536;
 template <class T>
 struct LazyArray {
     LazyArray() : p(static_cast<T*>(std::calloc(DIRECTORY_SLOTS, sizeof(T)))) {
-        if (!p)
-            throw std::bad_alloc();
+        if (!p) throw std::bad_alloc();
     }
     ~LazyArray() { std::free(p); }
     LazyArray(const LazyArray&) = delete;
@@ -24,7 +23,8 @@ struct LazyArray {
     T* const p;
 };
 
-constexpr ssize_t MAX_PAGE_BYTES = static_cast<ssize_t>(sizeof(IndexPrefix)) + LEAF_SLOTS * static_cast<ssize_t>(sizeof(Location));
+constexpr ssize_t MAX_PAGE_BYTES =
+    static_cast<ssize_t>(sizeof(IndexPrefix)) + LEAF_SLOTS * static_cast<ssize_t>(sizeof(Location));
 
 size_t SlotAt(uint32 low, int level) { return low >> (LEAF_SHIFT * level) & (LEAF_SLOTS - 1); }
 uint32 PageAt(uint32 low, int level) { return level >= MAX_INDEX_LEVEL ? 0 : low >> (LEAF_SHIFT * (level + 1)); }
@@ -38,8 +38,7 @@ struct Index::Directory {
     LazyArray<std::atomic<Chunk*>> top;
 
     ~Directory() {
-        for (size_t i = 0; i < DIRECTORY_SLOTS; ++i)
-            delete top.p[i].load(std::memory_order_relaxed);
+        for (size_t i = 0; i < DIRECTORY_SLOTS; ++i) delete top.p[i].load(std::memory_order_relaxed);
     }
 };
 
@@ -53,12 +52,10 @@ HighIndex* Index::FindHigh(uint32 high) const {
 }
 
 HighIndex& Index::FindOrAddHigh(uint32 high) {
-    if (HighIndex* const found = FindHigh(high))
-        return *found;
+    if (HighIndex* const found = FindHigh(high)) return *found;
     std::lock_guard lock(m_nodesMutex);
     std::atomic<Directory::Chunk*>& top = m_directory->top.p[high >> 16];
-    if (!top.load(std::memory_order_relaxed))
-        top.store(new Directory::Chunk, std::memory_order_release);
+    if (!top.load(std::memory_order_relaxed)) top.store(new Directory::Chunk, std::memory_order_release);
     m_highs.push_back(std::make_unique<HighIndex>(high));
     top.load(std::memory_order_relaxed)->p[high & 0xFFFF].store(m_highs.back().get(), std::memory_order_release);
     return *m_highs.back();
@@ -74,8 +71,7 @@ void Index::Import(uint32 high, Location root, int rootLevel, int64 liveElements
 std::vector<uint32> Index::AllHighs() const {
     std::lock_guard lock(m_nodesMutex);
     std::vector<uint32> highs;
-    for (const auto& h : m_highs)
-        highs.push_back(h->high);
+    for (const auto& h : m_highs) highs.push_back(h->high);
     return highs;
 }
 
@@ -107,20 +103,18 @@ IndexNode* Index::LoadPage(uint32 high, int level, uint32 page, Location l) cons
     const ssize_t payloadBytes = PayloadBytes(ReadPod<PacketHeader>(packet).info);
     const octet_t* const payload = packet + PACKET_HEADER_BYTES;
     IndexPrefix prefix{};
-    if (payloadBytes >= static_cast<ssize_t>(sizeof prefix))
-        prefix = ReadPod<IndexPrefix>(payload);
+    if (payloadBytes >= static_cast<ssize_t>(sizeof prefix)) prefix = ReadPod<IndexPrefix>(payload);
     ssize_t n = 0;
-    for (const uint64 bits : prefix.bitmap)
-        n += std::popcount(bits);
-    if (payloadBytes != static_cast<ssize_t>(sizeof prefix) + n * 8 || prefix.level != level || prefix.form != 0 || prefix.n != n)
+    for (const uint64 bits : prefix.bitmap) n += std::popcount(bits);
+    if (payloadBytes != static_cast<ssize_t>(sizeof prefix) + n * 8 || prefix.level != level || prefix.form != 0 ||
+        prefix.n != n)
         ThrowCorrupt(m_core, "an index page is not well formed", LocationOffset(l));
 
     IndexNode* const node = MakeNode(high, level, page);
     node->own = l;
     const octet_t* p = payload + sizeof prefix;
     for (size_t i = 0; i < static_cast<size_t>(LEAF_SLOTS); ++i) {
-        if (!(prefix.bitmap[i / 64] >> (i % 64) & 1))
-            continue;
+        if (!(prefix.bitmap[i / 64] >> (i % 64) & 1)) continue;
         const Location child = ReadPod<Location>(p);
         p += sizeof child;
         if (!m_core.m_segments->IsInside(child, m_core.m_segments->MaxSlots()))
@@ -131,29 +125,25 @@ IndexNode* Index::LoadPage(uint32 high, int level, uint32 page, Location l) cons
 }
 
 IndexNode* Index::Root(HighIndex& high) const {
-    if (IndexNode* const root = high.root.load(std::memory_order_acquire))
-        return root;
-    if (!high.rootLocation.load(std::memory_order_acquire))
-        return nullptr;
+    if (IndexNode* const root = high.root.load(std::memory_order_acquire)) return root;
+    if (!high.rootLocation.load(std::memory_order_acquire)) return nullptr;
     std::lock_guard lock(LoadMutex(high.high));
-    if (IndexNode* const root = high.root.load(std::memory_order_acquire))
-        return root;
-    IndexNode* const root = LoadPage(high.high, high.storedRootLevel, 0, high.rootLocation.load(std::memory_order_relaxed));
+    if (IndexNode* const root = high.root.load(std::memory_order_acquire)) return root;
+    IndexNode* const root =
+        LoadPage(high.high, high.storedRootLevel, 0, high.rootLocation.load(std::memory_order_relaxed));
     high.root.store(root, std::memory_order_release);
     return root;
 }
 
 IndexNode* Index::Child(IndexInner& inner, size_t i) const {
-    if (IndexNode* const child = inner.children[i].load(std::memory_order_acquire))
-        return child;
-    if (!inner.slots[i].load(std::memory_order_acquire))
-        return nullptr;
+    if (IndexNode* const child = inner.children[i].load(std::memory_order_acquire)) return child;
+    if (!inner.slots[i].load(std::memory_order_acquire)) return nullptr;
     const uint32 page = inner.page << LEAF_SHIFT | static_cast<uint32>(i);
     std::lock_guard lock(LoadMutex(page));
-    if (IndexNode* const child = inner.children[i].load(std::memory_order_acquire))
-        return child;
+    if (IndexNode* const child = inner.children[i].load(std::memory_order_acquire)) return child;
     // The page is not in memory, so no checkpoint writes it and its location stands.
-    IndexNode* const child = LoadPage(inner.high, inner.level - 1, page, inner.slots[i].load(std::memory_order_relaxed));
+    IndexNode* const child =
+        LoadPage(inner.high, inner.level - 1, page, inner.slots[i].load(std::memory_order_relaxed));
     child->parent = &inner;
     inner.children[i].store(child, std::memory_order_release);
     return child;
@@ -163,15 +153,12 @@ IndexNode* Index::Child(IndexInner& inner, size_t i) const {
 
 const std::atomic<Location>* Index::Find(Seid seid) const {
     HighIndex* const high = FindHigh(seid.high_);
-    if (!high)
-        return nullptr;
+    if (!high) return nullptr;
     IndexNode* node = Root(*high);
-    if (!node || PageAt(seid.low_, node->level) != 0)
-        return nullptr;
+    if (!node || PageAt(seid.low_, node->level) != 0) return nullptr;
     while (!node->IsLeaf()) {
         node = Child(static_cast<IndexInner&>(*node), SlotAt(seid.low_, node->level));
-        if (!node)
-            return nullptr;
+        if (!node) return nullptr;
     }
     return &node->slots[SlotAt(seid.low_, 0)];
 }
@@ -179,11 +166,9 @@ const std::atomic<Location>* Index::Find(Seid seid) const {
 IndexSlot Index::PrepareSlowly(Seid seid) {
     HighIndex& high = FindOrAddHigh(seid.high_);
     int level = 0;
-    while (PageAt(seid.low_, level) != 0)
-        ++level;
+    while (PageAt(seid.low_, level) != 0) ++level;
     IndexNode* node = Root(high);
-    if (!node || node->level < level)
-        GrowRoot(high, level);
+    if (!node || node->level < level) GrowRoot(high, level);
     node = high.root.load(std::memory_order_relaxed);
     while (!node->IsLeaf()) {
         IndexInner& inner = static_cast<IndexInner&>(*node);
@@ -201,8 +186,7 @@ void Index::GrowRoot(HighIndex& high, int level) {
     IndexNode* old = high.root.load(std::memory_order_relaxed);
     if (!old) {
         IndexNode* const root = MakeNode(high.high, level, 0);
-        if (root->IsLeaf())
-            MarkDirty(static_cast<IndexLeaf&>(*root));
+        if (root->IsLeaf()) MarkDirty(static_cast<IndexLeaf&>(*root));
         high.root.store(root, std::memory_order_release);
         return;
     }
@@ -224,15 +208,13 @@ void Index::GrowRoot(HighIndex& high, int level) {
 IndexNode* Index::AddChild(IndexInner& inner, size_t i) {
     IndexNode* const child = MakeNode(inner.high, inner.level - 1, inner.page << LEAF_SHIFT | static_cast<uint32>(i));
     child->parent = &inner;
-    if (child->IsLeaf())
-        MarkDirty(static_cast<IndexLeaf&>(*child));
+    if (child->IsLeaf()) MarkDirty(static_cast<IndexLeaf&>(*child));
     inner.children[i].store(child, std::memory_order_release);
     return child;
 }
 
 void Index::MarkDirty(IndexLeaf& leaf) {
-    if (leaf.dirty)
-        return;
+    if (leaf.dirty) return;
     leaf.dirty = true;
     m_dirtyLeaves.push_back(&leaf);
 }
@@ -244,8 +226,7 @@ void Index::CopyForSnapshot(IndexLeaf& leaf) {
     for (size_t i = 0; i < static_cast<size_t>(LEAF_SLOTS); ++i)
         (*copy)[i] = leaf.slots[i].load(std::memory_order_relaxed);
     std::lock_guard lock(m_snapshotMutex);
-    if (!leaf.marked.load(std::memory_order_relaxed))
-        return; // written meanwhile
+    if (!leaf.marked.load(std::memory_order_relaxed)) return; // written meanwhile
     leaf.copy = std::move(copy);
     leaf.marked.store(false, std::memory_order_relaxed);
 }
@@ -275,15 +256,13 @@ void Index::WriteSnapshot(IIndexPageSink& sink) {
     const auto byKey = [](const IndexNode* a, const IndexNode* b) { return a->Key() < b->Key(); };
     std::sort(m_snapshotLeaves.begin(), m_snapshotLeaves.end(), byKey);
     std::vector<IndexInner*> parents;
-    for (IndexLeaf* leaf : m_snapshotLeaves)
-        WriteNode(*leaf, sink, parents);
+    for (IndexLeaf* leaf : m_snapshotLeaves) WriteNode(*leaf, sink, parents);
     m_snapshotLeaves.clear();
     while (!parents.empty()) {
         std::vector<IndexInner*> level;
         level.swap(parents);
         std::sort(level.begin(), level.end(), byKey);
-        for (IndexInner* inner : level)
-            WriteNode(*inner, sink, parents);
+        for (IndexInner* inner : level) WriteNode(*inner, sink, parents);
     }
 }
 
@@ -304,11 +283,9 @@ void Index::WriteNode(IndexNode& node, IIndexPageSink& sink, std::vector<IndexIn
     const Location written = n ? sink.WritePage(node.Key(), payload, n) : 0;
 
     std::lock_guard lock(m_snapshotMutex);
-    if (node.own)
-        sink.PageDied(node.own);
+    if (node.own) sink.PageDied(node.own);
     node.own = written;
-    if (!node.parent)
-        return;
+    if (!node.parent) return;
     node.parent->slots[node.page & (LEAF_SLOTS - 1)].store(written, std::memory_order_release);
     const HighIndex& high = *FindHigh(node.high);
     if (high.snapshotRoot == &node || node.parent->visit == m_snapshotNumber)
@@ -324,8 +301,7 @@ ssize_t Index::Encode(const IndexNode& node, const std::array<Location, LEAF_SLO
     octet_t* p = payload + sizeof prefix;
     for (size_t i = 0; i < static_cast<size_t>(LEAF_SLOTS); ++i) {
         const Location l = copy ? (*copy)[i] : node.slots[i].load(std::memory_order_relaxed);
-        if (!l)
-            continue;
+        if (!l) continue;
         prefix.bitmap[i / 64] |= uint64{1} << (i % 64);
         ++prefix.n;
         std::memcpy(p, &l, sizeof l);
@@ -340,8 +316,7 @@ void Index::GetSnapshotRoot(uint32 high, Location& root, int& rootLevel, int64& 
     root = 0;
     rootLevel = 0;
     liveElements = 0;
-    if (!h)
-        return;
+    if (!h) return;
     liveElements = h->snapshotLive;
     if (h->snapshotRoot) {
         root = h->snapshotRoot->own;
@@ -357,23 +332,18 @@ void Index::TouchPage(uint64 key, int level, Location l) {
     const uint32 highNumber = static_cast<uint32>(key >> 32);
     HighIndex* const high = FindHigh(highNumber);
     IndexNode* node = high ? Root(*high) : nullptr;
-    if (!node || node->level < level)
-        return;
+    if (!node || node->level < level) return;
     // The first low below the page leads to it.
     const uint32 low = level >= MAX_INDEX_LEVEL ? 0 : static_cast<uint32>(key) << (LEAF_SHIFT * (level + 1));
-    while (node && node->level > level)
-        node = Child(static_cast<IndexInner&>(*node), SlotAt(low, node->level));
-    if (!node || node->own != l || node->page != static_cast<uint32>(key))
-        return;
+    while (node && node->level > level) node = Child(static_cast<IndexInner&>(*node), SlotAt(low, node->level));
+    if (!node || node->own != l || node->page != static_cast<uint32>(key)) return;
     // An inner node is written when a leaf below it is.
     while (node && !node->IsLeaf()) {
         IndexInner& inner = static_cast<IndexInner&>(*node);
         node = nullptr;
-        for (size_t i = 0; !node && i < static_cast<size_t>(LEAF_SLOTS); ++i)
-            node = Child(inner, i);
+        for (size_t i = 0; !node && i < static_cast<size_t>(LEAF_SLOTS); ++i) node = Child(inner, i);
     }
-    if (node)
-        MarkDirty(static_cast<IndexLeaf&>(*node));
+    if (node) MarkDirty(static_cast<IndexLeaf&>(*node));
 }
 
 } // namespace quna

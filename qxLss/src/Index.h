@@ -19,21 +19,21 @@ namespace quna {
 struct HighIndex {
     explicit HighIndex(uint32 high_) : high(high_) {}
 
-    const uint32            high;
-    std::atomic<IndexNode*> root{nullptr};   // null: empty, or not in memory
-    std::atomic<Location>   rootLocation{0}; // to load the root from; constant once the root is in memory
-    int                     storedRootLevel = 0;
-    int64                   liveElements = 0; // under the turn
+    const uint32 high;
+    std::atomic<IndexNode*> root{nullptr}; // null: empty, or not in memory
+    std::atomic<Location> rootLocation{0}; // to load the root from; constant once the root is in memory
+    int storedRootLevel = 0;
+    int64 liveElements = 0; // under the turn
 
     // The running snapshot; the checkpoint's own.
     IndexNode* snapshotRoot = nullptr;
-    int64      snapshotLive = 0;
+    int64 snapshotLive = 0;
 };
 
 // Where a location stands, for one who is about to change it.
 struct IndexSlot {
     IndexLeaf* leaf;
-    int        index;
+    int index;
     HighIndex* high;
 
     Location Get() const { return leaf->slots[static_cast<size_t>(index)].load(std::memory_order_relaxed); }
@@ -43,7 +43,7 @@ struct IndexSlot {
 class IIndexPageSink {
 public:
     virtual Location WritePage(uint64 key, const void* payload, ssize_t n) = 0;
-    virtual void     PageDied(Location l) = 0;
+    virtual void PageDied(Location l) = 0;
 
 protected:
     ~IIndexPageSink() = default;
@@ -101,13 +101,13 @@ public:
 
     // The bytes that a checkpoint of the present dirty pages takes at most. With the turn.
     ssize_t SnapshotBytes() const;
-    void    BeginSnapshot();
+    void BeginSnapshot();
     // Writes the marked leaves, then the inner nodes above them.
-    void    WriteSnapshot(IIndexPageSink& sink);
+    void WriteSnapshot(IIndexPageSink& sink);
     // For the HIGHS entry, after WriteSnapshot.
-    void    GetSnapshotRoot(uint32 high, Location& root, int& rootLevel, int64& liveElements) const;
+    void GetSnapshotRoot(uint32 high, Location& root, int& rootLevel, int64& liveElements) const;
     // Makes the page dirty if the packet at `l` is its current one, so that the next checkpoint moves it. With the turn.
-    void    TouchPage(uint64 key, int level, Location l);
+    void TouchPage(uint64 key, int level, Location l);
 
     // Calls visit(seid value, location) for every element and page(location) for every page. Loads everything; nothing
     // may be published meanwhile.
@@ -126,29 +126,29 @@ private:
     IndexNode* Child(IndexInner& inner, size_t i) const;
     IndexNode* LoadPage(uint32 high, int level, uint32 page, Location l) const;
     IndexNode* MakeNode(uint32 high, int level, uint32 page) const;
-    IndexSlot  PrepareSlowly(Seid seid);
-    void       GrowRoot(HighIndex& high, int level);
+    IndexSlot PrepareSlowly(Seid seid);
+    void GrowRoot(HighIndex& high, int level);
     IndexNode* AddChild(IndexInner& inner, size_t i);
-    void       CopyForSnapshot(IndexLeaf& leaf);
-    void       MarkDirty(IndexLeaf& leaf);
-    void       WriteNode(IndexNode& node, IIndexPageSink& sink, std::vector<IndexInner*>& parents);
+    void CopyForSnapshot(IndexLeaf& leaf);
+    void MarkDirty(IndexLeaf& leaf);
+    void WriteNode(IndexNode& node, IIndexPageSink& sink, std::vector<IndexInner*>& parents);
     static ssize_t Encode(const IndexNode& node, const std::array<Location, LEAF_SLOTS>* copy, octet_t* payload);
     std::mutex& LoadMutex(uint32 page) const { return m_loadMutexes[page & 15]; }
 
-    StoreCore&                            m_core;
-    std::unique_ptr<Directory>            m_directory;
-    mutable std::array<std::mutex, 16>    m_loadMutexes;  // leaves of the lock order, by page
-    mutable std::mutex                    m_nodesMutex;   // innermost: guards m_nodes and m_highs
-    mutable std::vector<std::unique_ptr<IndexLeaf>>  m_leaves; // ownership only
+    StoreCore& m_core;
+    std::unique_ptr<Directory> m_directory;
+    mutable std::array<std::mutex, 16> m_loadMutexes;          // leaves of the lock order, by page
+    mutable std::mutex m_nodesMutex;                           // innermost: guards m_nodes and m_highs
+    mutable std::vector<std::unique_ptr<IndexLeaf>> m_leaves;  // ownership only
     mutable std::vector<std::unique_ptr<IndexInner>> m_inners; // ownership only
     std::vector<std::unique_ptr<HighIndex>> m_highs;
 
-    std::mutex               m_snapshotMutex;             // guards parent, own, copy and marked -> unmarked
-    std::vector<IndexLeaf*>  m_dirtyLeaves;               // under the turn
-    std::vector<IndexLeaf*>  m_snapshotLeaves;            // of the running snapshot; the checkpoint's
-    uint64                   m_snapshotNumber = 0;
-    IndexLeaf*               m_lastLeaf = nullptr;        // of Prepare; under the turn
-    HighIndex*               m_lastHigh = nullptr;
+    std::mutex m_snapshotMutex;               // guards parent, own, copy and marked -> unmarked
+    std::vector<IndexLeaf*> m_dirtyLeaves;    // under the turn
+    std::vector<IndexLeaf*> m_snapshotLeaves; // of the running snapshot; the checkpoint's
+    uint64 m_snapshotNumber = 0;
+    IndexLeaf* m_lastLeaf = nullptr; // of Prepare; under the turn
+    HighIndex* m_lastHigh = nullptr;
 };
 
 template <class ElementVisitor, class PageVisitor>
@@ -156,17 +156,14 @@ void Index::VisitAll(ElementVisitor&& element, PageVisitor&& page) {
     for (const uint32 h : AllHighs()) {
         IndexNode* const root = Root(*FindHigh(h));
         std::vector<IndexNode*> stack;
-        if (root)
-            stack.push_back(root);
+        if (root) stack.push_back(root);
         while (!stack.empty()) {
             IndexNode* const node = stack.back();
             stack.pop_back();
-            if (node->own)
-                page(node->own);
+            if (node->own) page(node->own);
             for (size_t i = 0; i < static_cast<size_t>(LEAF_SLOTS); ++i) {
                 if (!node->IsLeaf()) {
-                    if (IndexNode* const child = Child(static_cast<IndexInner&>(*node), i))
-                        stack.push_back(child);
+                    if (IndexNode* const child = Child(static_cast<IndexInner&>(*node), i)) stack.push_back(child);
                 } else if (const Location l = node->slots[i].load(std::memory_order_relaxed)) {
                     element(static_cast<uint64>(h) << 32 | node->page << LEAF_SHIFT | static_cast<uint32>(i), l);
                 }

@@ -19,14 +19,14 @@ struct IndexInner;
 struct IndexNode {
     IndexNode(uint32 high_, int level_, uint32 page_) : high(high_), page(page_), level(level_) {}
 
-    bool   IsLeaf() const { return level == 0; }
+    bool IsLeaf() const { return level == 0; }
     uint64 Key() const { return static_cast<uint64>(high) << 32 | page; }
 
-    const uint32                     high;
-    const uint32                     page;  // number at its level
-    const int                        level;
-    IndexInner*                      parent = nullptr;
-    Location                         own = 0; // of the page as last written; 0 = never, or empty
+    const uint32 high;
+    const uint32 page; // number at its level
+    const int level;
+    IndexInner* parent = nullptr;
+    Location own = 0; // of the page as last written; 0 = never, or empty
     std::array<std::atomic<Location>, LEAF_SLOTS> slots{};
 };
 
@@ -37,8 +37,8 @@ struct IndexLeaf : IndexNode {
     uint64 transaction = 0;
     uint64 written[LEAF_SLOTS / 64] = {};
 
-    bool              dirty = false;  // changed since the last snapshot; under the turn
-    std::atomic<bool> marked{false};  // belongs to the running snapshot and has not been written for it
+    bool dirty = false;              // changed since the last snapshot; under the turn
+    std::atomic<bool> marked{false}; // belongs to the running snapshot and has not been written for it
     std::unique_ptr<std::array<Location, LEAF_SLOTS>> copy; // its state at the snapshot, if it has changed since
 };
 

@@ -22,10 +22,12 @@ int Saturate(int64 x) { return static_cast<int>(std::clamp<int64>(x, 0, std::num
 } // namespace
 
 LssStore::LssStore(std::unique_ptr<StoreCore> core)
-    : m_core(std::move(core)), m_flusher(*m_core), m_space(*m_core), m_ring(m_core->m_file, m_core->m_storeId, [this] { m_cleanThread.Wake(); }),
+    : m_core(std::move(core)), m_flusher(*m_core), m_space(*m_core),
+      m_ring(m_core->m_file, m_core->m_storeId, [this] { m_cleanThread.Wake(); }),
       m_allocator(m_ring, [this] { m_flusher.WakeTopUp(); }), m_index(*m_core), m_log(*m_core, m_space, m_flusher),
       m_checkpoint(*m_core, m_space, m_log, m_index, m_flusher, m_ring, m_allocator),
-      m_transaction(*m_core, m_log, m_index, m_flusher, m_allocator, [this](bool unwinding) { OnTransactionClosed(unwinding); }) {}
+      m_transaction(*m_core, m_log, m_index, m_flusher, m_allocator,
+                    [this](bool unwinding) { OnTransactionClosed(unwinding); }) {}
 
 LssStore::~LssStore() { StopThreads(); }
 
@@ -45,13 +47,13 @@ void LssStore::Recover(const CheckpointHeader& header) {
     m_checkpoint.Import(header, log.held);
     if (m_core->m_readOnly) {
         m_overlayTransaction = std::make_unique<OverlayTransaction>(
-            m_overlay, m_log.Turn(), m_core->m_file.Path().c_str(), [this](Seid seid) { return m_index.Get(seid) != 0; },
+            m_overlay, m_log.Turn(), m_core->m_file.Path().c_str(),
+            [this](Seid seid) { return m_index.Get(seid) != 0; },
             [this](int64 delta) { m_core->m_counters.liveHead.fetch_add(delta, std::memory_order_relaxed); });
         return;
     }
     std::vector<AllocHorizon> known;
-    for (const HighAllocation& high : log.highs)
-        known.push_back({high.high, high.horizon});
+    for (const HighAllocation& high : log.highs) known.push_back({high.high, high.horizon});
     m_ring.BeginOwner(header.checkpointSequence, known, log.nextHigh, log.nextSequence, log.clean);
     m_allocator.Import(log.highs, log.ring, log.clean);
     if (!log.clean) {
@@ -62,13 +64,11 @@ void LssStore::Recover(const CheckpointHeader& header) {
     }
     m_flusher.SetDurableClock(log.clock);
     m_log.Resume(log.end, log.clock);
-    if (m_core->m_settings.forceIncrementMSSN)
-        m_log.LinkToNext();
+    if (m_core->m_settings.forceIncrementMSSN) m_log.LinkToNext();
 }
 
 void LssStore::StartThreads() {
-    if (m_core->m_readOnly)
-        return;
+    if (m_core->m_readOnly) return;
     Flusher::Hooks hooks;
     hooks.handOverBuffered = [this] { HandOverBuffered(); };
     hooks.topUp = [this] { m_allocator.TopUp(); };
@@ -108,7 +108,9 @@ void LssStore::Abandon() {
 
 void LssStore::ThrowIfReadOnly(ConstStringZ operation) const {
     if (m_core->m_readOnly)
-        throw FileException((std::string("Can't ") + operation + " in the store '" + m_core->m_file.Path() + "': the store is open read-only").c_str());
+        throw FileException((std::string("Can't ") + operation + " in the store '" + m_core->m_file.Path() +
+                             "': the store is open read-only")
+                                .c_str());
 }
 
 // A failed write of the ring is as final as one of the log; an exhausted high is not.
@@ -119,8 +121,7 @@ auto LssStore::Allocate(Action&& action) {
     try {
         return action();
     } catch (...) {
-        if (m_ring.HasFailed())
-            m_core->FailWithCurrentException();
+        if (m_ring.HasFailed()) m_core->FailWithCurrentException();
         throw;
     }
 }
@@ -143,8 +144,7 @@ IContiguousSerialElement* LssStore::OpenSerialElement(Seid seid) {
     m_core->ThrowIfForked();
     if (!m_overlay.IsEmpty()) {
         Overlay::Bytes bytes;
-        if (m_overlay.Find(seid, bytes))
-            return bytes ? new OverlayElement(std::move(bytes)) : nullptr;
+        if (m_overlay.Find(seid, bytes)) return bytes ? new OverlayElement(std::move(bytes)) : nullptr;
     }
     return SerialElement::Open(*m_core, m_index, seid);
 }
@@ -159,8 +159,7 @@ ILssTransaction* LssStore::OpenTransaction() {
     }
     try {
         const std::string kept = m_transaction.TakeKeptFailure();
-        if (!kept.empty())
-            throw FileException(kept.c_str());
+        if (!kept.empty()) throw FileException(kept.c_str());
         m_core->ThrowIfUnwritable();
         m_space.EnsureReady(SLOTS_FOR_TRANSACTION + m_checkpoint.SlotsNeeded());
         m_transaction.Open();
@@ -172,7 +171,8 @@ ILssTransaction* LssStore::OpenTransaction() {
 }
 
 void LssStore::OnTransactionClosed(bool unwinding) {
-    if (m_checkpoint.IsBeingCreated() && !unwinding && m_core->m_counters.numTransactions.load(std::memory_order_relaxed) > 0) [[unlikely]] {
+    if (m_checkpoint.IsBeingCreated() && !unwinding &&
+        m_core->m_counters.numTransactions.load(std::memory_order_relaxed) > 0) [[unlikely]] {
         try {
             HandOverBuffered();
             m_checkpoint.ClearCreatingFlag();
@@ -187,18 +187,15 @@ void LssStore::OnTransactionClosed(bool unwinding) {
 
 // With enableFileBuffering closed transactions may be in memory only.
 void LssStore::HandOverBuffered() {
-    if (!m_core->m_settings.enableFileBuffering)
-        return;
+    if (!m_core->m_settings.enableFileBuffering) return;
     QX_ASSERT(!m_log.Turn().IsOwnedByThisThread());
     TurnScope turn(m_log.Turn());
     m_log.HandOver();
 }
 
 void LssStore::DoBackgroundWork() {
-    if (m_core->HasFailed())
-        return;
-    if (m_checkpoint.IsDue() || m_ring.WantsCheckpoint())
-        m_checkpoint.Run(Checkpoint::EReason::RUNNING);
+    if (m_core->HasFailed()) return;
+    if (m_checkpoint.IsDue() || m_ring.WantsCheckpoint()) m_checkpoint.Run(Checkpoint::EReason::RUNNING);
     m_space.GrowAhead();
 }
 

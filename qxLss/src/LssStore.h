@@ -38,15 +38,15 @@ public:
     void SetPath(const std::string& path) { m_core->m_file.SetPath(path); }
     void StartThreads();
 
-    void                      Close() override;
-    SeidHigh                  AllocateSeidHigh() override;
-    Seid                      AllocateSeid(SeidHigh high) override;
-    bool                      AllocateAffiliateSeid(Seid& seid) override;
+    void Close() override;
+    SeidHigh AllocateSeidHigh() override;
+    Seid AllocateSeid(SeidHigh high) override;
+    bool AllocateAffiliateSeid(Seid& seid) override;
     IContiguousSerialElement* OpenSerialElement(Seid seid) override;
-    ILssTransaction*          OpenTransaction() override;
-    void                      GetStats(LssStats& stats) override;
-    void                      Flush() override;
-    void                      Abandon() override;
+    ILssTransaction* OpenTransaction() override;
+    void GetStats(LssStats& stats) override;
+    void Flush() override;
+    void Abandon() override;
 
     // Takes a checkpoint now. A failure is final, as in the background.
     void CheckpointForTest();
@@ -60,10 +60,10 @@ public:
         m_index.VisitAll([&](uint64 seid, Location l) { visit(Seid(seid), l); }, [](Location) {});
     }
 
-    StoreCore&    CoreForTest() { return *m_core; }
+    StoreCore& CoreForTest() { return *m_core; }
     SpaceManager& SpaceForTest() { return m_space; }
-    UserLog&      LogForTest() { return m_log; }
-    Index&        IndexForTest() { return m_index; }
+    UserLog& LogForTest() { return m_log; }
+    Index& IndexForTest() { return m_index; }
 
 private:
     ~LssStore();
@@ -76,22 +76,22 @@ private:
     template <class Action>
     auto Allocate(Action&& action);
 
-    std::unique_ptr<StoreCore>          m_core;
-    Flusher                             m_flusher;
-    SpaceManager                        m_space;
-    AllocRing                           m_ring;
-    SeidAllocator                       m_allocator;
-    Index                               m_index;
-    UserLog                             m_log;
-    Checkpoint                          m_checkpoint;
-    Transaction                         m_transaction;
-    Overlay                             m_overlay;       // of a read-only store
+    std::unique_ptr<StoreCore> m_core;
+    Flusher m_flusher;
+    SpaceManager m_space;
+    AllocRing m_ring;
+    SeidAllocator m_allocator;
+    Index m_index;
+    UserLog m_log;
+    Checkpoint m_checkpoint;
+    Transaction m_transaction;
+    Overlay m_overlay; // of a read-only store
     std::unique_ptr<OverlayTransaction> m_overlayTransaction;
-    CleanThread                         m_cleanThread;
+    CleanThread m_cleanThread;
 };
 
 // CreateOrOpenLSS with another table of system calls, and segments down to 4 KiB.
-QX_API ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ deltasDirPath, bool& createdNew,
-                                           EOpenMode openMode, const LssSettings& settings);
+QX_API ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ deltasDirPath,
+                                           bool& createdNew, EOpenMode openMode, const LssSettings& settings);
 
 } // namespace quna

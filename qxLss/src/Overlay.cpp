@@ -20,16 +20,14 @@ constexpr ConstStringZ SOURCE_PATH = "src/Overlay";
 bool Overlay::Find(Seid seid, Bytes& bytes) const {
     std::shared_lock lock(m_mutex);
     const auto i = m_elements.find(seid.value_);
-    if (i == m_elements.end())
-        return false;
+    if (i == m_elements.end()) return false;
     bytes = i->second;
     return true;
 }
 
 void Overlay::Apply(const std::map<uint64, Bytes>& changes) {
     std::unique_lock lock(m_mutex);
-    for (const auto& [seid, bytes] : changes)
-        m_elements[seid] = bytes;
+    for (const auto& [seid, bytes] : changes) m_elements[seid] = bytes;
     m_isEmpty.store(m_elements.empty(), std::memory_order_release);
 }
 
@@ -37,8 +35,10 @@ ReadOnlyBuffer OverlayElement::GetBuffer() {
     return {m_bytes->data(), static_cast<ssize_t>(m_bytes->size()) - ELEMENT_TAIL_BYTES};
 }
 
-OverlayTransaction::OverlayTransaction(Overlay& overlay, TurnLock& turn, ConstStringZ path, ExistsInFile existsInFile, Counted counted)
-    : m_overlay(overlay), m_turn(turn), m_path(path), m_existsInFile(std::move(existsInFile)), m_counted(std::move(counted)) {}
+OverlayTransaction::OverlayTransaction(Overlay& overlay, TurnLock& turn, ConstStringZ path, ExistsInFile existsInFile,
+                                       Counted counted)
+    : m_overlay(overlay), m_turn(turn), m_path(path), m_existsInFile(std::move(existsInFile)),
+      m_counted(std::move(counted)) {}
 
 void OverlayTransaction::Open() { m_changes.clear(); }
 
@@ -54,7 +54,8 @@ void OverlayTransaction::Close() {
         m_overlay.Apply(m_changes);
         m_counted(delta);
         if (!std::exchange(m_traced, true))
-            TracerX() << "LSS: the store '" << m_path << "' is open read-only; changes are kept in memory and dropped at its close\n";
+            TracerX() << "LSS: the store '" << m_path
+                      << "' is open read-only; changes are kept in memory and dropped at its close\n";
     }
     m_turn.Release();
 }
@@ -75,16 +76,14 @@ ICloseableOutputStream* OverlayTransaction::WriteSerialElement(Seid seid) {
 
 bool OverlayTransaction::DeleteSerialElement(Seid seid) {
     QX_ASSERT(!m_stream.m_isOpen);
-    if (!Exists(seid))
-        return false;
+    if (!Exists(seid)) return false;
     m_changes[seid.value_] = nullptr;
     return true;
 }
 
 bool OverlayTransaction::Exists(Seid seid) const {
     const auto i = m_changes.find(seid.value_);
-    if (i != m_changes.end())
-        return i->second != nullptr;
+    if (i != m_changes.end()) return i->second != nullptr;
     Overlay::Bytes bytes;
     return m_overlay.Find(seid, bytes) ? bytes != nullptr : m_existsInFile(seid);
 }
@@ -102,8 +101,7 @@ void OverlayTransaction::Stream::FlushStream() {}
 void OverlayTransaction::Stream::Close() {
     QX_ASSERT(m_isOpen);
     m_isOpen = false;
-    if (std::uncaught_exceptions() > m_uncaughtAtOpen)
-        return;
+    if (std::uncaught_exceptions() > m_uncaughtAtOpen) return;
     m_bytes.resize(m_bytes.size() + static_cast<size_t>(ELEMENT_TAIL_BYTES));
     m_transaction.m_changes[m_seid.value_] = std::make_shared<const std::vector<octet_t>>(m_bytes);
 }

@@ -31,16 +31,16 @@ public:
     void Apply(const std::map<uint64, Bytes>& changes);
 
 private:
-    mutable std::shared_mutex         m_mutex; // leaf; guards m_elements
+    mutable std::shared_mutex m_mutex; // leaf; guards m_elements
     std::unordered_map<uint64, Bytes> m_elements;
-    std::atomic<bool>                 m_isEmpty{true};
+    std::atomic<bool> m_isEmpty{true};
 };
 
 // An element of the overlay. The bytes are followed by 64 more.
 class QX_API OverlayElement final : public IContiguousSerialElement {
 public:
     explicit OverlayElement(Overlay::Bytes bytes) : m_bytes(std::move(bytes)) {}
-    void           Close() override { delete this; }
+    void Close() override { delete this; }
     ReadOnlyBuffer GetBuffer() override;
 
 private:
@@ -62,10 +62,10 @@ public:
     // Requires: the caller has taken the turn.
     void Open();
 
-    void                    Close() override;
-    void                    RequestFlushToDisk() override;
+    void Close() override;
+    void RequestFlushToDisk() override;
     ICloseableOutputStream* WriteSerialElement(Seid seid) override;
-    bool                    DeleteSerialElement(Seid seid) override;
+    bool DeleteSerialElement(Seid seid) override;
 
 private:
     class Stream final : public ICloseableOutputStream {
@@ -76,23 +76,23 @@ private:
         void FlushStream() override;
         void Close() override;
 
-        OverlayTransaction&  m_transaction;
-        bool                 m_isOpen = false;
-        int                  m_uncaughtAtOpen = 0;
-        Seid                 m_seid;
+        OverlayTransaction& m_transaction;
+        bool m_isOpen = false;
+        int m_uncaughtAtOpen = 0;
+        Seid m_seid;
         std::vector<octet_t> m_bytes;
     };
 
     bool Exists(Seid seid) const;
 
-    Overlay&                         m_overlay;
-    TurnLock&                        m_turn;
-    const std::string                m_path;
-    const ExistsInFile               m_existsInFile;
-    const Counted                    m_counted;
+    Overlay& m_overlay;
+    TurnLock& m_turn;
+    const std::string m_path;
+    const ExistsInFile m_existsInFile;
+    const Counted m_counted;
     std::map<uint64, Overlay::Bytes> m_changes;
-    Stream                           m_stream{*this};
-    bool                             m_traced = false;
+    Stream m_stream{*this};
+    bool m_traced = false;
 };
 
 } // namespace quna

@@ -12,20 +12,24 @@ namespace {
 constexpr uint64 SEQUENCE_JUMP = uint64{1} << 32;
 
 bool IsValidSegmentSize(uint64 n) {
-    return n >= static_cast<uint64>(MIN_TEST_SEGMENT_SIZE) && n <= static_cast<uint64>(MAX_SEGMENT_SIZE) && (n & (n - 1)) == 0;
+    return n >= static_cast<uint64>(MIN_TEST_SEGMENT_SIZE) && n <= static_cast<uint64>(MAX_SEGMENT_SIZE) &&
+           (n & (n - 1)) == 0;
 }
 
-enum class EHeaderState { MISSING, FOREIGN, NEWER, BROKEN, VALID };
+enum class EHeaderState {
+    MISSING,
+    FOREIGN,
+    NEWER,
+    BROKEN,
+    VALID
+};
 
 EHeaderState ReadHeader(File& file, int64 offset, CheckpointHeader& header) {
     header = CheckpointHeader{};
     const ssize_t n = file.ReadUpTo(offset, &header, sizeof header);
-    if (n < static_cast<ssize_t>(sizeof header.magic) + 4)
-        return EHeaderState::MISSING;
-    if (std::memcmp(header.magic, CHECKPOINT_MAGIC, sizeof header.magic) != 0)
-        return EHeaderState::FOREIGN;
-    if (header.version > FORMAT_VERSION)
-        return EHeaderState::NEWER;
+    if (n < static_cast<ssize_t>(sizeof header.magic) + 4) return EHeaderState::MISSING;
+    if (std::memcmp(header.magic, CHECKPOINT_MAGIC, sizeof header.magic) != 0) return EHeaderState::FOREIGN;
+    if (header.version > FORMAT_VERSION) return EHeaderState::NEWER;
     if (n < static_cast<ssize_t>(sizeof header) || header.crc != Crc32c(&header, offsetof(CheckpointHeader, crc)) ||
         header.version != FORMAT_VERSION || !IsValidSegmentSize(header.segmentSize) ||
         HeaderOffset(header.checkpointSequence) != offset)
@@ -48,7 +52,8 @@ EHeaderState ChooseHeader(File& file, CheckpointHeader& newest) {
     CheckpointHeader b{};
     const EHeaderState stateA = ReadHeader(file, 0, a);
     const EHeaderState stateB = ReadHeader(file, 4096, b);
-    const bool useB = stateB == EHeaderState::VALID && (stateA != EHeaderState::VALID || b.checkpointSequence > a.checkpointSequence);
+    const bool useB =
+        stateB == EHeaderState::VALID && (stateA != EHeaderState::VALID || b.checkpointSequence > a.checkpointSequence);
     newest = useB ? b : a;
     if (stateA == EHeaderState::NEWER || stateB == EHeaderState::NEWER) {
         newest = stateA == EHeaderState::NEWER ? a : b;
@@ -64,18 +69,16 @@ CheckpointHeader ReadNewestHeader(const StoreCore& core, File& file) {
     const int64 size = file.Size();
     const EHeaderState state = ChooseHeader(file, header);
     switch (state) {
-    case EHeaderState::VALID:
-        return header;
+    case EHeaderState::VALID: return header;
     case EHeaderState::MISSING:
         ThrowCorrupt(core, size == 0 ? std::string("the file is empty")
                                      : "the file has only " + std::to_string(size) + " bytes and no header");
     case EHeaderState::FOREIGN:
         ThrowCorrupt(core, "the file does not begin as a store does; it is no store, or its header is lost");
     case EHeaderState::NEWER:
-        ThrowCorrupt(core, "the file has format version " + std::to_string(header.version) + ", this library reads versions up to " +
-                               std::to_string(FORMAT_VERSION));
-    case EHeaderState::BROKEN:
-        break;
+        ThrowCorrupt(core, "the file has format version " + std::to_string(header.version) +
+                               ", this library reads versions up to " + std::to_string(FORMAT_VERSION));
+    case EHeaderState::BROKEN: break;
     }
     ThrowCorrupt(core, "neither of the two checkpoint headers is valid");
 }
@@ -91,10 +94,13 @@ Recovery::Recovery(StoreCore& core, SpaceManager& space, Index& index, AllocRing
 RecoveredLog Recovery::Run(const CheckpointHeader& header) {
     m_result.ring = m_ring.Read();
     if (m_result.ring.newestCheckpoint > header.checkpointSequence)
-        ThrowCorrupt(m_core, "the newest checkpoint header is lost: checkpoint " + std::to_string(m_result.ring.newestCheckpoint) +
-                                 " was completed, the newest valid header is of checkpoint " + std::to_string(header.checkpointSequence));
+        ThrowCorrupt(m_core, "the newest checkpoint header is lost: checkpoint " +
+                                 std::to_string(m_result.ring.newestCheckpoint) +
+                                 " was completed, the newest valid header is of checkpoint " +
+                                 std::to_string(header.checkpointSequence));
     m_result.clean = (header.flags & HEADER_FLAG_CLEAN) && m_ring.VouchesForCleanClose(header.checkpointSequence);
-    m_result.end = {static_cast<ssize_t>(header.startSlot), static_cast<ssize_t>(header.startOffset), header.startSequence};
+    m_result.end = {static_cast<ssize_t>(header.startSlot), static_cast<ssize_t>(header.startOffset),
+                    header.startSequence};
     m_result.clock = header.logClock;
     m_result.lastTransaction = header.lastTransaction;
     m_result.nextHigh = std::max(header.nextHigh, m_result.ring.nextHigh);
@@ -118,8 +124,7 @@ void Recovery::LoadTables(const CheckpointHeader& header) {
 
     FillSegments(header, EntriesOf<SutEntry>(sut));
     const std::vector<HighsEntry> highsEntries = EntriesOf<HighsEntry>(highs);
-    if (highsEntries.size() != header.numHighs)
-        ThrowCorrupt(m_core, "the table of high halves has the wrong length");
+    if (highsEntries.size() != header.numHighs) ThrowCorrupt(m_core, "the table of high halves has the wrong length");
     FillIndex(highsEntries);
 }
 
@@ -128,16 +133,13 @@ std::vector<Location> Recovery::TableLocations(const CheckpointHeader& header) {
     const octet_t* const stored = reinterpret_cast<const octet_t*>(&header) + offsetof(CheckpointHeader, locations);
     std::vector<Location> locations;
     if (!(header.flags & HEADER_FLAG_LIST)) {
-        if (n > CheckpointHeader::MAX_LOCATIONS)
-            ThrowCorrupt(m_core, "the checkpoint header names too many packets");
-        for (ssize_t i = 0; i < n; ++i)
-            locations.push_back(ReadPod<Location>(stored + i * 8));
+        if (n > CheckpointHeader::MAX_LOCATIONS) ThrowCorrupt(m_core, "the checkpoint header names too many packets");
+        for (ssize_t i = 0; i < n; ++i) locations.push_back(ReadPod<Location>(stored + i * 8));
         return locations;
     }
     for (ssize_t i = 0; i < CheckpointHeader::MAX_LOCATIONS; ++i) {
         const Location l = ReadPod<Location>(stored + i * 8);
-        if (!l)
-            break;
+        if (!l) break;
         const std::vector<octet_t> list = ReadTablePacket(l, EPacketType::LIST);
         for (size_t at = 0; at + sizeof(Location) <= list.size(); at += sizeof(Location))
             locations.push_back(ReadPod<Location>(list.data() + at));
@@ -163,14 +165,16 @@ std::vector<octet_t> Recovery::ReadTablePacket(Location l, EPacketType type) {
     const ssize_t slot = m_segments.SlotOf(l);
     SegmentHeader segment{};
     if (!ReadSegmentHeader(slot, segment))
-        ThrowCorrupt(m_core, "the header of a segment with the checkpoint's tables is not valid", m_segments.OffsetOf(slot));
+        ThrowCorrupt(m_core, "the header of a segment with the checkpoint's tables is not valid",
+                     m_segments.OffsetOf(slot));
     std::vector<octet_t> packet(static_cast<size_t>(LocationBytes(l)));
     if (m_core.m_file.ReadUpTo(LocationOffset(l), packet.data(), LocationBytes(l)) != LocationBytes(l))
         ThrowCorrupt(m_core, "the file ends before a table of the checkpoint", LocationOffset(l));
     const PacketHeader header = ReadPod<PacketHeader>(packet.data());
     const ssize_t n = PayloadBytes(header.info);
     if (PacketType(header.info) != type || PacketBytes(header.info) != LocationBytes(l) ||
-        PacketCrc(SegmentCrcSeed(m_core.m_storeId, segment.sequence), m_segments.OffsetIn(l), packet.data(), n) != header.crc)
+        PacketCrc(SegmentCrcSeed(m_core.m_storeId, segment.sequence), m_segments.OffsetIn(l), packet.data(), n) !=
+            header.crc)
         ThrowCorrupt(m_core, "a table of the checkpoint is not valid", LocationOffset(l));
     m_result.held.push_back(slot);
     return {packet.begin() + PACKET_HEADER_BYTES, packet.begin() + PACKET_HEADER_BYTES + n};
@@ -192,8 +196,7 @@ void Recovery::FillSegments(const CheckpointHeader& header, const std::vector<Su
     for (ssize_t slot = 0; slot < static_cast<ssize_t>(entries.size()); ++slot) {
         const SutEntry& entry = entries[static_cast<size_t>(slot)];
         m_segments.SetEntry(slot, entry);
-        if (!entry.sequence)
-            continue;
+        if (!entry.sequence) continue;
         packets += entry.packets;
         m_segments[slot].crcSeed = SegmentCrcSeed(m_core.m_storeId, entry.sequence);
         m_segments[slot].base.store(m_core.m_map->At(m_segments.OffsetOf(slot)), std::memory_order_relaxed);
@@ -227,19 +230,21 @@ void Recovery::Finish(const CheckpointHeader& header) {
 // --- segments of the file
 
 bool Recovery::ReadSegmentHeader(ssize_t slot, SegmentHeader& header) {
-    if (m_core.m_file.ReadUpTo(m_segments.OffsetOf(slot), &header, sizeof header) != static_cast<ssize_t>(sizeof header))
+    if (m_core.m_file.ReadUpTo(m_segments.OffsetOf(slot), &header, sizeof header) !=
+        static_cast<ssize_t>(sizeof header))
         return false;
-    return std::memcmp(header.magic, SEGMENT_MAGIC, sizeof header.magic) == 0 && header.slot == static_cast<uint32>(slot) &&
-           header.storeIdStart == StoreIdStart(m_core.m_storeId) && header.crc == Crc32c(&header, offsetof(SegmentHeader, crc));
+    return std::memcmp(header.magic, SEGMENT_MAGIC, sizeof header.magic) == 0 &&
+           header.slot == static_cast<uint32>(slot) && header.storeIdStart == StoreIdStart(m_core.m_storeId) &&
+           header.crc == Crc32c(&header, offsetof(SegmentHeader, crc));
 }
 
 bool Recovery::IsHeaderOf(const SegmentHeader& header, ssize_t slot, uint64 sequence, ESegmentKind kind) const {
-    return header.slot == static_cast<uint32>(slot) && header.sequence == sequence && header.kind == static_cast<uint32>(kind);
+    return header.slot == static_cast<uint32>(slot) && header.sequence == sequence &&
+           header.kind == static_cast<uint32>(kind);
 }
 
 bool Recovery::ReadSegment(ssize_t slot, Segment& segment) {
-    if (slot < 0 || slot >= m_segments.MaxSlots())
-        return false;
+    if (slot < 0 || slot >= m_segments.MaxSlots()) return false;
     segment.slot = slot;
     segment.bytes.resize(static_cast<size_t>(m_core.m_segmentSize));
     segment.size = m_core.m_file.ReadUpTo(m_segments.OffsetOf(slot), segment.bytes.data(), m_core.m_segmentSize);
@@ -247,8 +252,7 @@ bool Recovery::ReadSegment(ssize_t slot, Segment& segment) {
 }
 
 bool Recovery::PacketAt(const Segment& segment, ssize_t pos, PacketHeader& packet) const {
-    if (pos + PACKET_HEADER_BYTES > segment.size)
-        return false;
+    if (pos + PACKET_HEADER_BYTES > segment.size) return false;
     const octet_t* const bytes = segment.bytes.data() + pos;
     packet = ReadPod<PacketHeader>(bytes);
     return pos + PacketBytes(packet.info) <= segment.size &&
@@ -258,8 +262,7 @@ bool Recovery::PacketAt(const Segment& segment, ssize_t pos, PacketHeader& packe
 // The walk meets a segment that was begun after the checkpoint.
 void Recovery::EnterSegment(ssize_t slot, const SegmentHeader& header) {
     SegmentSlot& s = m_segments[slot];
-    if (s.sequence == header.sequence)
-        return;
+    if (s.sequence == header.sequence) return;
     if (s.livePackets)
         ThrowCorrupt(m_core, "a segment was used again although packets in it are live", m_segments.OffsetOf(slot));
     m_core.m_counters.packets.fetch_sub(s.packets, std::memory_order_relaxed);
@@ -298,8 +301,7 @@ void Recovery::LookForDamage() {
             return;
         }
         Segment segment;
-        if (!ReadSegment(slot, segment))
-            return;
+        if (!ReadSegment(slot, segment)) return;
         segment.sequence = next;
         segment.crcSeed = SegmentCrcSeed(m_core.m_storeId, next);
         link.reset();
@@ -308,21 +310,22 @@ void Recovery::LookForDamage() {
     }
 }
 
-void Recovery::LookThrough(const Segment& segment, ssize_t from, std::optional<LinkPayload>& link, uint64& linkSequence) const {
+void Recovery::LookThrough(const Segment& segment, ssize_t from, std::optional<LinkPayload>& link,
+                           uint64& linkSequence) const {
     constexpr uint32 COMMIT_INFO = PacketInfo(EPacketType::COMMIT, sizeof(CommitPayload));
     constexpr uint32 LINK_INFO = PacketInfo(EPacketType::LINK, sizeof(LinkPayload));
     for (ssize_t pos = from; pos + LINK_BYTES <= segment.size; pos += PACKET_ALIGNMENT) {
         const octet_t* const bytes = segment.bytes.data() + pos;
         const uint32 info = ReadPod<uint32>(bytes + 4);
         PacketHeader packet{};
-        if ((info != COMMIT_INFO && info != LINK_INFO) || !PacketAt(segment, pos, packet))
-            continue;
+        if ((info != COMMIT_INFO && info != LINK_INFO) || !PacketAt(segment, pos, packet)) continue;
         if (info == LINK_INFO) {
             link = ReadPod<LinkPayload>(bytes + PACKET_HEADER_BYTES);
             linkSequence = packet.key;
         } else if (ReadPod<CommitPayload>(bytes + PACKET_HEADER_BYTES).durableUpTo > m_result.clock) {
-            ThrowCorrupt(m_core, "the log ends inside data that was durable (segment " + std::to_string(m_segment.slot) +
-                                     ", transaction after " + std::to_string(m_result.lastTransaction) + ")",
+            ThrowCorrupt(m_core,
+                         "the log ends inside data that was durable (segment " + std::to_string(m_segment.slot) +
+                             ", transaction after " + std::to_string(m_result.lastTransaction) + ")",
                          m_segments.OffsetOf(m_segment.slot) + m_pos);
         }
     }
@@ -333,8 +336,8 @@ bool Recovery::FindSuccessor(uint64 sequence, ssize_t& slot, uint64& successor) 
         m_segments.MaxSlots(), (m_core.m_file.Size() - m_segments.DataStartOffset()) / m_core.m_segmentSize);
     for (slot = 0; slot < numSlots; ++slot) {
         SegmentHeader header{};
-        if (m_segments[slot].livePackets == 0 && ReadSegmentHeader(slot, header) && header.previousSequence == sequence &&
-            header.kind == static_cast<uint32>(ESegmentKind::USER)) {
+        if (m_segments[slot].livePackets == 0 && ReadSegmentHeader(slot, header) &&
+            header.previousSequence == sequence && header.kind == static_cast<uint32>(ESegmentKind::USER)) {
             successor = header.sequence;
             return true;
         }

@@ -23,15 +23,15 @@ QX_API bool IsCutShortCreation(File& file);
 
 // What the checkpoint's tables say, and what the log adds.
 struct RecoveredLog {
-    bool                        clean = false;         // a clean mark is in force: nothing was walked
-    LogPosition                 end{};                 // behind the last complete transaction's packets
-    uint64                      clock = 0;             // there
-    uint64                      lastTransaction = 0;
-    uint64                      nextSequence = 0;      // for new segments
-    uint32                      nextHigh = 1;
-    std::vector<HighAllocation> highs;                 // of the checkpoint
-    AllocRing::Contents         ring;
-    std::vector<ssize_t>        held;                  // segments of the tables
+    bool clean = false; // a clean mark is in force: nothing was walked
+    LogPosition end{};  // behind the last complete transaction's packets
+    uint64 clock = 0;   // there
+    uint64 lastTransaction = 0;
+    uint64 nextSequence = 0; // for new segments
+    uint32 nextHigh = 1;
+    std::vector<HighAllocation> highs; // of the checkpoint
+    AllocRing::Contents ring;
+    std::vector<ssize_t> held; // segments of the tables
 };
 
 // Reading alone: nothing is written, so that a read-only store recovers in the same way.
@@ -52,20 +52,24 @@ public:
 private:
     // A segment as it is in the file.
     struct Segment {
-        ssize_t              slot = 0;
-        uint64               sequence = 0;
-        uint32               crcSeed = 0;
-        uint64               clock = 0; // at opening
-        ssize_t              size = 0;  // bytes that the file has of it
+        ssize_t slot = 0;
+        uint64 sequence = 0;
+        uint32 crcSeed = 0;
+        uint64 clock = 0; // at opening
+        ssize_t size = 0; // bytes that the file has of it
         std::vector<octet_t> bytes;
     };
     struct Operation {
-        EPacketType           type;
-        Seid                  seid;
-        Location              location; // of a HEAD, else 0
-        std::vector<Location> parts;    // of a LONG head or DROP
+        EPacketType type;
+        Seid seid;
+        Location location;           // of a HEAD, else 0
+        std::vector<Location> parts; // of a LONG head or DROP
     };
-    enum class EStep { NEXT, FOLLOW, END };
+    enum class EStep {
+        NEXT,
+        FOLLOW,
+        END
+    };
     struct Reloc;
 
     void LoadTables(const CheckpointHeader& header);
@@ -76,48 +80,49 @@ private:
     void FillIndex(const std::vector<HighsEntry>& entries);
     void Finish(const CheckpointHeader& header);
 
-    void    Walk(const CheckpointHeader& header);
-    EStep   ReadStep();
-    EStep   TakePacket(const PacketHeader& packet, const octet_t* payload, ssize_t n);
-    EStep   TakeElement(const PacketHeader& packet, const octet_t* bytes);
-    EStep   TakeCommit(const PacketHeader& packet, const octet_t* payload, ssize_t n);
-    EStep   TakeLink(const PacketHeader& packet, const octet_t* payload, ssize_t n);
-    EStep   TakeReloc(const octet_t* payload, ssize_t n);
-    void    Apply();
-    void    ApplyDrop(const Operation& drop);
-    void    Move(const IndexSlot& slot, Location to);
-    bool    ParseReloc(const octet_t* payload, ssize_t n, Reloc& reloc) const;
-    bool    VerifyRange(const RelocRange& range, Reloc& reloc);
-    void    ApplyReloc(const Reloc& reloc);
-    void    CountSinceCommit(ssize_t packetBytes);
-    void    ResetPending();
+    void Walk(const CheckpointHeader& header);
+    EStep ReadStep();
+    EStep TakePacket(const PacketHeader& packet, const octet_t* payload, ssize_t n);
+    EStep TakeElement(const PacketHeader& packet, const octet_t* bytes);
+    EStep TakeCommit(const PacketHeader& packet, const octet_t* payload, ssize_t n);
+    EStep TakeLink(const PacketHeader& packet, const octet_t* payload, ssize_t n);
+    EStep TakeReloc(const octet_t* payload, ssize_t n);
+    void Apply();
+    void ApplyDrop(const Operation& drop);
+    void Move(const IndexSlot& slot, Location to);
+    bool ParseReloc(const octet_t* payload, ssize_t n, Reloc& reloc) const;
+    bool VerifyRange(const RelocRange& range, Reloc& reloc);
+    void ApplyReloc(const Reloc& reloc);
+    void CountSinceCommit(ssize_t packetBytes);
+    void ResetPending();
 
-    bool    ReadSegment(ssize_t slot, Segment& segment);
-    bool    ReadSegmentHeader(ssize_t slot, SegmentHeader& header);
-    bool    IsHeaderOf(const SegmentHeader& header, ssize_t slot, uint64 sequence, ESegmentKind kind) const;
-    bool    PacketAt(const Segment& segment, ssize_t pos, PacketHeader& packet) const;
-    void    EnterSegment(ssize_t slot, const SegmentHeader& header);
+    bool ReadSegment(ssize_t slot, Segment& segment);
+    bool ReadSegmentHeader(ssize_t slot, SegmentHeader& header);
+    bool IsHeaderOf(const SegmentHeader& header, ssize_t slot, uint64 sequence, ESegmentKind kind) const;
+    bool PacketAt(const Segment& segment, ssize_t pos, PacketHeader& packet) const;
+    void EnterSegment(ssize_t slot, const SegmentHeader& header);
 
-    void    LookForDamage();
-    void    LookThrough(const Segment& segment, ssize_t from, std::optional<LinkPayload>& link, uint64& linkSequence) const;
-    bool    FindSuccessor(uint64 sequence, ssize_t& slot, uint64& successor);
+    void LookForDamage();
+    void LookThrough(const Segment& segment, ssize_t from, std::optional<LinkPayload>& link,
+                     uint64& linkSequence) const;
+    bool FindSuccessor(uint64 sequence, ssize_t& slot, uint64& successor);
 
-    StoreCore&     m_core;
-    SpaceManager&  m_space;
-    Index&         m_index;
-    AllocRing&     m_ring;
-    SegmentTable&  m_segments;
+    StoreCore& m_core;
+    SpaceManager& m_space;
+    Index& m_index;
+    AllocRing& m_ring;
+    SegmentTable& m_segments;
 
-    RecoveredLog           m_result;
-    ssize_t                m_numSlots = 0;
-    Segment                m_segment;       // being walked
-    ssize_t                m_pos = 0;       // in it
-    std::vector<Operation> m_pending;       // since the last COMMIT, ABORT or RELOC
-    uint64                 m_bytesSince = 0;
-    uint32                 m_packetsSince = 0;
-    uint64                 m_applyNumber = 0; // marks in leaves, see Apply
-    std::optional<LinkPayload> m_brokenLink;  // a LINK whose target did not verify
-    uint64                 m_brokenLinkSequence = 0;
+    RecoveredLog m_result;
+    ssize_t m_numSlots = 0;
+    Segment m_segment;                // being walked
+    ssize_t m_pos = 0;                // in it
+    std::vector<Operation> m_pending; // since the last COMMIT, ABORT or RELOC
+    uint64 m_bytesSince = 0;
+    uint32 m_packetsSince = 0;
+    uint64 m_applyNumber = 0;                // marks in leaves, see Apply
+    std::optional<LinkPayload> m_brokenLink; // a LINK whose target did not verify
+    uint64 m_brokenLinkSequence = 0;
 };
 
 } // namespace quna

@@ -21,8 +21,7 @@ void Recovery::Walk(const CheckpointHeader& header) {
         !IsHeaderOf(start, m_result.end.slot, header.startSequence, ESegmentKind::USER))
         ThrowCorrupt(m_core, "the segment where the log continues behind the checkpoint is not valid",
                      m_segments.OffsetOf(std::min(m_result.end.slot, m_segments.MaxSlots() - 1)));
-    if (m_result.clean)
-        return;
+    if (m_result.clean) return;
     EnterSegment(m_result.end.slot, start);
     ReadSegment(m_result.end.slot, m_segment);
     m_segment.sequence = start.sequence;
@@ -39,13 +38,11 @@ void Recovery::Walk(const CheckpointHeader& header) {
 
 Recovery::EStep Recovery::ReadStep() {
     PacketHeader packet{};
-    if (!PacketAt(m_segment, m_pos, packet))
-        return EStep::END;
+    if (!PacketAt(m_segment, m_pos, packet)) return EStep::END;
     const ssize_t n = PayloadBytes(packet.info);
     const octet_t* const payload = m_segment.bytes.data() + m_pos + PACKET_HEADER_BYTES;
     const EStep step = TakePacket(packet, payload, n);
-    if (step == EStep::NEXT)
-        m_pos += PacketBytes(packet.info);
+    if (step == EStep::NEXT) m_pos += PacketBytes(packet.info);
     return step;
 }
 
@@ -54,24 +51,16 @@ Recovery::EStep Recovery::TakePacket(const PacketHeader& packet, const octet_t* 
     case EPacketType::HEAD:
     case EPacketType::LONG_PART:
     case EPacketType::REMOVE:
-    case EPacketType::DROP:
-        return TakeElement(packet, payload - PACKET_HEADER_BYTES);
-    case EPacketType::COMMIT:
-        return TakeCommit(packet, payload, n);
-    case EPacketType::ABORT:
-        ResetPending();
-        return EStep::NEXT;
-    case EPacketType::LINK:
-        return TakeLink(packet, payload, n);
-    case EPacketType::RELOC:
-        return TakeReloc(payload, n);
-    case EPacketType::PAD:
-        return EStep::NEXT;
+    case EPacketType::DROP: return TakeElement(packet, payload - PACKET_HEADER_BYTES);
+    case EPacketType::COMMIT: return TakeCommit(packet, payload, n);
+    case EPacketType::ABORT: ResetPending(); return EStep::NEXT;
+    case EPacketType::LINK: return TakeLink(packet, payload, n);
+    case EPacketType::RELOC: return TakeReloc(payload, n);
+    case EPacketType::PAD: return EStep::NEXT;
     case EPacketType::INDEX:
     case EPacketType::SUT:
     case EPacketType::HIGHS:
-    case EPacketType::LIST:
-        break;
+    case EPacketType::LIST: break;
     }
     return EStep::END; // may not stand in the user stream
 }
@@ -82,8 +71,7 @@ Recovery::EStep Recovery::TakeElement(const PacketHeader& packet, const octet_t*
     const EPacketType type = PacketType(packet.info);
     const bool isElement = type == EPacketType::HEAD || type == EPacketType::LONG_PART;
     const Seid seid(packet.key);
-    if (isElement && m_pos + packetBytes > m_core.m_segmentSize - USER_TAIL_BYTES)
-        return EStep::END;
+    if (isElement && m_pos + packetBytes > m_core.m_segmentSize - USER_TAIL_BYTES) return EStep::END;
     if (seid.high_ == 0 || seid.high_ >= m_result.nextHigh)
         ThrowCorrupt(m_core, "the log holds an element under a high half that was never allocated",
                      m_segments.OffsetOf(m_segment.slot) + m_pos);
@@ -96,14 +84,12 @@ Recovery::EStep Recovery::TakeElement(const PacketHeader& packet, const octet_t*
     if (type == EPacketType::HEAD) {
         const bool isLong = PacketFlags(packet.info) & PACKET_FLAG_LONG;
         operation.location = MakeLocation(m_segments.OffsetOf(m_segment.slot) + m_pos, packetBytes, isLong);
-        if (isLong)
-            operation.parts = ParseLongHead(m_core, bytes, operation.location).parts;
+        if (isLong) operation.parts = ParseLongHead(m_core, bytes, operation.location).parts;
     } else if (type == EPacketType::DROP) {
         for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(Location)) <= payloadBytes; at += sizeof(Location))
             operation.parts.push_back(ReadPod<Location>(bytes + PACKET_HEADER_BYTES + at));
     }
-    if (type != EPacketType::LONG_PART)
-        m_pending.push_back(std::move(operation));
+    if (type != EPacketType::LONG_PART) m_pending.push_back(std::move(operation));
     return EStep::NEXT;
 }
 
@@ -111,8 +97,7 @@ Recovery::EStep Recovery::TakeCommit(const PacketHeader& packet, const octet_t* 
     if (n != static_cast<ssize_t>(sizeof(CommitPayload)) || packet.key != m_result.lastTransaction + 1)
         return EStep::END;
     const CommitPayload commit = ReadPod<CommitPayload>(payload);
-    if (commit.bytes != m_bytesSince || commit.packets != m_packetsSince)
-        return EStep::END;
+    if (commit.bytes != m_bytesSince || commit.packets != m_packetsSince) return EStep::END;
     Apply();
     ++m_result.lastTransaction;
     m_core.m_counters.numTransactions.fetch_add(1, std::memory_order_relaxed);
@@ -134,12 +119,10 @@ void Recovery::Apply() {
         IndexLeaf& leaf = *slot.leaf;
         if (leaf.transaction != mark) {
             leaf.transaction = mark;
-            for (uint64& bits : leaf.written)
-                bits = 0;
+            for (uint64& bits : leaf.written) bits = 0;
         }
         const uint64 bit = uint64{1} << (s % 64);
-        if (leaf.written[s / 64] & bit)
-            continue;
+        if (leaf.written[s / 64] & bit) continue;
         leaf.written[s / 64] |= bit;
         Move(slot, operation.location);
         for (const Location part : operation.parts) {
@@ -172,8 +155,7 @@ void Recovery::Move(const IndexSlot& slot, Location to) {
 }
 
 Recovery::EStep Recovery::TakeLink(const PacketHeader& packet, const octet_t* payload, ssize_t n) {
-    if (n != static_cast<ssize_t>(sizeof(LinkPayload)))
-        return EStep::END;
+    if (n != static_cast<ssize_t>(sizeof(LinkPayload))) return EStep::END;
     const LinkPayload link = ReadPod<LinkPayload>(payload);
     SegmentHeader header{};
     m_pos += LINK_BYTES;
@@ -207,33 +189,32 @@ void Recovery::ResetPending() {
 
 struct Recovery::Reloc {
     struct Moved {
-        Seid     seid;
+        Seid seid;
         Location location;
     };
     struct LongMove {
-        RelocLong                                  entry;
+        RelocLong entry;
         std::vector<std::pair<Location, Location>> pairs;
     };
-    RelocPayload             head{};
-    std::vector<RelocRange>  ranges;
+    RelocPayload head{};
+    std::vector<RelocRange> ranges;
     std::vector<RelocVictim> victims;
-    std::vector<LongMove>    longMoves;
-    std::vector<Moved>       moved;                 // heads in the ranges
-    std::vector<SegmentHeader> segments;            // of the ranges
-    std::vector<uint32>      packets;               // in each range
+    std::vector<LongMove> longMoves;
+    std::vector<Moved> moved;            // heads in the ranges
+    std::vector<SegmentHeader> segments; // of the ranges
+    std::vector<uint32> packets;         // in each range
 };
 
 Recovery::EStep Recovery::TakeReloc(const octet_t* payload, ssize_t n) {
     Reloc reloc;
-    if (!m_pending.empty() || !ParseReloc(payload, n, reloc))
-        return EStep::END;
+    if (!m_pending.empty() || !ParseReloc(payload, n, reloc)) return EStep::END;
     for (const RelocRange& range : reloc.ranges) {
-        if (!VerifyRange(range, reloc))
-            return EStep::END; // it was not yet synced
+        if (!VerifyRange(range, reloc)) return EStep::END; // it was not yet synced
     }
     for (const RelocVictim& victim : reloc.victims) {
         if (victim.slot >= m_segments.MaxSlots() || m_segments[victim.slot].sequence != victim.sequence)
-            ThrowCorrupt(m_core, "the log names a cleaned segment that is not there", m_segments.OffsetOf(m_segment.slot) + m_pos);
+            ThrowCorrupt(m_core, "the log names a cleaned segment that is not there",
+                         m_segments.OffsetOf(m_segment.slot) + m_pos);
     }
     ApplyReloc(reloc);
     ResetPending();
@@ -244,29 +225,23 @@ bool Recovery::ParseReloc(const octet_t* payload, ssize_t n, Reloc& reloc) const
     const octet_t* p = payload;
     const octet_t* const end = payload + n;
     const auto take = [&](auto& x) {
-        if (end - p < static_cast<ssize_t>(sizeof x))
-            return false;
+        if (end - p < static_cast<ssize_t>(sizeof x)) return false;
         std::memcpy(&x, p, sizeof x);
         p += sizeof x;
         return true;
     };
-    if (!take(reloc.head))
-        return false;
+    if (!take(reloc.head)) return false;
     for (uint32 i = 0; i < reloc.head.numNew; ++i) {
-        if (!take(reloc.ranges.emplace_back()))
-            return false;
+        if (!take(reloc.ranges.emplace_back())) return false;
     }
     for (uint32 i = 0; i < reloc.head.numVictims; ++i) {
-        if (!take(reloc.victims.emplace_back()))
-            return false;
+        if (!take(reloc.victims.emplace_back())) return false;
     }
     for (uint32 i = 0; i < reloc.head.numLong; ++i) {
         Reloc::LongMove& move = reloc.longMoves.emplace_back();
-        if (!take(move.entry))
-            return false;
+        if (!take(move.entry)) return false;
         for (uint32 k = 0; k < move.entry.numPairs; ++k) {
-            if (!take(move.pairs.emplace_back().first) || !take(move.pairs.back().second))
-                return false;
+            if (!take(move.pairs.emplace_back().first) || !take(move.pairs.back().second)) return false;
         }
     }
     return p == end;
@@ -283,12 +258,12 @@ bool Recovery::VerifyRange(const RelocRange& range, Reloc& reloc) {
     ssize_t pos = range.from;
     while (pos < range.to) {
         PacketHeader packet{};
-        if (pos < SEGMENT_HEADER_BYTES || pos % PACKET_ALIGNMENT != 0 || !PacketAt(segment, pos, packet))
-            return false;
+        if (pos < SEGMENT_HEADER_BYTES || pos % PACKET_ALIGNMENT != 0 || !PacketAt(segment, pos, packet)) return false;
         const ssize_t bytes = PacketBytes(packet.info);
         if (PacketType(packet.info) == EPacketType::HEAD) {
             const bool isLong = PacketFlags(packet.info) & PACKET_FLAG_LONG;
-            reloc.moved.push_back({Seid(packet.key), MakeLocation(m_segments.OffsetOf(range.slot) + pos, bytes, isLong)});
+            reloc.moved.push_back(
+                {Seid(packet.key), MakeLocation(m_segments.OffsetOf(range.slot) + pos, bytes, isLong)});
         }
         ++packets;
         pos += bytes;
@@ -302,8 +277,7 @@ bool Recovery::VerifyRange(const RelocRange& range, Reloc& reloc) {
 // in the ranges whose element is now located in a victim moves.
 void Recovery::ApplyReloc(const Reloc& reloc) {
     std::unordered_set<uint32> victims;
-    for (const RelocVictim& victim : reloc.victims)
-        victims.insert(victim.slot);
+    for (const RelocVictim& victim : reloc.victims) victims.insert(victim.slot);
     for (size_t i = 0; i < reloc.ranges.size(); ++i) {
         EnterSegment(reloc.ranges[i].slot, reloc.segments[i]);
         m_segments[reloc.ranges[i].slot].packets += reloc.packets[i];
@@ -313,8 +287,7 @@ void Recovery::ApplyReloc(const Reloc& reloc) {
     for (const Reloc::LongMove& move : reloc.longMoves) {
         longSeids.insert(move.entry.seid);
         const IndexSlot slot = m_index.Prepare(Seid(move.entry.seid));
-        if (slot.Get() != move.entry.oldHead)
-            continue;
+        if (slot.Get() != move.entry.oldHead) continue;
         Move(slot, move.entry.newHead);
         for (const auto& [from, to] : move.pairs) {
             m_core.m_counters.liveBytes.fetch_sub(m_segments.Debit(from), std::memory_order_relaxed);
@@ -323,11 +296,11 @@ void Recovery::ApplyReloc(const Reloc& reloc) {
     }
     for (const Reloc::Moved& moved : reloc.moved) {
         const Location now = m_index.Get(moved.seid);
-        if (now && victims.contains(static_cast<uint32>(m_segments.SlotOf(now))) && !longSeids.contains(moved.seid.value_))
+        if (now && victims.contains(static_cast<uint32>(m_segments.SlotOf(now))) &&
+            !longSeids.contains(moved.seid.value_))
             Move(m_index.Prepare(moved.seid), moved.location);
     }
-    if (!(reloc.head.flags & RELOC_FLAG_LAST))
-        return;
+    if (!(reloc.head.flags & RELOC_FLAG_LAST)) return;
     for (const uint32 slot : victims) {
         if (m_segments[slot].livePackets)
             ThrowCorrupt(m_core, "a cleaned segment still holds live packets", m_segments.OffsetOf(slot));

@@ -12,17 +12,16 @@ SegmentTable::SegmentTable(ssize_t segmentSize, ssize_t maxSlots)
       m_shift(std::countr_zero(static_cast<uint64>(segmentSize))), m_maxSlots(maxSlots) {
     m_reservedBytes = static_cast<size_t>(maxSlots) * sizeof(SegmentSlot);
     // Zero pages are valid slots: free, not pinned.
-    void* p = ::mmap(nullptr, m_reservedBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (p == MAP_FAILED)
-        throw std::bad_alloc();
+    void* p =
+        ::mmap(nullptr, m_reservedBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (p == MAP_FAILED) throw std::bad_alloc();
     m_slots = static_cast<SegmentSlot*>(p);
 }
 
 SegmentTable::~SegmentTable() { ::munmap(m_slots, m_reservedBytes); }
 
 bool SegmentTable::IsInside(Location l, ssize_t numSlots) const {
-    if (l >> 61 || LocationOffset(l) < m_dataStart || LocationBytes(l) < PACKET_HEADER_BYTES)
-        return false;
+    if (l >> 61 || LocationOffset(l) < m_dataStart || LocationBytes(l) < PACKET_HEADER_BYTES) return false;
     const ssize_t offset = OffsetIn(l);
     return SlotOf(l) < numSlots && offset >= SEGMENT_HEADER_BYTES && offset + LocationBytes(l) <= m_segmentSize;
 }
@@ -31,8 +30,7 @@ SutEntry SegmentTable::Entry(ssize_t slot) const {
     const SegmentSlot& s = m_slots[slot];
     SutEntry e{};
     e.sequence = s.sequence;
-    if (s.sequence == 0)
-        return e;
+    if (s.sequence == 0) return e;
     e.liveBytes = s.liveBytes;
     e.livePackets = s.livePackets;
     e.packets = s.packets;

@@ -15,17 +15,17 @@ namespace quna {
 //          and read by whoever has it pinned and has found a location in it. The usage fields belong to the holder of the
 //          log's turn; those of index segments to the checkpoint.
 struct alignas(64) SegmentSlot {
-    std::atomic<uint32>         pins;
-    uint32                      crcSeed;
-    uint64                      sequence; // 0 = free
-    std::atomic<const octet_t*> base;     // of the bytes: the mapping, or the buffer of an open segment
-    uint32                      liveBytes;
-    uint32                      livePackets;
-    uint32                      packets;
-    uint32                      writtenAt;
-    uint32                      dataStamp;
-    ESegmentKind                kind;
-    uint8                       ageClass;
+    std::atomic<uint32> pins;
+    uint32 crcSeed;
+    uint64 sequence;                  // 0 = free
+    std::atomic<const octet_t*> base; // of the bytes: the mapping, or the buffer of an open segment
+    uint32 liveBytes;
+    uint32 livePackets;
+    uint32 packets;
+    uint32 writtenAt;
+    uint32 dataStamp;
+    ESegmentKind kind;
+    uint8 ageClass;
 };
 static_assert(sizeof(SegmentSlot) == 64);
 
@@ -42,11 +42,11 @@ public:
 
     ssize_t MaxSlots() const { return m_maxSlots; }
     ssize_t SegmentSize() const { return m_segmentSize; }
-    int64   DataStartOffset() const { return m_dataStart; }
+    int64 DataStartOffset() const { return m_dataStart; }
 
     SegmentSlot& operator[](ssize_t slot) const { return m_slots[slot]; }
 
-    int64   OffsetOf(ssize_t slot) const { return m_dataStart + (static_cast<int64>(slot) << m_shift); }
+    int64 OffsetOf(ssize_t slot) const { return m_dataStart + (static_cast<int64>(slot) << m_shift); }
     ssize_t SlotOf(Location l) const { return static_cast<ssize_t>((LocationOffset(l) - m_dataStart) >> m_shift); }
     // Offset of the packet within its segment.
     uint32 OffsetIn(Location l) const {
@@ -73,15 +73,15 @@ public:
     }
 
     SutEntry Entry(ssize_t slot) const;
-    void     SetEntry(ssize_t slot, const SutEntry& entry) const;
+    void SetEntry(ssize_t slot, const SutEntry& entry) const;
 
 private:
     const ssize_t m_segmentSize;
-    const int64   m_dataStart;
-    const int     m_shift; // log2 of the segment size
+    const int64 m_dataStart;
+    const int m_shift; // log2 of the segment size
     const ssize_t m_maxSlots;
-    SegmentSlot*  m_slots = nullptr;
-    size_t        m_reservedBytes = 0;
+    SegmentSlot* m_slots = nullptr;
+    size_t m_reservedBytes = 0;
 };
 
 } // namespace quna

@@ -13,8 +13,7 @@ void SegmentWriter::OpenFor(ssize_t slot, uint64 clockAtOpening) {
     m_sequence = s.sequence;
     m_crcSeed = s.crcSeed;
     m_clockAtOpening = clockAtOpening;
-    if (m_readersUseBuffer)
-        s.base.store(m_buffer.get(), std::memory_order_release);
+    if (m_readersUseBuffer) s.base.store(m_buffer.get(), std::memory_order_release);
 }
 
 void SegmentWriter::Begin(ssize_t slot, uint64 clockAtOpening, uint64 previousSequence) {
@@ -37,8 +36,7 @@ void SegmentWriter::Begin(ssize_t slot, uint64 clockAtOpening, uint64 previousSe
 }
 
 void SegmentWriter::Resume(ssize_t slot, ssize_t offset, uint64 clockAtOpening) {
-    if (m_readersUseBuffer)
-        m_core.m_file.Read(m_core.m_segments->OffsetOf(slot), m_buffer.get(), offset);
+    if (m_readersUseBuffer) m_core.m_file.Read(m_core.m_segments->OffsetOf(slot), m_buffer.get(), offset);
     OpenFor(slot, clockAtOpening);
     m_pos = m_handed = offset;
 }
@@ -67,8 +65,7 @@ void SegmentWriter::RetireBuffer() {
 }
 
 void SegmentWriter::HandOver() {
-    if (m_handed == m_pos)
-        return;
+    if (m_handed == m_pos) return;
     m_core.m_file.Write(m_fileOffset + m_handed, m_buffer.get() + m_handed, m_pos - m_handed);
     m_handed = m_pos;
 }

@@ -29,13 +29,13 @@ public:
     // Everything has been handed over: readers go to the file.
     void End();
 
-    ssize_t  Slot() const { return m_slot; }
-    uint64   Sequence() const { return m_sequence; }
-    uint64   ClockAtOpening() const { return m_clockAtOpening; }
-    ssize_t  Position() const { return m_pos; }
-    ssize_t  Handed() const { return m_handed; }
+    ssize_t Slot() const { return m_slot; }
+    uint64 Sequence() const { return m_sequence; }
+    uint64 ClockAtOpening() const { return m_clockAtOpening; }
+    ssize_t Position() const { return m_pos; }
+    ssize_t Handed() const { return m_handed; }
     // Bytes from the position to the segment's end.
-    ssize_t  Room() const { return m_segmentSize - m_pos; }
+    ssize_t Room() const { return m_segmentSize - m_pos; }
     octet_t* At(ssize_t offset) { return m_buffer.get() + offset; }
     // Where the payload of the next packet goes.
     octet_t* Payload() { return m_buffer.get() + m_pos + PACKET_HEADER_BYTES; }
@@ -45,22 +45,21 @@ public:
         const ssize_t size = PACKET_HEADER_BYTES + payloadBytes;
         const ssize_t padded = PaddedSize(size);
         octet_t* const packet = m_buffer.get() + m_pos;
-        for (ssize_t i = size; i < padded; ++i)
-            packet[i] = 0;
+        for (ssize_t i = size; i < padded; ++i) packet[i] = 0;
         PacketHeader header;
         header.info = PacketInfo(type, payloadBytes, flags);
         header.key = key;
         std::memcpy(packet + 4, &header.info, sizeof header - 4);
         header.crc = PacketCrc(m_crcSeed, static_cast<uint32>(m_pos), packet, payloadBytes);
         std::memcpy(packet, &header.crc, sizeof header.crc);
-        const Location l = MakeLocation(m_fileOffset + m_pos, padded, (flags & PACKET_FLAG_LONG) && type == EPacketType::HEAD);
+        const Location l =
+            MakeLocation(m_fileOffset + m_pos, padded, (flags & PACKET_FLAG_LONG) && type == EPacketType::HEAD);
         m_pos += padded;
         return l;
     }
     // Copies the payload first.
     Location Append(EPacketType type, uint64 key, const void* payload, ssize_t n, uint32 flags = 0) {
-        if (n > 0)
-            std::memcpy(Payload(), payload, static_cast<size_t>(n));
+        if (n > 0) std::memcpy(Payload(), payload, static_cast<size_t>(n));
         return EndPacket(type, key, n, flags);
     }
 
@@ -72,22 +71,22 @@ private:
     void RetireBuffer();
 
     struct Retired {
-        ssize_t                    slot;
+        ssize_t slot;
         std::unique_ptr<octet_t[]> buffer;
     };
 
-    StoreCore&                 m_core;
-    const bool                 m_readersUseBuffer;
-    std::vector<Retired>       m_retired;      // perhaps still read
-    const ssize_t              m_segmentSize;
-    std::unique_ptr<octet_t[]> m_buffer;       // m_segmentSize bytes
-    ssize_t                    m_slot = -1;    // -1: none open
-    int64                      m_fileOffset = 0;
-    uint64                     m_sequence = 0;
-    uint64                     m_clockAtOpening = 0;
-    uint32                     m_crcSeed = 0;
-    ssize_t                    m_pos = 0;
-    ssize_t                    m_handed = 0;
+    StoreCore& m_core;
+    const bool m_readersUseBuffer;
+    std::vector<Retired> m_retired; // perhaps still read
+    const ssize_t m_segmentSize;
+    std::unique_ptr<octet_t[]> m_buffer; // m_segmentSize bytes
+    ssize_t m_slot = -1;                 // -1: none open
+    int64 m_fileOffset = 0;
+    uint64 m_sequence = 0;
+    uint64 m_clockAtOpening = 0;
+    uint32 m_crcSeed = 0;
+    ssize_t m_pos = 0;
+    ssize_t m_handed = 0;
 };
 
 } // namespace quna

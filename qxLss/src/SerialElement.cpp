@@ -9,8 +9,7 @@ LongHead ParseLongHead(const StoreCore& core, const octet_t* head, Location l) {
     const ssize_t payloadBytes = PayloadBytes(ReadPod<PacketHeader>(head).info);
     const octet_t* const payload = head + PACKET_HEADER_BYTES;
     LongPrefix prefix{};
-    if (payloadBytes >= static_cast<ssize_t>(sizeof prefix))
-        prefix = ReadPod<LongPrefix>(payload);
+    if (payloadBytes >= static_cast<ssize_t>(sizeof prefix)) prefix = ReadPod<LongPrefix>(payload);
     const ssize_t n = prefix.n;
     const ssize_t listBytes = n * static_cast<ssize_t>(sizeof(Location));
     LongHead result{};
@@ -30,19 +29,15 @@ LongHead ParseLongHead(const StoreCore& core, const octet_t* head, Location l) {
 
 SerialElement* SerialElement::Open(const StoreCore& core, const Index& index, Seid seid) {
     const std::atomic<Location>* const place = index.Find(seid);
-    if (!place)
-        return nullptr;
+    if (!place) return nullptr;
     std::unique_ptr<SerialElement, void (*)(SerialElement*)> element(nullptr, [](SerialElement* e) { delete e; });
     for (;;) {
         const Location l = place->load(std::memory_order_acquire);
-        if (!l)
-            return nullptr;
-        if (!element)
-            element.reset(new SerialElement(core, seid));
+        if (!l) return nullptr;
+        if (!element) element.reset(new SerialElement(core, seid));
         element->m_location = l;
         element->Pin(core.m_segments->SlotOf(l));
-        if (place->load(std::memory_order_seq_cst) == l && element->PinParts(*place))
-            return element.release();
+        if (place->load(std::memory_order_seq_cst) == l && element->PinParts(*place)) return element.release();
         element->UnpinAll();
     }
 }
@@ -62,8 +57,7 @@ void SerialElement::UnpinAll() {
             (*m_core.m_segments)[slot].pins.fetch_sub(1, std::memory_order_release);
         m_long->pinned.clear();
     }
-    if (m_pinned >= 0)
-        (*m_core.m_segments)[m_pinned].pins.fetch_sub(1, std::memory_order_release);
+    if (m_pinned >= 0) (*m_core.m_segments)[m_pinned].pins.fetch_sub(1, std::memory_order_release);
     m_pinned = -1;
 }
 
@@ -89,16 +83,14 @@ bool SerialElement::PinParts(const std::atomic<Location>& place) {
         (*m_core.m_segments)[slot].pins.fetch_add(1, std::memory_order_seq_cst);
         m_long->pinned.push_back(slot);
     }
-    if (place.load(std::memory_order_seq_cst) == m_location)
-        return true;
+    if (place.load(std::memory_order_seq_cst) == m_location) return true;
     UnpinAll();
     m_long.reset();
     return false;
 }
 
 ReadOnlyBuffer SerialElement::GetBuffer() {
-    if (!m_bytes)
-        Assemble();
+    if (!m_bytes) Assemble();
     return {m_bytes, m_size};
 }
 
@@ -141,8 +133,7 @@ void SerialElement::CopyPart(Location part, uint32 ordinal, octet_t* to) const {
         std::memcpy(to + done, from + done, static_cast<size_t>(n));
         crc = Crc32c(to + done, n, crc);
     }
-    if (crc != header.crc)
-        ThrowCorrupt(m_core, "the checksum of a packet is wrong", LocationOffset(part));
+    if (crc != header.crc) ThrowCorrupt(m_core, "the checksum of a packet is wrong", LocationOffset(part));
 }
 
 } // namespace quna

@@ -16,9 +16,9 @@ namespace quna {
 // CorruptLSSException if the head is not well formed.
 struct LongHead {
     std::vector<Location> parts;
-    int64                 totalBytes;
-    const octet_t*        tail;
-    ssize_t               tailBytes;
+    int64 totalBytes;
+    const octet_t* tail;
+    ssize_t tailBytes;
 };
 QX_API LongHead ParseLongHead(const StoreCore& core, const octet_t* head, Location l);
 
@@ -32,7 +32,7 @@ public:
     // Null if there is no such element. Throws CorruptLSSException or FileException.
     static SerialElement* Open(const StoreCore& core, const Index& index, Seid seid);
 
-    void           Close() override;
+    void Close() override;
     ReadOnlyBuffer GetBuffer() override;
 
 private:
@@ -45,18 +45,18 @@ private:
     void Pin(ssize_t slot);
     void UnpinAll();
 
-    const StoreCore&           m_core;
-    const Seid                 m_seid;
-    Location                   m_location = 0;
-    ssize_t                    m_pinned = -1;      // slot of the head, -1: none
-    const octet_t*             m_bytes = nullptr;  // null: a long element that is not assembled
-    ssize_t                    m_size = 0;
+    const StoreCore& m_core;
+    const Seid m_seid;
+    Location m_location = 0;
+    ssize_t m_pinned = -1;            // slot of the head, -1: none
+    const octet_t* m_bytes = nullptr; // null: a long element that is not assembled
+    ssize_t m_size = 0;
     struct Long {
-        LongHead                   head;
-        std::vector<ssize_t>       pinned;          // slots of the parts
+        LongHead head;
+        std::vector<ssize_t> pinned; // slots of the parts
         std::unique_ptr<octet_t[]> buffer;
     };
-    std::unique_ptr<Long>      m_long;             // null for an element of one packet
+    std::unique_ptr<Long> m_long; // null for an element of one packet
 };
 
 } // namespace quna

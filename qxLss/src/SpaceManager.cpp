@@ -18,16 +18,14 @@ void SpaceManager::Import(ssize_t numSlots, uint64 nextSequence) {
     m_numSlots.store(numSlots, std::memory_order_relaxed);
     m_nextSequence = nextSequence;
     for (ssize_t slot = 0; slot < numSlots; ++slot) {
-        if ((*m_core.m_segments)[slot].sequence == 0)
-            m_unready.insert(m_unready.end(), slot);
+        if ((*m_core.m_segments)[slot].sequence == 0) m_unready.insert(m_unready.end(), slot);
     }
 }
 
 void SpaceManager::NoteUsed(ssize_t slot) {
     std::lock_guard lock(m_mutex);
     ssize_t numSlots = NumSlots();
-    for (; numSlots <= slot; ++numSlots)
-        m_unready.insert(numSlots);
+    for (; numSlots <= slot; ++numSlots) m_unready.insert(numSlots);
     m_numSlots.store(numSlots, std::memory_order_relaxed);
     m_unready.erase(slot);
     m_ready.erase(slot);
@@ -37,8 +35,7 @@ void SpaceManager::NoteUsed(ssize_t slot) {
 ssize_t SpaceManager::Take(ESegmentKind kind, uint8 ageClass, uint64 clock) {
     std::lock_guard lock(m_mutex);
     ssize_t slot = 0;
-    while (!TakeReady(slot))
-        MakeOneReady();
+    while (!TakeReady(slot)) MakeOneReady();
     UpdateReadyCount();
 
     SegmentSlot& s = (*m_core.m_segments)[slot];
@@ -68,11 +65,9 @@ void SpaceManager::Free(ssize_t slot) {
 
 void SpaceManager::EnsureReady(ssize_t n) {
     m_lowWater.store(n + MIN_GROWTH / 2, std::memory_order_relaxed);
-    if (m_numReady.load(std::memory_order_relaxed) >= n)
-        return;
+    if (m_numReady.load(std::memory_order_relaxed) >= n) return;
     std::lock_guard lock(m_mutex);
-    while (static_cast<ssize_t>(m_ready.size()) < n)
-        MakeOneReady();
+    while (static_cast<ssize_t>(m_ready.size()) < n) MakeOneReady();
     UpdateReadyCount();
 }
 
@@ -135,20 +130,17 @@ void SpaceManager::Grow() {
     const ssize_t numSlots = NumSlots();
     ssize_t n = std::clamp(numSlots / 8, MIN_GROWTH, MAX_GROWTH);
     n = std::min(n, m_core.m_segments->MaxSlots() - numSlots);
-    if (n <= 0)
-        throw FileException(("The store '" + m_core.m_file.Path() + "' has reached its largest size").c_str());
+    if (n <= 0) throw FileException(("The store '" + m_core.m_file.Path() + "' has reached its largest size").c_str());
     for (;;) {
         try {
             m_core.m_file.Allocate(m_core.m_segments->OffsetOf(numSlots), n * m_core.m_segmentSize);
             break;
         } catch (const FileException&) {
-            if (n == 1)
-                throw;
+            if (n == 1) throw;
             n = 1;
         }
     }
-    for (ssize_t slot = numSlots; slot < numSlots + n; ++slot)
-        m_ready.insert(slot);
+    for (ssize_t slot = numSlots; slot < numSlots + n; ++slot) m_ready.insert(slot);
     m_numSlots.store(numSlots + n, std::memory_order_relaxed);
 }
 

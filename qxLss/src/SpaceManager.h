@@ -40,15 +40,17 @@ public:
     // Are there fewer ready slots than is comfortable? Then GrowAhead, by a background thread, saves the next transaction
     // the wait. A full disk is no failure there: OpenTransaction will meet it.
     void GrowAhead();
-    bool IsShort() const { return m_numReady.load(std::memory_order_relaxed) < m_lowWater.load(std::memory_order_relaxed); }
+    bool IsShort() const {
+        return m_numReady.load(std::memory_order_relaxed) < m_lowWater.load(std::memory_order_relaxed);
+    }
 
     // Gives the free slots at the end of the file back.
     void TrimEnd();
 
     ssize_t NumSlots() const { return m_numSlots.load(std::memory_order_relaxed); }
     ssize_t NumReadyForTest() const { return m_numReady.load(std::memory_order_relaxed); }
-    uint64  NextSequence() const;
-    int64   FileBytes() const { return m_core.m_segments->OffsetOf(NumSlots()); }
+    uint64 NextSequence() const;
+    int64 FileBytes() const { return m_core.m_segments->OffsetOf(NumSlots()); }
 
 private:
     bool TakeReady(ssize_t& slot);
@@ -56,14 +58,14 @@ private:
     void Grow();
     void UpdateReadyCount() { m_numReady.store(static_cast<ssize_t>(m_ready.size()), std::memory_order_relaxed); }
 
-    StoreCore&           m_core;
-    mutable std::mutex   m_mutex;              // guards all below; the atomics are written under it
-    std::set<ssize_t>    m_ready;              // free, with blocks in the file
-    std::set<ssize_t>    m_unready;            // free, perhaps without
+    StoreCore& m_core;
+    mutable std::mutex m_mutex;  // guards all below; the atomics are written under it
+    std::set<ssize_t> m_ready;   // free, with blocks in the file
+    std::set<ssize_t> m_unready; // free, perhaps without
     std::atomic<ssize_t> m_numSlots{0};
     std::atomic<ssize_t> m_numReady{0};
-    std::atomic<ssize_t> m_lowWater{0};        // ready slots below which growing ahead is worth it
-    uint64               m_nextSequence = 1;
+    std::atomic<ssize_t> m_lowWater{0}; // ready slots below which growing ahead is worth it
+    uint64 m_nextSequence = 1;
 };
 
 } // namespace quna

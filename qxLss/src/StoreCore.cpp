@@ -40,8 +40,7 @@ void StoreCore::Fail(const char* what) noexcept {
     try {
         {
             std::lock_guard lock(m_failureMutex);
-            if (!m_failure.empty())
-                return;
+            if (!m_failure.empty()) return;
             m_failure = "The store '" + m_file.Path() + "' has stopped writing after a failure: " + what;
         }
         m_hasFailed.store(true, std::memory_order_release);
@@ -70,8 +69,7 @@ void StoreCore::ThrowUnwritable() const {
 
 void ThrowCorrupt(const StoreCore& core, const std::string& what, int64 offset) {
     std::string text = "The store '" + core.m_file.Path() + "' is damaged: " + what;
-    if (offset >= 0)
-        text += " at offset " + std::to_string(offset);
+    if (offset >= 0) text += " at offset " + std::to_string(offset);
     throw CorruptLSSException(text.c_str());
 }
 
@@ -92,7 +90,8 @@ const octet_t* LoadPacket(const StoreCore& core, Location l, EPacketType type, u
     const PacketHeader header = ReadPod<PacketHeader>(packet);
     if (PacketType(header.info) != type || header.key != key || PacketBytes(header.info) != LocationBytes(l))
         ThrowCorrupt(core, "a packet is not the one that is expected", LocationOffset(l));
-    if (PacketCrc(segments[segments.SlotOf(l)].crcSeed, segments.OffsetIn(l), packet, PayloadBytes(header.info)) != header.crc)
+    if (PacketCrc(segments[segments.SlotOf(l)].crcSeed, segments.OffsetIn(l), packet, PayloadBytes(header.info)) !=
+        header.crc)
         ThrowCorrupt(core, "the checksum of a packet is wrong", LocationOffset(l));
     return packet;
 }

@@ -28,7 +28,7 @@ struct StoreCounters {
     std::atomic<int64> liveHead{0};
     std::atomic<int64> liveOverflow{0};
     std::atomic<int64> liveIndex{0};
-    std::atomic<int64> packets{0};   // HEAD, OVERFLOW, DELETE and INDEX packets in segments that have not been freed
+    std::atomic<int64> packets{0}; // HEAD, OVERFLOW, DELETE and INDEX packets in segments that have not been freed
     std::atomic<int64> liveBytes{0};
     std::atomic<int64> numCheckpoints{0};
     std::atomic<int64> numRecoveries{0};
@@ -60,22 +60,22 @@ public:
             ThrowUnwritable();
     }
 
-    File                          m_file;
-    std::unique_ptr<FileMap>      m_map;
+    File m_file;
+    std::unique_ptr<FileMap> m_map;
     std::unique_ptr<SegmentTable> m_segments;
-    StoreId                       m_storeId{};
-    ssize_t                       m_segmentSize = 0; // bytes
-    bool                          m_readOnly = false;
-    LssSettings                   m_settings;
-    StoreCounters                 m_counters;
+    StoreId m_storeId{};
+    ssize_t m_segmentSize = 0; // bytes
+    bool m_readOnly = false;
+    LssSettings m_settings;
+    StoreCounters m_counters;
 
 private:
     [[noreturn]] void ThrowUnwritable() const;
 
-    const uint32       m_forkGeneration = ForkGeneration();
-    std::atomic<bool>  m_hasFailed{false};
+    const uint32 m_forkGeneration = ForkGeneration();
+    std::atomic<bool> m_hasFailed{false};
     mutable std::mutex m_failureMutex;
-    std::string        m_failure; // guarded by m_failureMutex
+    std::string m_failure; // guarded by m_failureMutex
 };
 
 // Throws CorruptLSSException: "The store '<path>' is damaged: <what> at offset <offset>". `offset` below 0: none.
@@ -87,6 +87,7 @@ QX_API const octet_t* TouchPacket(const StoreCore& core, Location l, ssize_t loa
 // The packet at location `l`, loaded and verified: type, key, length and checksum are as expected. `loadBehind` bytes
 // behind it are loaded as well. Throws CorruptLSSException or FileException. Requires: the segment cannot be reused
 // while the caller uses the result.
-QX_API const octet_t* LoadPacket(const StoreCore& core, Location l, EPacketType type, uint64 key, ssize_t loadBehind = 0);
+QX_API const octet_t* LoadPacket(const StoreCore& core, Location l, EPacketType type, uint64 key,
+                                 ssize_t loadBehind = 0);
 
 } // namespace quna

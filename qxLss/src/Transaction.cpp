@@ -17,10 +17,8 @@ constexpr ConstStringZ SOURCE_PATH = "src/Transaction";
 } // namespace
 
 void UsageDelta::AddTo(StoreCounters& counters) const {
-    if (head)
-        counters.liveHead.fetch_add(head, std::memory_order_relaxed);
-    if (overflow)
-        counters.liveOverflow.fetch_add(overflow, std::memory_order_relaxed);
+    if (head) counters.liveHead.fetch_add(head, std::memory_order_relaxed);
+    if (overflow) counters.liveOverflow.fetch_add(overflow, std::memory_order_relaxed);
     counters.liveBytes.fetch_add(bytes, std::memory_order_relaxed);
 }
 
@@ -72,8 +70,7 @@ bool Transaction::DeleteSerialElement(Seid seid) {
         return false;
     PrepareChange(seid);
     const bool exists = IsWritten(m_preparedSlot) ? ExistsInside(seid) : m_preparedSlot.Get() != 0;
-    if (!exists)
-        return false;
+    if (!exists) return false;
     try {
         m_log.AppendDelete(seid.value_);
         AddChange(0, NO_PARTS);
@@ -124,8 +121,7 @@ void Transaction::AddChange(Location l, uint32 parts) {
     IndexLeaf& leaf = *m_preparedSlot.leaf;
     if (leaf.transaction != m_number) {
         leaf.transaction = m_number;
-        for (uint64& bits : leaf.written)
-            bits = 0;
+        for (uint64& bits : leaf.written) bits = 0;
     }
     const size_t i = static_cast<size_t>(m_preparedSlot.index);
     const uint64 bit = uint64{1} << (i % 64);
@@ -143,8 +139,7 @@ void Transaction::AddChange(Location l, uint32 parts) {
 // --- end
 
 void Transaction::Break() noexcept {
-    if (m_broken)
-        return;
+    if (m_broken) return;
     m_broken = true;
     try {
         m_log.AppendAbort();
@@ -165,11 +160,9 @@ void Transaction::Close() {
     try {
         Commit(unwinding);
     } catch (const std::exception& e) {
-        if (unwinding)
-            m_keptFailure = e.what();
+        if (unwinding) m_keptFailure = e.what();
         m_log.Turn().Release();
-        if (!unwinding)
-            throw;
+        if (!unwinding) throw;
         return;
     }
     const bool sync = WantsSync();
@@ -183,12 +176,10 @@ void Transaction::Close() {
             m_flusher.NoteCommit();
         m_closed(unwinding);
     } catch (...) {
-        if (!unwinding)
-            throw;
+        if (!unwinding) throw;
         m_core.FailWithCurrentException();
     }
-    if (!unwinding)
-        QX_ASSERT(!streamLeftOpen);
+    if (!unwinding) QX_ASSERT(!streamLeftOpen);
 }
 
 void Transaction::Commit(bool unwinding) {
@@ -205,15 +196,12 @@ void Transaction::Commit(bool unwinding) {
                 m_log.HandOver();
             return;
         }
-        if (m_hasDuplicates)
-            MarkSuperseded();
+        if (m_hasDuplicates) MarkSuperseded();
         for (const DeadParts& dead : m_dead)
             m_log.AppendDrop(dead.seid.value_, dead.parts.data(), static_cast<ssize_t>(dead.parts.size()));
         m_log.AppendCommit((m_flushRequested ? COMMIT_FLAG_FLUSH : 0) | (unwinding ? COMMIT_FLAG_UNWOUND : 0));
-        if (sync)
-            m_log.PadToSector();
-        if (sync || !m_core.m_settings.enableFileBuffering)
-            m_log.HandOver();
+        if (sync) m_log.PadToSector();
+        if (sync || !m_core.m_settings.enableFileBuffering) m_log.HandOver();
     } catch (...) {
         Break();
         throw;
@@ -236,8 +224,7 @@ void Transaction::MarkSuperseded() {
         const size_t s = static_cast<size_t>(slot.index);
         uint64& bits = slot.leaf->written[s / 64];
         const uint64 bit = uint64{1} << (s % 64);
-        if (bits & bit)
-            last.push_back(m_changes[i]);
+        if (bits & bit) last.push_back(m_changes[i]);
         bits &= ~bit;
     }
     m_changes.swap(last);

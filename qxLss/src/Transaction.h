@@ -37,15 +37,16 @@ public:
     // Called by Close when the turn has been given back.
     using ClosedHook = std::function<void(bool unwinding)>;
 
-    Transaction(StoreCore& core, UserLog& log, Index& index, Flusher& flusher, const SeidAllocator& allocator, ClosedHook closed);
+    Transaction(StoreCore& core, UserLog& log, Index& index, Flusher& flusher, const SeidAllocator& allocator,
+                ClosedHook closed);
 
     // Requires: the caller has taken the turn.
     void Open();
 
-    void                   Close() override;
-    void                   RequestFlushToDisk() override;
+    void Close() override;
+    void RequestFlushToDisk() override;
     ICloseableOutputStream* WriteSerialElement(Seid seid) override;
-    bool                   DeleteSerialElement(Seid seid) override;
+    bool DeleteSerialElement(Seid seid) override;
 
     // The failure of a Close that could not throw, empty if there is none; forgets it.
     std::string TakeKeptFailure() { return std::move(m_keptFailure); }
@@ -65,11 +66,11 @@ private:
 
     struct Change {
         IndexSlot slot;
-        Location  location; // 0: deleted
-        uint32    parts;    // index in m_parts, NO_PARTS for an element of one packet
+        Location location; // 0: deleted
+        uint32 parts;      // index in m_parts, NO_PARTS for an element of one packet
     };
     struct DeadParts {
-        Seid                  seid;
+        Seid seid;
         std::vector<Location> parts;
     };
 
@@ -83,27 +84,27 @@ private:
     void MarkSuperseded();
     bool WantsSync() const;
 
-    StoreCore&           m_core;
-    UserLog&             m_log;
-    Index&               m_index;
-    Flusher&             m_flusher;
+    StoreCore& m_core;
+    UserLog& m_log;
+    Index& m_index;
+    Flusher& m_flusher;
     const SeidAllocator& m_allocator;
-    const ClosedHook     m_closed;
-    ElementStream        m_stream;
+    const ClosedHook m_closed;
+    ElementStream m_stream;
 
-    uint64                             m_number = 0;         // of this use of the object; never 0 while open
-    int                                m_uncaughtAtOpen = 0;
-    bool                               m_flushRequested = false;
-    bool                               m_broken = false;     // undone by a failure
-    bool                               m_hasDuplicates = false;
-    std::vector<Change>                m_changes;
-    std::vector<std::vector<Location>> m_parts;              // of long elements written
-    std::vector<DeadParts>             m_dead;               // of long elements replaced or deleted
-    IndexSlot                          m_preparedSlot{};     // of the open stream
-    std::vector<Location>              m_preparedDead;       // parts that die if the open stream is finished
-    std::unordered_map<uint64, size_t> m_lastChange;         // by Seid, of the first m_numMapped changes
-    size_t                             m_numMapped = 0;
-    std::string                        m_keptFailure;
+    uint64 m_number = 0; // of this use of the object; never 0 while open
+    int m_uncaughtAtOpen = 0;
+    bool m_flushRequested = false;
+    bool m_broken = false; // undone by a failure
+    bool m_hasDuplicates = false;
+    std::vector<Change> m_changes;
+    std::vector<std::vector<Location>> m_parts;      // of long elements written
+    std::vector<DeadParts> m_dead;                   // of long elements replaced or deleted
+    IndexSlot m_preparedSlot{};                      // of the open stream
+    std::vector<Location> m_preparedDead;            // parts that die if the open stream is finished
+    std::unordered_map<uint64, size_t> m_lastChange; // by Seid, of the first m_numMapped changes
+    size_t m_numMapped = 0;
+    std::string m_keptFailure;
 };
 
 } // namespace quna

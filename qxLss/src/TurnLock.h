@@ -15,8 +15,7 @@ public:
         const uint32 ticket = m_nextTicket.fetch_add(1, std::memory_order_relaxed);
         for (;;) {
             const uint32 served = m_served.load(std::memory_order_acquire);
-            if (served == ticket)
-                break;
+            if (served == ticket) break;
             m_served.wait(served, std::memory_order_acquire);
         }
         m_owner.store(ThisThread(), std::memory_order_relaxed);
@@ -25,8 +24,7 @@ public:
     // Only if nobody has it or waits for it.
     bool TryAcquire() {
         uint32 served = m_served.load(std::memory_order_acquire);
-        if (!m_nextTicket.compare_exchange_strong(served, served + 1, std::memory_order_acquire))
-            return false;
+        if (!m_nextTicket.compare_exchange_strong(served, served + 1, std::memory_order_acquire)) return false;
         m_owner.store(ThisThread(), std::memory_order_relaxed);
         return true;
     }

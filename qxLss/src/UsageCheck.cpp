@@ -32,8 +32,7 @@ void CheckUsage(const StoreCore& core, Index& index, ssize_t numSlots) {
         [&](uint64 seid, Location l) {
             count(l);
             ++heads;
-            if (!IsLong(l))
-                return;
+            if (!IsLong(l)) return;
             for (const Location part : ParseLongHead(core, LoadPacket(core, l, EPacketType::HEAD, seid), l).parts) {
                 count(part);
                 ++parts;
@@ -49,17 +48,20 @@ void CheckUsage(const StoreCore& core, Index& index, ssize_t numSlots) {
         const Usage& u = usage[static_cast<size_t>(slot)];
         bytes += u.bytes;
         if (entry.livePackets != u.packets || entry.liveBytes != u.bytes)
-            ThrowCorrupt(core, "the usage table says " + std::to_string(entry.livePackets) + " live packets of " +
-                                   std::to_string(entry.liveBytes) + " bytes, the index " + std::to_string(u.packets) + " of " +
-                                   std::to_string(u.bytes) + ", for the segment",
+            ThrowCorrupt(core,
+                         "the usage table says " + std::to_string(entry.livePackets) + " live packets of " +
+                             std::to_string(entry.liveBytes) + " bytes, the index " + std::to_string(u.packets) +
+                             " of " + std::to_string(u.bytes) + ", for the segment",
                          segments.OffsetOf(slot));
     }
     const StoreCounters& c = core.m_counters;
-    if (c.liveHead.load() != heads || c.liveOverflow.load() != parts || c.liveIndex.load() != pages || c.liveBytes.load() != bytes)
-        ThrowCorrupt(core, "the counters say " + std::to_string(c.liveHead.load()) + " elements, " + std::to_string(c.liveOverflow.load()) +
-                               " parts, " + std::to_string(c.liveIndex.load()) + " pages, " + std::to_string(c.liveBytes.load()) +
-                               " live bytes, the index " + std::to_string(heads) + ", " + std::to_string(parts) + ", " +
-                               std::to_string(pages) + ", " + std::to_string(bytes));
+    if (c.liveHead.load() != heads || c.liveOverflow.load() != parts || c.liveIndex.load() != pages ||
+        c.liveBytes.load() != bytes)
+        ThrowCorrupt(core, "the counters say " + std::to_string(c.liveHead.load()) + " elements, " +
+                               std::to_string(c.liveOverflow.load()) + " parts, " + std::to_string(c.liveIndex.load()) +
+                               " pages, " + std::to_string(c.liveBytes.load()) + " live bytes, the index " +
+                               std::to_string(heads) + ", " + std::to_string(parts) + ", " + std::to_string(pages) +
+                               ", " + std::to_string(bytes));
 }
 
 } // namespace quna

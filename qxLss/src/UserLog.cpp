@@ -17,15 +17,13 @@ void UserLog::Resume(const LogPosition& position, uint64 clock) {
 
 void UserLog::AppendSmall(EPacketType type, uint64 key, const void* payload, ssize_t n) {
     BeforePacket();
-    if (m_writer.Room() < PaddedSize(PACKET_HEADER_BYTES + n) + ABORT_BYTES + LINK_BYTES)
-        LinkToNext();
+    if (m_writer.Room() < PaddedSize(PACKET_HEADER_BYTES + n) + ABORT_BYTES + LINK_BYTES) LinkToNext();
     Count(m_writer.Append(type, key, payload, n));
 }
 
 void UserLog::AppendCommit(uint32 flags) {
     BeforePacket();
-    if (m_writer.Room() < COMMIT_BYTES + ABORT_BYTES + LINK_BYTES)
-        LinkToNext();
+    if (m_writer.Room() < COMMIT_BYTES + ABORT_BYTES + LINK_BYTES) LinkToNext();
     CommitPayload payload{};
     payload.bytes = m_bytesSince;
     payload.packets = m_packetsSince;
@@ -37,8 +35,7 @@ void UserLog::AppendCommit(uint32 flags) {
 }
 
 void UserLog::AppendAbort() {
-    if (m_writer.Room() < ABORT_BYTES)
-        return; // a LINK that could not be written stands there: the chain ends
+    if (m_writer.Room() < ABORT_BYTES) return; // a LINK that could not be written stands there: the chain ends
     m_writer.Append(EPacketType::ABORT, m_lastTransaction + 1, nullptr, 0);
     ResetCounts();
     HandOver();
@@ -65,8 +62,7 @@ void UserLog::HandOver() {
 }
 
 void UserLog::LeaveSyncedSector() {
-    if (m_writer.Position() % SECTOR_BYTES != 0 && !TryPadToSector())
-        LinkToNext();
+    if (m_writer.Position() % SECTOR_BYTES != 0 && !TryPadToSector()) LinkToNext();
     m_syncsSeen = m_flusher.NumSyncsBegun();
 }
 
@@ -76,12 +72,9 @@ void UserLog::PadToSector() { static_cast<void>(TryPadToSector()); }
 bool UserLog::TryPadToSector() {
     const ssize_t pos = m_writer.Position();
     ssize_t gap = (SECTOR_BYTES - pos % SECTOR_BYTES) % SECTOR_BYTES;
-    if (gap == 0)
-        return true;
-    if (gap < PACKET_HEADER_BYTES)
-        gap += SECTOR_BYTES;
-    if (m_writer.Room() - gap < ABORT_BYTES + LINK_BYTES)
-        return false;
+    if (gap == 0) return true;
+    if (gap < PACKET_HEADER_BYTES) gap += SECTOR_BYTES;
+    if (m_writer.Room() - gap < ABORT_BYTES + LINK_BYTES) return false;
     std::memset(m_writer.Payload(), 0, static_cast<size_t>(gap - PACKET_HEADER_BYTES));
     m_writer.EndPacket(EPacketType::PAD, 0, gap - PACKET_HEADER_BYTES);
     return true;

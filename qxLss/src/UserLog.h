@@ -17,7 +17,7 @@ namespace quna {
 struct LogPosition {
     ssize_t slot;
     ssize_t offset;
-    uint64  sequence;
+    uint64 sequence;
 };
 
 // Appends the packets of transactions to the open user segment and links segments to a chain.
@@ -102,16 +102,16 @@ private:
     bool TryPadToSector();
     void ResetCounts();
 
-    StoreCore&          m_core;
-    SpaceManager&       m_space;
-    Flusher&            m_flusher;
-    TurnLock            m_turn;
-    SegmentWriter       m_writer;
-    uint64              m_lastTransaction = 0; // number of the last committed
-    uint64              m_bytesSince = 0;   // since the last COMMIT, ABORT or RELOC
-    uint32              m_packetsSince = 0; // likewise
-    int64               m_packetsAdded = 0; // not yet in the store's counter
-    uint64              m_syncsSeen = 0;    // syncs begun when bytes were last handed over
+    StoreCore& m_core;
+    SpaceManager& m_space;
+    Flusher& m_flusher;
+    TurnLock m_turn;
+    SegmentWriter m_writer;
+    uint64 m_lastTransaction = 0; // number of the last committed
+    uint64 m_bytesSince = 0;      // since the last COMMIT, ABORT or RELOC
+    uint32 m_packetsSince = 0;    // likewise
+    int64 m_packetsAdded = 0;     // not yet in the store's counter
+    uint64 m_syncsSeen = 0;       // syncs begun when bytes were last handed over
     std::atomic<uint64> m_handedClock{0};
 };
 

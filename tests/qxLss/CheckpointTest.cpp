@@ -29,7 +29,9 @@ TEST(Checkpoint, AFreshStoresHeaderHasTheBytesOfTheFormat) {
         std::snprintf(digits, sizeof digits, "%02x", file[4096 + i]);
         hex += digits;
     }
-    EXPECT_EQ(hex, "4c5353434b505431" "01000000" "00100000");
+    EXPECT_EQ(hex, "4c5353434b505431"
+                   "01000000"
+                   "00100000");
     EXPECT_EQ(h.checkpointSequence, 1u);
     EXPECT_EQ(h.nextSegmentSequence, 3u);
     EXPECT_EQ(h.logClock, 64u);
@@ -67,8 +69,7 @@ TEST(Checkpoint, FreesLogSegmentsWithoutALivePacket) {
     const Seid seid = lss.NewSeid();
     for (int i = 0; i < 2000; ++i) {
         lss.Put(seid, Pattern(500));
-        if (i % 20 == 0)
-            lss->CheckpointForTest();
+        if (i % 20 == 0) lss->CheckpointForTest();
     }
     EXPECT_LT(lss.Stats().fileSize, 131072 + 60 * 4096);
     lss->Validate();
@@ -81,8 +82,7 @@ TEST(Checkpoint, PagesThatNeverChangeDoNotHoldASegmentEach) {
     settings.segmentSize = 65536;
     {
         TestLss lss(sys, settings);
-        for (int i = 0; i < 40 * 256; ++i)
-            lss.NewSeid();
+        for (int i = 0; i < 40 * 256; ++i) lss.NewSeid();
         lss.Close();
     }
     for (uint32 i = 0; i < 40; ++i) { // each life changes another leaf
@@ -135,8 +135,7 @@ TEST(Checkpoint, RunsByItselfWhenTheLogHasGrown) {
     settings.numSegmentsPerCheckPoint = 4;
     TestLss lss(sys, settings);
     const int before = lss.Stats().numCheckPoints;
-    while (lss.Stats().numCheckPoints == before)
-        lss.Put(Pattern(1000));
+    while (lss.Stats().numCheckPoints == before) lss.Put(Pattern(1000));
 }
 
 // The transaction has the turn that the checkpoint needs, so it must not be waited for.
@@ -147,8 +146,7 @@ TEST(Checkpoint, FiveHundredAndFiveHighsInOneTransactionDoNotWaitForIt) {
     AutoCloser<ILssTransaction> txn(lss->OpenTransaction());
     for (int i = 0; i < 5050; ++i) {
         const Seid seid = lss->AllocateSeid(lss->AllocateSeidHigh());
-        if (i % 10 == 0)
-            TestLss::Write(*txn.Get(), seid, "x");
+        if (i % 10 == 0) TestLss::Write(*txn.Get(), seid, "x");
     }
     txn.Close();
     EXPECT_EQ(lss.Stats().numLiveHeadPackets, 505);

@@ -59,8 +59,7 @@ TEST(ElementStream, AtLeast64ReadableBytesFollowEveryElement) {
         AutoCloser<IContiguousSerialElement> element(lss->OpenSerialElement(seid));
         const ReadOnlyBuffer b = element->GetBuffer();
         unsigned sum = 0;
-        for (ssize_t i = 0; i < 64; ++i)
-            sum += b.buffer[b.size + i];
+        for (ssize_t i = 0; i < 64; ++i) sum += b.buffer[b.size + i];
         EXPECT_LT(sum, 64u * 256u);
     }
 }
@@ -103,8 +102,7 @@ TEST(ElementStream, AnElementBeyondTheLimitIsRefusedAndHarmsNothingElse) {
     try {
         AutoCloser<ILssTransaction> txn(lss->OpenTransaction());
         AutoCloser<ICloseableOutputStream> os(txn->WriteSerialElement(seid));
-        for (ssize_t n = 0; n <= limit; n += 4096)
-            os->WriteStream(piece.data(), 4096);
+        for (ssize_t n = 0; n <= limit; n += 4096) os->WriteStream(piece.data(), 4096);
         ADD_FAILURE() << "the element was accepted";
     } catch (const FileException&) {
     }

@@ -56,11 +56,11 @@ private:
     }
     void PageDied(Location) override { --m_livePages; }
 
-    SimSys                         m_sys;
-    StoreCore                      m_core;
+    SimSys m_sys;
+    StoreCore m_core;
     std::unique_ptr<SegmentWriter> m_writer;
-    std::unique_ptr<Index>         m_index;
-    ssize_t                        m_livePages = 0;
+    std::unique_ptr<Index> m_index;
+    ssize_t m_livePages = 0;
 };
 
 Location Fake(uint32 n) { return MakeLocation(131072 + 64 + (n % 4000) * 8, 16); }
@@ -75,8 +75,7 @@ TEST(Index, FindsLowsAtTheBordersOfPagesOfEveryLevelAlsoAfterReloading) {
         int level = 0;
         const Location root = pages.Checkpoint(level);
         pages.Reload(root, level);
-        for (uint32 i = 0; i < 8; ++i)
-            EXPECT_EQ((*pages).Get(Seid(BORDERS[i], 1)), i < numSet ? Fake(i + 1) : 0);
+        for (uint32 i = 0; i < 8; ++i) EXPECT_EQ((*pages).Get(Seid(BORDERS[i], 1)), i < numSet ? Fake(i + 1) : 0);
         EXPECT_EQ((*pages).Get(Seid(1, 1)), 0u);
         EXPECT_EQ((*pages).Get(Seid(0x800000, 1)), 0u);
         EXPECT_EQ((*pages).Get(Seid(0, 2)), 0u);
@@ -120,12 +119,10 @@ TEST(Index, PagesThatHaveBecomeEmptyCostNothing) {
     SimSys sys;
     std::vector<Seid> seids;
     TestLss lss(sys);
-    for (int i = 0; i < 1000; ++i)
-        seids.push_back(lss.Put("x"));
+    for (int i = 0; i < 1000; ++i) seids.push_back(lss.Put("x"));
     lss->CheckpointForTest();
     EXPECT_GE(lss.Stats().numLiveRPMPackets, 5); // leaves and their root
-    for (const Seid seid : seids)
-        lss.Delete(seid);
+    for (const Seid seid : seids) lss.Delete(seid);
     lss->CheckpointForTest();
     EXPECT_EQ(lss.Stats().numLiveRPMPackets, 0);
     EXPECT_EQ(lss.Stats().utilisation, 0);

@@ -49,10 +49,8 @@ TEST(LssStore, RandomTransactionsAgreeWithAMapAlsoAfterReopening) {
             }
             lss->Validate();
             ASSERT_EQ(lss.Stats().numLiveHeadPackets, static_cast<int>(model.size()));
-            if (settings.enableFileBuffering)
-                lss->Flush();
-            if (random() % 2)
-                lss.Close();
+            if (settings.enableFileBuffering) lss->Flush();
+            if (random() % 2) lss.Close();
         }
     }
 }
@@ -75,8 +73,7 @@ TEST(LssStore, AffiliatesOfLowZeroAreFoundInAStoreWithManyElements) {
 // What power loss leaves after the calls so far, with nothing that was not synced.
 ElementMap AfterPowerLoss(const SimSys& sys, const LssSettings& settings) {
     SimDisk disk;
-    for (const SimCall& call : sys.Record())
-        disk.Apply(call);
+    for (const SimCall& call : sys.Record()) disk.Apply(call);
     SimSys after(disk.Image({CrashVariant::EChoice::NONE, 0}));
     TestLss lss(after, settings, OM_OPEN_EXISTING);
     return lss.All();
@@ -88,8 +85,7 @@ TEST(LssStore, FlushMakesEverythingClosedDurable) {
         LssSettings settings = SmallSegments();
         settings.enableFileBuffering = buffered;
         TestLss lss(sys, settings);
-        for (int i = 0; i < 10; ++i)
-            lss.Put(Pattern(300));
+        for (int i = 0; i < 10; ++i) lss.Put(Pattern(300));
         EXPECT_LT(AfterPowerLoss(sys, settings).size(), 10u);
         lss->Flush();
         EXPECT_EQ(AfterPowerLoss(sys, settings), lss.All());
@@ -137,8 +133,7 @@ TEST(LssStore, TheFlusherSyncsByTime) {
     lss.Put("x"); // the first one syncs by itself
     const int64 syncs = sys.NumCalls(ESimCall::SYNC);
     lss.Put("y");
-    while (sys.NumCalls(ESimCall::SYNC) == syncs)
-        std::this_thread::yield();
+    while (sys.NumCalls(ESimCall::SYNC) == syncs) std::this_thread::yield();
 }
 
 // --- failures
@@ -219,8 +214,7 @@ TEST(LssStore, WhicheverCallFailsNothingClosedIsLost) {
             bool failed = false;
             {
                 TestLss lss(sys);
-                for (int i = 0; i < 4; ++i)
-                    lss.NewSeid();
+                for (int i = 0; i < 4; ++i) lss.NewSeid();
                 lss.Put(Seid(0, 1), "first", true);
                 states = {lss.All()};
                 sys.FailCall(kind, n, EIO, false);
@@ -234,16 +228,13 @@ TEST(LssStore, WhicheverCallFailsNothingClosedIsLost) {
                         states.push_back(next);
                         lss.Put(seid, content, i % 4 == 0);
                         acknowledged = states.size() - 1;
-                        if (i % 4 == 0)
-                            durable = acknowledged;
-                        if (i == 7)
-                            lss->CheckpointForTest();
+                        if (i % 4 == 0) durable = acknowledged;
+                        if (i == 7) lss->CheckpointForTest();
                     }
                 } catch (const FileException&) {
                     failed = true;
                 }
-                if (!failed && sys.NumFailures() == 0)
-                    lss.Close();
+                if (!failed && sys.NumFailures() == 0) lss.Close();
             }
             const bool met = sys.NumFailures() > 0;
             sys.Heal();
@@ -255,8 +246,7 @@ TEST(LssStore, WhicheverCallFailsNothingClosedIsLost) {
                 allowed |= found == states[j];
             ASSERT_TRUE(allowed) << "call kind " << static_cast<int>(kind) << ", number " << n;
             lss->Validate();
-            if (!met)
-                break;
+            if (!met) break;
         }
     }
 }
@@ -280,8 +270,7 @@ TEST(LssStore, ACloseThatFailsWhileAnExceptionPassesIsThrownByTheNextOpen) {
 TEST(LssStore, InterruptedAndShortCallsChangeNothing) {
     const auto run = [](SimSys& sys) {
         TestLss lss(sys);
-        for (int i = 0; i < 60; ++i)
-            lss.Put(Pattern(i * 50));
+        for (int i = 0; i < 60; ++i) lss.Put(Pattern(i * 50));
         const ElementMap all = lss.All();
         lss.Close();
         return all;

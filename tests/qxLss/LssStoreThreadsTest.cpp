@@ -15,8 +15,7 @@ constexpr size_t NUM_ELEMENTS = 300;
 std::string Versioned(uint64 version, size_t bytes) {
     std::string content(bytes, '\0');
     std::memcpy(content.data(), &version, sizeof version);
-    for (size_t i = sizeof version; i < bytes; ++i)
-        content[i] = static_cast<char>(version + i);
+    for (size_t i = sizeof version; i < bytes; ++i) content[i] = static_cast<char>(version + i);
     return content;
 }
 
@@ -27,12 +26,10 @@ void ReadUntil(const std::atomic<bool>& stop, TestLss& lss, unsigned seed, std::
     while (!stop.load()) {
         const size_t i = random() % NUM_ELEMENTS;
         const std::optional<std::string> content = lss.Get(Seid(static_cast<uint32>(i), 1));
-        if (!content)
-            continue;
+        if (!content) continue;
         uint64 version = 0;
         std::memcpy(&version, content->data(), sizeof version);
-        if (version < seen[i] || *content != Versioned(version, content->size()))
-            ++faults;
+        if (version < seen[i] || *content != Versioned(version, content->size())) ++faults;
         seen[i] = version;
     }
 }
@@ -46,13 +43,11 @@ void RunReadersBesideAWriter(bool buffered) {
     settings.enableFileBuffering = buffered;
     settings.validateSUTDuringCheckPoint = false;
     TestLss lss(sys, settings);
-    for (size_t i = 0; i < NUM_ELEMENTS; ++i)
-        lss.NewSeid();
+    for (size_t i = 0; i < NUM_ELEMENTS; ++i) lss.NewSeid();
     std::atomic<bool> stop{false};
     std::atomic<int> faults{0};
     std::vector<std::thread> threads;
-    for (unsigned t = 0; t < 2; ++t)
-        threads.emplace_back([&, t] { ReadUntil(stop, lss, t, faults); });
+    for (unsigned t = 0; t < 2; ++t) threads.emplace_back([&, t] { ReadUntil(stop, lss, t, faults); });
     threads.emplace_back([&] {
         TestRandom random(77);
         while (!stop.load()) {
@@ -60,8 +55,7 @@ void RunReadersBesideAWriter(bool buffered) {
             lss->AllocateAffiliateSeid(seid);
             lss.NewSeid();
             lss.Stats();
-            if (random() % 20 == 0)
-                lss->Flush();
+            if (random() % 20 == 0) lss->Flush();
         }
     });
     TestRandom random(3);
@@ -69,12 +63,12 @@ void RunReadersBesideAWriter(bool buffered) {
     for (int t = 0; t < 600; ++t) {
         AutoCloser<ILssTransaction> txn(lss->OpenTransaction());
         for (int k = 0; k < 6; ++k)
-            TestLss::Write(*txn.Get(), Seid(random() % NUM_ELEMENTS, 1), Versioned(++version, 8 + random() % (random() % 20 ? 100 : 9000)));
+            TestLss::Write(*txn.Get(), Seid(random() % NUM_ELEMENTS, 1),
+                           Versioned(++version, 8 + random() % (random() % 20 ? 100 : 9000)));
         txn.Close();
     }
     stop.store(true);
-    for (std::thread& thread : threads)
-        thread.join();
+    for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(faults.load(), 0);
     lss->Validate();
 }
@@ -97,14 +91,12 @@ TEST(LssStoreThreads, TransactionsOfSeveralThreadsAreServedInTurn) {
                 std::memcpy(&count, lss.Get(seid)->data(), sizeof count);
                 ++count;
                 TestLss::Write(*txn.Get(), seid, std::string(reinterpret_cast<const char*>(&count), sizeof count));
-                if (i % 10 == 0)
-                    txn->RequestFlushToDisk();
+                if (i % 10 == 0) txn->RequestFlushToDisk();
                 txn.Close();
             }
         });
     }
-    for (std::thread& thread : threads)
-        thread.join();
+    for (std::thread& thread : threads) thread.join();
     uint64 count = 0;
     std::memcpy(&count, lss.Get(seid)->data(), sizeof count);
     EXPECT_EQ(count, 400u);

@@ -19,9 +19,9 @@ constexpr ssize_t SEGMENT = 4096;
 // One packet of the user stream of a file.
 struct FoundPacket {
     EPacketType type;
-    int64       offset; // in the file
-    ssize_t     bytes;
-    uint64      key;
+    int64 offset; // in the file
+    ssize_t bytes;
+    uint64 key;
 };
 
 CheckpointHeader HeaderOf(const FileBytes& file) {
@@ -40,12 +40,12 @@ std::vector<FoundPacket> LogOf(const FileBytes& file) {
     std::vector<FoundPacket> found;
     for (;;) {
         const SegmentHeader s = ReadPod<SegmentHeader>(file.data() + segment);
-        if (pos + PACKET_HEADER_BYTES > SEGMENT)
-            return found;
+        if (pos + PACKET_HEADER_BYTES > SEGMENT) return found;
         const octet_t* const p = file.data() + segment + pos;
         const PacketHeader packet = ReadPod<PacketHeader>(p);
         if (pos + PacketBytes(packet.info) > SEGMENT ||
-            PacketCrc(SegmentCrcSeed(header.storeId, s.sequence), static_cast<uint32>(pos), p, PayloadBytes(packet.info)) != packet.crc)
+            PacketCrc(SegmentCrcSeed(header.storeId, s.sequence), static_cast<uint32>(pos), p,
+                      PayloadBytes(packet.info)) != packet.crc)
             return found;
         found.push_back({PacketType(packet.info), segment + pos, PacketBytes(packet.info), packet.key});
         pos += PacketBytes(packet.info);
@@ -61,8 +61,7 @@ TEST(Recovery, AKilledProcessLosesNothingThatWasClosed) {
     ElementMap expected;
     {
         TestLss lss(sys);
-        for (int i = 0; i < 100; ++i)
-            lss.Put(Pattern(i * 17));
+        for (int i = 0; i < 100; ++i) lss.Put(Pattern(i * 17));
         expected = lss.All();
     }
     TestLss lss(sys);
@@ -122,14 +121,12 @@ TEST(Recovery, DamageInsideDurableDataIsNeverPassedOver) {
     SimSys sys;
     {
         TestLss lss(sys);
-        for (int i = 0; i < 30; ++i)
-            lss.Put(lss.NewSeid(), Pattern(100), true);
+        for (int i = 0; i < 30; ++i) lss.Put(lss.NewSeid(), Pattern(100), true);
     }
     const FileBytes file = StoreFile(sys);
     const std::vector<FoundPacket> log = LogOf(file);
     for (size_t i = 0; i + 12 < log.size(); ++i) {
-        if (log[i].type == EPacketType::PAD)
-            continue;
+        if (log[i].type == EPacketType::PAD) continue;
         FileBytes damaged = file;
         damaged[static_cast<size_t>(log[i].offset + 5)] ^= 1;
         SimSys after(ImageOf(damaged));
@@ -144,15 +141,13 @@ TEST(Recovery, ALinkWhoseTargetWasLostEndsTheLogInGoodHealth) {
         TestLss lss(sys);
         lss.Put("durable");
         lss->CheckpointForTest();
-        for (int i = 0; i < 40; ++i)
-            lss.Put(Pattern(200));
+        for (int i = 0; i < 40; ++i) lss.Put(Pattern(200));
     }
     FileBytes file = StoreFile(sys);
     const std::vector<FoundPacket> log = LogOf(file);
     size_t commits = 0;
     size_t i = 0;
-    for (; i < log.size() && log[i].type != EPacketType::LINK; ++i)
-        commits += log[i].type == EPacketType::COMMIT;
+    for (; i < log.size() && log[i].type != EPacketType::LINK; ++i) commits += log[i].type == EPacketType::COMMIT;
     ASSERT_LT(i, log.size());
     const LinkPayload link = ReadPod<LinkPayload>(file.data() + log[i].offset + PACKET_HEADER_BYTES);
     std::memset(file.data() + DATA_START + link.slot * SEGMENT, 0, SEGMENT);
@@ -214,12 +209,9 @@ TEST(Recovery, IdentifiersAreNotHandedOutAgainAfterAKill) {
     std::set<uint64> given;
     for (int life = 0; life < 20; ++life) {
         TestLss lss(sys);
-        if (life == 0)
-            lss.Put("x");
-        for (int i = 0; i < 100; ++i)
-            EXPECT_TRUE(given.insert(lss.NewSeid().value_).second);
-        if (life % 3 == 0)
-            lss.Close();
+        if (life == 0) lss.Put("x");
+        for (int i = 0; i < 100; ++i) EXPECT_TRUE(given.insert(lss.NewSeid().value_).second);
+        if (life % 3 == 0) lss.Close();
     }
 }
 
@@ -228,8 +220,7 @@ TEST(Recovery, EveryBitOfTheLogIsDetectedOrHarmless) {
     ElementMap expected;
     {
         TestLss lss(sys);
-        for (int i = 0; i < 6; ++i)
-            lss.Put(Pattern(40 * i));
+        for (int i = 0; i < 6; ++i) lss.Put(Pattern(40 * i));
         expected = lss.All();
         lss.Close();
     }
@@ -237,14 +228,14 @@ TEST(Recovery, EveryBitOfTheLogIsDetectedOrHarmless) {
     TestRandom random(5);
     for (int i = 0; i < 1500; ++i) {
         FileBytes damaged = file;
-        const size_t at = i < 300 ? random() % 8192 : static_cast<size_t>(DATA_START) + random() % (file.size() - DATA_START);
+        const size_t at =
+            i < 300 ? random() % 8192 : static_cast<size_t>(DATA_START) + random() % (file.size() - DATA_START);
         damaged[at] ^= static_cast<octet_t>(1u << random() % 8);
         SimSys after(ImageOf(damaged));
         after.StopRecording();
         try {
             TestLss lss(after);
-            for (const auto& [seid, content] : expected)
-                EXPECT_EQ(lss.Get(Seid(seid)), content) << "byte " << at;
+            for (const auto& [seid, content] : expected) EXPECT_EQ(lss.Get(Seid(seid)), content) << "byte " << at;
         } catch (const CorruptLSSException&) {
         } catch (const FileException&) { // a damaged "being created" flag can't pass the checksum
             ADD_FAILURE() << "byte " << at;
@@ -268,8 +259,7 @@ protected:
             m_survivorSlot = lss->SpaceForTest().NumSlots() - 1;
             m_sequence = lss->SpaceForTest().NextSequence() + 5;
             m_end = lss->LogForTest().Position();
-            for (const Seid seid : m_seids)
-                m_locations[seid.value_] = lss->IndexForTest().Get(seid);
+            for (const Seid seid : m_seids) m_locations[seid.value_] = lss->IndexForTest().Get(seid);
             m_victimSlot = (LocationOffset(m_locations[m_seids[10].value_]) - DATA_START) / SEGMENT;
         }
         m_file = StoreFile(m_sys);
@@ -277,7 +267,8 @@ protected:
     }
 
     // The packet at `l`, sealed again for the survivor segment at `pos`.
-    void Append(EPacketType type, uint64 key, const octet_t* payload, ssize_t n, uint32 flags, ssize_t slot, uint64 sequence, ssize_t& pos) {
+    void Append(EPacketType type, uint64 key, const octet_t* payload, ssize_t n, uint32 flags, ssize_t slot,
+                uint64 sequence, ssize_t& pos) {
         octet_t* const p = m_file.data() + DATA_START + slot * SEGMENT + pos;
         PacketHeader header{0, PacketInfo(type, n, flags), key};
         std::memcpy(p, &header, sizeof header);
@@ -304,17 +295,17 @@ protected:
         ssize_t pos = SEGMENT_HEADER_BYTES;
         for (const Seid seid : m_seids) {
             const Location l = m_locations[seid.value_];
-            if ((LocationOffset(l) - DATA_START) / SEGMENT != m_victimSlot)
-                continue;
+            if ((LocationOffset(l) - DATA_START) / SEGMENT != m_victimSlot) continue;
             const octet_t* const old = m_file.data() + LocationOffset(l);
             const ssize_t n = PayloadBytes(ReadPod<PacketHeader>(old).info);
             const std::vector<octet_t> payload(old + PACKET_HEADER_BYTES, old + PACKET_HEADER_BYTES + n);
-            Append(EPacketType::HEAD, seid.value_, payload.data(), n, PacketFlags(ReadPod<PacketHeader>(old).info), m_survivorSlot,
-                   m_sequence, pos);
+            Append(EPacketType::HEAD, seid.value_, payload.data(), n, PacketFlags(ReadPod<PacketHeader>(old).info),
+                   m_survivorSlot, m_sequence, pos);
             ++m_moved;
         }
         const RelocPayload head{1, 1, 0, RELOC_FLAG_LAST};
-        const RelocRange range{static_cast<uint32>(m_survivorSlot), SEGMENT_HEADER_BYTES, static_cast<uint32>(pos), 0, m_sequence};
+        const RelocRange range{static_cast<uint32>(m_survivorSlot), SEGMENT_HEADER_BYTES, static_cast<uint32>(pos), 0,
+                               m_sequence};
         const RelocVictim victim{static_cast<uint32>(m_victimSlot), 0,
                                  ReadPod<SegmentHeader>(m_file.data() + DATA_START + m_victimSlot * SEGMENT).sequence};
         std::vector<octet_t> payload(sizeof head + sizeof range + sizeof victim);
@@ -322,24 +313,24 @@ protected:
         std::memcpy(payload.data() + sizeof head, &range, sizeof range);
         std::memcpy(payload.data() + sizeof head + sizeof range, &victim, sizeof victim);
         ssize_t end = m_end.offset;
-        Append(EPacketType::RELOC, 1, payload.data(), static_cast<ssize_t>(payload.size()), 0, m_end.slot, m_end.sequence, end);
+        Append(EPacketType::RELOC, 1, payload.data(), static_cast<ssize_t>(payload.size()), 0, m_end.slot,
+               m_end.sequence, end);
         if (tearRange)
             m_file[static_cast<size_t>(DATA_START + m_survivorSlot * SEGMENT + SEGMENT_HEADER_BYTES + 20)] ^= 1;
-        if (tearReloc)
-            m_file[static_cast<size_t>(DATA_START + m_end.slot * SEGMENT + m_end.offset + 20)] ^= 1;
+        if (tearReloc) m_file[static_cast<size_t>(DATA_START + m_end.slot * SEGMENT + m_end.offset + 20)] ^= 1;
     }
 
-    SimSys                     m_sys;
-    std::vector<Seid>          m_seids;
+    SimSys m_sys;
+    std::vector<Seid> m_seids;
     std::map<uint64, Location> m_locations;
-    ElementMap                 m_expected;
-    FileBytes                  m_file;
-    CheckpointHeader           m_header{};
-    ssize_t                    m_victimSlot = 0;
-    ssize_t                    m_survivorSlot = 0;
-    uint64                     m_sequence = 0;
-    LogPosition                m_end{};
-    int                        m_moved = 0;
+    ElementMap m_expected;
+    FileBytes m_file;
+    CheckpointHeader m_header{};
+    ssize_t m_victimSlot = 0;
+    ssize_t m_survivorSlot = 0;
+    uint64 m_sequence = 0;
+    LogPosition m_end{};
+    int m_moved = 0;
 };
 
 TEST_F(RelocTest, MovesWhatItNamesAndFreesTheVictim) {

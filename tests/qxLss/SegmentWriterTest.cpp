@@ -16,8 +16,7 @@ protected:
         m_core.m_file.Open("d/store", EFileAccess::CREATE);
         m_core.m_file.Allocate(0, 131072 + 4 * 4096);
         StoreId id;
-        for (size_t i = 0; i < id.size(); ++i)
-            id[i] = static_cast<octet_t>(16 + i);
+        for (size_t i = 0; i < id.size(); ++i) id[i] = static_cast<octet_t>(16 + i);
         m_core.Attach(id, 4096);
         SutEntry entry{};
         entry.sequence = 7;
@@ -41,8 +40,8 @@ protected:
         return text;
     }
 
-    SimSys                         m_sys;
-    StoreCore                      m_core;
+    SimSys m_sys;
+    StoreCore m_core;
     std::unique_ptr<SegmentWriter> m_writer;
 };
 
@@ -59,7 +58,8 @@ TEST_F(SegmentWriterTest, PacketsHaveTheBytesOfTheFormat) {
     EXPECT_EQ(Hex(88), "5513e3a2000000030500000001000000");
     const CommitPayload commit{40, 2, COMMIT_FLAG_FLUSH, 0x1000, 0x123456789abcdef};
     m_writer->Append(EPacketType::COMMIT, 3, &commit, sizeof commit);
-    EXPECT_EQ(Hex(104), "a0d2b9dd200000040300000000000000280000000000000002000000010000000010000000000000efcdab8967452301");
+    EXPECT_EQ(Hex(104),
+              "a0d2b9dd200000040300000000000000280000000000000002000000010000000010000000000000efcdab8967452301");
     const LinkPayload link{9, 0};
     m_writer->Append(EPacketType::LINK, 8, &link, sizeof link);
     EXPECT_EQ(Hex(152), "a7b923c20800000608000000000000000900000000000000");
@@ -73,8 +73,10 @@ TEST_F(SegmentWriterTest, ALongHeadBearsItsFlagInThePacketAndInTheLocation) {
     std::memcpy(payload, &prefix, sizeof prefix);
     std::memcpy(payload + 16, &part, sizeof part);
     std::memcpy(payload + 24, "tail....", 8);
-    const Location l = m_writer->Append(EPacketType::HEAD, Seid(6, 1).value_, payload, sizeof payload, PACKET_FLAG_LONG);
-    EXPECT_EQ(Hex(176), "33192ec3200000110600000001000000c003000000000000010000000000000034120000000000007461696c2e2e2e2e");
+    const Location l =
+        m_writer->Append(EPacketType::HEAD, Seid(6, 1).value_, payload, sizeof payload, PACKET_FLAG_LONG);
+    EXPECT_EQ(Hex(176),
+              "33192ec3200000110600000001000000c003000000000000010000000000000034120000000000007461696c2e2e2e2e");
     EXPECT_TRUE(IsLong(l));
 }
 
@@ -87,8 +89,7 @@ TEST_F(SegmentWriterTest, HandingOverWritesOnlyWhatIsNew) {
     const std::vector<SimCall> record = m_sys.Record();
     std::vector<std::pair<int64, size_t>> writes;
     for (const SimCall& call : record) {
-        if (call.kind == SimCall::EKind::WRITE)
-            writes.emplace_back(call.offset, call.data.size());
+        if (call.kind == SimCall::EKind::WRITE) writes.emplace_back(call.offset, call.data.size());
     }
     const int64 start = 131072 + 2 * 4096;
     EXPECT_EQ(writes, (std::vector<std::pair<int64, size_t>>{{start, 88}, {start + 88, 24}}));

@@ -1,6 +1,5 @@
-#include "tests/qxLss/TestLss.h"
-
 #include "qxLss/CorruptLSSException.h"
+#include "tests/qxLss/TestLss.h"
 
 #include <cerrno>
 #include <thread>
@@ -24,8 +23,7 @@ TEST(SerialElement, StaysAsItWasOpenedWhateverIsWrittenMeanwhile) {
         AutoCloser<IContiguousSerialElement> element(lss->OpenSerialElement(seid));
         for (int i = 0; i < 50; ++i) {
             lss.Put(seid, Pattern(bytes, static_cast<unsigned>(i + 2)));
-            if (i % 5 == 0)
-                lss->CheckpointForTest();
+            if (i % 5 == 0) lss->CheckpointForTest();
         }
         EXPECT_EQ(TextOf(*element), Pattern(bytes));
         EXPECT_EQ(element->GetBuffer().buffer, element->GetBuffer().buffer);

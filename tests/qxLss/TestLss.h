@@ -31,14 +31,12 @@ public:
         bool createdNew = false;
         m_lss = static_cast<LssStore*>(OpenLssForTest(sys, "d/store", nullptr, createdNew, mode, settings));
         m_createdNew = createdNew;
-        if (createdNew)
-            m_lss->AllocateSeidHigh();
+        if (createdNew) m_lss->AllocateSeidHigh();
     }
     TestLss(const TestLss&) = delete;
     TestLss& operator=(const TestLss&) = delete;
     ~TestLss() {
-        if (m_lss)
-            m_lss->Abandon();
+        if (m_lss) m_lss->Abandon();
     }
 
     LssStore* operator->() const { return m_lss; }
@@ -56,8 +54,7 @@ public:
     Seid Put(const std::string& content, bool flush = false) { return Put(NewSeid(), content, flush); }
     Seid Put(Seid seid, const std::string& content, bool flush = false) {
         AutoCloser<ILssTransaction> txn(m_lss->OpenTransaction());
-        if (flush)
-            txn->RequestFlushToDisk();
+        if (flush) txn->RequestFlushToDisk();
         Write(*txn.Get(), seid, content);
         txn.Close();
         return seid;
@@ -76,8 +73,7 @@ public:
 
     std::optional<std::string> Get(Seid seid) const {
         AutoCloser<IContiguousSerialElement> element(m_lss->OpenSerialElement(seid));
-        if (!element)
-            return std::nullopt;
+        if (!element) return std::nullopt;
         const ReadOnlyBuffer b = element->GetBuffer();
         return std::string(reinterpret_cast<const char*>(b.buffer), static_cast<size_t>(b.size));
     }
@@ -94,7 +90,7 @@ public:
 
 private:
     LssStore* m_lss = nullptr;
-    bool      m_createdNew = false;
+    bool m_createdNew = false;
 };
 
 // Random numbers of 32 bits.

@@ -150,8 +150,7 @@ TEST(Transaction, CloseAfterARequestedFlushSurvivesPowerLoss) {
     }
     SimDisk disk;
     const std::vector<SimCall> record = sys.Record();
-    for (ssize_t i = 0; i < recorded; ++i)
-        disk.Apply(record[static_cast<size_t>(i)]);
+    for (ssize_t i = 0; i < recorded; ++i) disk.Apply(record[static_cast<size_t>(i)]);
     SimSys after(disk.Image({CrashVariant::EChoice::NONE, 0}));
     TestLss lss(after, SmallSegments(), OM_OPEN_EXISTING);
     EXPECT_EQ(lss.All(), flushed);

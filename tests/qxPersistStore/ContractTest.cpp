@@ -12,15 +12,14 @@
 #include "qxPersistStore/src/PSpace.h"
 #include "qxPersistStore/src/PersistStoreTxn.h"
 #include "qxUtils/ArchiveContainers.h"
-
 #include "tests/support/TestStore.h"
-
-#include <gtest/gtest.h>
 
 #include <functional>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -82,7 +81,8 @@ TEST(Contract, ExceptionsSayExactlyThis) {
            ObjectNotPersistableException());
     expect("Dereferenced dangling OID = 00000007:0000002a", DerefDanglingOidException(OID(42, 7)));
     expect("Repeated class name a::B", RepeatedClassNameInCidMapException(xstring("a::B")));
-    expect("TypeOps not found for int32", TypeOpsNotFoundException(ReflectionByteCodeValue(DescriptionOf<int32>(), false)));
+    expect("TypeOps not found for int32",
+           TypeOpsNotFoundException(ReflectionByteCodeValue(DescriptionOf<int32>(), false)));
     expect("Bad TypeOpsId : 3", BadTypeOpsIdException(3));
     expect("Bad CID : -1", BadCidException(-1));
     expect("Could not create new PSpace \"n\", a PSpace with that name already exists",
@@ -122,41 +122,40 @@ TEST_F(ContractOfStore, SpacesCheckInThisOrder) {
     TestLeaf transient;
     const OID none;
     const OID oid(77, 1);
-    ExpectChecks("src/PSpace",
-                 {{"HaveReadOrWriteAccess()", [&] { m_ps->BindObject(none); }},
-                  {"HaveReadOrWriteAccess()", [&] { m_ps->TryBindObject(none); }},
-                  {"HaveReadOrWriteAccess()", [&] { m_ps->BindObjectIfMemoryResident(none); }},
-                  {"HaveReadOrWriteAccess()", [&] { m_ps->GetRoot(nullptr); }},
-                  {"oid", [&] { m_ps->AsyncBind(none); }},
-                  {"HaveWriteAccess()", [&] { m_ps->AddRoot(nullptr, null); }},
-                  {"HaveWriteAccess()", [&] { m_ps->RemoveRoot(nullptr); }},
-                  {"HaveWriteAccess()", [&] { m_ps->MakeObjectPersist(null, true); }},
-                  {"HaveWriteAccess()", [&] { m_ps->MakeObjectPersistWithGivenOID(null, none, true); }},
-                  {"po", [&] { m_ps->MakeReachableObjectsPersist(null); }},
-                  {"GetOid(po)", [&] { m_ps->MakeReachableObjectsPersist(&transient); }},
-                  {"parent", [&] { m_ps->DeclareReachable(null, null, true); }},
-                  {"po", [&] { m_ps->MarkPersistableAsDirtyWithoutTrace(null); }},
-                  {"HaveWriteAccess()", [&] { m_ps->AddPOToDirtyObjectSet(null); }},
-                  {"HaveWriteAccess()", [&] { m_ps->SyncPermanentlyDeleteObject(&transient); }},
-                  {"HaveWriteAccess()", [&] { m_ps->SyncPermanentlyDeleteSubTree(&transient); }},
-                  {"HaveWriteAccess()", [&] { m_ps->AsyncPermanentlyDeleteSubTree(null); }},
-                  {"HaveWriteAccess()", [&] { m_ps->AsyncPermanentlyDeleteObject(null); }},
-                  {"0", [&] { m_ps->DeclareObjectDoesNotExist(none); }},
-                  {"po", [&] { m_ps->OnGarbageCollectPersistable(null); }}});
+    ExpectChecks("src/PSpace", {{"HaveReadOrWriteAccess()", [&] { m_ps->BindObject(none); }},
+                                {"HaveReadOrWriteAccess()", [&] { m_ps->TryBindObject(none); }},
+                                {"HaveReadOrWriteAccess()", [&] { m_ps->BindObjectIfMemoryResident(none); }},
+                                {"HaveReadOrWriteAccess()", [&] { m_ps->GetRoot(nullptr); }},
+                                {"oid", [&] { m_ps->AsyncBind(none); }},
+                                {"HaveWriteAccess()", [&] { m_ps->AddRoot(nullptr, null); }},
+                                {"HaveWriteAccess()", [&] { m_ps->RemoveRoot(nullptr); }},
+                                {"HaveWriteAccess()", [&] { m_ps->MakeObjectPersist(null, true); }},
+                                {"HaveWriteAccess()", [&] { m_ps->MakeObjectPersistWithGivenOID(null, none, true); }},
+                                {"po", [&] { m_ps->MakeReachableObjectsPersist(null); }},
+                                {"GetOid(po)", [&] { m_ps->MakeReachableObjectsPersist(&transient); }},
+                                {"parent", [&] { m_ps->DeclareReachable(null, null, true); }},
+                                {"po", [&] { m_ps->MarkPersistableAsDirtyWithoutTrace(null); }},
+                                {"HaveWriteAccess()", [&] { m_ps->AddPOToDirtyObjectSet(null); }},
+                                {"HaveWriteAccess()", [&] { m_ps->SyncPermanentlyDeleteObject(&transient); }},
+                                {"HaveWriteAccess()", [&] { m_ps->SyncPermanentlyDeleteSubTree(&transient); }},
+                                {"HaveWriteAccess()", [&] { m_ps->AsyncPermanentlyDeleteSubTree(null); }},
+                                {"HaveWriteAccess()", [&] { m_ps->AsyncPermanentlyDeleteObject(null); }},
+                                {"0", [&] { m_ps->DeclareObjectDoesNotExist(none); }},
+                                {"po", [&] { m_ps->OnGarbageCollectPersistable(null); }}});
     const SpaceScope scope(m_ps);
-    ExpectChecks("src/PSpace",
-                 {{"oid", [&] { m_ps->BindObject(none); }},
-                  {"oid", [&] { m_ps->TryBindObject(none); }},
-                  {"oid", [&] { m_ps->BindObjectIfMemoryResident(none); }},
-                  {"GetAssociatedCSpace(root) == m_cspace", [&] { m_ps->AddRoot(nullptr, &transient); }},
-                  {"po", [&] { m_ps->MakeObjectPersist(null, true); }},
-                  {"po", [&] { m_ps->MakeObjectPersistWithGivenOID(null, none, true); }},
-                  {"oid", [&] { m_ps->MakeObjectPersistWithGivenOID(&transient, none, true); }},
-                  {"GetAssociatedCSpace(po) == m_cspace", [&] { m_ps->MakeObjectPersistWithGivenOID(&transient, oid, true); }},
-                  {"po", [&] { m_ps->AddPOToDirtyObjectSet(null); }},
-                  {"GetOid(po)", [&] { m_ps->SyncPermanentlyDeleteObject(&transient); }},
-                  {"GetOid(po)", [&] { m_ps->SyncPermanentlyDeleteSubTree(&transient); }},
-                  {"!HaveLock(m_cspace)", [&] { m_ps->Close(); }}});
+    ExpectChecks("src/PSpace", {{"oid", [&] { m_ps->BindObject(none); }},
+                                {"oid", [&] { m_ps->TryBindObject(none); }},
+                                {"oid", [&] { m_ps->BindObjectIfMemoryResident(none); }},
+                                {"GetAssociatedCSpace(root) == m_cspace", [&] { m_ps->AddRoot(nullptr, &transient); }},
+                                {"po", [&] { m_ps->MakeObjectPersist(null, true); }},
+                                {"po", [&] { m_ps->MakeObjectPersistWithGivenOID(null, none, true); }},
+                                {"oid", [&] { m_ps->MakeObjectPersistWithGivenOID(&transient, none, true); }},
+                                {"GetAssociatedCSpace(po) == m_cspace",
+                                 [&] { m_ps->MakeObjectPersistWithGivenOID(&transient, oid, true); }},
+                                {"po", [&] { m_ps->AddPOToDirtyObjectSet(null); }},
+                                {"GetOid(po)", [&] { m_ps->SyncPermanentlyDeleteObject(&transient); }},
+                                {"GetOid(po)", [&] { m_ps->SyncPermanentlyDeleteSubTree(&transient); }},
+                                {"!HaveLock(m_cspace)", [&] { m_ps->Close(); }}});
     TestLeaf* const leaf = NewObject<TestLeaf>(1);
     ExpectChecks("src/PSpaceRoots", {{"name", [&] { m_ps->GetRoot(nullptr); }},
                                      {"strlen(name) > 0", [&] { m_ps->GetRoot(""); }},
@@ -167,24 +166,22 @@ TEST_F(ContractOfStore, SpacesCheckInThisOrder) {
                                      {"name", [&] { m_ps->RemoveRoot(nullptr); }},
                                      {"strlen(name) > 0", [&] { m_ps->RemoveRoot(""); }}});
     m_ps->MakeObjectPersist(leaf, false);
-    ExpectChecks("src/PSpace",
-                 {{"!GetOid(po)", [&] { m_ps->MakeObjectPersist(leaf, true); }},
-                  {"!GetOid(po)", [&] { m_ps->MakeObjectPersistWithGivenOID(leaf, oid, true); }},
-                  {"0", [&] { m_ps->SyncPermanentlyDeleteSubTree(leaf); }}});
+    ExpectChecks("src/PSpace", {{"!GetOid(po)", [&] { m_ps->MakeObjectPersist(leaf, true); }},
+                                {"!GetOid(po)", [&] { m_ps->MakeObjectPersistWithGivenOID(leaf, oid, true); }},
+                                {"0", [&] { m_ps->SyncPermanentlyDeleteSubTree(leaf); }}});
     ExpectChecks("src/PSpaceRoots", {{"!GetOid(root)", [&] { m_ps->AddRoot("r", leaf); }}});
 }
 
 TEST_F(ContractOfStore, DeletionRequestsCheckInThisOrder) {
     const SpaceScope scope(m_ps);
     DeletionQueue queue(false);
-    ExpectChecks("src/DeletionQueue",
-                 {{"pspace", [&] { queue.AsyncPermanentlyDeleteSubTree(nullptr, null); }},
-                  {"obj", [&] { queue.AsyncPermanentlyDeleteSubTree(m_ps, null); }},
-                  {"obj->RepresentsSubTree()",
-                   [&] { queue.AsyncPermanentlyDeleteSubTree(m_ps, NewObject<TestNoSubTree>()); }},
-                  {"pspace", [&] { queue.AsyncPermanentlyDeleteObject(nullptr, null); }},
-                  {"obj", [&] { queue.AsyncPermanentlyDeleteObject(m_ps, null); }},
-                  {"pspace", [&] { queue.AccumulateDelta(nullptr); }}});
+    ExpectChecks("src/DeletionQueue", {{"pspace", [&] { queue.AsyncPermanentlyDeleteSubTree(nullptr, null); }},
+                                       {"obj", [&] { queue.AsyncPermanentlyDeleteSubTree(m_ps, null); }},
+                                       {"obj->RepresentsSubTree()",
+                                        [&] { queue.AsyncPermanentlyDeleteSubTree(m_ps, NewObject<TestNoSubTree>()); }},
+                                       {"pspace", [&] { queue.AsyncPermanentlyDeleteObject(nullptr, null); }},
+                                       {"obj", [&] { queue.AsyncPermanentlyDeleteObject(m_ps, null); }},
+                                       {"pspace", [&] { queue.AccumulateDelta(nullptr); }}});
     RecordingLss& lss = m_store.Record();
     const AutoCloser<ILssTransaction> txn(lss.OpenTransaction());
     DeletionQueue dirty(true);
@@ -197,11 +194,14 @@ TEST_F(ContractOfStore, DeletionRequestsCheckInThisOrder) {
 TEST_F(ContractOfStore, TransactionsCheckInThisOrder) {
     PSpaceLockMode noSpace[] = {{nullptr, static_cast<ECSpaceLockMode>(3)}};
     PSpaceLockMode unlocked[] = {{m_ps, Exclusive}};
-    ExpectChecks("src/PersistStoreTxn",
-                 {{"ps", [] { PersistStoreTxn* txn = new PersistStoreTxn(nullptr, nullptr, 0); txn->Close(); }},
-                  {"L", [&] { OpenTxn(m_store.Get(), nullptr, 1); }},
-                  {"m.space", [&] { OpenTxn(m_store.Get(), noSpace, 1); }},
-                  {"HaveExclusiveLock(cs)", [&] { OpenTxn(m_store.Get(), unlocked, 1); }}});
+    ExpectChecks("src/PersistStoreTxn", {{"ps",
+                                          [] {
+                                              PersistStoreTxn* txn = new PersistStoreTxn(nullptr, nullptr, 0);
+                                              txn->Close();
+                                          }},
+                                         {"L", [&] { OpenTxn(m_store.Get(), nullptr, 1); }},
+                                         {"m.space", [&] { OpenTxn(m_store.Get(), noSpace, 1); }},
+                                         {"HaveExclusiveLock(cs)", [&] { OpenTxn(m_store.Get(), unlocked, 1); }}});
 }
 
 // ---- Orders ----

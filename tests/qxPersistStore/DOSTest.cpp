@@ -1,12 +1,11 @@
 #include "qxPersistStore/src/DOS.h"
 
 #include "qxPersistStore/src/PSpace.h"
-
 #include "tests/support/TestStore.h"
 
-#include <gtest/gtest.h>
-
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

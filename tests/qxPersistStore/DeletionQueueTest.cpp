@@ -2,7 +2,6 @@
 
 #include "qxPersistStore/PersistStoreExceptions.h"
 #include "qxPersistStore/src/PSpace.h"
-
 #include "tests/support/TestStore.h"
 
 #include <gtest/gtest.h>

@@ -3,12 +3,11 @@
 #include "qxPersistStore/PersistStoreExceptions.h"
 #include "qxPersistStore/src/PSpace.h"
 #include "qxUtils/Thread.h"
-
 #include "tests/support/TestStore.h"
 
-#include <gtest/gtest.h>
-
 #include <thread>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -156,8 +155,7 @@ TEST_F(DosWriterOfTest, ACleanMemberFailsBeforeAnythingIsWrittenAndTheGroupStays
     EXPECT_TRUE(lss.Log().empty());
     EXPECT_TRUE(a->HaveChangesToWriteToLss());
     EXPECT_TRUE(c->HaveChangesToWriteToLss());
-    for (PSpace* ps : {a, clean, c})
-        EXPECT_FALSE(HaveLock(ps->GetCSpace()));
+    for (PSpace* ps : {a, clean, c}) EXPECT_FALSE(HaveLock(ps->GetCSpace()));
     // The dirty members are tied again: the next call writes them together.
     a->WriteDirtyObjectsToLss(false);
     EXPECT_EQ(1, lss.Count("open"));
@@ -259,8 +257,7 @@ TEST_F(DosWriterOfTest, AWriteThatFailsCommitsWhatWasCompletedAndGivesTheLocksBa
     const OID second = AddLeaf(a);
     RecordingLss& lss = m_store.Record();
     lss.m_onWrite = [&](Seid seid) {
-        if (seid == second)
-            throw std::runtime_error("on the second");
+        if (seid == second) throw std::runtime_error("on the second");
     };
     const ThreadPSpaceScope pair(nullptr, nullptr);
     EXPECT_THROW(a->WriteDirtyObjectsToLss(false), std::runtime_error);

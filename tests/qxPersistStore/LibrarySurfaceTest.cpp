@@ -1,18 +1,15 @@
-#include "qxPersistStore/IPersistStore.h"
-
 #include "qxObject/ReflectedClass.h"
 #include "qxObject/ReflectedGlobalFunction.h"
 #include "qxObject/ReflectedInterface.h"
 #include "qxObject/Registry.h"
+#include "qxPersistStore/IPersistStore.h"
 #include "qxPersistStore/PersistStoreExceptions.h"
 #include "qxPersistStore/TypeInfo.h"
 #include "qxPersistStore/src/PSpace.h"
-
 #include "tests/support/TestStore.h"
 
-#include <gtest/gtest.h>
-
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -276,9 +273,9 @@ TEST(LibrarySurfaceWithoutAStore, TypeLookUpsNeedASpace) {
 
 TEST(Registration, EachPublicItemIsFoundByItsName) {
     RegisterTestObjects();
-    for (const char* name :
-         {"PersistStore", "PSpace", "PersistStoreTxn", "OID", "PersistObjState", "ClassNameTranslation",
-          "ClassNameTranslationTable", "LssSettings", "PersistStoreSettings", "PSpaceLockMode", "MAsyncBind", "BcTypeOps"})
+    for (const char* name : {"PersistStore", "PSpace", "PersistStoreTxn", "OID", "PersistObjState",
+                             "ClassNameTranslation", "ClassNameTranslationTable", "LssSettings", "PersistStoreSettings",
+                             "PSpaceLockMode", "MAsyncBind", "BcTypeOps"})
         EXPECT_NE(nullptr, FindReflectedClass((std::string("quna::") + name).c_str())) << name;
     for (const char* name : {"IPersistable", "IAsyncBindRequestHandler", "IPrefVisitor"})
         EXPECT_NE(nullptr, FindReflectedInterface((std::string("quna::") + name).c_str())) << name;
@@ -286,14 +283,33 @@ TEST(Registration, EachPublicItemIsFoundByItsName) {
         EXPECT_NE(nullptr, FindReflectedEnum((std::string("quna::") + name).c_str())) << name;
     for (const char* name : {"OidHigh", "OidLow", "SeidHigh", "SeidLow", "TypeOpsId"})
         EXPECT_NE(nullptr, FindReflectedTypedef((std::string("quna::") + name).c_str())) << name;
-    for (const char* name :
-         {"AddPSpaceRoot", "AsyncBindObjectInMemoryGivenOid", "AsyncPermanentlyDeleteObject",
-          "AsyncPermanentlyDeleteSubTree", "BindObjectGivenOid", "BindObjectInMemoryGivenOid", "ClosePSpaceTxn",
-          "DeclareReachable", "GetAssociatedLss", "GetAssociatedPersistStore", "GetAssociatedPSpace", "GetOid",
-          "GetPSpaceOfCSpace", "GetPSpaceRoot", "GetThreadPSpace", "MarkPersistentAsDirtyWithoutTrace",
-          "ObjectsBelongToDifferentPersistStores", "ObjectsBelongToDifferentPSpaces", "OnGarbageCollectPersistable",
-          "OpenPersistStore", "OpenPSpace", "OpenPSpaceTxn", "RemovePSpaceRoot", "SetThreadPSpace",
-          "SyncPermanentlyDeleteObject", "SyncPermanentlyDeleteSubTree", "TryBindObjectGivenOid"})
+    for (const char* name : {"AddPSpaceRoot",
+                             "AsyncBindObjectInMemoryGivenOid",
+                             "AsyncPermanentlyDeleteObject",
+                             "AsyncPermanentlyDeleteSubTree",
+                             "BindObjectGivenOid",
+                             "BindObjectInMemoryGivenOid",
+                             "ClosePSpaceTxn",
+                             "DeclareReachable",
+                             "GetAssociatedLss",
+                             "GetAssociatedPersistStore",
+                             "GetAssociatedPSpace",
+                             "GetOid",
+                             "GetPSpaceOfCSpace",
+                             "GetPSpaceRoot",
+                             "GetThreadPSpace",
+                             "MarkPersistentAsDirtyWithoutTrace",
+                             "ObjectsBelongToDifferentPersistStores",
+                             "ObjectsBelongToDifferentPSpaces",
+                             "OnGarbageCollectPersistable",
+                             "OpenPersistStore",
+                             "OpenPSpace",
+                             "OpenPSpaceTxn",
+                             "RemovePSpaceRoot",
+                             "SetThreadPSpace",
+                             "SyncPermanentlyDeleteObject",
+                             "SyncPermanentlyDeleteSubTree",
+                             "TryBindObjectGivenOid"})
         EXPECT_NE(nullptr, FindReflectedGlobalFunction((std::string("quna::") + name).c_str())) << name;
 }
 
@@ -312,16 +328,37 @@ TEST(Registration, MethodsStandInTheirOrder) {
               MethodNames("quna::PersistStore"));
     EXPECT_EQ((std::vector<std::string>{"Close", "GetPersistStore", "OpenPSpace", "TransferPSpace", "DestroyPSpace"}),
               MethodNames("quna::PersistStoreTxn"));
-    EXPECT_EQ(
-        (std::vector<std::string>{
-            "Close", "CreatedNew", "GetCSpace", "GetPersistStore", "GetName", "WriteDirtyObjectsToLss",
-            "MarkPersistableAsDirtyWithoutTrace", "BindObject", "BindObjectIfMemoryResident", "TryBindObject",
-            "MakeMemoryResident", "AsyncBind2", "AsyncBind", "GetAsyncBindRequestHandler", "SetAsyncBindRequestHandler",
-            "DeclareObjectDoesNotExist", "MakeObjectPersist", "AllocateOid", "GetOidHighForOidAllocations",
-            "SetOidHighForOidAllocations", "MakeObjectPersistWithGivenOID", "DeclareReachable",
-            "MakeReachableObjectsPersist", "GetRoot", "AddRoot", "RemoveRoot", "AsyncPermanentlyDeleteSubTree",
-            "AsyncPermanentlyDeleteObject", "SyncPermanentlyDeleteSubTree", "SyncPermanentlyDeleteObject"}),
-        MethodNames("quna::PSpace"));
+    EXPECT_EQ((std::vector<std::string>{"Close",
+                                        "CreatedNew",
+                                        "GetCSpace",
+                                        "GetPersistStore",
+                                        "GetName",
+                                        "WriteDirtyObjectsToLss",
+                                        "MarkPersistableAsDirtyWithoutTrace",
+                                        "BindObject",
+                                        "BindObjectIfMemoryResident",
+                                        "TryBindObject",
+                                        "MakeMemoryResident",
+                                        "AsyncBind2",
+                                        "AsyncBind",
+                                        "GetAsyncBindRequestHandler",
+                                        "SetAsyncBindRequestHandler",
+                                        "DeclareObjectDoesNotExist",
+                                        "MakeObjectPersist",
+                                        "AllocateOid",
+                                        "GetOidHighForOidAllocations",
+                                        "SetOidHighForOidAllocations",
+                                        "MakeObjectPersistWithGivenOID",
+                                        "DeclareReachable",
+                                        "MakeReachableObjectsPersist",
+                                        "GetRoot",
+                                        "AddRoot",
+                                        "RemoveRoot",
+                                        "AsyncPermanentlyDeleteSubTree",
+                                        "AsyncPermanentlyDeleteObject",
+                                        "SyncPermanentlyDeleteSubTree",
+                                        "SyncPermanentlyDeleteObject"}),
+              MethodNames("quna::PSpace"));
 }
 
 TEST(Registration, ASecondCallDoesNothing) {

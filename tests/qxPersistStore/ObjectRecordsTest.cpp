@@ -2,12 +2,11 @@
 #include "qxPersistStore/src/PSpace.h"
 #include "qxPersistStore/src/PersistStore.h"
 #include "qxPersistStore/src/StreamLengthCounter.h"
-
 #include "tests/support/TestStore.h"
 
-#include <gtest/gtest.h>
-
 #include <stdexcept>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -15,7 +14,9 @@ namespace {
 // Bytes in memory with what a log-structured store keeps readable behind them.
 class Record {
 public:
-    explicit Record(Bytes bytes) : m_size(bytes.size()), m_bytes(std::move(bytes)) { m_bytes.resize(m_size + 64, 0xA5); }
+    explicit Record(Bytes bytes) : m_size(bytes.size()), m_bytes(std::move(bytes)) {
+        m_bytes.resize(m_size + 64, 0xA5);
+    }
     const octet_t* Begin() const { return m_bytes.data(); }
     const octet_t* End() const { return m_bytes.data() + m_size; }
 
@@ -127,13 +128,16 @@ TEST_F(ObjectRecords, ABodyThatReadsAByteTooManyIsReported) {
     TestMisreader::s_numBytesRead = 6;
     const octet_t cid = Cid(GetReflectedClass<TestMisreader>());
     ExpectException<DeserialisePersistentObjectException>(
-        "Error deserialising object oid=" + TextOfSeid(m_oid) + " class=test::Misreader cid=1 size=6 read=7",
-        [&] { Load({cid, 7, 7, 7, 7, 7}); });
+        "Error deserialising object oid=" + TextOfSeid(m_oid) + " class=test::Misreader cid=1 size=6 read=7", [&] {
+            Load({cid, 7, 7, 7, 7, 7});
+        });
 }
 
 TEST_F(ObjectRecords, AClassIdOfZeroWithMoreBytesIsReportedWithoutAClass) {
     ExpectException<DeserialisePersistentObjectException>(
-        "Error deserialising object oid=" + TextOfSeid(m_oid) + " cid=0 size=3 read=1", [&] { Load({0, 1, 2}); });
+        "Error deserialising object oid=" + TextOfSeid(m_oid) + " cid=0 size=3 read=1", [&] {
+            Load({0, 1, 2});
+        });
 }
 
 TEST_F(ObjectRecords, AClassIdOfZeroAloneIsANullObject) {
@@ -195,8 +199,9 @@ TEST_F(ObjectRecords, HostileRecordsEndInAnException) {
         PutElement(*m_store->GetLss(), m_oid, Bytes(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(n)));
         EXPECT_THROW(m_store->AlwaysLoadPOGivenOid(m_oid), IException) << n;
     }
-    for (const Bytes& bytes : {Bytes{cid, 1, 0xF0, 0xFF, 0xFF, 0xFF, 0xFF}, Bytes{cid, 1, 0, 0, 0xF0, 0x7F, 0, 0, 0},
-                               Bytes{cid, 1, 0, 0xFF}, Bytes{0xFF}, Bytes{0xF0, 0xFF, 0xFF, 0xFF, 0xFF}, Bytes{cid, 9}}) {
+    for (const Bytes& bytes :
+         {Bytes{cid, 1, 0xF0, 0xFF, 0xFF, 0xFF, 0xFF}, Bytes{cid, 1, 0, 0, 0xF0, 0x7F, 0, 0, 0}, Bytes{cid, 1, 0, 0xFF},
+          Bytes{0xFF}, Bytes{0xF0, 0xFF, 0xFF, 0xFF, 0xFF}, Bytes{cid, 9}}) {
         PutElement(*m_store->GetLss(), m_oid, bytes);
         EXPECT_THROW(m_store->AlwaysLoadPOGivenOid(m_oid), IException);
     }

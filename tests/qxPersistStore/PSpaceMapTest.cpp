@@ -1,12 +1,11 @@
 #include "qxPersistStore/src/PSpaceMap.h"
 
 #include "qxPersistStore/PersistStoreExceptions.h"
-
 #include "tests/support/TestStore.h"
 
-#include <gtest/gtest.h>
-
 #include <thread>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -33,9 +32,8 @@ TEST_F(PSpaceMapOfTest, EachModeTreatsANameThatIsNotThereAsItsTableSays) {
     EXPECT_TRUE(Creates("read only", OM_OPEN_EXISTING_READ_ONLY));
     EXPECT_TRUE(Creates("shared read", OM_OPEN_EXISTING_SHARED_READ));
     EXPECT_TRUE(Creates("open always", OM_OPEN_ALWAYS));
-    ExpectException<OpenPSpaceException>(
-        "Could not open existing PSpace \"x\", a PSpace with that name does not exist",
-        [&] { m_store->OpenPSpace("x", OM_OPEN_EXISTING, nullptr); });
+    ExpectException<OpenPSpaceException>("Could not open existing PSpace \"x\", a PSpace with that name does not exist",
+                                         [&] { m_store->OpenPSpace("x", OM_OPEN_EXISTING, nullptr); });
     ExpectException<OpenPSpaceException>(
         "Could not delete existing PSpace \"x\", a PSpace with that name does not exist",
         [&] { m_store->OpenPSpace("x", OM_DELETE_EXISTING, nullptr); });
@@ -50,9 +48,8 @@ TEST_F(PSpaceMapOfTest, EachModeTreatsANameThatIsThereAsItsTableSays) {
         ps->AddRoot("leaf", NewObject<TestLeaf>(5));
     }
     m_store.CloseSpace(ps);
-    ExpectException<OpenPSpaceException>(
-        "Could not create new PSpace \"s\", a PSpace with that name already exists",
-        [&] { m_store->OpenPSpace("s", OM_CREATE_NEW, nullptr); });
+    ExpectException<OpenPSpaceException>("Could not create new PSpace \"s\", a PSpace with that name already exists",
+                                         [&] { m_store->OpenPSpace("s", OM_CREATE_NEW, nullptr); });
     for (const EOpenMode mode : {OM_CREATE_ALWAYS, OM_OPEN_EXISTING, OM_OPEN_EXISTING_READ_ONLY,
                                  OM_OPEN_EXISTING_SHARED_READ, OM_OPEN_ALWAYS, OM_DELETE_EXISTING}) {
         ps = m_store.OpenSpace("s", mode);
@@ -69,8 +66,7 @@ TEST_F(PSpaceMapOfTest, EachModeTreatsANameThatIsThereAsItsTableSays) {
 
 TEST_F(PSpaceMapOfTest, ASpaceIsOpenOnceOnly) {
     m_store.OpenSpace("s");
-    ExpectAssertion("e.m_ptr == __null", "src/PSpaceMap",
-                    [&] { m_store->OpenPSpace("s", OM_OPEN_ALWAYS, nullptr); });
+    ExpectAssertion("e.m_ptr == __null", "src/PSpaceMap", [&] { m_store->OpenPSpace("s", OM_OPEN_ALWAYS, nullptr); });
 }
 
 using PSpaceMapThreads = PSpaceMapOfTest;
@@ -82,8 +78,7 @@ TEST_F(PSpaceMapThreads, ANameUnderConstructionIsRefusedAtOnceAndHoldsNobodyUp) 
     RecordingLss& lss = m_store.Record();
     bool entered = false;
     lss.m_onRead = [&](Seid seid) {
-        if (seid != oid)
-            return;
+        if (seid != oid) return;
         entered = true; // in the constructor of the space
         std::thread([&] {
             ExpectAssertion("e.m_ptr == __null", "src/PSpaceMap",

@@ -2,13 +2,12 @@
 
 #include "qxPersistStore/PersistStoreExceptions.h"
 #include "qxPersistStore/src/PSpace.h"
-
 #include "tests/support/TestStore.h"
-
-#include <gtest/gtest.h>
 
 #include <functional>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -17,7 +16,9 @@ class PSpaceRootsOfTest : public ::testing::Test {
 protected:
     PSpaceRootsOfTest() : m_ps(m_store.OpenSpace("s")) {}
     PSpaceRoots& Roots() { return m_ps->m_roots; }
-    Bytes Record() { return Written([&](Archive& ar) { Roots().Serialise(ar); }); }
+    Bytes Record() {
+        return Written([&](Archive& ar) { Roots().Serialise(ar); });
+    }
     void ReopenSpace() {
         m_store.Reopen();
         m_ps = m_store.OpenSpace("s", OM_OPEN_EXISTING);
@@ -43,8 +44,8 @@ TEST_F(PSpaceRootsOfTest, TheRecordListsRootsInTheOrderOfTheirNames) {
     m_ps->AddRoot("b", b);
     m_ps->AddRoot("a", a);
     m_ps->AddRoot("Z", upper);
-    EXPECT_EQ((Bytes{1, 3, 1, 'Z'} + BytesOfOid(GetOid(upper)) + Bytes{1, 'a'} + BytesOfOid(GetOid(a)) +
-               Bytes{1, 'b'} + BytesOfOid(GetOid(b)) + BytesOfOid(Roots().m_dqOid)),
+    EXPECT_EQ((Bytes{1, 3, 1, 'Z'} + BytesOfOid(GetOid(upper)) + Bytes{1, 'a'} + BytesOfOid(GetOid(a)) + Bytes{1, 'b'} +
+               BytesOfOid(GetOid(b)) + BytesOfOid(Roots().m_dqOid)),
               Record());
     EXPECT_TRUE(Roots().m_dirty); // serialising does not touch the flag
 }

@@ -2,12 +2,11 @@
 
 #include "qxPersistStore/PersistStoreExceptions.h"
 #include "qxPersistStore/ReachablePrefVisitors.h"
-
 #include "tests/support/TestStore.h"
 
-#include <gtest/gtest.h>
-
 #include <thread>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

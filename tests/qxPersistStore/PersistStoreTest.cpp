@@ -3,15 +3,14 @@
 #include "qxLss/CorruptLSSException.h"
 #include "qxObject/QunaSystemException.h"
 #include "qxPersistStore/PersistStoreExceptions.h"
-
 #include "tests/support/TestStore.h"
-
-#include <gtest/gtest.h>
 
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <thread>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -276,8 +275,7 @@ TEST(PersistStore, OpenedReadOnlyItReadsAndLeavesTheFileAsItIs) {
 }
 
 TEST(PersistStore, WithAWriterOpenIsClosedCleanlyAtOnce) {
-    for (int i = 0; i < 5; ++i)
-        const TestStore store{PersistStoreSettings()};
+    for (int i = 0; i < 5; ++i) const TestStore store{PersistStoreSettings()};
 }
 
 // ---- The root record ----
@@ -311,8 +309,8 @@ TEST(RootPersistStoreObject, WithAClassItHoldsTheClassesName) {
     TestStore store;
     MakeStoreWithTwoClasses(store);
     const BareLss lss(store.Path());
-    const Bytes expected = Bytes{2, 1, 2} + BytesOfString("test::Leaf") + BytesOfString("test::Node") +
-                           Bytes{1, 0, 0, 0, 1, 0};
+    const Bytes expected =
+        Bytes{2, 1, 2} + BytesOfString("test::Leaf") + BytesOfString("test::Node") + Bytes{1, 0, 0, 0, 1, 0};
     EXPECT_EQ(expected, ElementOf(*lss, ROOT_PERSISTSTORE_OBJECT_SEID));
 }
 

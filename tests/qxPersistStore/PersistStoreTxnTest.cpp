@@ -2,14 +2,13 @@
 
 #include "qxPersistStore/PersistStoreExceptions.h"
 #include "qxPersistStore/src/PSpace.h"
-
 #include "tests/support/TestStore.h"
-
-#include <gtest/gtest.h>
 
 #include <csignal>
 #include <stdexcept>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -190,7 +189,8 @@ TEST_F(PersistStoreTxnOfTest, TheFreeFormOpensASpaceUnlockedAndAlone) {
     EXPECT_EQ("x", Ring(x));
     x->Close();
     EXPECT_THROW(OpenPSpace(m_store.Get(), "x", OM_CREATE_NEW, nullptr), OpenPSpaceException);
-    ExpectAssertion("ps", "src/PersistStoreTxn", [] { OpenPSpace(static_cast<PersistStore*>(nullptr), "x", OM_OPEN_ALWAYS, nullptr); });
+    ExpectAssertion("ps", "src/PersistStoreTxn",
+                    [] { OpenPSpace(static_cast<PersistStore*>(nullptr), "x", OM_OPEN_ALWAYS, nullptr); });
 }
 
 TEST_F(PersistStoreTxnOfTest, OnTheThreadsSpaceItLocksAndUnlocks) {

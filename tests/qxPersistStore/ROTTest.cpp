@@ -1,14 +1,13 @@
 #include "qxPersistStore/src/ROT.h"
 
 #include "qxPersistStore/src/PSpace.h"
-
 #include "tests/support/TestStore.h"
-
-#include <gtest/gtest.h>
 
 #include <set>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

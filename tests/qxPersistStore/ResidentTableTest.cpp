@@ -2,11 +2,11 @@
 
 #include "tests/support/TestObjects.h"
 
-#include <gtest/gtest.h>
-
 #include <map>
 #include <random>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -86,9 +86,7 @@ void RunAgainstModel(unsigned seed, int numSteps, SeidLow range) {
             break;
         }
         case 3:
-        case 4:
-            ASSERT_EQ(static_cast<ssize_t>(model.erase(oid)), table.erase(oid));
-            break;
+        case 4: ASSERT_EQ(static_cast<ssize_t>(model.erase(oid)), table.erase(oid)); break;
         case 5:
             if (random() % 500 == 0) {
                 table.clear();

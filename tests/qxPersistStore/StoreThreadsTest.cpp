@@ -2,11 +2,8 @@
 // for their own checks.
 #include "qxPersistStore/src/PSpace.h"
 #include "qxPersistStore/src/PersistStoreTxn.h"
-
 #include "tests/support/Sanitized.h"
 #include "tests/support/TestStore.h"
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <functional>
@@ -14,6 +11,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -121,7 +120,8 @@ TEST_F(StoreThreads, TheSumOverTwoSpacesOfAGroupIsConserved) {
             ASSERT_EQ(2000, sum);
         }
     });
-    RunTogether({[&] { transfer(1); }, [&] { transfer(2); }, [&] {
+    RunTogether({[&] { transfer(1); }, [&] { transfer(2); },
+                 [&] {
                      for (int i = 0; i < 50 / SLOWNESS; ++i) m_store->WriteAllDirtyObjectsToLss(i % 4 == 0);
                  }});
     stop = true;
@@ -169,11 +169,13 @@ TEST_F(StoreThreads, SpacesGrowAreReadCollectedWrittenOpenedAndClosedAtOnce) {
         }
     };
     const auto collect = [&] {
-        for (int i = 0; i < 200 / SLOWNESS; ++i) SynchronousGc(m_spaces[static_cast<std::size_t>(i % NUM_SPACES)]->GetCSpace());
+        for (int i = 0; i < 200 / SLOWNESS; ++i)
+            SynchronousGc(m_spaces[static_cast<std::size_t>(i % NUM_SPACES)]->GetCSpace());
     };
     const auto openAndClose = [&](const std::string& prefix) {
         for (int i = 0; i < 60 / SLOWNESS; ++i) {
-            PSpace* const ps = OpenPSpace(m_store.Get(), (prefix + std::to_string(i % 10)).c_str(), OM_OPEN_ALWAYS, nullptr);
+            PSpace* const ps =
+                OpenPSpace(m_store.Get(), (prefix + std::to_string(i % 10)).c_str(), OM_OPEN_ALWAYS, nullptr);
             {
                 const SpaceScope scope(ps);
                 if (!ps->GetRoot("root")) ps->AddRoot("root", NewObject<TestNode>("visitor"));
@@ -184,8 +186,10 @@ TEST_F(StoreThreads, SpacesGrowAreReadCollectedWrittenOpenedAndClosedAtOnce) {
     };
     const auto write = [&] {
         for (int i = 0; i < 60 / SLOWNESS; ++i) {
-            if (i % 3 == 0) m_store->WriteAllDirtyObjectsToLss(i % 2 == 0);
-            else m_spaces[static_cast<std::size_t>(i % NUM_SPACES)]->WriteDirtyObjectsToLss(i % 2 == 0);
+            if (i % 3 == 0)
+                m_store->WriteAllDirtyObjectsToLss(i % 2 == 0);
+            else
+                m_spaces[static_cast<std::size_t>(i % NUM_SPACES)]->WriteDirtyObjectsToLss(i % 2 == 0);
         }
     };
     RunTogether({[&] { grow(1); }, [&] { grow(2); }, [&] { read(3); }, [&] { read(4); }, collect,
@@ -250,7 +254,15 @@ TEST_F(StoreThreads, TheWriterAndAThreadThatLocksSpacesInItsOwnOrderNeverHang) {
             AccountOf(m_spaces[s]).MarkAsDirtyWithoutTrace();
         }
     };
-    RunTogether({[&] { lockInOrder({0, 1, 2, 3}); }, [&] { lockInOrder({3, 2, 1, 0}); }, [&] { lockInOrder({2, 0}); },
+    RunTogether({[&] {
+                     lockInOrder({0, 1, 2, 3});
+                 },
+                 [&] {
+                     lockInOrder({3, 2, 1, 0});
+                 },
+                 [&] {
+                     lockInOrder({2, 0});
+                 },
                  [&] { lockOne(1); }, [&] { lockOne(3); }});
 }
 

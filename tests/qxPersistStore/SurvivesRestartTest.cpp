@@ -1,11 +1,8 @@
 // The way of objects through the end of a process and back.
 #include "qxPersistStore/src/PSpace.h"
 #include "qxPersistStore/src/PersistStoreTxn.h"
-
 #include "tests/support/Sanitized.h"
 #include "tests/support/TestStore.h"
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <csignal>
@@ -15,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -59,8 +57,7 @@ void RunOnSmallStack(const std::function<void()>& action) {
 pid_t StartChild(const std::function<void()>& action) {
     const pid_t child = fork();
     EXPECT_GE(child, 0);
-    if (child != 0)
-        return child;
+    if (child != 0) return child;
     try {
         action();
     } catch (const std::exception& e) {
@@ -156,7 +153,8 @@ TEST_F(SurvivesRestart, ALongChainIsAttachedCollectedAndClosedOnASmallStack) {
     {
         const SpaceScope scope(ps, SharedRead);
         int length = 0;
-        for (const auto* node = static_cast<const TestNode*>(ps->GetRoot("head").m_self); node; node = node->m_next.Get())
+        for (const auto* node = static_cast<const TestNode*>(ps->GetRoot("head").m_self); node;
+             node = node->m_next.Get())
             ++length;
         EXPECT_EQ(CHAIN_LENGTH, length);
     }
@@ -205,7 +203,8 @@ TEST_F(SurvivesRestart, IdentifiersOfAProcessThatClosedNothingAreNotGivenOutAgai
     close(pipeEnds[1]);
     OID last;
     uint64 value = 0;
-    while (read(pipeEnds[0], &value, 8) == 8) last = std::max(last, OID(Seid(value)), [](OID x, OID y) { return x < y; });
+    while (read(pipeEnds[0], &value, 8) == 8)
+        last = std::max(last, OID(Seid(value)), [](OID x, OID y) { return x < y; });
     close(pipeEnds[0]);
     ASSERT_TRUE(last);
     PersistStore* const store = Open(OM_OPEN_EXISTING);
@@ -219,7 +218,8 @@ TEST_F(SurvivesRestart, AKilledProcessLeavesTheSpacesOfAGroupAtOneMoment) {
     const pid_t child = StartChild([&] {
         PersistStore* const store = Open(OM_CREATE_NEW, PersistStoreSettings());
         store->SetDosPeriod(1);
-        PSpace* spaces[] = {OpenPSpace(store, "a", OM_CREATE_NEW, nullptr), OpenPSpace(store, "b", OM_CREATE_NEW, nullptr)};
+        PSpace* spaces[] = {OpenPSpace(store, "a", OM_CREATE_NEW, nullptr),
+                            OpenPSpace(store, "b", OM_CREATE_NEW, nullptr)};
         CSpace* domains[] = {spaces[0]->GetCSpace(), spaces[1]->GetCSpace()};
         int64 told = 0;
         for (int32 i = 0;; ++i) {
@@ -228,8 +228,7 @@ TEST_F(SurvivesRestart, AKilledProcessLeavesTheSpacesOfAGroupAtOneMoment) {
             store->GetLss()->GetStats(stats);
             if (i > 0 && stats.numTransactions > 1 && stats.numTransactions != told) {
                 told = stats.numTransactions;
-                if (write(pipeEnds[1], "x", 1) != 1)
-                    _exit(1);
+                if (write(pipeEnds[1], "x", 1) != 1) _exit(1);
             }
             const MultipleCSpaceLock locks(domains, 2, Exclusive);
             PSpaceLockMode members[] = {{spaces[0], Exclusive}, {spaces[1], Exclusive}};

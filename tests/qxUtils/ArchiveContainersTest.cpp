@@ -2,13 +2,12 @@
 
 #include "qxUtils/Archivexdeque.h"
 #include "qxUtils/Exceptions.h"
-
 #include "tests/qxUtils/ByteSink.h"
-
-#include <gtest/gtest.h>
 
 #include <map>
 #include <string>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

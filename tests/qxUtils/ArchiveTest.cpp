@@ -2,14 +2,13 @@
 
 #include "qxUtils/ArchiveContainers.h"
 #include "qxUtils/Exceptions.h"
-
 #include "tests/qxUtils/ByteSink.h"
 #include "tests/support/ExpectAssertion.h"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <stdexcept>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -45,10 +44,9 @@ TEST(Archive, WritesScalarsAsTheirOwnLittleEndianBytes) {
         ar << int8{-2} << uint8{7} << int16{-2} << uint16{0x1234} << int32{-2} << uint32{0x12345678} << int64{-2}
            << uint64{0x123456789abcdef0} << float32{1.5f} << float64{-2.0} << 'c' << true << false;
     });
-    const Bytes expected = {0xfe, 7,    0xfe, 0xff, 0x34, 0x12, 0xfe, 0xff, 0xff, 0xff, 0x78, 0x56, 0x34, 0x12,
-                            0xfe, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xf0, 0xde, 0xbc, 0x9a, 0x78, 0x56,
-                            0x34, 0x12, 0,    0,    0xc0, 0x3f, 0,    0,    0,    0,    0,    0,    0,    0xc0,
-                            'c',  1,    0};
+    const Bytes expected = {0xfe, 7,    0xfe, 0xff, 0x34, 0x12, 0xfe, 0xff, 0xff, 0xff, 0x78, 0x56, 0x34, 0x12, 0xfe,
+                            0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xf0, 0xde, 0xbc, 0x9a, 0x78, 0x56, 0x34, 0x12,
+                            0,    0,    0xc0, 0x3f, 0,    0,    0,    0,    0,    0,    0,    0xc0, 'c',  1,    0};
     EXPECT_EQ(expected, bytes);
 }
 

@@ -1,7 +1,6 @@
 #include "qxUtils/Assert.h"
 
 #include "qxUtils/Exceptions.h"
-
 #include "tests/support/ExpectAssertion.h"
 
 #include <gtest/gtest.h>

@@ -1,11 +1,11 @@
 #include "qxUtils/AsyncJobQueue.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

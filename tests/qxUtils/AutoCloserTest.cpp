@@ -1,8 +1,8 @@
 #include "qxUtils/AutoCloser.h"
 
-#include <gtest/gtest.h>
-
 #include <stdexcept>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -12,17 +12,16 @@ struct Closeable {
     bool m_fails = false;
     void Close() {
         ++m_numCloses;
-        if (m_fails)
-            throw std::runtime_error("Close failed");
+        if (m_fails) throw std::runtime_error("Close failed");
     }
 };
 
 // Keeps the trace of a swallowed exception off standard error.
 class SilentTrace {
 public:
-    SilentTrace() : m_previous(SetTraceSink({this, [](void* self, const char*, ssize_t) {
-                                                 ++static_cast<SilentTrace*>(self)->m_numTexts;
-                                             }})) {}
+    SilentTrace()
+        : m_previous(SetTraceSink(
+              {this, [](void* self, const char*, ssize_t) { ++static_cast<SilentTrace*>(self)->m_numTexts; }})) {}
     ~SilentTrace() { SetTraceSink(m_previous); }
     SilentTrace(const SilentTrace&) = delete;
     SilentTrace& operator=(const SilentTrace&) = delete;

@@ -1,10 +1,10 @@
 #include "qxUtils/Event.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

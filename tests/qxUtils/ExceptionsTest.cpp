@@ -2,9 +2,9 @@
 
 #include "tests/support/ExpectAssertion.h"
 
-#include <gtest/gtest.h>
-
 #include <string>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

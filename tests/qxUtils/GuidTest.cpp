@@ -1,10 +1,10 @@
 #include "qxUtils/Guid.h"
 
-#include <gtest/gtest.h>
-
 #include <map>
 #include <set>
 #include <type_traits>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

@@ -1,8 +1,8 @@
 #include "qxUtils/HPTime.h"
 
-#include <gtest/gtest.h>
-
 #include <chrono>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

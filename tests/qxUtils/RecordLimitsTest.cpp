@@ -6,15 +6,14 @@
 #include "qxUtils/Exceptions.h"
 #include "qxUtils/Schema.h"
 #include "qxUtils/VariableLengthSerialise.h"
-
 #include "tests/qxUtils/ByteSink.h"
-
-#include <gtest/gtest.h>
 
 #include <map>
 #include <memory>
 #include <random>
 #include <thread>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -111,14 +110,28 @@ TEST(RecordLimits, ReadsOfEverySizeStopWithinTheSlack) {
         const Record record({1, 1, 1});
         const RecordLimitsScope limits(record.Begin(), record.End());
         InputArchive ar(record.Begin());
-        EXPECT_THROW(
-            for (int i = 0; i < 1000; ++i) ar = readOne(ar), RecordException);
+        EXPECT_THROW(for (int i = 0; i < 1000; ++i) ar = readOne(ar), RecordException);
     };
-    runOut([](InputArchive ar) { uint16 x = 0; return ar >> x; });
-    runOut([](InputArchive ar) { uint64 x = 0; return ar >> x; });
-    runOut([](InputArchive ar) { Guid x; return ar >> x; });
-    runOut([](InputArchive ar) { bool x = false; return ar >> x; });
-    runOut([](InputArchive ar) { xstring x; return ar >> x; });
+    runOut([](InputArchive ar) {
+        uint16 x = 0;
+        return ar >> x;
+    });
+    runOut([](InputArchive ar) {
+        uint64 x = 0;
+        return ar >> x;
+    });
+    runOut([](InputArchive ar) {
+        Guid x;
+        return ar >> x;
+    });
+    runOut([](InputArchive ar) {
+        bool x = false;
+        return ar >> x;
+    });
+    runOut([](InputArchive ar) {
+        xstring x;
+        return ar >> x;
+    });
     runOut([](InputArchive ar) {
         uint32 x = 0;
         return InputArchive(DeserialiseVariableLengthUint(ar, x));
@@ -146,8 +159,7 @@ TEST(RecordLimits, TheSlackMayHoldAnyBytes) {
         EXPECT_THROW(
             {
                 const InputArchive end = InputArchive(record.Begin()) >> map;
-                if (end.ptr() != record.End())
-                    throw RecordException("overrun seen by the owner");
+                if (end.ptr() != record.End()) throw RecordException("overrun seen by the owner");
             },
             RecordException);
     }

@@ -1,7 +1,6 @@
 #include "qxUtils/Schema.h"
 
 #include "qxUtils/Exceptions.h"
-
 #include "tests/qxUtils/ByteSink.h"
 
 #include <gtest/gtest.h>

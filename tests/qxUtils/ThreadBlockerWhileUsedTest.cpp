@@ -2,10 +2,10 @@
 
 #include "tests/support/ExpectAssertion.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <thread>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

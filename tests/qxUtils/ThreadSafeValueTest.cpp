@@ -1,9 +1,9 @@
 #include "qxUtils/ThreadSafeValue.h"
 
-#include <gtest/gtest.h>
-
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {
@@ -29,8 +29,7 @@ TEST(ThreadSafeCountThreads, ExactlyOneOwnerIsTheLast) {
         std::vector<std::thread> owners;
         for (int i = 0; i < 4; ++i)
             owners.emplace_back([&] {
-                if (--count == 0)
-                    numLast.Set(numLast.Get() + 1);
+                if (--count == 0) numLast.Set(numLast.Get() + 1);
             });
         for (std::thread& owner : owners) owner.join();
         EXPECT_EQ(1, numLast.Get());

@@ -1,10 +1,9 @@
 #include "qxUtils/Thread.h"
 
-#include <gtest/gtest.h>
-
 #include <string>
 #include <thread>
 
+#include <gtest/gtest.h>
 #include <pthread.h>
 
 namespace quna {

@@ -1,10 +1,10 @@
 #include "qxUtils/Tracer.h"
 
-#include <gtest/gtest.h>
-
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

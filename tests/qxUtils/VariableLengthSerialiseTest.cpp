@@ -1,14 +1,13 @@
 #include "qxUtils/VariableLengthSerialise.h"
 
 #include "qxUtils/Exceptions.h"
-
 #include "tests/qxUtils/ByteSink.h"
 #include "tests/support/ExpectAssertion.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <random>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

@@ -1,13 +1,12 @@
 #include "qxUtils/xostream.h"
 
 #include "qxUtils/Guid.h"
-
 #include "tests/qxUtils/ByteSink.h"
-
-#include <gtest/gtest.h>
 
 #include <limits>
 #include <string>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

@@ -1,9 +1,9 @@
 #include "qxUtils/xstring.h"
 
-#include <gtest/gtest.h>
-
 #include <map>
 #include <string>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

@@ -1,12 +1,12 @@
 #include "qxUtils/xvector.h"
 
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 namespace {

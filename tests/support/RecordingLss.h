@@ -33,16 +33,13 @@ public:
             const std::lock_guard lock(m_mutex);
             m_affiliateHints.push_back(seid);
         }
-        if (m_refuseAffiliates)
-            return false;
+        if (m_refuseAffiliates) return false;
         const bool allocated = m_inner->AllocateAffiliateSeid(seid);
-        if (m_affiliateInWrongSpace)
-            seid.high_ += 1;
+        if (m_affiliateInWrongSpace) seid.high_ += 1;
         return allocated;
     }
     IContiguousSerialElement* OpenSerialElement(Seid seid) override {
-        if (m_onRead)
-            m_onRead(seid);
+        if (m_onRead) m_onRead(seid);
         return m_inner->OpenSerialElement(seid);
     }
     ILssTransaction* OpenTransaction() override {
@@ -101,11 +98,9 @@ private:
             m_inner->RequestFlushToDisk();
         }
         ICloseableOutputStream* WriteSerialElement(Seid seid) override {
-            if (m_lss.m_onWrite)
-                m_lss.m_onWrite(seid);
+            if (m_lss.m_onWrite) m_lss.m_onWrite(seid);
             m_lss.Note("write " + TextOfSeid(seid));
-            if (m_lss.m_givesNoStream)
-                return nullptr;
+            if (m_lss.m_givesNoStream) return nullptr;
             return m_inner->WriteSerialElement(seid);
         }
         bool DeleteSerialElement(Seid seid) override {
@@ -125,8 +120,7 @@ private:
     }
     int CountLocked(const std::string& text) const {
         int n = 0;
-        for (const std::string& entry : m_log)
-            n += entry == text;
+        for (const std::string& entry : m_log) n += entry == text;
         return n;
     }
 

@@ -64,16 +64,14 @@ class TestNode : public PersistableMixin<IObjectBaseMixin<TestNode, EmptyBase>>,
 public:
     TestNode() = default;
     explicit TestNode(ConstStringZ name, std::initializer_list<ptr<IPersistable>> children = {}) : m_name(name) {
-        for (const ptr<IPersistable>& child : children)
-            m_children.push_back(pref<IPersistable>(child));
+        for (const ptr<IPersistable>& child : children) m_children.push_back(pref<IPersistable>(child));
     }
 
     void Serialise(Archive& ar) const {
         SerialiseSchema(ar, 1);
         ar << m_name << m_next;
         Serialise_ssize_t(ar, m_children.size());
-        for (const pref<IPersistable>& child : m_children)
-            ar << child;
+        for (const pref<IPersistable>& child : m_children) ar << child;
     }
     InputArchive Deserialise(InputArchive ar) {
         int schema = 0;
@@ -81,19 +79,16 @@ public:
         ssize_t n = 0;
         ar = DeserialiseCount(ar, n);
         m_children.resize(n);
-        for (pref<IPersistable>& child : m_children)
-            ar = ar >> child;
+        for (pref<IPersistable>& child : m_children) ar = ar >> child;
         return ar;
     }
     void VisitPrefs(IPrefVisitor& visitor) const {
         visitor << m_next;
-        for (const pref<IPersistable>& child : m_children)
-            visitor << child;
+        for (const pref<IPersistable>& child : m_children) visitor << child;
     }
     void VisitObjects(IObjectVisitor& visitor) const {
         visitor << m_next;
-        for (const pref<IPersistable>& child : m_children)
-            visitor << child;
+        for (const pref<IPersistable>& child : m_children) visitor << child;
     }
 
     xstring m_name;
@@ -106,8 +101,7 @@ QX_REFLECT_PERSISTENT_CLASS(TestNode, "test::Node")
 class TestMisreader : public PersistableMixin<IObjectBaseMixin<TestMisreader, EmptyBase>> {
 public:
     void Serialise(Archive& ar) const {
-        for (int i = 0; i < s_numBytesWritten; ++i)
-            ar << uint8{7};
+        for (int i = 0; i < s_numBytesWritten; ++i) ar << uint8{7};
     }
     InputArchive Deserialise(InputArchive ar) { return ar += s_numBytesRead; }
     static inline int s_numBytesWritten = 5;
@@ -122,12 +116,10 @@ public:
     void Serialise(Archive& ar) const {
         SerialiseSchema(ar, 1);
         ar << m_value;
-        if (s_throwInSerialise)
-            throw std::runtime_error("Serialise");
+        if (s_throwInSerialise) throw std::runtime_error("Serialise");
     }
     InputArchive Deserialise(InputArchive ar) {
-        if (s_throwInDeserialise)
-            throw std::runtime_error("Deserialise");
+        if (s_throwInDeserialise) throw std::runtime_error("Deserialise");
         int schema = 0;
         return DeserialiseSchema(ar, 1, schema) >> m_value;
     }
@@ -173,7 +165,8 @@ public:
 QX_REFLECT_PERSISTENT_CLASS(TestNoFactory, "test::NoFactory")
 
 // An object of the object system that is not persistable.
-class TestPlainObject : public IObjectBaseMixin<TestPlainObject, EmptyBase>, public CountsItsObjects<TestPlainObject> {};
+class TestPlainObject : public IObjectBaseMixin<TestPlainObject, EmptyBase>,
+                        public CountsItsObjects<TestPlainObject> {};
 QX_REFLECT_CLASS(TestPlainObject, "test::PlainObject")
 
 // Registers the store's library and the classes above, once a process.

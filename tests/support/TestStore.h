@@ -11,18 +11,17 @@
 #include "qxUtils/AutoCloser.h"
 #include "qxUtils/IStream.h"
 #include "qxUtils/Tracer.h"
-
 #include "tests/support/ExpectAssertion.h"
 #include "tests/support/RecordingLss.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/TestObjects.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace quna {
 
@@ -153,8 +152,7 @@ public:
         m_store = OpenPersistStore(Path().c_str(), mode, settings);
     }
     void Close() {
-        while (!m_spaces.empty())
-            CloseSpace(m_spaces.back());
+        while (!m_spaces.empty()) CloseSpace(m_spaces.back());
         if (m_store) {
             m_store->Close();
             m_store = nullptr;

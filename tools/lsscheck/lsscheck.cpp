@@ -33,8 +33,7 @@ void ReadElement(ILogStructuredStore& lss, Seid seid, Findings& findings) {
         findings.bytes += size;
         findings.longest = size > findings.longest ? size : findings.longest;
     } catch (const std::exception& e) {
-        if (++findings.damaged > MAX_REPORTED)
-            return;
+        if (++findings.damaged > MAX_REPORTED) return;
         StringStream name;
         name << seid;
         std::printf("element %s: %s\n", name.c_str(), e.what());
@@ -43,19 +42,22 @@ void ReadElement(ILogStructuredStore& lss, Seid seid, Findings& findings) {
 
 int Check(const char* path) {
     bool createdNew = false;
-    LssStore& lss = *static_cast<LssStore*>(CreateOrOpenLSS(path, nullptr, createdNew, OM_OPEN_EXISTING_READ_ONLY, LssSettings()));
+    LssStore& lss =
+        *static_cast<LssStore*>(CreateOrOpenLSS(path, nullptr, createdNew, OM_OPEN_EXISTING_READ_ONLY, LssSettings()));
     AutoCloser<ILogStructuredStore> closer(&lss);
     Findings findings;
     lss.VisitElements([&](Seid seid, Location) { ReadElement(lss, seid, findings); });
     LssStats stats{};
     lss.GetStats(stats);
-    std::printf("file            %lld bytes in segments of %d\n", static_cast<long long>(stats.fileSize), stats.segmentSize);
+    std::printf("file            %lld bytes in segments of %d\n", static_cast<long long>(stats.fileSize),
+                stats.segmentSize);
     std::printf("elements        %lld, %lld bytes, the longest %lld\n", static_cast<long long>(findings.elements),
                 static_cast<long long>(findings.bytes), static_cast<long long>(findings.longest));
-    std::printf("packets         %d heads, %d overflow, %d index; %d obsolete; %lld live bytes\n", stats.numLiveHeadPackets,
-                stats.numLiveOverflowPackets, stats.numLiveRPMPackets, stats.numObsoletePackets, static_cast<long long>(stats.utilisation));
-    std::printf("life            %lld transactions, %d checkpoints, %d recoveries\n", static_cast<long long>(stats.numTransactions),
-                stats.numCheckPoints, stats.numRecoveries);
+    std::printf("packets         %d heads, %d overflow, %d index; %d obsolete; %lld live bytes\n",
+                stats.numLiveHeadPackets, stats.numLiveOverflowPackets, stats.numLiveRPMPackets,
+                stats.numObsoletePackets, static_cast<long long>(stats.utilisation));
+    std::printf("life            %lld transactions, %d checkpoints, %d recoveries\n",
+                static_cast<long long>(stats.numTransactions), stats.numCheckPoints, stats.numRecoveries);
     if (findings.damaged) {
         std::printf("DAMAGED         %lld elements can't be read\n", static_cast<long long>(findings.damaged));
         return 1;
@@ -69,7 +71,8 @@ int Check(const char* path) {
 
 int main(int argc, char** argv) {
     if (argc != 2 || std::strcmp(argv[1], "--help") == 0) {
-        std::printf("Usage: lsscheck STORE\nReads a store file whole and says whether it is sound. Nothing is written.\n");
+        std::printf(
+            "Usage: lsscheck STORE\nReads a store file whole and says whether it is sound. Nothing is written.\n");
         return argc == 2 ? 0 : 2;
     }
     try {
