@@ -70,6 +70,9 @@ public:
     virtual void Close() = 0;
     // Close returns only when the transaction, and all before it, are on the disk.
     virtual void RequestFlushToDisk() = 0;
+    // Close forgets everything, and changes nothing, when an exception passes that began after the transaction was
+    // opened; otherwise what was completed is committed then too. For changes that are wrong in part.
+    virtual void RequestDropWhenUnwinding() {}
     // A stream that replaces the element. One at a time. Requires: `seid` was allocated from this store.
     virtual ICloseableOutputStream* WriteSerialElement(Seid seid) = 0;
     // Removes the element; did it exist, as this transaction sees it?

@@ -19,9 +19,9 @@ struct ReflectedClass;
 
 // The system record of an object: what its domain and its collector keep about it.
 //
-// Threads: everything under the lock of the object's domain, without atomics: m_cspace, marked_, objflags_ and m_size
-//   change only under an exclusive lock or before a second thread can reach the object. The touch time alone is stored
-//   by readers that run side by side, and is reached only through its two functions.
+// Threads: m_cspace, marked_ and objflags_ change only under an exclusive lock of the object's domain or before a second
+//   thread can reach the object, without atomics. m_size and the touch time may change under a shared lock: the size is
+//   reached through std::atomic_ref, by the domain alone; the touch time through its two functions.
 struct ObjSysState {
     bool GetFlag(int flag) const noexcept { return (objflags_ & static_cast<uint32>(flag)) != 0; }
     void SetFlag(int flag) noexcept { objflags_ |= static_cast<uint32>(flag); }

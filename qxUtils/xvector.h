@@ -18,7 +18,7 @@ namespace quna {
 template <class T>
 class xvector {
     static_assert(alignof(T) <= alignof(std::max_align_t));
-    static constexpr ssize_t ELEMENT_SIZE = static_cast<ssize_t>(sizeof(T));
+    static constexpr ssize_t ELEMENT_SIZE = static_cast<ssize_t>(sizeof(T)); // NOLINT(bugprone-sizeof-expression)
 
 public:
     using value_type = T;

@@ -97,7 +97,8 @@ StorePtr Create(const OpenRequest& request, bool replace) {
 }
 
 StorePtr OpenFile(std::unique_ptr<StoreCore> core) {
-    core->m_file.DropCache();
+    // The disk decides, not what a failed sync may have left in the cache. The rest follows if the close was not clean.
+    core->m_file.DropCache(0, FRONT_AREA_BYTES);
     const CheckpointHeader header = ReadNewestHeader(*core, core->m_file);
     core->Attach(header.storeId, static_cast<ssize_t>(header.segmentSize));
     StorePtr store(new LssStore(std::move(core)));

@@ -164,7 +164,7 @@ int64 File::Size() {
     return size;
 }
 
-void File::DropCache() noexcept { m_sys.DropCache(m_fd); }
+void File::DropCache(int64 offset, int64 n) noexcept { m_sys.DropCache(m_fd, offset, n); }
 
 bool RenameFile(SysCalls& sys, const std::string& from, const std::string& to, bool replace) {
     const int result = Uninterrupted(

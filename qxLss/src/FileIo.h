@@ -71,8 +71,8 @@ public:
     // Gives the blocks of the range back. False where the file system cannot.
     bool PunchHole(int64 offset, int64 n);
     int64 Size();
-    // Drops the clean cached pages, so that later reads see the disk. Only advice.
-    void DropCache() noexcept;
+    // Drops the clean cached pages of a range, so that later reads see the disk. n = 0: to the end. Only advice.
+    void DropCache(int64 offset, int64 n) noexcept;
 
     const std::string& Path() const { return m_path; }
     int Descriptor() const { return m_fd; }

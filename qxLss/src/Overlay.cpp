@@ -40,10 +40,15 @@ OverlayTransaction::OverlayTransaction(Overlay& overlay, TurnLock& turn, ConstSt
     : m_overlay(overlay), m_turn(turn), m_path(path), m_existsInFile(std::move(existsInFile)),
       m_counted(std::move(counted)) {}
 
-void OverlayTransaction::Open() { m_changes.clear(); }
+void OverlayTransaction::Open() {
+    m_changes.clear();
+    m_uncaughtAtOpen = std::uncaught_exceptions();
+    m_dropWhenUnwinding = false;
+}
 
 void OverlayTransaction::Close() {
     m_stream.m_isOpen = false;
+    if (m_dropWhenUnwinding && std::uncaught_exceptions() > m_uncaughtAtOpen) m_changes.clear();
     if (!m_changes.empty()) {
         int64 delta = 0;
         for (const auto& [seid, bytes] : m_changes) {

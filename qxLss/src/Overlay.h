@@ -64,6 +64,7 @@ public:
 
     void Close() override;
     void RequestFlushToDisk() override;
+    void RequestDropWhenUnwinding() override { m_dropWhenUnwinding = true; }
     ICloseableOutputStream* WriteSerialElement(Seid seid) override;
     bool DeleteSerialElement(Seid seid) override;
 
@@ -92,6 +93,8 @@ private:
     const Counted m_counted;
     std::map<uint64, Overlay::Bytes> m_changes;
     Stream m_stream{*this};
+    int m_uncaughtAtOpen = 0;
+    bool m_dropWhenUnwinding = false;
     bool m_traced = false;
 };
 

@@ -99,6 +99,9 @@ RecoveredLog Recovery::Run(const CheckpointHeader& header) {
                                  " was completed, the newest valid header is of checkpoint " +
                                  std::to_string(header.checkpointSequence));
     m_result.clean = (header.flags & HEADER_FLAG_CLEAN) && m_ring.VouchesForCleanClose(header.checkpointSequence);
+    // A clean mark on the disk says that every byte before it was synced: then the cache tells the truth and stays warm.
+    // Without it a failed sync may have left pages there that the disk does not have.
+    if (!m_result.clean) m_core.m_file.DropCache(0, 0);
     m_result.end = {static_cast<ssize_t>(header.startSlot), static_cast<ssize_t>(header.startOffset),
                     header.startSequence};
     m_result.clock = header.logClock;

@@ -54,8 +54,8 @@ public:
     virtual int Lock(int fd, bool exclusive) = 0;
     // Does `path` name the very file that `fd` has open? 1, 0 (also if the name is gone), or -errno.
     virtual int NamesFile(const char* path, int fd) = 0;
-    // posix_fadvise(2) POSIX_FADV_DONTNEED on the whole file.
-    virtual int DropCache(int fd) = 0;
+    // posix_fadvise(2) POSIX_FADV_DONTNEED on `n` bytes from `at`; n = 0 means to the end.
+    virtual int DropCache(int fd, off_t at, off_t n) = 0;
     // mmap(2) of the first `n` bytes, read-only, shared, MAP_NORESERVE, with MADV_RANDOM and MADV_DONTFORK. The range
     // may be far longer than the file. 0 and the address in `base`, or -errno.
     virtual int Map(int fd, size_t n, const octet_t*& base) = 0;

@@ -31,6 +31,7 @@ void Transaction::Open() {
     ++m_number;
     m_uncaughtAtOpen = std::uncaught_exceptions();
     m_flushRequested = false;
+    m_dropWhenUnwinding = false;
     m_broken = false;
     m_hasDuplicates = false;
     m_changes.clear();
@@ -189,6 +190,10 @@ void Transaction::Commit(bool unwinding) {
     }
     const bool sync = WantsSync();
     try {
+        if (unwinding && m_dropWhenUnwinding) {
+            m_changes.clear();
+            m_dead.clear();
+        }
         if (m_changes.empty()) {
             if (m_log.HasOpenPackets()) // parts of a dropped element
                 m_log.AppendAbort();

@@ -45,6 +45,7 @@ public:
 
     void Close() override;
     void RequestFlushToDisk() override;
+    void RequestDropWhenUnwinding() override { m_dropWhenUnwinding = true; }
     ICloseableOutputStream* WriteSerialElement(Seid seid) override;
     bool DeleteSerialElement(Seid seid) override;
 
@@ -95,6 +96,7 @@ private:
     uint64 m_number = 0; // of this use of the object; never 0 while open
     int m_uncaughtAtOpen = 0;
     bool m_flushRequested = false;
+    bool m_dropWhenUnwinding = false;
     bool m_broken = false; // undone by a failure
     bool m_hasDuplicates = false;
     std::vector<Change> m_changes;

@@ -244,8 +244,8 @@ void DGGraph::BeginCalculation(DGCalculation& calculation) {
         if (&c->m_node != &node) continue;
         std::string cycle = node.Name().str();
         for (const DGCalculation* d = t_calculation; d != c; d = d->m_outer)
-            cycle = d->m_node.Name().str() + " -> " + cycle;
-        cycle = "cycle in a calculation: " + node.Name().str() + " -> " + cycle;
+            cycle.insert(0, d->m_node.Name().str() + " -> ");
+        cycle.insert(0, "cycle in a calculation: " + node.Name().str() + " -> ");
         ThrowQunaAssertionError(cycle.c_str(), SOURCE_PATH, __LINE__);
     }
     calculation.m_number = s_numCalculations.fetch_add(1, std::memory_order_relaxed) + 1;

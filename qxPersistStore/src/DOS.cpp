@@ -60,7 +60,7 @@ void PSpaceDos::WriteObject(ILssTransaction& txn, ptr<const IPersistable> po) {
     ObjSysState& state = po->GetSysState();
     if (state.GetFlag(PERSISTABLE_DELETED)) {
         txn.DeleteSerialElement(oid); // false for an object that was deleted before its first write
-    } else {
+    } else if (!state.GetFlag(PERSISTABLE_ERASED)) {
         WriteRecord(txn, oid, [&](Archive& ar) { m_pspace.m_ps.DynCreateSerialise(ar, po); });
     }
     state.ClearFlag(PERSISTABLE_DIRTY);

@@ -38,7 +38,7 @@ public:
     void VisitObjects(IObjectVisitor& v) const;
 
     // Writes every object's element, or deletes it where the object is deleted, in the order of the set, and clears
-    // the set. Each dirty bit is cleared when its object's element is complete. An exception leaves the objects behind
+    // the set. An object whose element a deletion batch has removed is left out: it would come back. Each dirty bit is cleared when its object's element is complete. An exception leaves the objects behind
     // the failing one dirty and in no set: a Serialise that throws is a mistake of its class, which is traced with the
     // OID.
     void WriteChangesToLSS(ILssTransaction& txn);

@@ -32,6 +32,19 @@ private:
     HPTime m_startTime = HPTime::GetCurrentTime();
 };
 
+// mutex_, given to those who wait before it goes to the same thread again: who waits for mutex_ holds turnstile_, which
+// everybody passes. Without it the thread's loop of deletion batches would keep others out for a long time.
+class DosWriter::Turn {
+public:
+    explicit Turn(DosWriter& writer) : m_lock(writer.mutex_, std::defer_lock) {
+        const std::lock_guard passing(writer.turnstile_);
+        m_lock.lock();
+    }
+
+private:
+    std::unique_lock<std::mutex> m_lock;
+};
+
 // The CSpace locks of a group, exclusive.
 class DosWriter::GroupLocks {
 public:
@@ -93,14 +106,14 @@ void DosWriter::SleepUntilPeriodIsOver(const Timer& timer) {
 // ---- Group writes ---------------------------------------------------------------------------------------------------
 
 void DosWriter::ProcessPSpaceTxnGroup(PSpace* pspace, bool flush) {
-    const std::lock_guard lock(mutex_);
+    const Turn turn(*this);
     if (!ProcessGroup(pspace, flush, CleanMember::Fails) && flush) m_ps.m_lss->Flush();
 }
 
 void DosWriter::ProcessAllGroups(bool flush) { ProcessAllGroups(flush, CleanMember::Fails); }
 
 void DosWriter::ProcessAllGroups(bool flush, CleanMember cleanMember) {
-    const std::lock_guard lock(mutex_);
+    const Turn turn(*this);
     xdeque<PSpace*, 512> pspaces; // a copy: writing takes spaces off the list
     m_dirtyPSpaces.CopyIntoDeque(pspaces);
     bool flushed = false;
@@ -194,12 +207,19 @@ void DosWriter::OnOpenPSpace(PSpace* pspace) {
 
 void DosWriter::OnClosePSpace(PSpace* pspace) {
     QX_ASSERT(pspace);
-    const std::lock_guard lock(mutex_);
+    const Turn turn(*this);
     ProcessGroup(pspace, false, CleanMember::IsMarked);
     RemovePSpaceFromNedqList(pspace); // what is left resumes when the space opens again
 }
 
-bool DosWriter::DeleteSomeObjects() { return false; }
+// While mutex_ is held the persistent queues of a space do not grow: what was empty then may leave the list.
+bool DosWriter::DeleteSomeObjects() {
+    const Turn turn(*this);
+    PSpace* const pspace = m_nedqList.Front();
+    if (!pspace) return false;
+    if (!pspace->m_dq.DeleteSomeObjects(pspace)) RemovePSpaceFromNedqList(pspace); // a transfer has emptied it
+    return true;
+}
 
 // By membership: a space whose queues a transfer has emptied is still on the list.
 void DosWriter::AddPSpaceToNedqList(PSpace* pspace) {

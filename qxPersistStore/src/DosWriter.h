@@ -54,7 +54,8 @@ public:
     // The space's last write.
     void OnClosePSpace(PSpace* pspace);
 
-    // Runs one deletion batch on the first space that has deletions waiting; false when there is none.
+    // Runs one deletion batch on the first space that has deletions waiting; false when there is none. The next space
+    // has its turn when the first has nothing left.
     bool DeleteSomeObjects();
     void AddPSpaceToNedqList(PSpace* pspace);
     void RemovePSpaceFromNedqList(PSpace* pspace);
@@ -82,6 +83,7 @@ private:
     };
 
     class Timer;
+    class Turn;
     class GroupLocks;
 
     void Run();
@@ -92,6 +94,8 @@ private:
     void HandleCleanMembers(const GROUP& group, CleanMember cleanMember);
     void WriteGroup(const GROUP& group, bool flush);
     void WriteMember(PSpace* pspace, ILssTransaction& txn);
+
+    std::mutex turnstile_; // held only while waiting for mutex_
 };
 
 } // namespace quna

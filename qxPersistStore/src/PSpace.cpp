@@ -415,6 +415,7 @@ void PSpace::SyncPermanentlyDeleteObject(ptr<IPersistable> po) {
     QX_ASSERT(GetOid(po));
     MarkPersistableAsDirtyWithoutTrace(po);
     po->GetSysState().SetFlag(PERSISTABLE_DELETED);
+    m_dq.NoteDeleted(GetOid(po));
 }
 
 void PSpace::SyncPermanentlyDeleteSubTree(ptr<IPersistable> po) {

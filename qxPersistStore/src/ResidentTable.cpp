@@ -1,16 +1,30 @@
 #include "qxPersistStore/src/ResidentTable.h"
 
 #include <algorithm>
+#include <bit>
+#include <cstring>
+#include <new>
+#include <type_traits>
+#include <utility>
+
+#include <emmintrin.h>
 
 namespace quna {
 
 namespace {
 
+using Entry = ResidentTable::value_type;
+static_assert(std::is_trivially_copyable_v<Entry> && std::is_trivially_destructible_v<Entry>);
+
 constexpr int SHARD_BITS = 7;
 constexpr ssize_t NUM_SHARDS = ssize_t{1} << SHARD_BITS;
-constexpr int RUN_BITS = 3; // eight sequential OIDs share a run of slots
+constexpr int RUN_BITS = 3; // eight sequential OIDs share a home group
 constexpr uint64 RUN_MASK = (uint64{1} << RUN_BITS) - 1;
-constexpr ssize_t MIN_CAPACITY = 16; // slots
+constexpr ssize_t GROUP_SLOTS = 16;
+
+// Tags. That of an entry has its highest bit clear.
+constexpr octet_t EMPTY = 0x80;
+constexpr octet_t ERASED = 0xFE; // not empty: a search goes on behind the group
 
 // Mixes all bits but the lowest RUN_BITS, so that a run stays together (multiplicative hashing with the golden ratio;
 // its high half is the well mixed one).
@@ -20,60 +34,132 @@ uint64 Hash(OID oid) {
     return mixed ^ (mixed >> 32);
 }
 
-ssize_t HomeSlot(OID oid, uint64 hash, ssize_t capacity) {
-    return static_cast<ssize_t>(((hash >> SHARD_BITS << RUN_BITS) | (oid.value_ & RUN_MASK)) &
-                                static_cast<uint64>(capacity - 1));
+// Members of a run have different tags.
+octet_t TagOf(OID oid, uint64 hash) {
+    return static_cast<octet_t>((hash >> SHARD_BITS << RUN_BITS & 0x78) | (oid.value_ & RUN_MASK));
 }
 
-ssize_t HomeSlot(OID oid, ssize_t capacity) { return HomeSlot(oid, Hash(oid), capacity); }
+// The sixteen tags of a group, tested at once. A bit of a result stands for a slot.
+class TagGroup {
+public:
+    explicit TagGroup(const octet_t* tags) : m_tags(_mm_loadu_si128(reinterpret_cast<const __m128i*>(tags))) {}
+    unsigned WithTag(octet_t tag) const {
+        return static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(m_tags, _mm_set1_epi8(static_cast<char>(tag)))));
+    }
+    unsigned Empty() const { return WithTag(EMPTY); }
+    unsigned EmptyOrErased() const { return static_cast<unsigned>(_mm_movemask_epi8(m_tags)); }
 
-ssize_t NextSlot(ssize_t slot, ssize_t capacity) { return (slot + 1) & (capacity - 1); }
+private:
+    __m128i m_tags;
+};
 
 } // namespace
+
+class ResidentTable::Shard {
+public:
+    Shard() = default;
+    Shard(const Shard&) = delete;
+    Shard& operator=(const Shard&) = delete;
+
+    Entry* Find(OID oid, uint64 hash) const {
+        if (m_numGroups == 0) return nullptr;
+        const octet_t tag = TagOf(oid, hash);
+        for (ssize_t group = HomeGroup(hash);; group = NextGroup(group)) {
+            const TagGroup tags(Tags() + group * GROUP_SLOTS);
+            for (unsigned found = tags.WithTag(tag); found != 0; found &= found - 1) {
+                Entry& entry = Entries()[group * GROUP_SLOTS + std::countr_zero(found)];
+                if (entry.first == oid) return &entry;
+            }
+            if (tags.Empty() != 0) return nullptr;
+        }
+    }
+
+    // Requires: `oid` is not in the shard.
+    Entry& Insert(OID oid, uint64 hash) {
+        if (m_numEmptyToUse == 0) Rebuild();
+        return Place(oid, hash);
+    }
+
+    void Erase(const Entry* where) {
+        const ssize_t slot = where - Entries();
+        octet_t* const group = Tags() + slot / GROUP_SLOTS * GROUP_SLOTS;
+        const bool isPassed = TagGroup(group).Empty() == 0;
+        Tags()[slot] = isPassed ? ERASED : EMPTY;
+        if (!isPassed) ++m_numEmptyToUse;
+        --m_size;
+    }
+
+    template <class Fn>
+    void ForEach(Fn fn) const {
+        for (ssize_t slot = 0; slot < m_numGroups * GROUP_SLOTS; ++slot) {
+            if (Tags()[slot] < EMPTY) fn(Entries()[slot]);
+        }
+    }
+
+private:
+    Entry* Entries() const { return reinterpret_cast<Entry*>(m_memory.get()); }
+    octet_t* Tags() const { return m_memory.get() + m_numGroups * GROUP_SLOTS * ssize_t{sizeof(Entry)}; }
+
+    ssize_t HomeGroup(uint64 hash) const {
+        return static_cast<ssize_t>((hash >> 32) * static_cast<uint64>(m_numGroups) >> 32);
+    }
+    ssize_t NextGroup(ssize_t group) const { return group + 1 == m_numGroups ? 0 : group + 1; }
+
+    Entry& Place(OID oid, uint64 hash) {
+        for (ssize_t group = HomeGroup(hash);; group = NextGroup(group)) {
+            const unsigned usable = TagGroup(Tags() + group * GROUP_SLOTS).EmptyOrErased();
+            if (usable == 0) continue;
+            const ssize_t slot = group * GROUP_SLOTS + std::countr_zero(usable);
+            if (Tags()[slot] == EMPTY) --m_numEmptyToUse;
+            Tags()[slot] = TagOf(oid, hash);
+            ++m_size;
+            return *new (&Entries()[slot]) Entry{oid, null};
+        }
+    }
+
+    // Half as large again; of the same size where erased slots have used the room up.
+    void Rebuild() {
+        const ssize_t used = m_numGroups * GROUP_SLOTS;
+        Shard bigger;
+        bigger.m_numGroups = m_size * 16 < used * 7 ? m_numGroups : std::max<ssize_t>(1, (m_numGroups * 3 + 1) / 2);
+        const ssize_t numSlots = bigger.m_numGroups * GROUP_SLOTS;
+        bigger.m_memory.reset(
+            static_cast<octet_t*>(::operator new(static_cast<std::size_t>(numSlots * (ssize_t{sizeof(Entry)} + 1)))));
+        std::memset(bigger.Tags(), EMPTY, static_cast<std::size_t>(numSlots));
+        bigger.m_numEmptyToUse = numSlots - numSlots / 8;
+        ForEach([&](const Entry& entry) { bigger.Place(entry.first, Hash(entry.first)).second = entry.second; });
+        m_memory = std::move(bigger.m_memory);
+        m_numGroups = bigger.m_numGroups;
+        m_numEmptyToUse = bigger.m_numEmptyToUse;
+    }
+
+    struct FreeMemory {
+        void operator()(octet_t* p) const { ::operator delete(p); }
+    };
+
+    std::unique_ptr<octet_t, FreeMemory> m_memory; // the entries of all slots, then their tags
+    ssize_t m_numGroups = 0;
+    ssize_t m_size = 0;
+    ssize_t m_numEmptyToUse = 0; // empty slots that may be filled before the shard is built anew
+};
 
 ResidentTable::ResidentTable() : m_shards(new Shard[NUM_SHARDS]) {}
 ResidentTable::~ResidentTable() = default;
 
-ResidentTable::Shard& ResidentTable::ShardOf(uint64 hash) { return m_shards[hash & (NUM_SHARDS - 1)]; }
-const ResidentTable::Shard& ResidentTable::ShardOf(uint64 hash) const { return m_shards[hash & (NUM_SHARDS - 1)]; }
+ResidentTable::Shard& ResidentTable::ShardOf(uint64 hash) const { return m_shards[hash & (NUM_SHARDS - 1)]; }
 
 ResidentTable::const_iterator ResidentTable::find(OID oid) const {
     const uint64 hash = Hash(oid);
-    const Shard& shard = ShardOf(hash);
-    if (shard.capacity == 0) return nullptr;
-    for (ssize_t slot = HomeSlot(oid, hash, shard.capacity); shard.slots[slot].first.value_ != 0;
-         slot = NextSlot(slot, shard.capacity)) {
-        if (shard.slots[slot].first == oid) return &shard.slots[slot];
-    }
-    return nullptr;
+    return ShardOf(hash).Find(oid, hash);
 }
 
 ptr<IPersistable>& ResidentTable::operator[](OID oid) {
     const uint64 hash = Hash(oid);
     Shard& shard = ShardOf(hash);
-    if ((shard.size + 1) * 4 > shard.capacity * 3) Grow(shard);
-    ssize_t slot = HomeSlot(oid, hash, shard.capacity);
-    for (; shard.slots[slot].first.value_ != 0; slot = NextSlot(slot, shard.capacity)) {
-        if (shard.slots[slot].first == oid) return shard.slots[slot].second;
-    }
-    shard.slots[slot].first = oid;
-    ++shard.size;
+    if (Entry* const found = shard.Find(oid, hash)) return found->second;
+    Entry& entry = shard.Insert(oid, hash);
     ++m_size;
-    return shard.slots[slot].second;
-}
-
-void ResidentTable::Grow(Shard& shard) {
-    const ssize_t capacity = std::max(MIN_CAPACITY, shard.capacity * 2);
-    std::unique_ptr<value_type[]> slots(new value_type[static_cast<std::size_t>(capacity)]);
-    for (ssize_t i = 0; i < shard.capacity; ++i) {
-        const value_type& entry = shard.slots[i];
-        if (entry.first.value_ == 0) continue;
-        ssize_t slot = HomeSlot(entry.first, capacity);
-        while (slots[slot].first.value_ != 0) slot = NextSlot(slot, capacity);
-        slots[slot] = entry;
-    }
-    shard.slots = std::move(slots);
-    shard.capacity = capacity;
+    return entry.second;
 }
 
 ssize_t ResidentTable::erase(OID oid) {
@@ -84,21 +170,7 @@ ssize_t ResidentTable::erase(OID oid) {
 }
 
 void ResidentTable::erase(const_iterator where) {
-    Shard& shard = ShardOf(Hash(where->first));
-    ssize_t hole = where - shard.slots.get();
-    // Move back every follower of the run that may stand in the hole: its home lies cyclically at or before it.
-    for (ssize_t slot = NextSlot(hole, shard.capacity); shard.slots[slot].first.value_ != 0;
-         slot = NextSlot(slot, shard.capacity)) {
-        const ssize_t home = HomeSlot(shard.slots[slot].first, shard.capacity);
-        const ssize_t distanceToHome = (slot - home) & (shard.capacity - 1);
-        const ssize_t distanceToHole = (slot - hole) & (shard.capacity - 1);
-        if (distanceToHome >= distanceToHole) {
-            shard.slots[hole] = shard.slots[slot];
-            hole = slot;
-        }
-    }
-    shard.slots[hole] = value_type();
-    --shard.size;
+    ShardOf(Hash(where->first)).Erase(where);
     --m_size;
 }
 
@@ -110,12 +182,8 @@ void ResidentTable::clear() {
 std::vector<ResidentTable::value_type> ResidentTable::SortedEntries() const {
     std::vector<value_type> entries;
     entries.reserve(static_cast<std::size_t>(m_size));
-    for (ssize_t i = 0; i < NUM_SHARDS; ++i) {
-        const Shard& shard = m_shards[i];
-        for (ssize_t slot = 0; slot < shard.capacity; ++slot) {
-            if (shard.slots[slot].first.value_ != 0) entries.push_back(shard.slots[slot]);
-        }
-    }
+    for (ssize_t i = 0; i < NUM_SHARDS; ++i)
+        m_shards[i].ForEach([&](const value_type& entry) { entries.push_back(entry); });
     std::sort(entries.begin(), entries.end(),
               [](const value_type& x, const value_type& y) { return x.first < y.first; });
     return entries;

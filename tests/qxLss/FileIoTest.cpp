@@ -165,7 +165,7 @@ TEST(FileIo, AllocatedSpaceIsZeroAndMayBePunchedAndCut) {
     EXPECT_EQ(file.Size(), 65536);
     file.Truncate(2);
     EXPECT_EQ(ReadAll(file), "ab");
-    file.DropCache();
+    file.DropCache(0, 0);
     file.WriteBack(0, 2);
     EXPECT_EQ(ReadAll(file), "ab");
 }

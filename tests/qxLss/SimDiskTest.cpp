@@ -104,7 +104,7 @@ TEST_F(DiskTest, AFailedSyncLosesWhatWasPendingWhileReadsStillShowIt) {
     char bytes[3];
     m_file.Read(0, bytes, 3);
     EXPECT_EQ(std::string(bytes, 3), "xyz");
-    m_file.DropCache();
+    m_file.DropCache(0, 0);
     m_file.Read(0, bytes, 3);
     EXPECT_EQ(std::string(bytes, 3), "abc");
 }

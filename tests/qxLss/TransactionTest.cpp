@@ -96,6 +96,61 @@ TEST(Transaction, LongElementsReplacedTwiceInOneTransactionAreCountedOnce) {
     EXPECT_EQ(lss.All().begin()->second, Pattern(7000, 3));
 }
 
+TEST(Transaction, OneThatAskedToBeDroppedIsForgottenWhenAnExceptionPasses) {
+    SimSys sys;
+    Seid deleted, written, fresh, later;
+    {
+        TestLss lss(sys);
+        deleted = lss.Put("d");
+        written = lss.Put("w");
+        fresh = lss.NewSeid();
+        later = lss.NewSeid();
+        const auto fail = [&](bool drop) {
+            const AutoCloser<ILssTransaction> txn(lss->OpenTransaction());
+            if (drop) txn->RequestDropWhenUnwinding();
+            EXPECT_TRUE(txn->DeleteSerialElement(deleted));
+            TestLss::Write(*txn.Get(), written, std::string(100'000, 'x')); // long
+            TestLss::Write(*txn.Get(), fresh, "f");
+            throw std::runtime_error("half way");
+        };
+        const LssStats before = lss.Stats();
+        EXPECT_THROW(fail(true), std::runtime_error);
+        EXPECT_EQ(lss.Get(deleted), "d");
+        EXPECT_EQ(lss.Get(written), "w");
+        EXPECT_EQ(lss.Get(fresh), std::nullopt);
+        EXPECT_EQ(lss.Stats().numLiveHeadPackets, before.numLiveHeadPackets);
+        EXPECT_EQ(lss.Stats().numTransactions, before.numTransactions);
+        lss.Put(later, "l", true);
+        lss->Validate();
+    }
+    {
+        TestLss lss(sys); // recovers
+        EXPECT_EQ(lss.Get(deleted), "d");
+        EXPECT_EQ(lss.Get(written), "w");
+        EXPECT_EQ(lss.Get(fresh), std::nullopt);
+        EXPECT_EQ(lss.Get(later), "l");
+        EXPECT_THROW(
+            {
+                const AutoCloser<ILssTransaction> txn(lss->OpenTransaction());
+                EXPECT_TRUE(txn->DeleteSerialElement(deleted));
+                throw std::runtime_error("without the request");
+            },
+            std::runtime_error);
+        EXPECT_EQ(lss.Get(deleted), std::nullopt);
+    }
+}
+
+TEST(Transaction, TheRequestToBeDroppedDoesNotHinderAnOrderlyClose) {
+    SimSys sys;
+    TestLss lss(sys);
+    const Seid seid = lss.Put("x");
+    AutoCloser<ILssTransaction> txn(lss->OpenTransaction());
+    txn->RequestDropWhenUnwinding();
+    EXPECT_TRUE(txn->DeleteSerialElement(seid));
+    txn.Close();
+    EXPECT_EQ(lss.Get(seid), std::nullopt);
+}
+
 TEST(Transaction, OneWithoutChangesWritesNothingAndIsNotCounted) {
     SimSys sys;
     TestLss lss(sys);

@@ -130,6 +130,21 @@ TEST_F(DOSOfTest, RefusesAnObjectWithoutIdentifierOrDirtyBit) {
     EXPECT_TRUE(WriteSet(m_ps).empty());
 }
 
+TEST_F(DOSOfTest, NothingMayBecomeDirtyWhileItIsWritten) {
+    const SpaceScope scope(m_ps);
+    TestLeaf* const clean = NewLeaves(1)[0];
+    WriteSet(m_ps);
+    NewLeaves(1);
+    RecordingLss& lss = m_store.Record();
+    lss.m_onWrite = [&](Seid) { clean->MarkAsDirtyWithoutTrace(); };
+    {
+        const AutoCloser<ILssTransaction> txn(lss.OpenTransaction());
+        ExpectAssertion("m_dirtyObjectSet.empty()", "src/DOS", [&] { Set().WriteChangesToLSS(*txn.Get()); });
+    }
+    lss.m_onWrite = nullptr;
+    EXPECT_EQ((std::vector<std::string>{Write(GetOid(clean))}), WriteSet(m_ps));
+}
+
 TEST_F(DOSOfTest, VisitsEachObjectFromFrontToBack) {
     const SpaceScope scope(m_ps, Exclusive);
     const std::vector<TestLeaf*> leaves = NewLeaves(5);

@@ -162,6 +162,16 @@ TEST_F(PSpaceMapOfTest, StaysDirtyWhenItsWriteFails) {
     EXPECT_EQ(1, lss.Count("write 00000001:00000001"));
 }
 
+TEST_F(PSpaceMapOfTest, NeedsAStreamToBeWritten) {
+    RecordingLss& lss = m_store.Record();
+    m_store->m_spaceMap.CommitPSpace(m_store.OpenSpace("s"));
+    lss.m_givesNoStream = true;
+    const AutoCloser<ILssTransaction> txn(lss.OpenTransaction());
+    ExpectAssertion("os.Get()", "src/PSpaceMap", [&] { m_store->m_spaceMap.WriteIfDirty(*txn.Get()); });
+    lss.m_givesNoStream = false;
+    m_store->m_spaceMap.WriteIfDirty(*txn.Get());
+}
+
 TEST_F(PSpaceMapOfTest, ASpaceThatWasNeverWrittenLeavesNoTraceInACopyOfTheFile) {
     PSpace* const written = m_store.OpenSpace("written");
     written->WriteDirtyObjectsToLss(false); // nothing is dirty: nothing is written
@@ -216,9 +226,13 @@ TEST_F(PSpaceMapOfTest, ASpaceWhoseRecordIsGoneFailsToOpenAndCanBeTriedAgain) {
     m_store.CloseSpace(ps);
     const Bytes record = m_store.Element(oid);
     DeleteElement(*m_store->GetLss(), oid);
-    for (int i = 0; i < 2; ++i)
+    for (int i = 0; i < 2; ++i) {
+        CSpace* const cs = CreateCSpace(); // stays the caller's when the open fails
         ExpectException<DerefDanglingOidException>("Dereferenced dangling OID = " + TextOfSeid(oid),
-                                                   [&] { m_store->OpenPSpace("s", OM_OPEN_ALWAYS, nullptr); });
+                                                   [&] { m_store->OpenPSpace("s", OM_OPEN_ALWAYS, cs); });
+        GetPtrSlotArray(cs)[PTR_SLOT_PSpace] = nullptr;
+        Destroy(cs);
+    }
     EXPECT_EQ(1, m_store->GetNumPSpaces());
     PutElement(*m_store->GetLss(), oid, record);
     EXPECT_FALSE(m_store.OpenSpace("s")->CreatedNew());

@@ -271,6 +271,17 @@ TEST_F(PSpaceOfTest, AllocationChecksWhatTheLogSays) {
     lss.m_refuseAffiliates = false;
 }
 
+TEST_F(PSpaceOfTest, AFreshIdentifierIsNobodysInMemory) {
+    const SpaceScope scope(m_ps);
+    m_ps->SetOidHighForOidAllocations(1, true);
+    const OID last = m_ps->AllocateOid(1, true);
+    const OID next(last.low_ + 1, last.high_);
+    m_ps->rot_.AddResidentObject(next, NewObject<TestLeaf>(1));
+    ExpectAssertion("!rot_.FindResidentObject(oid)", "src/PSpace",
+                    [&] { m_ps->MakeObjectPersist(NewObject<TestLeaf>(2), false); });
+    m_ps->rot_.RemoveResidentObject(next);
+}
+
 TEST_F(PSpaceOfTest, TheHighHalfOfNewIdentifiersCanBeChosen) {
     const SeidHigh high = m_store->GetLss()->AllocateSeidHigh();
     m_ps->SetOidHighForOidAllocations(high, true);

@@ -6,6 +6,8 @@
 #include "tests/support/TestStore.h"
 
 #include <fstream>
+#include <iterator>
+#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -251,8 +253,29 @@ TEST(PersistStore, OpeningRefusesWhatTheModeDoesNotAllowAndLeavesTheFile) {
     EXPECT_EQ(0, store->GetNumPSpaces());
 }
 
+TEST(PersistStore, OpenedReadOnlyItReadsAndLeavesTheFileAsItIs) {
+    TestStore store;
+    MakeStoreWithTwoClasses(store);
+    const auto readFile = [&] {
+        std::ifstream file(store.Path(), std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(file), {});
+    };
+    const std::string before = readFile();
+    for (const EOpenMode mode : {OM_OPEN_EXISTING_READ_ONLY, OM_OPEN_EXISTING_SHARED_READ}) {
+        store.Open(TestStore::WithoutWriter(), mode);
+        PSpace* const ps = store.OpenSpace("s", OM_OPEN_EXISTING);
+        {
+            const SpaceScope scope(ps, SharedRead);
+            EXPECT_EQ(1, static_cast<const TestLeaf*>(ps->GetRoot("leaf").m_self)->m_number);
+        }
+        EXPECT_THROW(store->OpenPSpace("new", OM_OPEN_ALWAYS, nullptr), FileException);
+        store.Close();
+        EXPECT_TRUE(before == readFile());
+    }
+}
+
 TEST(PersistStore, WithAWriterOpenIsClosedCleanlyAtOnce) {
-    for (int i = 0; i < 20; ++i) const TestStore store{PersistStoreSettings()};
+    for (int i = 0; i < 5; ++i) const TestStore store{PersistStoreSettings()};
 }
 
 // ---- The root record ----

@@ -223,6 +223,26 @@ TEST_F(PersistStoreTxnOfTest, ChecksTheThreadsPairAndReleasesTheLockWhenItDoesNo
     EXPECT_FALSE(HaveLock(m_a->GetCSpace()));
 }
 
+TEST_F(PersistStoreTxnOfTest, ASpaceAndADomainThatAreNoPairAreRefused) {
+    CSpace* const cs = m_a->GetCSpace();
+    const ThreadPSpaceScope pair(m_a, cs);
+    const auto expect = [](const char* text, auto action) { ExpectAssertion(text, "src/PersistStoreTxn", action); };
+    GetPtrSlotArray(cs)[PTR_SLOT_PSpace] = m_b;
+    expect("GetPSpaceOfCSpace(cs) == ps", [] { OpenPSpaceTxn(Exclusive); });
+    EXPECT_FALSE(HaveLock(cs));
+    GetPtrSlotArray(cs)[PTR_SLOT_PSpace] = m_a;
+    PersistStoreTxn* txn = OpenPSpaceTxn(Exclusive);
+    GetPtrSlotArray(cs)[PTR_SLOT_PSpace] = m_b;
+    expect("GetPSpaceOfCSpace(cs) == ps", [&] { ClosePSpaceTxn(txn); }); // the transaction itself has ended
+    GetPtrSlotArray(cs)[PTR_SLOT_PSpace] = m_a;
+    Unlock(cs);
+    txn = OpenPSpaceTxn(Exclusive);
+    SetThreadPSpace(nullptr);
+    expect("ps", [&] { ClosePSpaceTxn(txn); });
+    SetThreadPSpace(m_a);
+    Unlock(cs);
+}
+
 TEST_F(PersistStoreTxnOfTest, TheScopedFormClosesAtTheEndOfItsScope) {
     const ThreadPSpaceScope pair(m_a, m_a->GetCSpace());
     {

@@ -17,7 +17,7 @@
 namespace quna {
 namespace {
 
-constexpr int SLOWNESS = UNDER_SANITIZER ? 8 : 1;
+constexpr int SLOWNESS = UNDER_SANITIZER ? 2 : 1;
 
 TestNode& RootOf(PSpace* ps) { return *static_cast<TestNode*>(ps->GetRoot("root").m_self); }
 

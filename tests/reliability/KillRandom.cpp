@@ -145,7 +145,7 @@ public:
             ++count;
             const ReadOnlyBuffer buffer = element->GetBuffer();
             const std::vector<octet_t> bytes = BytesOf(expected->second.number, key, expected->second.size);
-            if (buffer.size != std::ssize(bytes) || std::memcmp(buffer.buffer, bytes.data(), bytes.size()) != 0)
+            if (!std::equal(buffer.buffer, buffer.buffer + buffer.size, bytes.begin(), bytes.end()))
                 return "key " + std::to_string(key) + " has the wrong content";
         }
         LssStats stats;

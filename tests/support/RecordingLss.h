@@ -81,6 +81,7 @@ public:
     std::function<void(Seid)> m_onWrite;
     // Called before an element is read; may throw.
     std::function<void(Seid)> m_onRead;
+    bool m_givesNoStream = false;
     bool m_refuseAffiliates = false;
     bool m_affiliateInWrongSpace = false;
 
@@ -96,9 +97,11 @@ private:
             m_lss.Note("flush");
             m_inner->RequestFlushToDisk();
         }
+        void RequestDropWhenUnwinding() override { m_inner->RequestDropWhenUnwinding(); }
         ICloseableOutputStream* WriteSerialElement(Seid seid) override {
             if (m_lss.m_onWrite) m_lss.m_onWrite(seid);
             m_lss.Note("write " + TextOfSeid(seid));
+            if (m_lss.m_givesNoStream) return nullptr;
             return m_inner->WriteSerialElement(seid);
         }
         bool DeleteSerialElement(Seid seid) override {

@@ -331,18 +331,22 @@ int SimSys::NamesFile(const char* path, int fd) {
 }
 
 // What a failed sync lost is gone from the cache too; everything else is the same on the disk, or dirty and stays.
-int SimSys::DropCache(int fd) {
+int SimSys::DropCache(int fd, off_t at, off_t n) {
     const std::lock_guard lock(m_mutex);
     if (const int error = Begin(ESimCall::DROP_CACHE)) return error;
     Inode& inode = FileOf(fd);
     if (!inode.lostWrites) return 0;
     if (!m_recording) throw std::logic_error("SimSys: the content of the disk is known only while recording");
     const FileBytes bytes = Disk().Content(Find(fd)->file);
-    SetSize(inode, 0);
-    SetSize(inode, std::ssize(bytes));
-    if (::pwrite(inode.memory, bytes.data(), bytes.size(), 0) != std::ssize(bytes))
+    const bool whole = at == 0 && n == 0;
+    if (whole) {
+        SetSize(inode, 0);
+        SetSize(inode, std::ssize(bytes));
+    }
+    const off_t end = n == 0 ? std::ssize(bytes) : std::min<off_t>(at + n, std::ssize(bytes));
+    if (end > at && ::pwrite(inode.memory, bytes.data() + at, static_cast<size_t>(end - at), at) != end - at)
         throw std::runtime_error("SimSys: can't fill a memory file");
-    inode.lostWrites = false;
+    if (whole) inode.lostWrites = false;
     return 0;
 }
 

@@ -92,7 +92,7 @@ public:
     int Remove(const char* path) override;
     int Lock(int fd, bool exclusive) override;
     int NamesFile(const char* path, int fd) override;
-    int DropCache(int fd) override;
+    int DropCache(int fd, off_t at, off_t n) override;
     int Map(int fd, size_t n, const octet_t*& base) override;
     int Unmap(const octet_t* base, size_t n) override;
     int Load(int fd, const octet_t* base, off_t at, size_t n) override;

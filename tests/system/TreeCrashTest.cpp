@@ -22,7 +22,7 @@ namespace quna {
 namespace {
 
 // Whether the writer of the store works the deletion queue off, so that it can be waited for to run empty.
-constexpr bool DELETION_RUNS = false;
+constexpr bool DELETION_RUNS = true;
 
 constexpr uint64 ACCOUNT = 0;                               // the key whose payload keeps the sum right
 constexpr uint64 NUM_KEYS = UNDER_SANITIZER ? 3000 : 12000; // three levels without a sanitizer
