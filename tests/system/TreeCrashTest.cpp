@@ -21,9 +21,6 @@
 namespace quna {
 namespace {
 
-// Whether the writer of the store works the deletion queue off, so that it can be waited for to run empty.
-constexpr bool DELETION_RUNS = true;
-
 constexpr uint64 ACCOUNT = 0;                               // the key whose payload keeps the sum right
 constexpr uint64 NUM_KEYS = UNDER_SANITIZER ? 3000 : 12000; // three levels without a sanitizer
 constexpr int NUM_KILLS = UNDER_SANITIZER ? 4 : 12;
@@ -163,11 +160,7 @@ void CheckNothingIsOrphaned(const Opened& opened) {
     const ssize_t fromRoots = reached.Size();
     EXPECT_EQ(opened.Tree().GetNumNodes() + 2, fromRoots);
     const DeletionQueue& queue = opened.m_ps->GetDQ();
-    if (DELETION_RUNS) {
-        EXPECT_FALSE(queue.HaveObjectsToDelete());
-    }
-    for (const OID oid : queue.m_queue) reached.Add(oid);
-    for (const OID oid : queue.m_queue2) reached.Add(oid);
+    EXPECT_FALSE(queue.HaveObjectsToDelete());
     EXPECT_EQ(live, reached.Size());
 }
 
@@ -181,7 +174,7 @@ int32 CheckStore(const std::string& path) {
         ExpectSound(opened.Tree());
         EXPECT_EQ(number, SumOf(opened.Tree()));
     }
-    if (DELETION_RUNS) WaitUntilNothingIsQueued(opened);
+    WaitUntilNothingIsQueued(opened);
     CheckNothingIsOrphaned(opened);
     opened.Close();
     return number;
