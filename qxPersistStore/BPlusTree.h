@@ -166,6 +166,8 @@ public:
     // True when the entry was made. `payload` may lie in this tree; it is not read in a set.
     bool Insert(const _Key* key, const _Payload* payload, bool allowReplace);
     bool Insert(const _Key* key) { return Insert(key, nullptr, false); }
+    // The same, with the entry's position.
+    std::pair<Iterator, bool> InsertAt(const _Key* key, const _Payload* payload, bool allowReplace);
     // The search beneath the three. A tree without nodes gets its first leaf, whatever allowCreate says. With `payload`
     // a new entry is made with a copy of it.
     void wFind(wFindRet& ret, const _Key* key, bool allowCreate, const _Payload* payload = nullptr);
@@ -220,6 +222,9 @@ public:
     void BalanceInternalLeftToRight(InternalNode* left, InternalNode* right, InternalNode* anchor);
     void ReplaceKeyInAnchor(InternalNode* anchor, const _Key* oldKey, const _Key* newKey);
 
+    // Takes nodes that were built beside the tree, which has none ("m_height == -1"), and makes them persistent if the
+    // tree is.
+    void AdoptNodes(LeafNode* firstLeaf, LeafNode* lastLeaf, const cref<void>& root, ssize_t height, ssize_t size);
     // Exchanges the five fields below and nothing else; marks nothing.
     void SwapMembers(BPlusTree& rhs);
     void SwapPersistentWithTransient(BPlusTree& rhs);

@@ -91,6 +91,17 @@ void BPlusTree::DeclareRootReachable() {
     if (m_height > 0) DeclareReachable(this, cast_ptr<InternalNode>(GetRoot()), true);
 }
 
+void BPlusTree::AdoptNodes(LeafNode* firstLeaf, LeafNode* lastLeaf, const cref<void>& root, ssize_t height,
+                           ssize_t size) {
+    QX_ASSERT(m_height == -1);
+    m_firstLeaf = firstLeaf;
+    m_lastLeaf = lastLeaf;
+    SetRoot(root, height);
+    m_size = size;
+    MarkDirty(this);
+    DeclareRootReachable();
+}
+
 BPlusTree& BPlusTree::operator=(const BPlusTree& rhs) {
     BPlusTree temp(rhs);
     if (!m_persistObjState.m_oid) {

@@ -368,18 +368,23 @@ std::pair<BPlusTree::Iterator, bool> BPlusTree::insert(const _KeyAndPayload* x) 
 }
 
 bool BPlusTree::Insert(const _Key* key, const _Payload* payload, bool allowReplace) {
+    return InsertAt(key, payload, allowReplace).second;
+}
+
+std::pair<BPlusTree::Iterator, bool> BPlusTree::InsertAt(const _Key* key, const _Payload* payload, bool allowReplace) {
     const CalculatedBTreeTypeInfo& bi = GetCalculatedBTreeTypeInfo();
     wFindRet ret;
     wFind(ret, key, true, payload);
     QX_ASSERT(ret.m_payload);
+    const Iterator position(ret.m_leaf, ret.m_index);
     if (!ret.m_created) {
-        if (!allowReplace) return false;
+        if (!allowReplace) return {position, false};
         if (bi.m_payloadType && payload) AssignPayload(bi, ret.m_payload, payload);
     }
     QX_ASSERT(ret.m_containingNode);
     MarkContainingNode(ret);
     DeclarePayloadReachable(bi, ret.m_containingNode, ret.m_payload);
-    return ret.m_created;
+    return {position, ret.m_created};
 }
 
 } // namespace quna
