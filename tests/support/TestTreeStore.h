@@ -20,7 +20,7 @@ protected:
         RegisterTreeTypes();
         OpenSpace();
     }
-    ~PersistentTreeTest() override { Unlock(); }
+    ~PersistentTreeTest() noexcept override { Unlock(); }
 
     void Lock(ECSpaceLockMode mode = Exclusive) {
         m_scope.reset();
