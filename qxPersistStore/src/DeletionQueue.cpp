@@ -21,6 +21,13 @@ namespace {
 constexpr ConstStringZ SOURCE_PATH = "src/DeletionQueue";
 constexpr int DeletionQueue_SCHEMA = 1;
 
+// A batch has deleted it, or a group write has after SyncPermanentlyDeleteObject. Such an object may be collected before
+// the request reaches the durable queue, where nothing could tell any more that there is no element to delete.
+bool HasNoElementAnyMore(const ObjSysState& state) {
+    return state.GetFlag(PERSISTABLE_DELETE_VISITED) ||
+           (state.GetFlag(PERSISTABLE_DELETED) && !state.GetFlag(PERSISTABLE_DIRTY));
+}
+
 } // namespace
 
 // ---- Requests -------------------------------------------------------------------------------------------------------
@@ -32,7 +39,7 @@ void DeletionQueue::AsyncPermanentlyDeleteSubTree(PSpace* pspace, ptr<IPersistab
     const OID oid = GetOid(obj);
     if (!oid) return;
     AssertNotQueuedToDelete(oid);
-    if (obj->GetSysState().GetFlag(PERSISTABLE_DELETE_VISITED)) return; // its element is gone
+    if (HasNoElementAnyMore(obj->GetSysState())) return;
     Push(DELTA_QUEUE, oid);
 }
 
@@ -42,7 +49,7 @@ void DeletionQueue::AsyncPermanentlyDeleteObject(PSpace* pspace, ptr<IPersistabl
     const OID oid = GetOid(obj);
     if (!oid) return;
     AssertNotQueuedToDelete(oid);
-    if (obj->GetSysState().GetFlag(PERSISTABLE_DELETE_VISITED)) return; // its element is gone
+    if (HasNoElementAnyMore(obj->GetSysState())) return;
     Push(DELTA_QUEUE2, oid);
 }
 

@@ -18,7 +18,7 @@ protected:
         m_ps = m_store.OpenSpace("s");
         m_scope.emplace(m_ps);
     }
-    ~BTreeRecords() override { m_scope.reset(); }
+    ~BTreeRecords() noexcept override { m_scope.reset(); }
 
     template <class X>
     static Bytes RecordOf(const X& x) {
