@@ -23,7 +23,8 @@ struct ClassMember {
         removed.m_lastSchema = lastSchema;
         return removed;
     }
-    // The reference points upwards and owns nothing: walks over what the object owns do not follow it.
+    // The field's references own nothing, as that to a parent does not: walks over what the object owns do not follow
+    // them.
     constexpr ClassMember Parent() const {
         ClassMember parent = *this;
         parent.m_parent = true;

@@ -66,6 +66,21 @@ InputArchive DeserialiseMembers(InputArchive ar, T& object) {
     return ar;
 }
 
+namespace detail {
+
+// Passes each reference on as one that owns nothing.
+class AsParentPrefs : public IPrefVisitor {
+public:
+    explicit AsParentPrefs(IPrefVisitor& visitor) : m_visitor(visitor) {}
+    void VisitPref(const prefbase& pref) override { m_visitor.VisitParentPref(pref); }
+    void VisitParentPref(const prefbase& pref) override { m_visitor.VisitParentPref(pref); }
+
+private:
+    IPrefVisitor& m_visitor;
+};
+
+} // namespace detail
+
 template <HasMembers T>
 void VisitMemberPrefs(IPrefVisitor& visitor, const T& object) {
     ForEachMember<T>([&](const auto& member) {
@@ -76,7 +91,8 @@ void VisitMemberPrefs(IPrefVisitor& visitor, const T& object) {
             else
                 visitor.VisitPref(object.*member.m_pointer);
         } else if constexpr (ValueOps<Field>::CAN_VISIT_PREFS) {
-            ValueOps<Field>::VisitPrefs(visitor, object.*member.m_pointer);
+            detail::AsParentPrefs asParents(visitor);
+            ValueOps<Field>::VisitPrefs(member.m_parent ? asParents : visitor, object.*member.m_pointer);
         }
     });
 }

@@ -8,6 +8,7 @@
 #include "qxPersistStore/IPersistStore.h"
 #include "qxPersistStore/PSpaceTxn.h"
 #include "qxUtils/Assert.h"
+#include "qxUtils/AutoCloser.h"
 
 #include <algorithm>
 #include <chrono>
@@ -96,6 +97,21 @@ void PrintHeld(const Package& package) {
         std::cout << " is held (" << package.m_timesHeld << (package.m_timesHeld == 1 ? " time)\n" : " times)\n");
 }
 
+// From the end of the index by dependency count.
+void PrintMostDependent(const Catalogue& catalogue) {
+    constexpr int HOW_MANY = 5;
+    std::cout << "  most dependencies:";
+    int n = 0;
+    for (auto i = catalogue.m_byDependencies.rbegin(); n < HOW_MANY && i != catalogue.m_byDependencies.rend();
+         ++i, ++n) {
+        std::cout << (n == 0 ? " " : ", ");
+        const auto entry = *i;
+        PrintName(*entry.second, std::cout);
+        std::cout << " (" << entry.first.first << ')';
+    }
+    std::cout << '\n';
+}
+
 // The package with its closure, and what that cost.
 void ShowClosure(const Session& session, const std::string& packageName) {
     StopWatch watch;
@@ -109,9 +125,9 @@ void ShowClosure(const Session& session, const std::string& packageName) {
     const std::string time = watch.Lap();
     PrintClosure(closure);
     const quna::ssize_t numLoaded = session.NumResident() - numBefore;
-    std::cout << "  " << numLoaded << " objects loaded for it in " << time << ": the catalogue and "
-              << closure.numPackages << " packages. "
-              << static_cast<quna::ssize_t>(session.GetCatalogue().m_packages.size()) - closure.numPackages
+    std::cout << "  " << numLoaded << " objects loaded for it in " << time << ": the catalogue, "
+              << numLoaded - 1 - closure.numPackages << " of the index by name and " << closure.numPackages
+              << " packages. " << session.GetCatalogue().m_byName.size() - closure.numPackages
               << " packages stayed in the file\n";
     PrintHeld(package);
 }
@@ -132,6 +148,15 @@ void WaitUntilWritten(const Session& session, const std::string& packageName) {
             if (!session.GetPackage(packageName).IsDirty()) return;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+// Until the file has none of them any more.
+void WaitUntilDeleted(const Session& session, const std::vector<quna::OID>& oids) {
+    quna::ILogStructuredStore* const lss = quna::GetLss(session.Store());
+    for (const quna::OID oid : oids) {
+        while (const quna::AutoCloser<quna::IContiguousSerialElement> element{lss->OpenSerialElement(oid)})
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 }
 
@@ -176,9 +201,12 @@ void Info(const std::string& storePath) {
               << (stats.numRecoveries == 1 ? " time\n" : " times\n");
     const quna::CSpaceLock lock(session.Domain(), quna::SharedRead);
     const Catalogue& catalogue = session.GetCatalogue();
-    std::cout << "  the catalogue names " << catalogue.m_packages.size() << " packages, read from "
+    std::cout << "  the catalogue names " << catalogue.m_byName.size() << " packages, read from "
               << catalogue.m_source.view() << '\n';
-    std::cout << "  " << session.NumResident() << " object in memory now: the catalogue\n";
+    PrintMostDependent(catalogue);
+    std::cout << "  " << session.NumResident()
+              << " objects in memory now: the catalogue, what these took of its indexes, "
+              << "and they\n";
 }
 
 void Show(const std::string& storePath, const std::string& packageName) {
@@ -205,6 +233,32 @@ void Hold(const std::string& storePath, const std::string& packageName) {
     std::cout << "  written in the background after " << watch.Lap() << '\n';
     std::cout << "Waiting to be killed: process " << getpid() << std::endl;
     for (;;) pause();
+}
+
+void Remove(const std::string& storePath, const std::string& packageName) {
+    std::cout << "Opening the store " << storePath << '\n';
+    const Session session(storePath, quna::OM_OPEN_EXISTING);
+    PrintFigures(session);
+    const int numBefore = GetStats(session).numLiveHeadPackets;
+
+    std::cout << "Removing " << packageName << " and what is there for its sake alone\n";
+    StopWatch watch;
+    std::vector<quna::OID> oids;
+    {
+        const quna::CSpaceLock lock(session.Domain(), quna::Exclusive);
+        const std::vector<Package*> subTree = FindSubTree(session.GetCatalogue(), session.GetPackage(packageName));
+        PrintLevel(0, std::vector<const Package*>(subTree.begin(), subTree.end()));
+        for (const Package* package : subTree) oids.push_back(quna::GetOid(package));
+        const quna::PSpaceTxn txn(quna::Exclusive);
+        const quna::ssize_t numDropped = packagegraph::Remove(session.GetCatalogue(), subTree);
+        std::cout << "  " << subTree.size() << (subTree.size() == 1 ? " package" : " packages")
+                  << " out of both indexes, " << numDropped << " references of others dropped, " << watch.Lap() << '\n';
+    }
+    WaitUntilDeleted(session, oids);
+    const int numAfter = GetStats(session).numLiveHeadPackets;
+    std::cout << "  deleted in the background after " << watch.Lap() << ": " << numBefore << " live elements before, "
+              << numAfter << " now\n";
+    PrintFigures(session);
 }
 
 } // namespace packagegraph

@@ -11,6 +11,7 @@ void RegisterClasses() {
     quna::XTarget* const target = quna::RegisterTarget(TARGET);
     _Register_Package(target);
     _Register_Catalogue(target);
+    quna::RegisterTypeOpsOf<DependencyRank>();
 }
 
 } // namespace packagegraph

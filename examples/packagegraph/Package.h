@@ -2,13 +2,14 @@
 // them all.
 #pragma once
 
+#include "qxPersistStore/PMap.h"
 #include "qxPersistStore/PersistentMembers.h"
 #include "qxPersistStore/pref.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/xstring.h"
 #include "qxUtils/xvector.h"
 
-#include <map>
+#include <utility>
 
 namespace packagegraph {
 
@@ -23,12 +24,9 @@ public:
             quna::Member("name", &Package::m_name), quna::Member("version", &Package::m_version),
             quna::Member("section", &Package::m_section), quna::Member("summary", &Package::m_summary),
             quna::Member("installedKiB", &Package::m_installedKiB), quna::Member("timesHeld", &Package::m_timesHeld),
-            quna::Member("dependsOn", &Package::m_dependsOn));
+            quna::Member("dependsOn", &Package::m_dependsOn)
+                .Parent()); // owns none: they depend on one another in circles
     }
-
-    // Packages depend on one another in circles, so none owns what it refers to: whoever deletes one must not take its
-    // dependencies along.
-    bool RepresentsSubTree() const { return false; }
 
     // A held package is not to be upgraded.
     void Hold() {
@@ -45,22 +43,32 @@ public:
     quna::xvector<quna::cref<Package>> m_dependsOn;
 };
 
-// The root of the graph: all packages by name. It owns them, so it represents a subtree, which a root must.
+// How many packages one depends on, and its name.
+using DependencyRank = std::pair<quna::int32, quna::xstring>;
+
+inline DependencyRank RankOf(const Package& package) {
+    return {static_cast<quna::int32>(package.m_dependsOn.size()), package.m_name};
+}
+
+// The root of the graph: two indexes, both of all packages. They are trees, of which only the nodes on the way to what is
+// looked up are loaded.
 class Catalogue : public quna::PersistentObject<Catalogue> {
 public:
     static constexpr auto Members() {
         return quna::MemberList(quna::Member("source", &Catalogue::m_source),
-                                quna::Member("packages", &Catalogue::m_packages));
+                                quna::Member("byName", &Catalogue::m_byName),
+                                quna::Member("byDependencies", &Catalogue::m_byDependencies));
     }
 
     // Loads the package if need be; null when there is none of that name.
     Package* Find(const quna::xstring& name) const {
-        const auto i = m_packages.find(name);
-        return i == m_packages.end() ? nullptr : i->second.Get();
+        const auto i = m_byName.find(name);
+        return i == m_byName.end() ? nullptr : i->second.Get();
     }
 
     quna::xstring m_source; // the file that was read
-    std::map<quna::xstring, quna::cref<Package>> m_packages;
+    quna::PMap<quna::xstring, quna::cref<Package>> m_byName;
+    quna::PMap<DependencyRank, quna::cref<Package>> m_byDependencies;
 };
 
 QX_REFLECT_PERSISTENT_CLASS(Package, "packagegraph::Package")

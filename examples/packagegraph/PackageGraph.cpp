@@ -1,14 +1,18 @@
 #include "PackageGraph.h"
 
 #include "qxObject/CSpace.h"
+#include "qxPersistStore/IPersistStore.h"
 
 #include <algorithm>
 #include <map>
+#include <unordered_map>
 #include <unordered_set>
 
 namespace packagegraph {
 
 namespace {
+
+constexpr double NODE_FILL = 0.8;
 
 // Who answers to a name: the package itself, or else those that provide it.
 class Names {
@@ -77,9 +81,10 @@ Catalogue* MakeGraph(const std::vector<DpkgEntry>& entries, const std::string& s
 
     // A name can occur once for each architecture; the first is taken.
     Names names;
+    std::map<quna::xstring, quna::cref<Package>> byName;
     std::vector<std::pair<const DpkgEntry*, Package*>> made;
     for (const DpkgEntry& entry : entries) {
-        quna::cref<Package>& reference = catalogue->m_packages[quna::xstring(entry.name)];
+        quna::cref<Package>& reference = byName[quna::xstring(entry.name)];
         if (reference) continue;
         Package* const package = MakePackage(entry);
         reference = package;
@@ -88,7 +93,14 @@ Catalogue* MakeGraph(const std::vector<DpkgEntry>& entries, const std::string& s
     }
     figures = ImportFigures();
     figures.numPackages = static_cast<quna::ssize_t>(made.size());
-    for (const auto& [entry, package] : made) ReferTo(*entry, *package, names, figures);
+    std::map<DependencyRank, quna::cref<Package>> byDependencies;
+    for (const auto& [entry, package] : made) {
+        ReferTo(*entry, *package, names, figures);
+        byDependencies.emplace(RankOf(*package), package);
+    }
+    // What is there in order fills the nodes without searching. Room in them saves splits later.
+    catalogue->m_byName = decltype(catalogue->m_byName)::FromSorted(byName, NODE_FILL);
+    catalogue->m_byDependencies = decltype(catalogue->m_byDependencies)::FromSorted(byDependencies, NODE_FILL);
     return catalogue;
 }
 
@@ -114,6 +126,59 @@ Closure WalkClosure(const Package& start) {
     }
     closure.numPackages = static_cast<quna::ssize_t>(found.size());
     return closure;
+}
+
+std::vector<Package*> FindSubTree(const Catalogue& catalogue, Package& package) {
+    std::unordered_map<const Package*, std::vector<const Package*>> dependents;
+    for (auto [name, reference] : catalogue.m_byName)
+        for (const quna::cref<Package>& target : reference->m_dependsOn)
+            dependents[target.Get()].push_back(reference.Get());
+
+    std::vector<Package*> subTree = {&package};
+    std::unordered_set<const Package*> chosen = {&package};
+    const auto isNeededByOthers = [&](const Package* candidate) {
+        const std::vector<const Package*>& needing = dependents[candidate];
+        return std::any_of(needing.begin(), needing.end(), [&](const Package* p) { return !chosen.contains(p); });
+    };
+    // A package that is added may have been the last that needed one seen before, so look again until nothing is added.
+    for (std::size_t before = 0; before != subTree.size();) {
+        before = subTree.size();
+        for (std::size_t i = 0; i < subTree.size(); ++i) {
+            for (const quna::cref<Package>& reference : subTree[i]->m_dependsOn) {
+                Package* const candidate = reference.Get();
+                if (chosen.contains(candidate) || isNeededByOthers(candidate)) continue;
+                chosen.insert(candidate);
+                subTree.push_back(candidate);
+            }
+        }
+    }
+    return subTree;
+}
+
+quna::ssize_t Remove(Catalogue& catalogue, const std::vector<Package*>& packages) {
+    const std::unordered_set<const Package*> removed(packages.begin(), packages.end());
+    for (Package* package : packages) {
+        catalogue.m_byName.erase(package->m_name);
+        catalogue.m_byDependencies.erase(RankOf(*package));
+    }
+    const auto isRemoved = [&](const quna::cref<Package>& reference) { return removed.contains(reference.Get()); };
+    std::vector<Package*> referring;
+    for (auto [name, reference] : catalogue.m_byName) {
+        const auto& targets = reference->m_dependsOn;
+        if (std::any_of(targets.begin(), targets.end(), isRemoved)) referring.push_back(reference.Get());
+    }
+    quna::ssize_t numDropped = 0;
+    for (Package* package : referring) {
+        catalogue.m_byDependencies.erase(RankOf(*package));
+        package->MarkAsDirtyWithoutTrace();
+        auto& targets = package->m_dependsOn;
+        const auto keptEnd = std::remove_if(targets.begin(), targets.end(), isRemoved);
+        numDropped += targets.end() - keptEnd;
+        targets.resize(keptEnd - targets.begin());
+        catalogue.m_byDependencies.insert(RankOf(*package), package);
+    }
+    for (Package* package : packages) quna::AsyncPermanentlyDeleteSubTree(package);
+    return numDropped;
 }
 
 } // namespace packagegraph

@@ -18,10 +18,10 @@ struct ImportFigures {
     std::string mutualExample;   // "a <-> b"; empty when there is none
 };
 
-// Makes one object of each entry, refers each to those that it depends on, and names them in a new catalogue. Of
-// alternatives the first that is installed is taken. All objects are still transient.
+// Makes one object of each entry, refers each to those that it depends on, and names them in both indexes of a new
+// catalogue. Of alternatives the first that is installed is taken. All objects are still transient.
 //
-// Requires: the exclusive lock of the thread's current domain, until the catalogue is attached.
+// Requires: the exclusive lock of the thread's current space, until the catalogue is attached.
 Catalogue* MakeGraph(const std::vector<DpkgEntry>& entries, const std::string& source, ImportFigures& figures);
 
 // A package and all that it depends on, directly or not.
@@ -36,5 +36,14 @@ struct Closure {
 // Loads what is not in memory. Requires: the lock of the package's domain in any mode; the pointers in the result are
 // good for as long as it is held.
 Closure WalkClosure(const Package& start);
+
+// The package and those that are there for its sake alone: whatever depends on them is among them too. Loads all packages.
+// Requires: the lock in any mode.
+std::vector<Package*> FindSubTree(const Catalogue& catalogue, Package& package);
+
+// Takes the packages out of both indexes, lets no other refer to them any more, and asks for their deletion, which then
+// goes on in the background. The number of references that were dropped. Loads all packages.
+// Requires: a transaction on the space.
+quna::ssize_t Remove(Catalogue& catalogue, const std::vector<Package*>& packages);
 
 } // namespace packagegraph

@@ -52,7 +52,7 @@ Package& Session::GetPackage(const std::string& name) const {
     Package* const package = catalogue.Find(quna::xstring(name));
     if (!package)
         throw NotFoundError("The store '" + m_path + "' has no package '" + name + "' among its " +
-                            std::to_string(catalogue.m_packages.size()));
+                            std::to_string(catalogue.m_byName.size()));
     return *package;
 }
 

@@ -21,7 +21,8 @@ constexpr const char* USAGE =
     "                                              (default: /var/lib/dpkg/status)\n"
     "       packagegraph info STORE                say what the store holds\n"
     "       packagegraph show STORE PACKAGE        what the package depends on\n"
-    "       packagegraph hold STORE PACKAGE        change the package, then wait to be killed\n";
+    "       packagegraph hold STORE PACKAGE        change the package, then wait to be killed\n"
+    "       packagegraph remove STORE PACKAGE      remove the package and what only it needs\n";
 
 constexpr const char* DEFAULT_DATABASE = "/var/lib/dpkg/status";
 
@@ -37,6 +38,8 @@ bool Run(const std::vector<std::string>& args) {
         Show(args[1], args[2]);
     else if (command == "hold" && args.size() == 3)
         Hold(args[1], args[2]);
+    else if (command == "remove" && args.size() == 3)
+        Remove(args[1], args[2]);
     else
         return false;
     return true;

@@ -72,4 +72,20 @@ fi
 say "Fourth process: what the store says of itself"
 "$program" info "$store"
 
+say "Fifth process: remove '$package' with what only it needs"
+"$program" remove "$store" "$package" | tee "$folder/removed"
+counts=$(sed -n 's/.*: \([0-9]*\) live elements before, \([0-9]*\) now$/\1 \2/p' "$folder/removed")
+if [[ -z $counts || ${counts% *} -le ${counts#* } ]]; then
+    echo "run-demo.sh: the file has not let go of what was removed" >&2
+    exit 1
+fi
+
+say "Sixth process: the index names it no more"
+if "$program" show "$store" "$package" 2>&1 | tee "$folder/gone"; then
+    echo "run-demo.sh: the removed package is still there" >&2
+    exit 1
+fi
+grep -qF "has no package '$package'" "$folder/gone"
+"$program" info "$store"
+
 say "The change outlived the process that made it"
