@@ -70,13 +70,13 @@ public:
     virtual void Close() = 0;
     // Close returns only when the transaction, and all before it, are on the disk.
     virtual void RequestFlushToDisk() = 0;
-    // Close forgets everything, and changes nothing, when an exception passes that began after the transaction was
-    // opened; otherwise what was completed is committed then too. For changes that are wrong in part.
-    virtual void RequestDropWhenUnwinding() {}
     // A stream that replaces the element. One at a time. Requires: `seid` was allocated from this store.
     virtual ICloseableOutputStream* WriteSerialElement(Seid seid) = 0;
     // Removes the element; did it exist, as this transaction sees it?
     virtual bool DeleteSerialElement(Seid seid) = 0;
+    // Close forgets everything, and changes nothing, when an exception passes that began after the transaction was
+    // opened; otherwise what was completed is committed then too. For changes that are wrong in part.
+    virtual void RequestDropWhenUnwinding() {}
 
 protected:
     ~ILssTransaction() = default;
@@ -103,10 +103,10 @@ public:
     virtual ILssTransaction* OpenTransaction() = 0;
     virtual void GetStats(LssStats& stats) = 0;
     // Everything closed before the call is on the disk on return. No transaction is needed for it.
-    virtual void Flush() = 0;
+    virtual void Flush() {}
     // Ends the object and gives back lock and memory without writing anything, for an owner whose own construction has
     // failed. The file is then as after a kill; one that never closed a transaction counts as never created.
-    virtual void Abandon() = 0;
+    virtual void Abandon() { Close(); }
 
 protected:
     ~ILogStructuredStore() = default;

@@ -1,7 +1,7 @@
 // Fills a tree from entries in ascending order of their keys.
 #pragma once
 
-#include "qxPersistStore/BPlusTree.h"
+#include "qxPersistStore/BPlusTree2.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
 
@@ -33,7 +33,8 @@ public:
     // for a default one.
     [[nodiscard]] bool Add(const _Key* key, const _Payload* payload);
     ssize_t Size() const { return m_size; }
-    // Makes what was added the contents of the tree, persistent if the tree is. Nothing may be added afterwards.
+    // Makes what was added the contents of the tree, persistent if the tree is. Nothing may be added afterwards. The old
+    // nodes are deleted, the objects that their entries name are not: the new entries may name them too.
     void Finish();
 
 private:

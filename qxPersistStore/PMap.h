@@ -28,7 +28,7 @@
 #include "qxObject/DollarNew.h"
 #include "qxObject/TypeDescription.h"
 #include "qxObject/TypeOpsArrays.h"
-#include "qxPersistStore/BPlusTree.h"
+#include "qxPersistStore/BPlusTree2.h"
 #include "qxPersistStore/BTreeBulkLoader.h"
 #include "qxPersistStore/IPersistStore.h"
 #include "qxPersistStore/TypeInfo.h"
@@ -102,12 +102,18 @@ EntryPart<T, IS_ALIGNED> ReadEntryPart(const char* place) {
         return *ReadView<T>(place);
 }
 
+// At every multiple of that many bytes behind the beginning of a node's entries, which come from operator new.
+template <class T>
+constexpr bool IsAlignedAt(std::size_t offset) {
+    return offset % alignof(T) == 0 && alignof(T) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__;
+}
+
 // The entries of a map.
 template <class Key, class Payload>
 struct TreeEntry {
     static constexpr std::size_t STRIDE = sizeof(Key) + sizeof(Payload);
-    static constexpr bool KEY_IS_ALIGNED = STRIDE % alignof(Key) == 0;
-    static constexpr bool PAYLOAD_IS_ALIGNED = STRIDE % alignof(Payload) == 0 && sizeof(Key) % alignof(Payload) == 0;
+    static constexpr bool KEY_IS_ALIGNED = IsAlignedAt<Key>(STRIDE);
+    static constexpr bool PAYLOAD_IS_ALIGNED = IsAlignedAt<Payload>(STRIDE) && IsAlignedAt<Payload>(sizeof(Key));
 
     using value_type = std::pair<Key, Payload>;
     struct reference {
@@ -131,11 +137,13 @@ template <class Key>
 struct TreeEntry<Key, void> {
     static constexpr std::size_t STRIDE = sizeof(Key);
 
+    static constexpr bool IS_ALIGNED = IsAlignedAt<Key>(STRIDE);
+
     using value_type = Key;
-    using reference = const Key&; // an array of keys
+    using reference = EntryPart<Key, IS_ALIGNED>;
 
     static reference Read(const _KeyAndPayload* entry) {
-        return ReadEntryPart<Key, true>(reinterpret_cast<const char*>(entry));
+        return ReadEntryPart<Key, IS_ALIGNED>(reinterpret_cast<const char*>(entry));
     }
 };
 
@@ -375,7 +383,8 @@ public:
         return Put(key, payload, true);
     }
 
-    // Replaces the contents by the pairs of a range in ascending order of keys, without searching or splitting.
+    // Replaces the contents by the pairs of a range in ascending order of keys, without searching or splitting; the range
+    // may be the map itself, which packs its nodes. Objects that only the old entries name are not deleted.
     // fillDegree: how full the nodes become, 0.5 to 1. std::invalid_argument when the keys do not ascend strictly: the
     // contents are as they were.
     template <std::ranges::input_range Range>

@@ -3,7 +3,7 @@
 // A persistent tree can't adopt the nodes of a transient one, nor give its own away. So the header fields are exchanged
 // where both trees are of one kind, and entries are copied where they are not; nodes that a persistent tree gives up go to
 // the deletion queue, which walks them through VisitPrefs.
-#include "qxPersistStore/BPlusTree.h"
+#include "qxPersistStore/BPlusTree2.h"
 #include "qxPersistStore/IPersistStore.h"
 #include "qxPersistStore/src/BTreeSearch.h"
 #include "qxPersistStore/src/FixedOrHeapAllocatedBuffer.h"
@@ -41,13 +41,12 @@ void BPlusTree::clear() {
 
 bool BPlusTree::operator==(const BPlusTree& rhs) const {
     if (m_size != rhs.m_size) return false;
-    const CalculatedBTreeTypeInfo& bi = GetCalculatedBTreeTypeInfo();
     Iterator i = const_cast<BPlusTree&>(*this).begin();
     Iterator j = const_cast<BPlusTree&>(rhs).begin();
     const Iterator end = const_cast<BPlusTree&>(*this).end();
     for (; i != end; i.next(), j.next()) {
         QX_ASSERT(j != const_cast<BPlusTree&>(rhs).end());
-        if (!Equal(bi, i.const_deref(), j.const_deref())) return false;
+        if (!Equal(GetCalculatedBTreeTypeInfo(), i.const_deref(), j.const_deref())) return false;
     }
     QX_ASSERT(j == const_cast<BPlusTree&>(rhs).end());
     return true;
@@ -63,7 +62,7 @@ bool BPlusTree::operator<(const BPlusTree& rhs) const {
         if (j == jEnd) return false;
         const CalculatedBTreeTypeInfo& bi = GetCalculatedBTreeTypeInfo();
         if (Less(bi, i.const_deref(), j.const_deref())) return true;
-        if (!Equal(bi, i.const_deref(), j.const_deref())) return false;
+        if (!Equal(GetCalculatedBTreeTypeInfo(), i.const_deref(), j.const_deref())) return false;
     }
 }
 
@@ -91,9 +90,14 @@ void BPlusTree::DeclareRootReachable() {
     if (m_height > 0) DeclareReachable(this, cast_ptr<InternalNode>(GetRoot()), true);
 }
 
-void BPlusTree::AdoptNodes(LeafNode* firstLeaf, LeafNode* lastLeaf, const cref<void>& root, ssize_t height,
-                           ssize_t size) {
-    QX_ASSERT(m_height == -1);
+void BPlusTree::ReplaceNodes(LeafNode* firstLeaf, LeafNode* lastLeaf, const cref<void>& root, ssize_t height,
+                             ssize_t size) {
+    if (m_height >= 0) {
+        EnsureChain();
+        ReleaseReferencesOfNodes();
+        clear();
+    }
+    if (height < 0) return;
     m_firstLeaf = firstLeaf;
     m_lastLeaf = lastLeaf;
     SetRoot(root, height);

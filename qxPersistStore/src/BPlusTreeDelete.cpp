@@ -11,7 +11,7 @@
 //
 // Separators are lazy: deleting a leaf's first key leaves the separator above alone. What counts is that everything left
 // of a separator is below it and everything right of it is not.
-#include "qxPersistStore/BPlusTree.h"
+#include "qxPersistStore/BPlusTree2.h"
 #include "qxPersistStore/IPersistStore.h"
 #include "qxPersistStore/src/BTreeSearch.h"
 
@@ -140,7 +140,7 @@ bool BPlusTree::DeleteInInternalNode(ssize_t height, InternalNode* iThisNode, In
     MarkDirty(iThisNode);
     if (!parent) {
         QX_ASSERT(height == m_height);
-        QX_ASSERT_TEXT(GetRoot() == iThisNode, "m_root.Get() == thisNode");
+        QX_ASSERT_TEXT(m_root.Get() == iThisNode, "m_root.Get() == thisNode");
         if (iThisNode->m_numKeyEntrys == 0) ShrinkRoot(iThisNode);
         return true;
     }
@@ -289,12 +289,13 @@ bool BPlusTree::DeleteInLeaf(LeafNode* leaf, LeafNode* lNode, LeafNode* rNode, I
     const ssize_t deletePos = SearchLeaf(bi, leaf, key);
     if (deletePos == -1) return false;
     QX_ASSERT(0 <= deletePos && deletePos < leaf->m_numKeyEntrys);
+    // First, since a mark can be refused: without write access nothing changes.
+    MarkDirty(leaf);
+    MarkDirty(this);
     DestructLeafEntry(bi, leaf, deletePos);
     ShiftLeafEntries(bi, leaf, deletePos + 1, deletePos, nk - deletePos - 1);
     --leaf->m_numKeyEntrys;
     --m_size;
-    MarkDirty(leaf);
-    MarkDirty(this);
     deleteNode = nullptr;
     if (m_height == 0) {
         QX_ASSERT(!parent);

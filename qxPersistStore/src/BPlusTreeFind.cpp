@@ -5,7 +5,7 @@
 //
 // Separators are lazy: they need not equal any key that is stored. So a key may lead into a leaf all of whose entries lie
 // below it, and a bound on a leaf's edge goes on to the next leaf.
-#include "qxPersistStore/BPlusTree.h"
+#include "qxPersistStore/BPlusTree2.h"
 #include "qxPersistStore/src/BTreeSearch.h"
 
 namespace quna {

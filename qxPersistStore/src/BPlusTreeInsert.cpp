@@ -8,7 +8,7 @@
 // A new entry is made in scratch memory before anything changes, with a copy of the caller's payload and, when the leaf
 // is full, of the separator: the caller's key and payload may lie in the very leaf that is about to shift, and a
 // constructor that throws leaves the tree as it was.
-#include "qxPersistStore/BPlusTree.h"
+#include "qxPersistStore/BPlusTree2.h"
 #include "qxPersistStore/IPersistStore.h"
 #include "qxPersistStore/src/BTreeSearch.h"
 #include "qxPersistStore/src/FixedOrHeapAllocatedBuffer.h"

@@ -1,5 +1,5 @@
 // Looking at a whole tree: checking, counting, printing. The depth of each walk is the height of the tree.
-#include "qxPersistStore/BPlusTree.h"
+#include "qxPersistStore/BPlusTree2.h"
 #include "qxPersistStore/src/BTreeSearch.h"
 #include "qxUtils/xostream.h"
 

@@ -146,14 +146,16 @@ std::vector<BTreeBulkLoader::Child> BTreeBulkLoader::BuildLevel(const std::vecto
 }
 
 void BTreeBulkLoader::Finish() {
-    if (m_tree.m_height >= 0) m_tree.clear();
-    if (m_leaves.empty()) return;
+    if (m_leaves.empty()) {
+        m_tree.ReplaceNodes(nullptr, nullptr, cref<void>(), -1, 0);
+        return;
+    }
     CompleteLastLeaf();
     std::vector<Child> level;
     for (LeafNode* leaf : m_leaves) level.push_back({leaf, leaf});
     ssize_t height = 0;
     while (level.size() > 1) level = BuildLevel(level, ++height);
-    m_tree.AdoptNodes(m_leaves.front(), m_leaves.back(), ReferenceTo(level.front().node, height), height, m_size);
+    m_tree.ReplaceNodes(m_leaves.front(), m_leaves.back(), ReferenceTo(level.front().node, height), height, m_size);
     m_leaves.clear();
 }
 

@@ -22,7 +22,8 @@ namespace detail {
 // Whether entries may not be copied as bytes: their types have something to end, or references, which are read as
 // atomics while others bind them.
 inline bool NeedsCopyByType(const CalculatedBTreeTypeInfo& bi) {
-    return bi.m_keyType->HasDestruct() || (bi.m_payloadType && bi.m_payloadType->HasDestruct());
+    const auto needs = [](const TypeOps& type) { return type.HasDestruct() || type.HasVisitPrefs(); };
+    return needs(*bi.m_keyType) || (bi.m_payloadType && needs(*bi.m_payloadType));
 }
 
 template <class Node>
@@ -77,7 +78,7 @@ template <class Node>
 Node* FollowChild(const void* place) {
     const AnyInterface words = LoadEvictableWords(
         reinterpret_cast<const AnyInterface*>(static_cast<const char*>(place) + PREF_POINTER_OFFSET));
-    if (words.m_self && words.m_table) [[likely]] {
+    if (words.m_self && static_cast<const void*>(words.m_table) == IPersistable::Stubs<Node>::GetTable()) [[likely]] {
         Node* const node = static_cast<Node*>(words.m_self);
         node->GetSysState().SetLastTouchedTime(g_touchClock.load(std::memory_order_relaxed));
         return node;
@@ -90,7 +91,7 @@ template <class Node>
 Node* FollowNeighbour(const void* place) {
     const AnyInterface words = LoadEvictableWords(
         reinterpret_cast<const AnyInterface*>(static_cast<const char*>(place) + PREF_POINTER_OFFSET));
-    if (words.m_self && words.m_table) [[likely]]
+    if (words.m_self && static_cast<const void*>(words.m_table) == IPersistable::Stubs<Node>::GetTable()) [[likely]]
         return static_cast<Node*>(words.m_self);
     return static_cast<Node*>(detail::LoadChild(place, IPersistable::Stubs<Node>::GetTable()));
 }

@@ -4,6 +4,7 @@
 #include "qxLss/ILogStructuredStore.h"
 #include "qxPersistStore/IPersistable.h"
 #include "qxPersistStore/OID.h"
+#include "qxPersistStore/src/ObjectDeleterPrefVisitor.h"
 #include "qxPersistStore/src/QueuedOids.h"
 #include "qxUtils/Archive.h"
 #include "qxUtils/Export.h"

@@ -1,12 +1,16 @@
 // The walk of a permanent deletion, one object's references at a time.
 #pragma once
 
+#include "qxPersistStore/IPersistable.h"
 #include "qxPersistStore/IPrefVisitor.h"
-#include "qxPersistStore/src/DeletionQueue.h"
+#include "qxPersistStore/OID.h"
 #include "qxUtils/Export.h"
 #include "qxUtils/PagedStack.h"
+#include "qxUtils/xdeque.h"
 
 namespace quna {
+
+class DeletionQueue;
 
 // Adds the target of each reference to a deletion: one that calls itself a subtree goes on the queue, which is what
 // splits a big deletion into batches; any other goes into the batch, to be visited in its turn. What does not exist any
@@ -15,7 +19,7 @@ namespace quna {
 // Threads: under the exclusive lock of the space, which is the thread's current one.
 class QX_API ObjectDeleterPrefVisitor : public IPrefVisitor {
 public:
-    using OIDS = DeletionQueue::OIDS;
+    using OIDS = xdeque<OID, 512>;
     using OBJSET = PagedStack<ptr<IPersistable>, 1024>;
 
     ObjectDeleterPrefVisitor(DeletionQueue& dq, OIDS& oidsToDelete, OBJSET& stack)

@@ -23,7 +23,7 @@ ssize_t QueuedOids::HomeSlot(uint64 oid) const {
 }
 
 ssize_t QueuedOids::Find(OID oid) const {
-    if (m_size == 0) return -1;
+    if (m_size == 0 || !oid) return -1; // a null one would match an unused slot
     for (ssize_t slot = HomeSlot(oid.value_);; slot = NextSlot(slot)) {
         ++m_numProbes;
         if (m_slots[slot].oid == oid.value_) return slot;

@@ -3,7 +3,7 @@
 #include "qxObject/RegisterProject.h"
 #include "qxObject/Registry.h"
 #include "qxObject/TypeOpsArrays.h"
-#include "qxPersistStore/BPlusTree.h"
+#include "qxPersistStore/BPlusTree2.h"
 #include "qxPersistStore/IPersistStore.h"
 #include "qxPersistStore/InternalNode.h"
 #include "qxPersistStore/LeafNode.h"

@@ -27,6 +27,12 @@ protected:
     std::vector<std::unique_ptr<BPlusTree>> m_others;
 };
 
+TEST_F(BPlusTreeCopy, TreesWithoutEntriesCompareWithoutTheirTypes) {
+    const BPlusTree x, y;
+    EXPECT_TRUE(x == y);
+    EXPECT_FALSE(x < y);
+}
+
 TEST_F(BPlusTreeCopy, ClearEmptiesToHeightMinusOne) {
     for (const Shape& shape : {Shape(0), Shape(5), Shape({50, 50}), Shape({{50, 50}, {50, 50}})}) {
         Build(shape);

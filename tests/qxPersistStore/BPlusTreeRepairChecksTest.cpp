@@ -347,6 +347,15 @@ TEST_F(DescentChecks, ALeftNeighbourHasEntries) {
     InternalChild(RootNode(m_tree), -1).m_numKeyEntrys = 50;
 }
 
+TEST_F(DescentChecks, AChildOfTheWrongClassIsRefusedEachTime) {
+    Build({50, 50});
+    m_tree.m_height = 2; // so the leaves are taken for internal nodes
+    const IntKey key(10);
+    for (int i = 0; i < 3; ++i) ExpectAssertion("node", PATH, [&] { m_tree.find(AsKey(key)); });
+    m_tree.m_height = 1;
+    EXPECT_NE(m_tree.end(), m_tree.find(AsKey(key)));
+}
+
 TEST_F(DescentChecks, TheTopmostNodeIsTheRootAtTheTreesHeight) {
     Build({50, 50});
     void* const root = m_tree.m_root.Get();

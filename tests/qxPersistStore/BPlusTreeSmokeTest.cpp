@@ -1,6 +1,6 @@
 // The tree in ordinary use, beside a std::map.
 #include "qxObject/TypeDescription.h"
-#include "qxPersistStore/BPlusTree.h"
+#include "qxPersistStore/BPlusTree2.h"
 #include "qxUtils/xstring.h"
 #include "tests/support/TestStore.h"
 

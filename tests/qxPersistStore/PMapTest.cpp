@@ -144,10 +144,12 @@ TEST_F(PMapTest, ErasesByKeyPositionAndStretch) {
     for (const auto& [key, payload] : Ascending(1000)) map.insert(key, payload);
     EXPECT_EQ(1, map.erase(30));
     EXPECT_EQ(36u, map.erase(map.find(33))->first);
-    EXPECT_EQ(map.end(), map.erase(map.find(999 * 3)));
+    auto next = map.erase(map.find(999 * 3));
+    EXPECT_EQ(map.end(), next);
     EXPECT_EQ(300u, map.erase(map.lower_bound(60), map.lower_bound(300))->first);
     EXPECT_TRUE(map.range(60, 300).empty());
-    EXPECT_EQ(map.end(), map.erase(map.lower_bound(600), map.end()));
+    next = map.erase(map.lower_bound(600), map.end());
+    EXPECT_EQ(map.end(), next);
     EXPECT_EQ(20 - 2 + 100, map.size());
     ExpectSound(map.Tree());
     map.clear();
@@ -326,6 +328,23 @@ TEST_F(PMapTest, ASortedRangeReplacesTheContentsOfAPersistentMap) {
     const Leaves again(&Tree());
     EXPECT_EQ(180, again.size());
     for (auto [key, leaf] : again) ASSERT_EQ(key, leaf->m_number);
+}
+
+TEST_F(PMapTest, AMapPacksItselfAndItsObjectsStay) {
+    using Leaves = PMap<uint64, cref<TestLeaf>>;
+    Leaves map = Rooted<Leaves>();
+    for (int i = 0; i < 300; ++i) map[static_cast<uint64>(i)] = NewObject<TestLeaf>(i); // half-full leaves
+    WriteAll();
+    map.assign_sorted(map);
+    EXPECT_EQ(1 + 3, map.Tree().GetNumNodes());
+    ExpectSound(map.Tree());
+    m_ps->GetDQ().AccumulateDelta(m_ps);
+    while (m_ps->GetDQ().DeleteSomeObjects(m_ps)) {
+    }
+    Reopen();
+    const Leaves again(&Tree());
+    EXPECT_EQ(300, again.size());
+    for (auto [key, leaf] : again) ASSERT_EQ(static_cast<int32>(key), leaf->m_number);
 }
 
 TEST_F(PMapTest, AnEmptySortedRangeEmptiesTheMap) {

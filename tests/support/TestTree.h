@@ -7,7 +7,7 @@
 #include "qxObject/Reflect.h"
 #include "qxObject/TypeOpsArrays.h"
 #include "qxObject/WCSpace.h"
-#include "qxPersistStore/BPlusTree.h"
+#include "qxPersistStore/BPlusTree2.h"
 #include "qxPersistStore/BTreeEntries.h"
 #include "qxPersistStore/BTreeTypeInfo.h"
 #include "qxPersistStore/InternalNode.h"

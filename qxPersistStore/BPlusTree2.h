@@ -222,9 +222,9 @@ public:
     void BalanceInternalLeftToRight(InternalNode* left, InternalNode* right, InternalNode* anchor);
     void ReplaceKeyInAnchor(InternalNode* anchor, const _Key* oldKey, const _Key* newKey);
 
-    // Takes nodes that were built beside the tree, which has none ("m_height == -1"), and makes them persistent if the
-    // tree is.
-    void AdoptNodes(LeafNode* firstLeaf, LeafNode* lastLeaf, const cref<void>& root, ssize_t height, ssize_t size);
+    // Takes nodes that were built beside the tree in place of its own, and makes them persistent if the tree is; none with
+    // height -1. What the old entries name is not deleted with their nodes, since the new ones may name it too.
+    void ReplaceNodes(LeafNode* firstLeaf, LeafNode* lastLeaf, const cref<void>& root, ssize_t height, ssize_t size);
     // Exchanges the five fields below and nothing else; marks nothing.
     void SwapMembers(BPlusTree& rhs);
     void SwapPersistentWithTransient(BPlusTree& rhs);

@@ -1,5 +1,5 @@
 // The header object: its record, its visits, its root.
-#include "qxPersistStore/BPlusTree.h"
+#include "qxPersistStore/BPlusTree2.h"
 
 #include "qxObject/DollarNew.h"
 #include "qxObject/Reflect.h"
