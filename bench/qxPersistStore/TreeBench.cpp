@@ -3,7 +3,8 @@
 //   insert   std::map's, aim 2 times (transient tree)
 //   erase    std::map's, aim 2 times
 //   scan     100 M entries/s through the iterator, aim 300 M, and above LMDB's cursor and absl::btree_map
-// Each contestant inserts, finds, scans and erases all keys, in one round after the other.
+// Each contestant inserts, finds, scans and erases all keys, in one round after the other. The argument is a regular
+// expression for the contestants.
 #include "bench/support/Contest.h"
 #include "bench/support/TreePeers.h"
 
@@ -122,16 +123,14 @@ void RunLmdb(const Keys& keys, Report& report) {
 
 int main(int argc, char** argv) {
     const Keys keys;
-    Contest contest;
+    Contest contest(ArgumentOrNothing(argc, argv, 1));
     contest.Add("BPlusTree", [&](Report& report) { RunTree(keys, report); });
-    if (IsWanted(argc, argv, "std::map"))
-        contest.Add("std::map", [&](Report& report) { RunMap<std::map<uint64, uint64>>(keys, report); });
+    contest.Add("std::map", [&](Report& report) { RunMap<std::map<uint64, uint64>>(keys, report); });
 #ifdef QX_HAVE_ABSL
-    if (IsWanted(argc, argv, "absl::btree_map"))
-        contest.Add("absl::btree_map", [&](Report& report) { RunMap<absl::btree_map<uint64, uint64>>(keys, report); });
+    contest.Add("absl::btree_map", [&](Report& report) { RunMap<absl::btree_map<uint64, uint64>>(keys, report); });
 #endif
 #ifdef QX_HAVE_LMDB
-    if (IsWanted(argc, argv, "LMDB")) contest.Add("LMDB", [&](Report& report) { RunLmdb(keys, report); });
+    contest.Add("LMDB", [&](Report& report) { RunLmdb(keys, report); });
 #endif
     contest.Run("1 M random uint64 -> uint64, resident");
 }

@@ -42,8 +42,13 @@ public:
     };
     using Work = std::function<void(Report&)>;
 
+    // Takes in contestants whose names contain a match of a regular expression.
+    explicit Contest(const std::string& contestants = "") : m_filter(contestants) {}
+
     // The first one is what the others are compared with.
-    void Add(std::string name, Work work) { m_contestants.push_back({std::move(name), std::move(work)}); }
+    void Add(std::string name, Work work) {
+        if (std::regex_search(name, m_filter)) m_contestants.push_back({std::move(name), std::move(work)});
+    }
 
     void Run(ConstStringZ title, int numRounds = NUM_ROUNDS) {
         std::printf("%s, medians of %d rounds\n", title, numRounds);
@@ -93,14 +98,17 @@ private:
         }
     }
 
+    std::regex m_filter;
     std::vector<Contestant> m_contestants;
     std::vector<Row> m_rows;
 };
 
-// Whether a program's argument, a regular expression, names this part of it; all parts without an argument. Options are
-// for programs of another kind that run in the same command.
-inline bool IsWanted(int argc, char** argv, ConstStringZ part) {
-    return argc < 2 || argv[1][0] == '-' || std::regex_search(part, std::regex(argv[1]));
+// Argument i of a program, empty when there is none. Options are for programs of another kind that run in the same
+// command, and end the arguments here.
+inline std::string ArgumentOrNothing(int argc, char** argv, int i) {
+    for (int k = 1; k <= i; ++k)
+        if (k >= argc || argv[k][0] == '-') return {};
+    return argv[i];
 }
 
 } // namespace quna
