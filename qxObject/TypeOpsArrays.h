@@ -8,6 +8,7 @@
 #include "qxObject/ValueOps.h"
 #include "qxUtils/BasicTypes.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -176,10 +177,34 @@ void AssignArray(void* dst, ssize_t dstStride, const void* src, ssize_t srcStrid
     }
 }
 
+namespace detail {
+
+// Values whose bytes are their serial form, as many at a time as the archive's buffer still takes: it is flushed where it
+// would be value by value.
+template <class T>
+void SerialiseRawArray(Archive& ar, const void* array, ssize_t stride, ssize_t count) {
+    constexpr ssize_t SIZE = static_cast<ssize_t>(sizeof(T));
+    const char* from = static_cast<const char*>(array);
+    while (count > 0) {
+        const ssize_t room = (ARCHIVE_BUFSIZE - ar.NumBufferedWrites()) / SIZE;
+        const ssize_t n = std::min(count, room > 0 ? room : ARCHIVE_BUFSIZE / SIZE);
+        octet_t* to = ar.BeginWrite(n * SIZE);
+        for (ssize_t i = 0; i < n; ++i, to += SIZE, from += stride) std::memcpy(to, from, sizeof(T));
+        ar.EndWrite(to);
+        count -= n;
+    }
+}
+
+} // namespace detail
+
 template <class T>
 void SerialiseArray(Archive& ar, const void* array, ssize_t stride, ssize_t count) {
-    for (ssize_t i = 0; i < count; ++i)
-        ValueOps<T>::Serialise(ar, *detail::ReadView<T>(detail::ElementAt(array, stride, i)));
+    if constexpr (detail::IS_RAW<T>) {
+        detail::SerialiseRawArray<T>(ar, array, stride, count);
+    } else {
+        for (ssize_t i = 0; i < count; ++i)
+            ValueOps<T>::Serialise(ar, *detail::ReadView<T>(detail::ElementAt(array, stride, i)));
+    }
 }
 
 template <class T>

@@ -96,14 +96,14 @@ public:
             QX_ASSERT_IN("src/BPlusTree2", m_leaf);
             QX_ASSERT_IN("src/BPlusTree2", -1 <= m_offset && m_offset < m_leaf->m_numKeyEntrys);
             if (++m_offset == m_leaf->m_numKeyEntrys) [[unlikely]]
-                ToNextLeaf();
+                *this = BehindLeaf(*this);
         }
         // From the first entry to -1 on the first leaf, from where next leads back.
         void prev() {
             QX_ASSERT_IN("src/BPlusTree2", m_leaf);
             QX_ASSERT_IN("src/BPlusTree2", 0 <= m_offset && m_offset <= m_leaf->m_numKeyEntrys);
             if (--m_offset < 0) [[unlikely]]
-                ToPrevLeaf();
+                *this = BeforeLeaf(*this);
         }
 
         bool operator==(const Iterator& rhs) const { return m_leaf == rhs.m_leaf && m_offset == rhs.m_offset; }
@@ -113,8 +113,9 @@ public:
         ssize_t m_offset = 0; // index of the entry
 
     private:
-        void ToNextLeaf();
-        void ToPrevLeaf();
+        // By value, so that a loop keeps its position in registers.
+        static Iterator BehindLeaf(Iterator i);
+        static Iterator BeforeLeaf(Iterator i);
     };
 
     BPlusTree() = default; // for the object system, just before Deserialise

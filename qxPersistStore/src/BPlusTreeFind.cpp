@@ -35,19 +35,17 @@ void PrefetchBehind(const LeafNode* leaf) {
 
 } // namespace
 
-void BPlusTree::Iterator::ToNextLeaf() {
-    LeafNode* const leaf = m_leaf->m_next.Get();
-    if (!leaf) return;
+// The same position when there is no such leaf.
+BPlusTree::Iterator BPlusTree::Iterator::BehindLeaf(Iterator i) {
+    LeafNode* const leaf = i.m_leaf->m_next.Get();
+    if (!leaf) return i;
     PrefetchBehind(leaf);
-    m_leaf = leaf;
-    m_offset = 0;
+    return Iterator(leaf, 0);
 }
 
-void BPlusTree::Iterator::ToPrevLeaf() {
-    LeafNode* const leaf = m_leaf->m_prev.Get();
-    if (!leaf) return;
-    m_leaf = leaf;
-    m_offset = leaf->m_numKeyEntrys - 1;
+BPlusTree::Iterator BPlusTree::Iterator::BeforeLeaf(Iterator i) {
+    LeafNode* const leaf = i.m_leaf->m_prev.Get();
+    return leaf ? Iterator(leaf, leaf->m_numKeyEntrys - 1) : i;
 }
 
 void BPlusTree::EnsureChainIfExclusive() const {
