@@ -4,7 +4,7 @@
 #include "bench/support/BenchObjects.h"
 #include "qxObject/DollarNew.h"
 #include "qxObject/TypeDescription.h"
-#include "qxPersistStore/BPlusTree.h"
+#include "qxPersistStore/BPlusTree2.h"
 #include "qxPersistStore/TypeInfo.h"
 
 #include <algorithm>

@@ -6,6 +6,7 @@
 #include "qxObject/TypeOpsArrays.h"
 #include "qxPersistStore/PersistentMembers.h"
 #include "qxPersistStore/src/BTreeSearch.h"
+#include "qxUtils/Exceptions.h"
 #include "qxUtils/Schema.h"
 
 namespace quna {
@@ -13,6 +14,7 @@ namespace quna {
 namespace {
 
 constexpr ConstStringZ SOURCE_PATH = "src/BPlusTree2";
+constexpr ssize_t MAX_STORED_HEIGHT = 1000;
 
 constexpr int LATEST_SCHEMA = 2;
 
@@ -54,6 +56,11 @@ InputArchive BPlusTree::Deserialise(InputArchive ar) {
         uint64 heightPlusOne = 0;
         ar = DeserialiseVariableLengthUint(ar, heightPlusOne);
         m_height = static_cast<ssize_t>(heightPlusOne) - 1;
+    }
+    // No tree of identifiers can be as high, but the descent would take a stack of that depth.
+    if (m_height > MAX_STORED_HEIGHT) {
+        m_height = -1;
+        throw RecordException("the record of a tree has an impossible height");
     }
     m_rootOfChain = nullptr;
     return ar;

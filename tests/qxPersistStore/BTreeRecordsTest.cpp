@@ -108,6 +108,16 @@ TEST_F(BTreeRecords, ATreeOfOneEmptyLeafHasAHeightFieldOfOne) {
     EXPECT_EQ((Bytes{2, 1, 0, 0}), Bytes(record.begin(), record.begin() + 4));
 }
 
+TEST_F(BTreeRecords, AnImpossibleHeightIsRefused) {
+    StoredInfo<uint8>();
+    for (const uint32 heightPlusOne : {1002u, 0xFFFFFFFFu}) {
+        const Bytes height = Written([&](Archive& ar) { SerialiseVariableLengthUint32(ar, heightPlusOne); });
+        BPlusTree read;
+        EXPECT_THROW(Read(read, Bytes{2, 1, 0, 0, 0, 0, 0} + height), RecordException);
+        EXPECT_EQ(-1, read.m_height);
+    }
+}
+
 TEST_F(BTreeRecords, ASizeOfFourGigaEntriesLosesItsUpperHalf) {
     BPlusTree tree(StoredInfo<uint8>());
     tree.m_size = (ssize_t{1} << 32) + 5;
