@@ -27,7 +27,8 @@ FileMap::FileMap(File& file, int64 maxBytes) : m_file(file), m_maxBytes(maxBytes
     QX_ASSERT(maxBytes % CHUNK_BYTES == 0);
     const int64 least = std::max(m_file.Size(), LEAST_BYTES);
     int result = m_file.Sys().Map(m_file.Descriptor(), static_cast<size_t>(m_maxBytes), m_base);
-    while (result == -ENOMEM && m_maxBytes / 2 >= least) {
+    // EINVAL is how some memory checkers refuse a length.
+    while ((result == -ENOMEM || result == -EINVAL) && m_maxBytes / 2 >= least) {
         m_maxBytes /= 2;
         result = m_file.Sys().Map(m_file.Descriptor(), static_cast<size_t>(m_maxBytes), m_base);
     }

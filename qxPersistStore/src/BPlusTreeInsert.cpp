@@ -297,15 +297,16 @@ void BPlusTree::InsertIntoInternalNode(InternalNode* left, KeyAndCrefSlot& e, Ke
     const ssize_t insertPos =
         Key(bi).LowerBound(GetEntry(bi, left, 0), GetKeyAndCrefSize(bi), nk, member_key(e.contents()));
     QX_ASSERT(0 <= insertPos && insertPos <= nk);
-    const auto place = [&](InternalNode* node, ssize_t i) {
-        MoveKeyAndCref(bi, GetEntry(bi, node, i), e.release());
-        return member_key(GetEntry(bi, node, i));
+    const auto place = [&](InternalNode* node, ssize_t i) { MoveKeyAndCref(bi, GetEntry(bi, node, i), e.release()); };
+    // What can throw comes before any entry moves, so that each key has one owner whatever happens.
+    const auto declareKey = [&](const InternalNode* node) {
+        DeclareKeyReachable(bi, ptr<IPersistable const>(node), member_key(e.contents()));
     };
     if (nk != BTREE_MAX_ENTRIES) {
+        declareKey(left);
         ShiftInternalEntries(bi, left, insertPos, insertPos + 1, nk - insertPos);
-        const _Key* const key = place(left, insertPos);
+        place(left, insertPos);
         ++left->m_numKeyEntrys;
-        DeclareKeyReachable(bi, ptr<IPersistable const>(left), key);
         MarkDirty(left);
         return;
     }
@@ -313,13 +314,15 @@ void BPlusTree::InsertIntoInternalNode(InternalNode* left, KeyAndCrefSlot& e, Ke
     MarkDirty(left);
     DeclareReachable(left, right, true);
     if (insertPos <= HALF) {
+        declareKey(left);
         MoveInternalEntries(bi, left, HALF, right, 0, HALF);
         ShiftInternalEntries(bi, left, insertPos, insertPos + 1, HALF - insertPos);
-        DeclareKeyReachable(bi, ptr<IPersistable const>(left), place(left, insertPos));
+        place(left, insertPos);
     } else {
+        declareKey(right);
         const ssize_t rightInsertPos = insertPos - HALF - 1;
         MoveInternalEntries(bi, left, HALF + 1, right, 0, rightInsertPos);
-        DeclareKeyReachable(bi, ptr<IPersistable const>(right), place(right, rightInsertPos));
+        place(right, rightInsertPos);
         MoveInternalEntries(bi, left, insertPos, right, rightInsertPos + 1, BTREE_MAX_ENTRIES - insertPos);
     }
     // Entry 50 rises: its child becomes the leftmost of the right node, its key the separator.
