@@ -5,6 +5,7 @@
 #include "qxLss/src/AllocRing.h"
 #include "qxLss/src/Checkpoint.h"
 #include "qxLss/src/CleanThread.h"
+#include "qxLss/src/Cleaner.h"
 #include "qxLss/src/Flusher.h"
 #include "qxLss/src/Index.h"
 #include "qxLss/src/Overlay.h"
@@ -17,7 +18,9 @@
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
 
+#include <functional>
 #include <memory>
+#include <utility>
 
 namespace quna {
 
@@ -50,6 +53,12 @@ public:
 
     // Takes a checkpoint now. A failure is final, as in the background.
     void CheckpointForTest();
+    // Cleans up to `maxVictims` segments, however full they are. A failure is final. How many became free.
+    ssize_t CleanForTest(ssize_t maxVictims);
+    // Gives free space at the file's end, and some in its middle, back.
+    void ShrinkForTest();
+    // Called between the steps of checkpoints and of the cleaner.
+    void SetStepHookForTest(std::function<void()> hook) { m_core->m_stepHook = std::move(hook); }
     // From now on nothing happens in the background, so that a run depends on its calls alone.
     void StopThreadsForTest() { StopThreads(); }
     // Recounts everything; throws CorruptLSSException at a difference. Requires: no transaction open in this thread.
@@ -70,7 +79,10 @@ private:
 
     void StopThreads();
     void OnTransactionClosed(bool unwinding);
-    void DoBackgroundWork();
+    int DoBackgroundWork();
+    void CleanUntilAtRest();
+    int Shrink();
+    void MakeRoomForTransaction();
     void HandOverBuffered();
     void ThrowIfReadOnly(ConstStringZ operation) const;
     template <class Action>
@@ -84,10 +96,13 @@ private:
     Index m_index;
     UserLog m_log;
     Checkpoint m_checkpoint;
+    Cleaner m_cleaner;
     Transaction m_transaction;
     Overlay m_overlay; // of a read-only store
     std::unique_ptr<OverlayTransaction> m_overlayTransaction;
     CleanThread m_cleanThread;
+    uint64 m_clockSeen = 0;   // by Shrink; the thread "Lss clean"
+    bool m_canShrink = true;  // likewise
 };
 
 // CreateOrOpenLSS with another table of system calls, and segments down to 4 KiB.

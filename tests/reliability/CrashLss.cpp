@@ -18,6 +18,7 @@ using EChoice = CrashVariant::EChoice;
 
 struct Totals {
     int64 points = 0;
+    int64 inMaintenance = 0; // of the points: inside the cleaner or a checkpoint
     int64 states = 0;
     int64 nested = 0;
     std::map<std::string, int64> faults;
@@ -62,6 +63,7 @@ public:
                 spent.insert(m_history.identifiers[given].seid);
             if (onlyPoint >= 0 && k != onlyPoint) continue;
             ++m_totals.points;
+            m_totals.inMaintenance += m_history.IsInMaintenance(k);
             const SimCall* next = k < std::ssize(record) ? &record[static_cast<size_t>(k)] : nullptr;
             for (uint64 v = 0; v < variants; ++v) {
                 if (onlyVariant >= 0 && v != static_cast<uint64>(onlyVariant)) continue;
@@ -150,13 +152,14 @@ int Main(int argc, char** argv) {
     }
     const bool ok = totals.Sum() == 0 && totals.states > 0;
     std::printf("reliability crash-lss: points=%lld states=%lld nested=%lld lost=%lld not_prefix=%lld refused=%lld "
-                "ids_repeated=%lld other=%lld verdict=%s\n",
+                "ids_repeated=%lld other=%lld cleaner_share=%.0f%% verdict=%s\n",
                 static_cast<long long>(totals.points), static_cast<long long>(totals.states),
                 static_cast<long long>(totals.nested), static_cast<long long>(totals.faults["lost"]),
                 static_cast<long long>(totals.faults["not_prefix"]), static_cast<long long>(totals.faults["refused"]),
                 static_cast<long long>(totals.faults["ids_repeated"]),
                 static_cast<long long>(totals.Sum() - totals.faults["lost"] - totals.faults["not_prefix"] -
                                        totals.faults["refused"] - totals.faults["ids_repeated"]),
+                100.0 * static_cast<double>(totals.inMaintenance) / static_cast<double>(std::max<int64>(totals.points, 1)),
                 ok ? "ok" : "FAIL");
     return ok ? 0 : 1;
 }
