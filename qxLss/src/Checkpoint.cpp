@@ -105,7 +105,7 @@ void Checkpoint::TakePosition(State& state, EReason reason) {
         const SegmentSlot& s = (*m_core.m_segments)[slot];
         const bool isLog = s.sequence && (s.kind == ESegmentKind::USER || s.kind == ESegmentKind::SURVIVORS);
         const bool isSealed =
-            isLog && slot != state.position.slot && (!s.isOpen || IsMutant(EMutant::OPEN_SURVIVOR_FREED));
+            isLog && slot != state.position.slot && (!s.isOpen || IsMutant(EMutant::OPEN_TAKEN_FOR_SEALED));
         if (isSealed && s.livePackets == 0) {
             state.emptied.push_back(slot);
             continue;

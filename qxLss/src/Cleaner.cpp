@@ -10,8 +10,9 @@ namespace quna {
 
 namespace {
 
-constexpr ssize_t SLOTS_A_LOOK = 4096; // of the usage table read in one hold of the turn, about 20 us
-constexpr ssize_t REST_SEGMENTS = 4;   // of log after which a fruitless look is worth another
+constexpr ssize_t SLOTS_A_LOOK = 4096;  // of the usage table read in one hold of the turn, about 20 us
+constexpr ssize_t REST_SEGMENTS = 4;    // of log after which a fruitless look is worth another
+constexpr ssize_t MANY_FREE_SLOTS = 64; // beyond these and 5 % of the file its end is cleaned first, to be cut
 constexpr uint64 BYTES_A_WAIT = 256 * 1024;
 constexpr int64 EXCESS_A_MILLISECOND = int64{16} << 20;
 constexpr auto LONGEST_WAIT = std::chrono::milliseconds(100);
@@ -38,7 +39,8 @@ Cleaner::Survey Cleaner::LookAround() {
             const SegmentSlot& s = (*m_core.m_segments)[slot];
             if (!s.sequence || (s.kind != ESegmentKind::USER && s.kind != ESegmentKind::SURVIVORS)) continue;
             ++survey.numUsed;
-            if (s.isOpen || s.isDamaged || s.usedBytes == 0) continue;
+            const bool isOpen = s.isOpen && !IsMutant(EMutant::OPEN_TAKEN_FOR_SEALED);
+            if (isOpen || s.isDamaged || s.usedBytes == 0) continue;
             if (!s.mayBeVictim && !IsMutant(EMutant::VICTIMS_OF_THE_WINDOW)) {
                 survey.deadInWindow += int64{s.usedBytes} - s.liveBytes;
                 continue;
@@ -72,6 +74,8 @@ Cleaner::EOutcome Cleaner::CleanOnce(bool urgent) {
     limits.maxVictims = BatchSize(survey.numUsed, m_core.m_segmentSize);
     const ssize_t numCandidates = static_cast<ssize_t>(survey.candidates.size());
     limits.maxLiveBytes = RoomFor(limits.maxVictims);
+    const ssize_t numSlots = m_space.NumSlots();
+    if (m_space.NumFree() > std::max(MANY_FREE_SLOTS, numSlots / 20)) limits.preferFrom = numSlots - numSlots / 10;
     const std::vector<VictimCandidate> victims = ChooseVictims(std::move(survey.candidates), limits);
 
     // With few old segments the best of them are not good. What was written since the checkpoint may be better.
@@ -124,9 +128,8 @@ void Cleaner::WaitForRoom() {
     const std::chrono::microseconds wait(1000 + excess / (EXCESS_A_MILLISECOND / 1000));
     std::unique_lock lock(m_roundMutex);
     const uint64 rounds = m_numRounds;
-    m_roundEnded.wait_for(lock, std::min<std::chrono::microseconds>(wait, LONGEST_WAIT), [&] {
-        return m_numRounds != rounds && m_goal.Excess(Used(), Live()) <= 0;
-    });
+    m_roundEnded.wait_for(lock, std::min<std::chrono::microseconds>(wait, LONGEST_WAIT),
+                          [&] { return m_numRounds != rounds && m_goal.Excess(Used(), Live()) <= 0; });
 }
 
 uint64 Cleaner::NumRounds() {

@@ -32,8 +32,7 @@ public:
         NEEDS_CHECKPOINT // what is dead lies behind the newest checkpoint
     };
 
-    Cleaner(StoreCore& core, SpaceManager& space, UserLog& log, Index& index, Flusher& flusher,
-            Checkpoint& checkpoint);
+    Cleaner(StoreCore& core, SpaceManager& space, UserLog& log, Index& index, Flusher& flusher, Checkpoint& checkpoint);
 
     bool IsEnabled() const { return m_goal.IsEnabled(); }
     // Is there enough dead space? Cheap.
@@ -62,11 +61,12 @@ public:
     // The cleaner has ended a batch, or will do no more: wakes who waits.
     void NoteRoundEnded();
 
-    // Between RequestStop and the end of the object a running batch ends early.
+    // A running batch ends early, no other begins, and nobody waits any more.
     void RequestStop() {
         m_stop.store(true, std::memory_order_relaxed);
         NoteRoundEnded();
     }
+    void AllowAgainForTest() { m_stop.store(false, std::memory_order_relaxed); }
 
 private:
     int64 Used() const { return m_core.m_counters.usedBytes.load(std::memory_order_relaxed); }

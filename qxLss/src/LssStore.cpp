@@ -21,6 +21,7 @@ constexpr ssize_t SLOTS_FOR_CLEANER = 8;
 
 // Free slots beyond these and 5 % of the file are given back while the store is at work, all others when it rests.
 constexpr ssize_t MANY_FREE_SLOTS = 64;
+constexpr ssize_t LEAST_COMFORT = 16;
 constexpr int REST_MILLISEC = 1000;
 constexpr int PUNCH_MILLISEC = 125; // 8 slots a second: a hole costs some 200 us
 
@@ -74,7 +75,7 @@ void LssStore::Recover(const CheckpointHeader& header) {
     }
     m_flusher.SetDurableClock(log.clock);
     m_log.Resume(log.end, log.clock);
-    if (m_core->m_settings.forceIncrementMSSN) m_log.LinkToNext();
+    if (m_core->m_settings.forceIncrementMSSN) m_log.LinkToNext(EClaim::MAINTENANCE);
 }
 
 void LssStore::StartThreads() {
@@ -88,6 +89,7 @@ void LssStore::StartThreads() {
                             m_core->FailWithCurrentException();
                             m_cleaner.NoteRoundEnded();
                         });
+    if (m_cleaner.IsDue()) m_cleanThread.Wake(); // dead space may have been left by a killed process
 }
 
 // --- ending
@@ -192,11 +194,11 @@ void LssStore::MakeRoomForTransaction() {
         m_space.EnsureReady(SLOTS_FOR_TRANSACTION + m_checkpoint.SlotsNeeded());
         return;
     } catch (const FileException&) {
+        m_cleaner.RequestUrgently();
         if (!m_cleaner.IsEnabled() || !m_cleanThread.IsRunning()) throw;
     }
     m_log.Turn().Release();
     const uint64 rounds = m_cleaner.NumRounds();
-    m_cleaner.RequestUrgently();
     m_cleanThread.Wake();
     m_cleaner.WaitForRound(rounds);
     m_log.Turn().Acquire();
@@ -256,7 +258,7 @@ void LssStore::CleanUntilAtRest() {
 // A slot that is cut off or punched is no loss if the power fails: nothing durable names it any more. Failing is none
 // either: the file is only larger than it need be.
 int LssStore::Shrink() {
-    const ssize_t comfort = m_space.Comfort();
+    const ssize_t comfort = std::max(m_space.Comfort(), LEAST_COMFORT);
     if (!m_canShrink || m_space.NumFree() <= comfort) return -1;
     const uint64 clock = m_log.HandedClock();
     const bool rests = std::exchange(m_clockSeen, clock) == clock;

@@ -26,7 +26,7 @@ namespace quna {
 
 // Ownership: owns all parts and the two threads; ends by Close or Abandon.
 // Threads:   as ILogStructuredStore says. Locks from outermost to innermost: Checkpoint::m_mutex, the turn of the log,
-//            Flusher::m_syncMutex, SpaceManager::m_mutex, the allocator's and the ring's mutexes, the index's load mutexes
+//            Flusher::m_syncMutex, SpaceManager's mutexes, the allocator's and the ring's mutexes, the index's load mutexes
 //            and snapshot mutex.
 class QX_API LssStore final : public ILogStructuredStore {
 public:
@@ -60,7 +60,13 @@ public:
     // Called between the steps of checkpoints and of the cleaner.
     void SetStepHookForTest(std::function<void()> hook) { m_core->m_stepHook = std::move(hook); }
     // From now on nothing happens in the background, so that a run depends on its calls alone.
-    void StopThreadsForTest() { StopThreads(); }
+    void StopThreadsForTest() {
+        StopThreads();
+        m_cleaner.AllowAgainForTest();
+    }
+    // What the thread "Lss clean" does when it is woken; when that is stopped. In how many milliseconds again, below 0: when
+    // it is woken.
+    int BackgroundForTest() { return DoBackgroundWork(); }
     // Recounts everything; throws CorruptLSSException at a difference. Requires: no transaction open in this thread.
     void Validate();
     // Calls visit(seid, location) for every element.
@@ -101,8 +107,8 @@ private:
     Overlay m_overlay; // of a read-only store
     std::unique_ptr<OverlayTransaction> m_overlayTransaction;
     CleanThread m_cleanThread;
-    uint64 m_clockSeen = 0;   // by Shrink; the thread "Lss clean"
-    bool m_canShrink = true;  // likewise
+    uint64 m_clockSeen = 0;  // by Shrink; the thread "Lss clean"
+    bool m_canShrink = true; // likewise
 };
 
 // CreateOrOpenLSS with another table of system calls, and segments down to 4 KiB.

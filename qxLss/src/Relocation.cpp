@@ -93,7 +93,8 @@ void Relocation::LeaveAlone(Location l, const char* what) {
     SegmentSlot& slot = (*m_core.m_segments)[m_core.m_segments->SlotOf(l)];
     if (slot.isDamaged) return;
     slot.isDamaged = true;
-    TracerX() << "The cleaner of the store '" << m_core.m_file.Path() << "' leaves a segment as it is: " << what << "\n";
+    TracerX() << "The cleaner of the store '" << m_core.m_file.Path() << "' leaves a segment as it is: " << what
+              << "\n";
 }
 
 // Null if the packet is damaged: it stays, and with it its segment, so that what can still be read of it can be.
@@ -181,9 +182,9 @@ bool Relocation::CopyLong(const Move& source) {
         if (!IsInVictim(part)) continue;
         const octet_t* const bytes = Load(part, EPacketType::LONG_PART, source.seid);
         if (!bytes) return false;
-        const Location to = m_streams.Append(source.ageClass, EPacketType::LONG_PART, source.seid,
-                                             bytes + PACKET_HEADER_BYTES,
-                                             PayloadBytes(ReadPod<PacketHeader>(bytes).info), 0, source.dataStamp, clock);
+        const Location to =
+            m_streams.Append(source.ageClass, EPacketType::LONG_PART, source.seid, bytes + PACKET_HEADER_BYTES,
+                             PayloadBytes(ReadPod<PacketHeader>(bytes).info), 0, source.dataStamp, clock);
         if (!to) {
             m_result.lacksRoom = true;
             return false;
@@ -250,14 +251,12 @@ void Relocation::AppendReloc(const std::vector<octet_t>& payload) {
 
 void Relocation::Emit() {
     if (!m_streams.HasUnreported()) return;
-    const bool early = !IsMutant(EMutant::RELOC_BEFORE_COPIES);
-    if (early) m_streams.HandOver(); // readers follow the index at once, and recovery verifies the ranges
+    m_streams.HandOver(); // readers follow the index at once, and recovery verifies the ranges
     m_core.Step();
     {
         TurnScope turn(m_log.Turn());
         try {
-            AppendReloc(EncodeReloc(m_streams.TakeRanges(), 0));
-            if (!early) m_streams.HandOver();
+            AppendReloc(EncodeReloc(m_streams.TakeRanges(), IsMutant(EMutant::LAST_TOO_EARLY) ? RELOC_FLAG_LAST : 0));
             Publish();
         } catch (...) {
             m_core.FailWithCurrentException();

@@ -69,9 +69,7 @@ private:
     void CopyAll(const std::atomic<bool>& stop);
     void LeaveAlone(Location l, const char* what);
     const octet_t* Load(Location l, EPacketType type, uint64 seid);
-    bool IsInVictim(Location l) const {
-        return m_slots.contains(static_cast<uint32>(m_core.m_segments->SlotOf(l)));
-    }
+    bool IsInVictim(Location l) const { return m_slots.contains(static_cast<uint32>(m_core.m_segments->SlotOf(l))); }
 
     ssize_t RelocBytes() const;
     void Emit();
@@ -90,13 +88,13 @@ private:
     const uint64 m_batchNumber;
 
     std::vector<VictimCandidate> m_victims;
-    std::unordered_set<uint32> m_slots;   // of the victims
-    std::vector<Move> m_plan;             // HEAD packets
-    std::vector<Move> m_longPlan;         // elements with parts in victims; `from` is the head
-    std::unordered_set<uint64> m_longs;   // their keys
-    std::vector<Move> m_moved;            // copied, not yet published
-    std::vector<LongMove> m_movedLongs;   // likewise
-    ssize_t m_longBytes = 0;              // of m_movedLongs in a RELOC
+    std::unordered_set<uint32> m_slots; // of the victims
+    std::vector<Move> m_plan;           // HEAD packets
+    std::vector<Move> m_longPlan;       // elements with parts in victims; `from` is the head
+    std::unordered_set<uint64> m_longs; // their keys
+    std::vector<Move> m_moved;          // copied, not yet published
+    std::vector<LongMove> m_movedLongs; // likewise
+    ssize_t m_longBytes = 0;            // of m_movedLongs in a RELOC
     RelocationResult m_result;
 };
 

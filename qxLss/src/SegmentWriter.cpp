@@ -16,8 +16,7 @@ void SegmentWriter::OpenFor(ssize_t slot, uint64 clockAtOpening) {
     if (m_readersUseBuffer) s.base.store(m_buffer.get(), std::memory_order_release);
 }
 
-void SegmentWriter::Begin(ssize_t slot, uint64 clockAtOpening, uint64 previousSequence,
-                          uint64 dataStamp) {
+void SegmentWriter::Begin(ssize_t slot, uint64 clockAtOpening, uint64 previousSequence, uint64 dataStamp) {
     OpenFor(slot, clockAtOpening);
     const SegmentSlot& s = (*m_core.m_segments)[slot];
     SegmentHeader header{};

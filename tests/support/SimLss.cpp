@@ -165,7 +165,7 @@ void LssDriver::Step() {
         const ssize_t before = std::ssize(m_history.transactions);
         Maintain(true, [this] { m_store->CheckpointForTest(); });
         NoteDurable(before); // those closed between its steps may have come after its sync
-    } else if (what == 5 && m_workload.clean) {
+    } else if ((what == 5 || what == 6) && m_workload.clean) {
         Maintain(false, [this] { m_store->CleanForTest(1 + static_cast<ssize_t>(Pick(5))); });
         if (Pick(3) == 0) m_store->ShrinkForTest();
     } else if (what == 1) {
@@ -191,10 +191,11 @@ void LssDriver::Step() {
 template <class Action>
 void LssDriver::Maintain(bool isCheckpoint, Action action) {
     const ssize_t begin = m_sys.NumRecorded();
-    if (!m_history.transactions.empty()) // the first one that closes takes a checkpoint's lock
+    // The first transaction that closes takes the lock that is held there; and a running thread would meet the hook too.
+    if (!m_history.transactions.empty() && !m_workload.threads)
         m_store->SetStepHookForTest([this, isCheckpoint] { BetweenSteps(isCheckpoint); });
     action();
-    m_store->SetStepHookForTest(nullptr);
+    if (!m_workload.threads) m_store->SetStepHookForTest(nullptr);
     m_history.maintenance.emplace_back(begin, m_sys.NumRecorded());
     if (m_failedBetween) std::rethrow_exception(std::exchange(m_failedBetween, nullptr));
 }

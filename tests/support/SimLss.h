@@ -37,7 +37,8 @@ struct LssHistory {
     std::vector<LssState> states;          // S0, S1...; one more than transactions
     std::vector<Transaction> transactions; // the n-th leads to states[n + 1]
     std::vector<Identifier> identifiers;
-    std::vector<std::pair<ssize_t, ssize_t>> maintenance; // calls recorded at beginning and end of cleaning, checkpoints
+    std::vector<std::pair<ssize_t, ssize_t>>
+        maintenance;     // calls recorded at beginning and end of cleaning, checkpoints
     std::string failure; // the FileException that ended the workload early; empty: none did
     std::string fault;   // what the store did wrong while it ran: any other exception; empty: nothing
 
