@@ -236,7 +236,8 @@ void DGGraph::MakeStale(const DGDepNode& node) noexcept {
 }
 
 // Makes everything stale that depends on `node`, and appends it to `pending`, except what stands in such a ring already.
-void DGGraph::CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept {
+// False when that is nothing.
+bool DGGraph::CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept {
     DGNodeLink fresh;
     const DGNodeLink* done = &fresh;
     const DGBaseNode* current = &node;
@@ -250,7 +251,9 @@ void DGGraph::CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept
         done = done->next;
         current = done->node;
     }
+    const bool found = !IsAlone(fresh);
     SpliceAtEnd(pending, fresh);
+    return found;
 }
 
 void DGGraph::NotifyPending(DGNodeLink& pending) {
@@ -302,20 +305,21 @@ void DGGraph::Invalidate(const DGBaseNode& node) {
     DGNodeLink pending;
     {
         Guard guard(GraphMutex());
-        CollectStale(node, pending);
+        if (!CollectStale(node, pending)) return;
     }
     NotifyPending(pending);
 }
 
 void DGGraph::Evict(const DGBaseNode& node) {
     DGNodeLink pending;
+    bool notify = false;
     {
         Guard guard(GraphMutex());
         if (node.m_asDepNode) MakeStale(*node.m_asDepNode);
-        CollectStale(node, pending);
+        notify = CollectStale(node, pending);
         Unlist(node);
     }
-    NotifyPending(pending);
+    if (notify) NotifyPending(pending);
     node.OnEvict();
 }
 
@@ -324,8 +328,9 @@ void DGGraph::Forget(const DGBaseNode& node) {
     DGNodeLink pending;
     {
         Guard guard(GraphMutex());
-        CollectStale(node, pending);
+        const bool notify = CollectStale(node, pending);
         Unlist(node);
+        if (!notify) return;
     }
     NotifyPending(pending);
 }

@@ -51,7 +51,7 @@ private:
     static void DropEdge(DGEdge* edge) noexcept;
     static void DropInEdges(const DGDepNode& node) noexcept;
     static void MakeStale(const DGDepNode& node) noexcept;
-    static void CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept;
+    static bool CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept;
     static void NotifyPending(DGNodeLink& pending);
     static void Unlist(const DGBaseNode& node) noexcept;
 };
