@@ -1,7 +1,7 @@
 // Binding without blocking: placeholders, their states, the handler, and those who wait.
 #include "qxLss/CorruptLSSException.h"
 #include "qxObject/DGDepNode.h"
-#include "tests/support/AsyncBindFixture.h"
+#include "tests/support/GatedSpace.h"
 
 #include <stdexcept>
 #include <string>
@@ -10,7 +10,7 @@
 namespace quna {
 namespace {
 
-using AsyncBinding = AsyncBindFixture;
+using AsyncBinding = GatedSpaceFixture;
 using Node = DGIndepNodeForAsyncPref;
 using enum EAsyncBindResult;
 
@@ -54,7 +54,7 @@ TEST_F(AsyncBinding, AskersOfOneObjectShareOnePlaceholderAndOneLoad) {
     m_gate.Release(oid);
     const MAsyncBind bind = AwaitAnswer(oid);
     EXPECT_EQ(Bound, bind.result);
-    EXPECT_EQ(1, NumberOf(bind.po));
+    EXPECT_EQ(1, LeafNumber(bind.po));
     EXPECT_EQ(1, m_gate.NumReads(oid));
     EXPECT_EQ(1, TestLeaf::s_numLive);
 }
@@ -63,16 +63,16 @@ TEST_F(AsyncBinding, AResidentObjectIsBoundAtOnceUnlessItIsDeleted) {
     const SpaceScope scope(m_ps);
     TestLeaf* const leaf = NewObject<TestLeaf>(1);
     m_ps->MakeObjectPersist(leaf, false);
-    EXPECT_EQ(Answer(Bound, leaf), m_ps->AsyncBind2(GetOid(leaf)));
+    EXPECT_EQ(BindAnswer(Bound, leaf), m_ps->AsyncBind2(GetOid(leaf)));
     EXPECT_EQ(ptr<IPersistable>(leaf), m_ps->AsyncBind(GetOid(leaf)));
     m_ps->SyncPermanentlyDeleteObject(leaf);
-    EXPECT_EQ(Answer(DoesNotExist), m_ps->AsyncBind2(GetOid(leaf)));
+    EXPECT_EQ(BindAnswer(DoesNotExist), m_ps->AsyncBind2(GetOid(leaf)));
 }
 
 TEST_F(AsyncBinding, WhatIsNowhereIsMissingUntilThePlaceholderIsEvicted) {
     const OID oid = Missing();
-    EXPECT_EQ(Answer(DoesNotExist), AwaitAnswer(oid));
-    EXPECT_EQ(Answer(DoesNotExist), Ask(oid, SharedRead));
+    EXPECT_EQ(BindAnswer(DoesNotExist), AwaitAnswer(oid));
+    EXPECT_EQ(BindAnswer(DoesNotExist), Ask(oid, SharedRead));
     EXPECT_EQ(1, m_gate.NumReads(oid));
     {
         const SpaceScope scope(m_ps);
@@ -83,7 +83,7 @@ TEST_F(AsyncBinding, WhatIsNowhereIsMissingUntilThePlaceholderIsEvicted) {
     EXPECT_EQ(1, m_gate.NumReads(oid));
     EvictNodes();
     EXPECT_EQ(0, m_ps->rot_.NumEntries());
-    EXPECT_EQ(Answer(DoesNotExist), AwaitAnswer(oid));
+    EXPECT_EQ(BindAnswer(DoesNotExist), AwaitAnswer(oid));
     EXPECT_EQ(2, m_gate.NumReads(oid));
 }
 
@@ -147,9 +147,9 @@ TEST_F(AsyncBinding, AnObjectThatHasJustArrivedWhenThePlaceholderIsEvictedIsResi
     EvictAllDgsNodes(m_ps->GetCSpace());
     const ptr<IPersistable> po = m_ps->rot_.FindResidentObject(oid);
     ASSERT_TRUE(po);
-    EXPECT_EQ(3, NumberOf(po));
+    EXPECT_EQ(3, LeafNumber(po));
     EXPECT_EQ(m_ps->GetCSpace(), GetAssociatedCSpace(po));
-    EXPECT_EQ(Answer(Bound, po), m_ps->AsyncBind2(oid));
+    EXPECT_EQ(BindAnswer(Bound, po), m_ps->AsyncBind2(oid));
 }
 
 TEST_F(AsyncBinding, AnObjectMadePersistentUnderTheOidWinsOverTheLoad) {
@@ -164,13 +164,13 @@ TEST_F(AsyncBinding, AnObjectMadePersistentUnderTheOidWinsOverTheLoad) {
         m_gate.AwaitRead(oid);
         fetched = NewObject<TestLeaf>(2);
         EXPECT_TRUE(m_ps->MakeObjectPersistWithGivenOID(fetched, oid, false));
-        EXPECT_EQ(Answer(Bound, fetched), m_ps->AsyncBind2(oid));
+        EXPECT_EQ(BindAnswer(Bound, fetched), m_ps->AsyncBind2(oid));
         EXPECT_FALSE(m_ps->rot_.AddResidentObject(oid, NewObject<TestLeaf>(3)));
     }
     EXPECT_TRUE(news.Wait(0));
     m_gate.Release(oid);
     m_ps->rot_.Close();
-    EXPECT_EQ(Answer(Bound, fetched), Ask(oid));
+    EXPECT_EQ(BindAnswer(Bound, fetched), Ask(oid));
     EXPECT_EQ(2, TestLeaf::s_numLive); // the refused one waits for the collector, the loaded one is gone
 }
 
@@ -188,7 +188,7 @@ TEST_F(AsyncBinding, WhatABatchOfDeletionsErasesDoesNotComeBackThroughALoadUnder
     m_gate.AwaitRead(oid);
     EXPECT_TRUE(m_store->m_dosWriter.DeleteSomeObjects());
     m_gate.Release(oid);
-    EXPECT_EQ(Answer(DoesNotExist), AwaitAnswer(oid));
+    EXPECT_EQ(BindAnswer(DoesNotExist), AwaitAnswer(oid));
     m_ps->rot_.Close();
     EXPECT_EQ(0, TestLeaf::s_numLive);
 }
@@ -221,9 +221,9 @@ TEST_F(AsyncBinding, ASynchronousBinderWaitsForTheLoadUnderWay) {
         std::thread release([&] { m_gate.Release(oid); });
         const ptr<IPersistable> po = m_ps->BindObject(oid);
         release.join();
-        EXPECT_EQ(5, NumberOf(po));
+        EXPECT_EQ(5, LeafNumber(po));
         EXPECT_EQ(1, m_gate.NumReads(oid));
-        EXPECT_EQ(Answer(Bound, po), m_ps->AsyncBind2(oid));
+        EXPECT_EQ(BindAnswer(Bound, po), m_ps->AsyncBind2(oid));
     }
 }
 
@@ -236,7 +236,7 @@ TEST_F(AsyncBinding, ABinderThatComesAfterTheLoadEntersTheObjectItself) {
     ASSERT_TRUE(node);
     EXPECT_TRUE(node->readyToUpdateRot_);
     const ptr<IPersistable> po = m_ps->BindObject(oid);
-    EXPECT_EQ(5, NumberOf(po));
+    EXPECT_EQ(5, LeafNumber(po));
     EXPECT_FALSE(m_ps->rot_.PlaceholderForTest(oid));
     EXPECT_EQ(1, m_gate.NumReads(oid));
 }
@@ -246,20 +246,20 @@ TEST_F(AsyncBinding, ABinderOfWhatIsNowhereGetsNothingAndThePlaceholderStays) {
     const SpaceScope scope(m_ps);
     m_ps->AsyncBind2(oid);
     EXPECT_FALSE(m_ps->TryBindObject(oid));
-    EXPECT_EQ(Answer(DoesNotExist), m_ps->AsyncBind2(oid));
+    EXPECT_EQ(BindAnswer(DoesNotExist), m_ps->AsyncBind2(oid));
     EXPECT_TRUE(m_ps->rot_.PlaceholderForTest(oid));
 }
 
 // ---- The handler ----------------------------------------------------------------------------------------------------
 
 TEST_F(AsyncBinding, AHandlerThatSaysNoIsAskedOnceAndNotToldOfAnEnd) {
-    TestHandler handler;
+    AnsweringHandler handler;
     SetHandler(&handler);
     for (const EAsyncBindResult no : {DoesNotExist, NotHandled}) {
-        handler.m_onBegin = [&](OID) { return Answer(no); };
+        handler.m_onBegin = [&](OID) { return BindAnswer(no); };
         const OID oid = Missing();
-        EXPECT_EQ(Answer(DoesNotExist), AwaitAnswer(oid));
-        EXPECT_EQ(Answer(DoesNotExist), Ask(oid));
+        EXPECT_EQ(BindAnswer(DoesNotExist), AwaitAnswer(oid));
+        EXPECT_EQ(BindAnswer(DoesNotExist), Ask(oid));
     }
     EvictNodes();
     m_ps->rot_.Close();
@@ -269,9 +269,9 @@ TEST_F(AsyncBinding, AHandlerThatSaysNoIsAskedOnceAndNotToldOfAnEnd) {
 }
 
 TEST_F(AsyncBinding, AFetchEndsWhenTheObjectIsMadePersistent) {
-    TestHandler handler;
+    AnsweringHandler handler;
     SetHandler(&handler);
-    handler.m_onBegin = [](OID) { return Answer(Pending); };
+    handler.m_onBegin = [](OID) { return BindAnswer(Pending); };
     const OID oid = Missing();
     DGWatchQueue news;
     const DGWatcher watcher("watcher", [] {}, news);
@@ -287,7 +287,7 @@ TEST_F(AsyncBinding, AFetchEndsWhenTheObjectIsMadePersistent) {
         EXPECT_FALSE(news.Wait(0));
         TestLeaf* const leaf = NewObject<TestLeaf>(4);
         EXPECT_TRUE(m_ps->MakeObjectPersistWithGivenOID(leaf, oid, false));
-        EXPECT_EQ(Answer(Bound, leaf), m_ps->AsyncBind2(oid));
+        EXPECT_EQ(BindAnswer(Bound, leaf), m_ps->AsyncBind2(oid));
     }
     EXPECT_TRUE(news.Wait(0));
     m_ps->rot_.Close();
@@ -296,9 +296,9 @@ TEST_F(AsyncBinding, AFetchEndsWhenTheObjectIsMadePersistent) {
 }
 
 TEST_F(AsyncBinding, AFetchThatIsGivenUpEndsOnce) {
-    TestHandler handler;
+    AnsweringHandler handler;
     SetHandler(&handler);
-    handler.m_onBegin = [](OID) { return Answer(Pending); };
+    handler.m_onBegin = [](OID) { return BindAnswer(Pending); };
     const OID oid = Missing();
     Ask(oid);
     {
@@ -312,15 +312,15 @@ TEST_F(AsyncBinding, AFetchThatIsGivenUpEndsOnce) {
 }
 
 TEST_F(AsyncBinding, AnObjectThatTheHandlerHasIsBoundAtTheNextBind) {
-    TestHandler handler;
+    AnsweringHandler handler;
     SetHandler(&handler);
-    handler.m_onBegin = [](OID) { return Answer(Bound, new TestLeaf(9)); };
+    handler.m_onBegin = [](OID) { return BindAnswer(Bound, new TestLeaf(9)); };
     const OID oid = Missing();
     const MAsyncBind bind = AwaitAnswer(oid);
     ASSERT_EQ(Bound, bind.result);
     EXPECT_EQ(oid, GetOid(bind.po)); // it had none
     EXPECT_EQ(m_ps->GetCSpace(), GetAssociatedCSpace(bind.po));
-    EXPECT_EQ(9, NumberOf(bind.po));
+    EXPECT_EQ(9, LeafNumber(bind.po));
 
     const OID other = Missing();
     {
@@ -337,17 +337,17 @@ TEST_F(AsyncBinding, AnObjectThatTheHandlerHasIsBoundAtTheNextBind) {
 }
 
 TEST_F(AsyncBinding, AHandlerMayMakeTheObjectPersistentItself) {
-    TestHandler handler;
+    AnsweringHandler handler;
     SetHandler(&handler);
     for (const EAsyncBindResult answer : {Pending, Bound}) {
         TestLeaf* leaf = nullptr;
         handler.m_onBegin = [&](OID oid) {
             leaf = NewObject<TestLeaf>(1);
             EXPECT_TRUE(m_ps->MakeObjectPersistWithGivenOID(leaf, oid, false));
-            return Answer(answer, answer == Bound ? leaf : nullptr);
+            return BindAnswer(answer, answer == Bound ? leaf : nullptr);
         };
         const MAsyncBind bind = AwaitAnswer(Missing());
-        EXPECT_EQ(Answer(Bound, leaf), bind);
+        EXPECT_EQ(BindAnswer(Bound, leaf), bind);
     }
     m_ps->rot_.Close();
     EXPECT_EQ(1, handler.m_numEnded); // of the one Pending
@@ -355,7 +355,7 @@ TEST_F(AsyncBinding, AHandlerMayMakeTheObjectPersistentItself) {
 }
 
 TEST_F(AsyncBinding, AHandlersExceptionReachesTheBinderAndDoesNotStopTheUpdateThread) {
-    TestHandler handler;
+    AnsweringHandler handler;
     SetHandler(&handler);
     handler.m_onBegin = [](OID) -> MAsyncBind { throw std::runtime_error("handler"); };
     const CollectedTrace trace;
@@ -366,14 +366,14 @@ TEST_F(AsyncBinding, AHandlersExceptionReachesTheBinderAndDoesNotStopTheUpdateTh
         EXPECT_THROW(m_ps->TryBindObject(oid), std::runtime_error);
         EXPECT_EQ(Pending, m_ps->AsyncBind2(oid).result);
     }
-    EXPECT_EQ(Answer(DoesNotExist), AwaitAnswer(Missing()));
+    EXPECT_EQ(BindAnswer(DoesNotExist), AwaitAnswer(Missing()));
     EXPECT_EQ(Bound, AwaitAnswer(StoredLeaf(1)).result);
     EXPECT_FALSE(trace.Texts().empty());
     SetHandler(nullptr);
 }
 
 TEST_F(AsyncBinding, AHandlersAnswerIsChecked) {
-    TestHandler handler;
+    AnsweringHandler handler;
     SetHandler(&handler);
     const auto expect = [&](const char* text, MAsyncBind answer) {
         handler.m_onBegin = [=](OID) { return answer; };
@@ -384,16 +384,16 @@ TEST_F(AsyncBinding, AHandlersAnswerIsChecked) {
         EvictAllDgsNodes(m_ps->GetCSpace());
     };
     const CollectedTrace trace;
-    expect("ab.po", Answer(Bound));
+    expect("ab.po", BindAnswer(Bound));
     expect("ab.result == EAsyncBindResult::DoesNotExist || ab.result == EAsyncBindResult::NotHandled",
-           Answer(static_cast<EAsyncBindResult>(7)));
+           BindAnswer(static_cast<EAsyncBindResult>(7)));
     TestLeaf* other = nullptr;
     {
         const SpaceScope scope(m_ps);
         other = NewObject<TestLeaf>(1);
         m_ps->MakeObjectPersist(other, false);
     }
-    expect("oid == oid_", Answer(Bound, other)); // an object under two identifiers
+    expect("oid == oid_", BindAnswer(Bound, other)); // an object under two identifiers
     m_ps->rot_.Close();
     SetHandler(nullptr);
 }
@@ -406,13 +406,13 @@ TEST_F(AsyncBinding, ADamagedElementIsMissingForWhoDoesNotWaitAndAnErrorForWhoDo
         if (seid == oid) throw CorruptLSSException("damaged");
     };
     const CollectedTrace trace;
-    EXPECT_EQ(Answer(DoesNotExist), AwaitAnswer(oid));
+    EXPECT_EQ(BindAnswer(DoesNotExist), AwaitAnswer(oid));
     ASSERT_EQ(1u, trace.Texts().size());
     EXPECT_NE(std::string::npos, trace.Texts()[0].find(TextOfSeid(oid)));
     const SpaceScope scope(m_ps);
     EXPECT_THROW(m_ps->BindObject(oid), CorruptLSSException);
     m_onRead = nullptr;
-    EXPECT_EQ(1, NumberOf(m_ps->BindObject(oid))); // it was the reading that was wrong
+    EXPECT_EQ(1, LeafNumber(m_ps->BindObject(oid))); // it was the reading that was wrong
     EXPECT_EQ(Bound, m_ps->AsyncBind2(oid).result);
 }
 
@@ -437,7 +437,7 @@ TEST_F(AsyncBinding, ABinderThatWaitsForALoadThatFailsGetsTheError) {
             std::thread release([&] { m_gate.Release(oid); });
             EXPECT_THROW(m_ps->BindObject(oid), std::runtime_error);
             release.join();
-            EXPECT_EQ(Answer(DoesNotExist), m_ps->AsyncBind2(oid));
+            EXPECT_EQ(BindAnswer(DoesNotExist), m_ps->AsyncBind2(oid));
             TestThrower::s_throwInDeserialise = false;
             EXPECT_TRUE(m_ps->BindObject(oid));
         }
@@ -493,9 +493,9 @@ TEST_F(AsyncBinding, ClosingASpaceWaitsForTheLoadsUnderWay) {
 }
 
 TEST_F(AsyncBinding, ClosingEndsAlsoWhatTheEndOfARequestAsksFor) {
-    TestHandler handler;
+    AnsweringHandler handler;
     SetHandler(&handler);
-    handler.m_onBegin = [](OID) { return Answer(Pending); };
+    handler.m_onBegin = [](OID) { return BindAnswer(Pending); };
     const OID first = Missing();
     const OID next = Missing();
     handler.m_onEnd = [&](OID oid) {

@@ -2,7 +2,7 @@
 //
 // QX_STRESS_SECONDS in the environment makes the race last so long.
 #include "qxObject/DGDepNode.h"
-#include "tests/support/AsyncBindFixture.h"
+#include "tests/support/GatedSpace.h"
 #include "tests/support/Sanitized.h"
 
 #include <chrono>
@@ -29,14 +29,14 @@ public:
         const std::lock_guard lock(m_mutex);
         switch (m_random() % 4) {
         case 0:
-            return Answer(DoesNotExist);
+            return BindAnswer(DoesNotExist);
         case 1:
-            return Answer(NotHandled);
+            return BindAnswer(NotHandled);
         case 2:
-            return Answer(Bound, new TestLeaf(static_cast<int32>(oid.low_)));
+            return BindAnswer(Bound, new TestLeaf(static_cast<int32>(oid.low_)));
         default:
             m_wanted.push_back(oid);
-            return Answer(Pending);
+            return BindAnswer(Pending);
         }
     }
     void EndAsyncBindRequest(OID) { ++m_numEnded; }
@@ -58,7 +58,7 @@ private:
     std::deque<OID> m_wanted;
 };
 
-class AsyncBindThreads : public ::testing::Test {
+class AsyncBindStress : public ::testing::Test {
 protected:
     void OpenSpace() {
         m_ps = m_store.OpenSpace("s");
@@ -81,7 +81,7 @@ protected:
     static void Check(OID oid, ptr<IPersistable> po) {
         if (!po) return;
         ASSERT_EQ(oid, GetOid(po));
-        ASSERT_EQ(static_cast<int32>(oid.low_), NumberOf(po));
+        ASSERT_EQ(static_cast<int32>(oid.low_), LeafNumber(po));
     }
     // Within one hold of the lock what is bound stays what it is.
     void AskOnce(OID oid, ECSpaceLockMode mode) {
@@ -172,7 +172,7 @@ protected:
     PSpace* m_ps = nullptr;
 };
 
-TEST_F(AsyncBindThreads, BindersOfBothKindsEvictionCollectionFetchesAndClosing) {
+TEST_F(AsyncBindStress, BindersOfBothKindsEvictionCollectionFetchesAndClosing) {
     const char* const text = std::getenv("QX_STRESS_SECONDS");
     const auto end = Clock::now() + std::chrono::seconds(text ? std::atoi(text) : 0);
     OpenSpace();
@@ -189,7 +189,7 @@ TEST_F(AsyncBindThreads, BindersOfBothKindsEvictionCollectionFetchesAndClosing) 
 }
 
 // One thread holds a space most of the time; the loads of the other arrive all the same, and so do its own.
-TEST_F(AsyncBindThreads, LoadsOfSeveralSpacesUnderBusyLocks) {
+TEST_F(AsyncBindStress, LoadsOfSeveralSpacesUnderBusyLocks) {
     OpenSpace();
     StoreObjects();
     PSpace* const other = m_store.OpenSpace("other");

@@ -59,7 +59,7 @@ private:
 };
 
 // Answers DoesNotExist unless told otherwise.
-struct TestHandler {
+struct AnsweringHandler {
     MAsyncBind BeginAsyncBindRequest(OID oid) {
         ++m_numBegun;
         return m_onBegin ? m_onBegin(oid) : MAsyncBind();
@@ -75,22 +75,22 @@ struct TestHandler {
     std::atomic<int> m_numEnded{0};
 };
 
-inline MAsyncBind Answer(EAsyncBindResult result, ptr<IPersistable> po = null) {
+inline MAsyncBind BindAnswer(EAsyncBindResult result, ptr<IPersistable> po = null) {
     MAsyncBind bind;
     bind.result = result;
     bind.po = po;
     return bind;
 }
 
-class AsyncBindFixture : public ::testing::Test {
+class GatedSpaceFixture : public ::testing::Test {
 protected:
-    AsyncBindFixture() : m_ps(m_store.OpenSpace("s")) {
+    GatedSpaceFixture() : m_ps(m_store.OpenSpace("s")) {
         m_store.Record().m_onRead = [this](Seid seid) {
             m_gate.Pass(seid);
             if (m_onRead) m_onRead(seid);
         };
     }
-    ~AsyncBindFixture() override { m_gate.ReleaseAll(); }
+    ~GatedSpaceFixture() override { m_gate.ReleaseAll(); }
 
     // A clean object on disk that nothing keeps in memory.
     OID StoredLeaf(int32 number, PSpace* ps = nullptr) {
@@ -111,7 +111,7 @@ protected:
         const SpaceScope scope(m_ps);
         return m_ps->AllocateOid(1, false);
     }
-    void SetHandler(TestHandler* handler) {
+    void SetHandler(AnsweringHandler* handler) {
         const SpaceScope scope(m_ps);
         m_ps->SetAsyncBindRequestHandler(handler);
     }
@@ -152,6 +152,6 @@ protected:
     PSpace* m_ps;
 };
 
-inline int32 NumberOf(ptr<IPersistable> po) { return static_cast<TestLeaf*>(po.m_self)->m_number; }
+inline int32 LeafNumber(ptr<IPersistable> po) { return static_cast<TestLeaf*>(po.m_self)->m_number; }
 
 } // namespace quna
