@@ -45,6 +45,7 @@ constexpr RegisterItemFn REGISTER_ITEMS[] = {
     &_Register_ObjectsBelongToDifferentPersistStores,
     &_Register_PSpaceLockMode,
     &_Register_PersistStoreSettings,
+    &_Register_SynchronousDeepCopyPersistableObject,
     &_Register_IPrefVisitor,
     &_Register_GetOid,
     &_Register_IPersistable,
