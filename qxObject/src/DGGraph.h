@@ -33,12 +33,19 @@ public:
     static void EvictSource(CSpace& cspace, const void* source);
 
     static void EvictAll(CSpace& cspace);
+    // Evicts what a collection may: see DGBaseNode::OfferToCollector. `all` when it was asked for.
+    static void OfferToCollector(CSpace& cspace, bool all);
+    static void Detach(const DGDepNode& node);
     // Takes every node off the domain's list; the domain ends.
     static void ForgetDomain(CSpace& cspace);
 
 private:
     friend class DGDepNode;
 
+    static constexpr unsigned char MAX_UNREAD_COLLECTIONS = 16;
+
+    static bool MayBeCollected(const DGBaseNode& node, bool all);
+    static const DGBaseNode* NextToCollect(CSpace& cspace, DGNodeLink& work, bool all);
     static void List(const DGBaseNode& node);
     static void AddEdge(const DGBaseNode& in, DGCalculation& calculation);
     static void DropEdge(DGEdge* edge) noexcept;

@@ -32,6 +32,13 @@ PersistentParent Resolve(ptr<IObject> obj) {
     return {po, pspace};
 }
 
+// The short way for what changes often: a dirty object, which is therefore persistent, whose lock is held. Marking it
+// again would do nothing.
+bool IsDirtyAndLocked(ptr<IObject> obj) {
+    const ObjSysState& state = obj->GetSysState();
+    return state.GetFlag(PERSISTABLE_DIRTY) && GetRecordedLockStatus(state.m_cspace) > 0;
+}
+
 // Makes the target of a reference, which must be a new object, a child of the parent.
 void Adopt(const PersistentParent& parent, const prefbase* src) {
     QX_ASSERT_TEXT(src, "params.src");
@@ -84,6 +91,7 @@ void PersistOperationCallbacks::OnEndTransaction(CSpace* cspace) {
 void PersistOperationCallbacks::OnBeforeAssignValue(const AssignValue_params& params) {
     QX_ASSERT(params.obj);
     QX_ASSERT(params.addr);
+    if (!params.visitPrefsFn && IsDirtyAndLocked(params.obj)) return;
     const PersistentParent parent = Resolve(params.obj);
     if (!parent) return;
     if (params.visitPrefsFn) {
@@ -109,6 +117,7 @@ void PersistOperationCallbacks::OnOffsetValue(const OffsetValue_params& params) 
 
 bool PersistOperationCallbacks::MarkAsPersistent(const FieldParams& params) {
     QX_ASSERT(params.obj);
+    if (IsDirtyAndLocked(params.obj)) return true;
     const PersistentParent parent = Resolve(params.obj);
     if (!parent) return false;
     parent.MarkAsDirty();
