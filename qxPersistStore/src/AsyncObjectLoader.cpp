@@ -56,9 +56,10 @@ void AsyncUpdateRotThread::Start() {
 void AsyncUpdateRotThread::Run() {
     SetThreadName(THREAD_NAME);
     QUEUE batch;
+    bool finished = false; // once asked for, whatever jobs are left by then
     for (;;) {
-        if (m_spaces.empty()) WaitForJobs();
-        const bool finished = PopAll(batch);
+        if (m_spaces.empty() && !finished) WaitForJobs();
+        finished = PopAll(batch);
         Sort(batch);
         batch.clear();
         if (!m_spaces.empty())

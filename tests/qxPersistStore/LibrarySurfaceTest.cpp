@@ -309,6 +309,7 @@ TEST(Registration, EachPublicItemIsFoundByItsName) {
                              "SetThreadPSpace",
                              "SyncPermanentlyDeleteObject",
                              "SyncPermanentlyDeleteSubTree",
+                             "SynchronousDeepCopyPersistableObject",
                              "TryBindObjectGivenOid"})
         EXPECT_NE(nullptr, FindReflectedGlobalFunction((std::string("quna::") + name).c_str())) << name;
 }
