@@ -50,12 +50,12 @@ private:
     void Push(const DGWatcher& watcher);
     void Remove(const DGWatcher& watcher);
 
-    std::mutex m_mutex;                      // taken under the graph's calls; nothing is called while it is held
-    std::condition_variable m_changed;       // m_waiting has grown, or m_running has changed
-    std::deque<const DGWatcher*> m_waiting;  // each once; guarded by m_mutex
-    const DGWatcher* m_running = nullptr;    // whose callback runs; guarded by m_mutex
-    bool m_delivering = false;               // guarded by m_mutex
-    std::thread::id m_deliverer;             // valid while m_delivering; guarded by m_mutex
+    std::mutex m_mutex;                     // taken under the graph's calls; nothing is called while it is held
+    std::condition_variable m_changed;      // m_waiting has grown, or m_running has changed
+    std::deque<const DGWatcher*> m_waiting; // each once; guarded by m_mutex
+    const DGWatcher* m_running = nullptr;   // whose callback runs; guarded by m_mutex
+    bool m_delivering = false;              // guarded by m_mutex
+    std::thread::id m_deliverer;            // valid while m_delivering; guarded by m_mutex
 };
 
 // Threads: Watch under the lock, in any mode, of the domains of what it reads, by one thread at a time.

@@ -45,11 +45,12 @@ void BindResident(Report& report, PSpace* space, const std::vector<OID>& oids, E
     const auto begin = Clock::now();
     uintptr_t sum = 0;
     for (int round = 0; round < HOT_ROUNDS; ++round)
-        for (ssize_t i = 0; i < NUM_HOT; ++i) sum += reinterpret_cast<uintptr_t>(bind(oids[static_cast<std::size_t>(i)]));
+        for (ssize_t i = 0; i < NUM_HOT; ++i)
+            sum += reinterpret_cast<uintptr_t>(bind(oids[static_cast<std::size_t>(i)]));
     const double seconds = SecondsSince(begin);
     if (sum == 0) std::abort();
-    report.Value(mode == SharedRead ? "resident, shared" : "resident, exclusive", seconds * 1e9 / (HOT_ROUNDS * NUM_HOT),
-                 "ns");
+    report.Value(mode == SharedRead ? "resident, shared" : "resident, exclusive",
+                 seconds * 1e9 / (HOT_ROUNDS * NUM_HOT), "ns");
 }
 
 void RunResident(const std::string& path) {

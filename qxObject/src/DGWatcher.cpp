@@ -87,8 +87,8 @@ bool DGWatchQueue::Wait(uint32 milliSecs) {
 }
 
 DGWatcher::DGWatcher(xstring name, std::function<void()> callback, DGWatchQueue& queue)
-    : m_name(std::move(name)),
-      m_callback(std::make_shared<const std::function<void()>>(std::move(callback))), m_queue(queue) {}
+    : m_name(std::move(name)), m_callback(std::make_shared<const std::function<void()>>(std::move(callback))),
+      m_queue(queue) {}
 
 DGWatcher::~DGWatcher() noexcept(false) {
     Detach();

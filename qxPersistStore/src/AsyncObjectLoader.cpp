@@ -74,9 +74,9 @@ void AsyncUpdateRotThread::Sort(QUEUE& batch) {
     for (const AsyncUpdateRotJob& job : batch) {
         PSpace* const pspace = &job.node->rot_.GetPSpace();
         if (space == m_spaces.end() || space->pspace != pspace) {
-            space = std::find_if(m_spaces.begin(), m_spaces.end(), [&](const SpaceJobs& s) { return s.pspace == pspace; });
-            if (space == m_spaces.end())
-                space = m_spaces.insert(space, SpaceJobs{pspace, pspace->GetCSpace(), {}});
+            space =
+                std::find_if(m_spaces.begin(), m_spaces.end(), [&](const SpaceJobs& s) { return s.pspace == pspace; });
+            if (space == m_spaces.end()) space = m_spaces.insert(space, SpaceJobs{pspace, pspace->GetCSpace(), {}});
         }
         space->jobs.push_back(job);
     }

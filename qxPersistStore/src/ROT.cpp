@@ -187,8 +187,7 @@ ROT::Delivery ROT::TakeDelivery(DGIndepNodeForAsyncPref& node) {
     for (;;) {
         {
             const std::lock_guard lock(GetMutexForOid(node.oid_));
-            if (node.readyToUpdateRot_ || node.IsSettled())
-                return {node.asyncobj_, node.loadFailed_, node.IsSettled()};
+            if (node.readyToUpdateRot_ || node.IsSettled()) return {node.asyncobj_, node.loadFailed_, node.IsSettled()};
         }
         AwaitLoad(node);
     }

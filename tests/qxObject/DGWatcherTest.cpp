@@ -46,7 +46,8 @@ TEST_F(Watching, TheCallbackIsQueuedOnceForAllChangesAndDeliveredWhenTheOwnerOfT
     Number a;
     Number b;
     int calls = 0;
-    const DGWatcher watcher("w", [&] { ++calls; }, queue);
+    const DGWatcher watcher(
+        "w", [&] { ++calls; }, queue);
     EXPECT_EQ(0, watcher.Watch([&] { return a.Get() + b.Get(); }));
     EXPECT_FALSE(queue.Wait(0));
     a.Set(1);
@@ -66,7 +67,8 @@ TEST_F(Watching, TheCallbackIsQueuedOnceForAllChangesAndDeliveredWhenTheOwnerOfT
 TEST_F(Watching, OnlyWhatTheLastWatchReadCounts) {
     Number a;
     Number b;
-    const DGWatcher watcher("w", [] {}, queue);
+    const DGWatcher watcher(
+        "w", [] {}, queue);
     watcher.Watch([&] { return a.Get(); });
     watcher.Watch([&] { return b.Get(); });
     a.Set(1);
@@ -77,7 +79,8 @@ TEST_F(Watching, OnlyWhatTheLastWatchReadCounts) {
 
 TEST_F(Watching, AChangeWhileItIsReadIsReported) {
     Number a;
-    const DGWatcher watcher("w", [] {}, queue);
+    const DGWatcher watcher(
+        "w", [] {}, queue);
     watcher.Watch([&] {
         const int value = a.Get();
         a.Set(value + 1);
@@ -89,7 +92,8 @@ TEST_F(Watching, AChangeWhileItIsReadIsReported) {
 TEST_F(Watching, EvictionCountsAsAChangeAndSoDoesAStaleCalculation) {
     Number a;
     Calculated<int> twice("twice", [&] { return 2 * a.Get(); });
-    const DGWatcher watcher("w", [] {}, queue);
+    const DGWatcher watcher(
+        "w", [] {}, queue);
     watcher.Watch([&] { return twice.Get(); });
     a.AlwaysEvict();
     EXPECT_EQ(1, queue.Deliver());
@@ -97,7 +101,8 @@ TEST_F(Watching, EvictionCountsAsAChangeAndSoDoesAStaleCalculation) {
 
 TEST_F(Watching, AReadThatThrowsIsWatchedAllTheSame) {
     Number a;
-    const DGWatcher watcher("w", [] {}, queue);
+    const DGWatcher watcher(
+        "w", [] {}, queue);
     EXPECT_THROW(watcher.Watch([&] { return a.Get() == 0 ? throw std::runtime_error("no") : 1; }), std::runtime_error);
     a.Set(1);
     EXPECT_EQ(1, queue.Deliver());
@@ -107,9 +112,12 @@ TEST_F(Watching, ACallbackMayWatchAgainThrowOrEndItsWatcher) {
     Number a;
     int calls = 0;
     std::unique_ptr<DGWatcher> ending;
-    const DGWatcher again("again", [&] { ++calls, again.Watch([&] { return a.Get(); }); }, queue);
-    const DGWatcher throwing("throwing", [] { throw std::runtime_error("callback"); }, queue);
-    ending = std::make_unique<DGWatcher>("ending", [&] { ending.reset(); }, queue);
+    const DGWatcher again(
+        "again", [&] { ++calls, again.Watch([&] { return a.Get(); }); }, queue);
+    const DGWatcher throwing(
+        "throwing", [] { throw std::runtime_error("callback"); }, queue);
+    ending = std::make_unique<DGWatcher>(
+        "ending", [&] { ending.reset(); }, queue);
     for (const DGWatcher* watcher : {&again, &throwing, static_cast<const DGWatcher*>(ending.get())})
         watcher->Watch([&] { return a.Get(); });
     a.Set(1);
@@ -123,7 +131,8 @@ TEST_F(Watching, ACallbackMayWatchAgainThrowOrEndItsWatcher) {
 TEST_F(Watching, AWatcherThatEndsLeavesTheQueue) {
     Number a;
     {
-        const DGWatcher watcher("w", [] { ADD_FAILURE(); }, queue);
+        const DGWatcher watcher(
+            "w", [] { ADD_FAILURE(); }, queue);
         watcher.Watch([&] { return a.Get(); });
         a.Set(1);
     }
@@ -163,7 +172,8 @@ TEST_F(Watching, ACollectionThatWasAskedForEvictsWhatNoCalculationDependsOn) {
     Number used;
     Number unused;
     Calculated<int> stale("stale", [&] { return unused.Get(); });
-    const DGWatcher watcher("w", [] {}, queue);
+    const DGWatcher watcher(
+        "w", [] {}, queue);
     watcher.Watch([&] { return used.Get(); });
     stale.Get();
     const uint64 version = stale.Version();

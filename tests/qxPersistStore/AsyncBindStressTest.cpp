@@ -28,15 +28,10 @@ public:
     MAsyncBind BeginAsyncBindRequest(OID oid) {
         const std::lock_guard lock(m_mutex);
         switch (m_random() % 4) {
-        case 0:
-            return BindAnswer(DoesNotExist);
-        case 1:
-            return BindAnswer(NotHandled);
-        case 2:
-            return BindAnswer(Bound, new TestLeaf(static_cast<int32>(oid.low_)));
-        default:
-            m_wanted.push_back(oid);
-            return BindAnswer(Pending);
+        case 0: return BindAnswer(DoesNotExist);
+        case 1: return BindAnswer(NotHandled);
+        case 2: return BindAnswer(Bound, new TestLeaf(static_cast<int32>(oid.low_)));
+        default: m_wanted.push_back(oid); return BindAnswer(Pending);
         }
     }
     void EndAsyncBindRequest(OID) { ++m_numEnded; }
@@ -117,7 +112,8 @@ protected:
             for (const OID oid : oids) all = m_ps->AsyncBind2(oid).result != Pending && all;
             return all;
         });
-        const DGWatcher watcher("watcher", [] {}, news);
+        const DGWatcher watcher(
+            "watcher", [] {}, news);
         for (int i = 0; i < 3; ++i) {
             {
                 const SpaceScope scope(m_ps, SharedRead);
@@ -130,30 +126,21 @@ protected:
     void Step(int thread, std::mt19937& random) {
         const OID oid = AnyOid(random);
         switch (thread) {
-        case 0:
-            return AskOnce(oid, Exclusive);
-        case 1:
-            return AskOnce(oid, SharedRead);
-        case 2:
-            return BindOnce(oid, random() % 2 ? SharedRead : Exclusive);
-        case 3:
-            return BindOnce(oid, SharedRead);
-        case 4:
-            return Watch(random);
-        default:
-            break;
+        case 0: return AskOnce(oid, Exclusive);
+        case 1: return AskOnce(oid, SharedRead);
+        case 2: return BindOnce(oid, random() % 2 ? SharedRead : Exclusive);
+        case 3: return BindOnce(oid, SharedRead);
+        case 4: return Watch(random);
+        default: break;
         }
         switch (random() % 8) {
         case 0: {
             const SpaceScope scope(m_ps);
             return EvictAllDgsNodes(m_ps->GetCSpace());
         }
-        case 1:
-            return SynchronousGc(m_ps->GetCSpace());
-        case 2:
-            return m_ps->WriteDirtyObjectsToLss(false);
-        default:
-            return Fetch();
+        case 1: return SynchronousGc(m_ps->GetCSpace());
+        case 2: return m_ps->WriteDirtyObjectsToLss(false);
+        default: return Fetch();
         }
     }
     void Race(unsigned seed) {

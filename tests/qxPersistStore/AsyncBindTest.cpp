@@ -26,7 +26,8 @@ TEST_F(AsyncBinding, ACalculationThatReadAPendingObjectRunsAgainWhenItHasArrived
         return leaf ? leaf->m_number : -1;
     });
     DGWatchQueue news;
-    const DGWatcher watcher("watcher", [] {}, news);
+    const DGWatcher watcher(
+        "watcher", [] {}, news);
     m_gate.Hold(reference.GetOid());
     {
         const SpaceScope scope(m_ps, SharedRead);
@@ -96,7 +97,8 @@ TEST_F(AsyncBinding, ACollectionLeavesAPendingLoadAloneAndForgetsWhatIsMissingUn
     AwaitAnswer(watched);
     Ask(pending);
     DGWatchQueue news;
-    const DGWatcher watcher("watcher", [] {}, news);
+    const DGWatcher watcher(
+        "watcher", [] {}, news);
     {
         const SpaceScope scope(m_ps);
         watcher.Watch([&] { return m_ps->AsyncBind2(watched); });
@@ -155,7 +157,8 @@ TEST_F(AsyncBinding, AnObjectThatHasJustArrivedWhenThePlaceholderIsEvictedIsResi
 TEST_F(AsyncBinding, AnObjectMadePersistentUnderTheOidWinsOverTheLoad) {
     const OID oid = StoredLeaf(1);
     DGWatchQueue news;
-    const DGWatcher watcher("watcher", [] {}, news);
+    const DGWatcher watcher(
+        "watcher", [] {}, news);
     m_gate.Hold(oid);
     TestLeaf* fetched = nullptr;
     {
@@ -274,7 +277,8 @@ TEST_F(AsyncBinding, AFetchEndsWhenTheObjectIsMadePersistent) {
     handler.m_onBegin = [](OID) { return BindAnswer(Pending); };
     const OID oid = Missing();
     DGWatchQueue news;
-    const DGWatcher watcher("watcher", [] {}, news);
+    const DGWatcher watcher(
+        "watcher", [] {}, news);
     {
         const SpaceScope scope(m_ps);
         watcher.Watch([&] { return m_ps->AsyncBind2(oid); });

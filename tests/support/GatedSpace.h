@@ -123,7 +123,8 @@ protected:
     MAsyncBind AwaitAnswer(OID oid, PSpace* ps = nullptr, ECSpaceLockMode mode = Exclusive) {
         if (!ps) ps = m_ps;
         DGWatchQueue news;
-        const DGWatcher watcher("test", [] {}, news);
+        const DGWatcher watcher(
+            "test", [] {}, news);
         for (;;) {
             {
                 const SpaceScope scope(ps, mode);
