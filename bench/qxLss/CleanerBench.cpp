@@ -213,10 +213,10 @@ public:
         const double seconds = Seconds(Clock::now() - begin);
         stop = true;
         reader.join();
-        std::printf("%s %.0f overwrites a second, %.0f MiB/s of packets; utilisation at the end %.1f%%\n",
-                    keepPace ? "held at 85%:" : "as fast as let:",
-                    static_cast<double>(m_operations - operations) / seconds, (m_userBytes - user) / MEBI / seconds,
-                    100 * Live() / Used());
+        std::printf(
+            "%s %.0f overwrites a second, %.0f MiB/s of packets; utilisation at the end %.1f%%\n",
+            keepPace ? "held at 85%:" : "as fast as let:", static_cast<double>(m_operations - operations) / seconds,
+            (m_userBytes - user) / MEBI / seconds, 100 * Live() / Used());
         transactions.Print("transactions of 100");
         reads.Print("reads meanwhile");
         return static_cast<double>(m_operations - operations) / seconds;
@@ -311,8 +311,9 @@ int Main(int argc, char** argv) {
     const double held = Run("uniform", arguments).Pace(true);
 #if QX_HAVE_LMDB
     const double lmdb = LmdbPace(arguments);
-    std::printf("LMDB without syncs %.0f overwrites a second; as fast as let %.1f times, held at 85%% %.1f times as many\n", lmdb,
-                fast / lmdb, held / lmdb);
+    std::printf(
+        "LMDB without syncs %.0f overwrites a second; as fast as let %.1f times, held at 85%% %.1f times as many\n",
+        lmdb, fast / lmdb, held / lmdb);
 #else
     static_cast<void>(fast);
     static_cast<void>(held);
