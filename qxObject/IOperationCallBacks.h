@@ -7,6 +7,8 @@
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
 
+#include <atomic>
+
 namespace quna {
 
 class CSpace;
@@ -108,7 +110,16 @@ protected:
 // an installer sees that it is the first.
 QX_API IOperationCallBacks* SetOperationCallBacks(IOperationCallBacks* callBacks);
 
-// The installed hooks, or null.
-QX_API IOperationCallBacks* GetOperationCallBacks();
+namespace detail {
+
+// Changed by SetOperationCallBacks alone.
+QX_API extern std::atomic<IOperationCallBacks*> g_operationCallBacks;
+
+} // namespace detail
+
+// The installed hooks, or null. Each change of a model field asks.
+inline IOperationCallBacks* GetOperationCallBacks() noexcept {
+    return detail::g_operationCallBacks.load(std::memory_order_acquire);
+}
 
 } // namespace quna

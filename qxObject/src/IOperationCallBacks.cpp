@@ -1,19 +1,11 @@
 #include "qxObject/IOperationCallBacks.h"
 
-#include <atomic>
-
 namespace quna {
 
-namespace {
-
-constinit std::atomic<IOperationCallBacks*> s_callBacks{nullptr};
-
-} // namespace
+constinit std::atomic<IOperationCallBacks*> detail::g_operationCallBacks{nullptr};
 
 IOperationCallBacks* SetOperationCallBacks(IOperationCallBacks* callBacks) {
-    return s_callBacks.exchange(callBacks, std::memory_order_acq_rel);
+    return detail::g_operationCallBacks.exchange(callBacks, std::memory_order_acq_rel);
 }
-
-IOperationCallBacks* GetOperationCallBacks() { return s_callBacks.load(std::memory_order_acquire); }
 
 } // namespace quna

@@ -9,6 +9,7 @@
 #include "qxPersistStore/LeafNode.h"
 #include "qxPersistStore/OidSpaceMap.h"
 #include "qxPersistStore/pref.h"
+#include "qxPersistStore/src/PersistOperationCallbacks.h"
 #include "qxPersistStore/src/ReflectedFunctions.h"
 #include "qxPersistStore/src/ReflectedStoreClasses.h"
 #include "qxUtils/xvector.h"
@@ -46,6 +47,7 @@ constexpr RegisterItemFn REGISTER_ITEMS[] = {
     &_Register_ObjectsBelongToDifferentPersistStores,
     &_Register_PSpaceLockMode,
     &_Register_PersistStoreSettings,
+    &_Register_SynchronousDeepCopyPersistableObject,
     &_Register_IPrefVisitor,
     &_Register_GetOid,
     &_Register_IPersistable,
@@ -59,6 +61,7 @@ constexpr RegisterItemFn REGISTER_ITEMS[] = {
     &_Register_Goid,
     &_Register_OidSpaceGuid,
     &_Register_PSpace,
+    &_Register_PersistOperationCallbacks0,
     &_Register_PersistStore,
     &_Register_AddPSpaceRoot,
     &_Register_AsyncBindObjectInMemoryGivenOid,

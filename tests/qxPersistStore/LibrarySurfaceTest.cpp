@@ -310,6 +310,7 @@ TEST(Registration, EachPublicItemIsFoundByItsName) {
                              "SetThreadPSpace",
                              "SyncPermanentlyDeleteObject",
                              "SyncPermanentlyDeleteSubTree",
+                             "SynchronousDeepCopyPersistableObject",
                              "TryBindObjectGivenOid"})
         EXPECT_NE(nullptr, FindReflectedGlobalFunction((std::string("quna::") + name).c_str())) << name;
 }
