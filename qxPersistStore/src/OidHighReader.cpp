@@ -1,7 +1,7 @@
 #include "qxPersistStore/OidHighReader.h"
 
 #include "qxObject/CSpace.h"
-#include "qxObject/src/LockAtHand.h"
+#include "qxObject/LockAtHand.h"
 #include "qxPersistStore/OidHighWriter.h"
 #include "qxPersistStore/OidSpaceMap.h"
 #include "qxPersistStore/src/WriteMapText.h"

@@ -1,7 +1,7 @@
 #include "qxPersistStore/OidHighWriter.h"
 
 #include "qxObject/CSpace.h"
-#include "qxObject/src/LockAtHand.h"
+#include "qxObject/LockAtHand.h"
 #include "qxPersistStore/OidSpaceMap.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/Guid.h"
