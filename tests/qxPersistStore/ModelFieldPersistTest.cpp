@@ -543,6 +543,15 @@ TEST_F(ModelFieldsPersist, AChangeWithoutTheLockIsRefusedAndTheFieldStays) {
     ExpectAssertion("HaveWriteAccess()", [&] { ++ann->age; });
     EXPECT_EQ(ann->name, "Ann");
     EXPECT_EQ(ann->age, 30);
+    {
+        const SpaceScope scope(m_ps);
+        ++ann->age;
+    }
+    EXPECT_TRUE(ann->IsDirty());
+    ExpectAssertion("HaveWriteAccess()", [&] { ann->name = "x"; });
+    const SpaceScope scope(m_ps, SharedRead);
+    ExpectAssertion("HaveWriteAccess()", [&] { ++ann->age; });
+    EXPECT_EQ(ann->age, 31);
 }
 
 } // namespace
