@@ -174,6 +174,21 @@ QX_API void AsyncPermanentlyDeleteObject(ptr<IPersistable> obj);
 QX_API void SyncPermanentlyDeleteSubTree(ptr<IPersistable> obj);
 QX_API void SyncPermanentlyDeleteObject(ptr<IPersistable> obj);
 
+// ---- Copying ------------------------------------------------------------------------------------------------------
+
+// A new, transient copy of the object and of everything that it owns: what its VisitPrefs reports, and so on, every child
+// loaded if need be. The copies belong to the thread's current domain and are reached from nothing yet: attach the result,
+// or keep it with AddGcRoot, before the lock is released. Shared, if the thread's domain is the space's.
+//
+// Null when a class among them has no copy constructor in its record. A reference to a parent (VisitParentPref) ends up at
+// the parent's copy; the object's own stays what its copy constructor made it. A child that is reached twice is copied
+// twice. A child that is no subtree fails "po->RepresentsSubTree()", an object that owns itself "!ownsItself"; after an
+// exception the collector takes what has been made.
+//
+// The memory is that of the plain operator new: a class with an operator new of its own, or with more than its alignment,
+// can't be copied so.
+QX_API ptr<IPersistable> SynchronousDeepCopyPersistableObject(ptr<IPersistable> po);
+
 // ---- Look-ups: no lock needed -------------------------------------------------------------------------------------
 
 QX_API PSpace* GetAssociatedPSpace(ptr<const IObject> po);

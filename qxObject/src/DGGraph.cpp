@@ -5,9 +5,12 @@
 #include "qxUtils/Assert.h"
 #include "qxUtils/Tracer.h"
 
+#include <condition_variable>
 #include <exception>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <utility>
 
 namespace quna {
 
@@ -66,6 +69,45 @@ void SpliceAtEnd(DGNodeLink& to, DGNodeLink& from) {
     from.prev = from.next = &from;
 }
 
+// The nodes of a domain, taken off its list one by one; what is left goes back when the scope ends.
+class WorkList {
+public:
+    // Requires: the graph is guarded.
+    explicit WorkList(DGNodeLink& nodes) : m_nodes(nodes) { SpliceAtEnd(m_work, nodes); }
+    WorkList(const WorkList&) = delete;
+    WorkList& operator=(const WorkList&) = delete;
+    ~WorkList() {
+        Guard guard(GraphMutex());
+        SpliceAtEnd(m_nodes, m_work);
+    }
+    // The next node, which is back on its domain's list then; null when there is none. Requires: the graph is guarded.
+    const DGBaseNode* Next() {
+        if (IsAlone(m_work)) return nullptr;
+        DGNodeLink& link = *m_work.next;
+        Unlink(link);
+        LinkAtEnd(m_nodes, link);
+        return link.node;
+    }
+
+private:
+    DGNodeLink& m_nodes;
+    DGNodeLink m_work;
+};
+
+// A call of OnInvalidate, on the stack of the thread that makes it.
+struct Notification {
+    const DGDepNode* node = nullptr;
+    const std::thread::id thread = std::this_thread::get_id();
+    Notification* next = nullptr;
+};
+
+Notification* s_notifications = nullptr;       // all that run; guarded by the graph
+int s_numDetaching = 0;                        // threads that wait for one to end; guarded by the graph
+std::condition_variable& NotificationEnded() { // with the graph's mutex
+    static std::condition_variable* const ended = new std::condition_variable;
+    return *ended;
+}
+
 // A datum that is no node of its own, known by its address.
 class DataSourceNode final : public DGIndepNode {
 public:
@@ -107,21 +149,40 @@ void DGGraph::Unlist(const DGBaseNode& node) noexcept {
 }
 
 void DGGraph::EvictAll(CSpace& cspace) {
-    DGNodeLink work;
-    {
-        Guard guard(GraphMutex());
-        SpliceAtEnd(work, cspace.m_graph.nodes);
-    }
+    std::unique_lock<std::mutex> guard(GraphMutex());
+    WorkList work(cspace.m_graph.nodes);
+    guard.unlock();
     for (;;) {
-        const DGBaseNode* node = nullptr;
-        {
-            Guard guard(GraphMutex());
-            if (IsAlone(work)) return;
-            node = work.next->node;
-            Unlink(*work.next);
-            LinkAtEnd(cspace.m_graph.nodes, node->m_link);
-        }
+        guard.lock();
+        const DGBaseNode* const node = work.Next();
+        guard.unlock();
+        if (!node) return;
         if (node->IsEvictable()) Evict(*node);
+    }
+}
+
+bool DGGraph::MayBeCollected(const DGBaseNode& node, bool all) {
+    if (node.m_outEdges || !node.m_offered.load(std::memory_order_relaxed)) return false;
+    if (all) return true;
+    const unsigned char unread = node.m_unread.load(std::memory_order_relaxed);
+    if (unread >= MAX_UNREAD_COLLECTIONS) return true;
+    node.m_unread.store(static_cast<unsigned char>(unread + 1), std::memory_order_relaxed);
+    return false;
+}
+
+// Under an exclusive hold of the domain's lock. A node is listed when it is first read, a calculation before its
+// inputs: so one pass mostly finds inputs without their dependents.
+void DGGraph::OfferToCollector(CSpace& cspace, bool all) {
+    std::unique_lock<std::mutex> guard(GraphMutex());
+    if (IsAlone(cspace.m_graph.nodes)) return;
+    WorkList work(cspace.m_graph.nodes);
+    for (;;) {
+        const DGBaseNode* node = work.Next();
+        while (node && !MayBeCollected(*node, all)) node = work.Next();
+        guard.unlock();
+        if (!node) return;
+        if (node->IsEvictable()) Evict(*node);
+        guard.lock();
     }
 }
 
@@ -136,6 +197,7 @@ void DGGraph::ForgetDomain(CSpace& cspace) {
 
 void DGGraph::Read(const DGBaseNode& node) {
     if (!node.m_cspace.load(std::memory_order_acquire)) List(node);
+    if (node.m_unread.load(std::memory_order_relaxed) != 0) node.m_unread.store(0, std::memory_order_relaxed);
     if (t_calculation) AddEdge(node, *t_calculation);
 }
 
@@ -174,7 +236,8 @@ void DGGraph::MakeStale(const DGDepNode& node) noexcept {
 }
 
 // Makes everything stale that depends on `node`, and appends it to `pending`, except what stands in such a ring already.
-void DGGraph::CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept {
+// False when that is nothing.
+bool DGGraph::CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept {
     DGNodeLink fresh;
     const DGNodeLink* done = &fresh;
     const DGBaseNode* current = &node;
@@ -188,40 +251,75 @@ void DGGraph::CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept
         done = done->next;
         current = done->node;
     }
+    const bool found = !IsAlone(fresh);
     SpliceAtEnd(pending, fresh);
+    return found;
 }
 
 void DGGraph::NotifyPending(DGNodeLink& pending) {
-    for (;;) {
-        const DGDepNode* node = nullptr;
-        {
-            Guard guard(GraphMutex());
-            if (IsAlone(pending)) return;
-            node = pending.next->node->m_asDepNode;
-            Unlink(*pending.next);
+    Notification running;
+    std::unique_lock<std::mutex> guard(GraphMutex());
+    if (IsAlone(pending)) return;
+    running.next = std::exchange(s_notifications, &running);
+    // An exception of a node must not leave links to this stack behind.
+    struct Ending {
+        ~Ending() {
+            if (!guard.owns_lock()) guard.lock();
+            while (!IsAlone(pending)) Unlink(*pending.next);
+            Notification** place = &s_notifications;
+            while (*place != &running) place = &(*place)->next;
+            *place = running.next;
+            if (s_numDetaching > 0) NotificationEnded().notify_all();
         }
-        node->OnInvalidate();
+        std::unique_lock<std::mutex>& guard;
+        DGNodeLink& pending;
+        Notification& running;
+    };
+    const Ending ending{guard, pending, running};
+    while (!IsAlone(pending)) {
+        running.node = pending.next->node->m_asDepNode;
+        Unlink(*pending.next);
+        guard.unlock();
+        running.node->OnInvalidate();
+        guard.lock();
+        if (s_numDetaching > 0) NotificationEnded().notify_all();
+        running.node = nullptr;
     }
+}
+
+void DGGraph::Detach(const DGDepNode& node) {
+    std::unique_lock<std::mutex> guard(GraphMutex());
+    MakeStale(node);
+    Unlink(node.m_pending);
+    const auto isNotified = [&] {
+        for (const Notification* n = s_notifications; n; n = n->next)
+            if (n->node == &node && n->thread != std::this_thread::get_id()) return true;
+        return false;
+    };
+    ++s_numDetaching;
+    NotificationEnded().wait(guard, [&] { return !isNotified(); });
+    --s_numDetaching;
 }
 
 void DGGraph::Invalidate(const DGBaseNode& node) {
     DGNodeLink pending;
     {
         Guard guard(GraphMutex());
-        CollectStale(node, pending);
+        if (!CollectStale(node, pending)) return;
     }
     NotifyPending(pending);
 }
 
 void DGGraph::Evict(const DGBaseNode& node) {
     DGNodeLink pending;
+    bool notify = false;
     {
         Guard guard(GraphMutex());
         if (node.m_asDepNode) MakeStale(*node.m_asDepNode);
-        CollectStale(node, pending);
+        notify = CollectStale(node, pending);
         Unlist(node);
     }
-    NotifyPending(pending);
+    if (notify) NotifyPending(pending);
     node.OnEvict();
 }
 
@@ -230,8 +328,9 @@ void DGGraph::Forget(const DGBaseNode& node) {
     DGNodeLink pending;
     {
         Guard guard(GraphMutex());
-        CollectStale(node, pending);
+        const bool notify = CollectStale(node, pending);
         Unlist(node);
+        if (!notify) return;
     }
     NotifyPending(pending);
 }
@@ -353,6 +452,8 @@ DGDepNode::~DGDepNode() noexcept(false) {
     DGGraph::MakeStale(*this);
     Unlink(m_pending);
 }
+
+void DGDepNode::Detach() const { DGGraph::Detach(*this); }
 
 bool DGDepNode::IsEvictable() const { return true; }
 

@@ -71,6 +71,8 @@ constexpr const ReflectedGlobalFunction& RECORD_OF_SyncPermanentlyDeleteObject =
 constexpr const ReflectedGlobalFunction& RECORD_OF_SyncPermanentlyDeleteSubTree =
     FUNCTION<static_cast<void (*)(ptr<IPersistable>)>(&SyncPermanentlyDeleteSubTree),
              "quna::SyncPermanentlyDeleteSubTree", "obj">;
+constexpr const ReflectedGlobalFunction& RECORD_OF_SynchronousDeepCopyPersistableObject =
+    FUNCTION<&SynchronousDeepCopyPersistableObject, "quna::SynchronousDeepCopyPersistableObject", "po">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_TryBindObjectGivenOid =
     FUNCTION<&TryBindObjectGivenOid, "quna::TryBindObjectGivenOid", "oid">;
 constexpr const ReflectedGlobalFunction& RECORD_OF_ClosePSpaceTxn =
@@ -116,6 +118,9 @@ void _Register_RemovePSpaceRoot(XTarget* target) { Enter<RECORD_OF_RemovePSpaceR
 void _Register_SetThreadPSpace(XTarget* target) { Enter<RECORD_OF_SetThreadPSpace>(target); }
 void _Register_SyncPermanentlyDeleteObject(XTarget* target) { Enter<RECORD_OF_SyncPermanentlyDeleteObject>(target); }
 void _Register_SyncPermanentlyDeleteSubTree(XTarget* target) { Enter<RECORD_OF_SyncPermanentlyDeleteSubTree>(target); }
+void _Register_SynchronousDeepCopyPersistableObject(XTarget* target) {
+    Enter<RECORD_OF_SynchronousDeepCopyPersistableObject>(target);
+}
 void _Register_TryBindObjectGivenOid(XTarget* target) { Enter<RECORD_OF_TryBindObjectGivenOid>(target); }
 void _Register_ClosePSpaceTxn(XTarget* target) { Enter<RECORD_OF_ClosePSpaceTxn>(target); }
 void _Register_OpenPSpace(XTarget* target) { Enter<RECORD_OF_OpenPSpace>(target); }

@@ -28,6 +28,7 @@ void _Register_RemovePSpaceRoot(XTarget* target);
 void _Register_SetThreadPSpace(XTarget* target);
 void _Register_SyncPermanentlyDeleteObject(XTarget* target);
 void _Register_SyncPermanentlyDeleteSubTree(XTarget* target);
+void _Register_SynchronousDeepCopyPersistableObject(XTarget* target);
 void _Register_TryBindObjectGivenOid(XTarget* target);
 void _Register_ClosePSpaceTxn(XTarget* target);
 void _Register_OpenPSpace(XTarget* target);

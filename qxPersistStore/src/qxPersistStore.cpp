@@ -7,6 +7,7 @@
 #include "qxPersistStore/IPersistStore.h"
 #include "qxPersistStore/InternalNode.h"
 #include "qxPersistStore/LeafNode.h"
+#include "qxPersistStore/OidSpaceMap.h"
 #include "qxPersistStore/pref.h"
 #include "qxPersistStore/src/PersistOperationCallbacks.h"
 #include "qxPersistStore/src/ReflectedFunctions.h"
@@ -46,6 +47,7 @@ constexpr RegisterItemFn REGISTER_ITEMS[] = {
     &_Register_ObjectsBelongToDifferentPersistStores,
     &_Register_PSpaceLockMode,
     &_Register_PersistStoreSettings,
+    &_Register_SynchronousDeepCopyPersistableObject,
     &_Register_IPrefVisitor,
     &_Register_GetOid,
     &_Register_IPersistable,
@@ -55,6 +57,8 @@ constexpr RegisterItemFn REGISTER_ITEMS[] = {
     &_Register_OidLow,
     &_Register_SeidHigh,
     &_Register_SeidLow,
+    &_Register_OidSpaceMap,
+    &_Register_Goid,
     &_Register_OidSpaceGuid,
     &_Register_PSpace,
     &_Register_PersistOperationCallbacks0,

@@ -361,5 +361,25 @@ TEST_F(RelocTest, ThatIsTornEndsTheLog) {
     lss->Validate();
 }
 
+// A store that was closed in order synced everything: what the cache shows of it is what the disk has. After a kill the
+// cache may show writes that a failed sync has lost.
+TEST(Recovery, KeepsTheCachedPagesOfACleanlyClosedStoreAndOfNoOther) {
+    SimSys sys;
+    {
+        TestLss lss(sys);
+        lss.Put("x");
+        lss.Close();
+    }
+    int64 before = sys.NumCalls(ESimCall::DROP_CACHE);
+    {
+        TestLss lss(sys);
+        EXPECT_EQ(sys.NumCalls(ESimCall::DROP_CACHE), before + 1); // headers and ring only
+        lss.Put("y");
+    }
+    before = sys.NumCalls(ESimCall::DROP_CACHE);
+    const TestLss killed(sys);
+    EXPECT_EQ(sys.NumCalls(ESimCall::DROP_CACHE), before + 2);
+}
+
 } // namespace
 } // namespace quna
