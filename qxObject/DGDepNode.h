@@ -33,8 +33,8 @@ public:
 protected:
     DGDepNode();
 
-    // For the destructor of a derived class: nothing invalidates the node any more, and OnInvalidate runs on no other
-    // thread.
+    // For the destructor of a derived class, which need not hold the domain's lock then: nothing invalidates or evicts
+    // the node any more, and none of its operations runs on another thread. Nobody reads the node from now on.
     void Detach() const;
 
 private:

@@ -25,7 +25,8 @@ using Report = Contest::Report;
 constexpr ssize_t NUM_OBJECTS = 1'000'000;
 constexpr ssize_t NUM_HOT = 1000; // resident objects that stay in the processor's cache
 constexpr int HOT_ROUNDS = 2000;
-constexpr ssize_t ASKS_PER_HOLD = 1000; // what a caller asks for before it gives the lock up
+constexpr ssize_t ASKS_PER_FRAME = 2000; // what a caller asks for under one hold of the lock
+constexpr std::chrono::milliseconds BETWEEN_FRAMES{1};
 
 std::vector<OID> OidsOf(const BenchRoot& root) {
     std::vector<OID> oids;
@@ -69,7 +70,7 @@ void RunResident(const std::string& path) {
     contest.Run("Binding a resident object");
 }
 
-// Asks for all objects, a thousand a hold, then waits until all have arrived.
+// A program with frames: asks for all objects, some each frame, then looks each frame whether all have arrived.
 void LoadAll(Report& report, const std::string& path) {
     BenchStore store(path, OM_OPEN_EXISTING);
     const std::vector<OID> oids = LoadOids();
@@ -85,15 +86,15 @@ void LoadAll(Report& report, const std::string& path) {
     for (std::size_t i = 0; i < oids.size();) {
         lock();
         const auto start = Clock::now();
-        const std::size_t end = std::min(i + ASKS_PER_HOLD, oids.size());
+        const std::size_t end = std::min(i + ASKS_PER_FRAME, oids.size());
         for (; i < end; ++i)
             if (store.m_space->AsyncBind2(oids[i]).result != EAsyncBindResult::Pending) std::abort();
         asking += Clock::now() - start;
         Unlock(cs);
+        std::this_thread::sleep_for(BETWEEN_FRAMES);
     }
-    // Once in 5 ms, as a program with frames would look.
     for (bool done = false; !done;) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        std::this_thread::sleep_for(BETWEEN_FRAMES);
         lock();
         done = store.m_space->AsyncBind2(oids.back()).result == EAsyncBindResult::Bound;
         Unlock(cs);

@@ -69,18 +69,15 @@ void SpliceAtEnd(DGNodeLink& to, DGNodeLink& from) {
     from.prev = from.next = &from;
 }
 
-// The nodes of a domain, taken off its list one by one; what is left goes back when the scope ends.
+// The nodes of a domain, taken off its list one by one; what is left goes back when the scope ends. All of its methods
+// require that the graph is guarded.
 class WorkList {
 public:
-    // Requires: the graph is guarded.
     explicit WorkList(DGNodeLink& nodes) : m_nodes(nodes) { SpliceAtEnd(m_work, nodes); }
     WorkList(const WorkList&) = delete;
     WorkList& operator=(const WorkList&) = delete;
-    ~WorkList() {
-        Guard guard(GraphMutex());
-        SpliceAtEnd(m_nodes, m_work);
-    }
-    // The next node, which is back on its domain's list then; null when there is none. Requires: the graph is guarded.
+    ~WorkList() { SpliceAtEnd(m_nodes, m_work); }
+    // The next node, which is back on its domain's list then; null when there is none.
     const DGBaseNode* Next() {
         if (IsAlone(m_work)) return nullptr;
         DGNodeLink& link = *m_work.next;
@@ -94,19 +91,53 @@ private:
     DGNodeLink m_work;
 };
 
-// A call of OnInvalidate, on the stack of the thread that makes it.
-struct Notification {
-    const DGDepNode* node = nullptr;
-    const std::thread::id thread = std::this_thread::get_id();
-    Notification* next = nullptr;
+// A node that this thread is about to call, without the guard, or calls: its destructor waits (DGDepNode::Detach).
+class NodeInUse {
+public:
+    // Requires: `guard` holds the graph's mutex, here and at each Set. It need not at the end of the scope.
+    explicit NodeInUse(std::unique_lock<std::mutex>& guard) : m_guard(guard), m_next(std::exchange(s_first, this)) {}
+    NodeInUse(const NodeInUse&) = delete;
+    NodeInUse& operator=(const NodeInUse&) = delete;
+    ~NodeInUse() {
+        if (!m_guard.owns_lock()) m_guard.lock();
+        Set(nullptr);
+        NodeInUse** place = &s_first;
+        while (*place != this) place = &(*place)->m_next;
+        *place = m_next;
+    }
+    void Set(const DGBaseNode* node) {
+        m_node = node;
+        if (s_numWaiting > 0) Changed().notify_all();
+    }
+
+    // Sleeps until no other thread uses the node.
+    static void WaitForOthers(std::unique_lock<std::mutex>& guard, const DGBaseNode& node) {
+        const auto isInUse = [&] {
+            for (const NodeInUse* use = s_first; use; use = use->m_next)
+                if (use->m_node == &node && use->m_thread != std::this_thread::get_id()) return true;
+            return false;
+        };
+        ++s_numWaiting;
+        Changed().wait(guard, [&] { return !isInUse(); });
+        --s_numWaiting;
+    }
+
+private:
+    static std::condition_variable& Changed() { // with the graph's mutex
+        static std::condition_variable* const changed = new std::condition_variable;
+        return *changed;
+    }
+    static NodeInUse* s_first; // of all threads; guarded by the graph
+    static int s_numWaiting;   // guarded by the graph
+
+    std::unique_lock<std::mutex>& m_guard;
+    NodeInUse* m_next;
+    const DGBaseNode* m_node = nullptr;
+    const std::thread::id m_thread = std::this_thread::get_id();
 };
 
-Notification* s_notifications = nullptr;       // all that run; guarded by the graph
-int s_numDetaching = 0;                        // threads that wait for one to end; guarded by the graph
-std::condition_variable& NotificationEnded() { // with the graph's mutex
-    static std::condition_variable* const ended = new std::condition_variable;
-    return *ended;
-}
+NodeInUse* NodeInUse::s_first = nullptr;
+int NodeInUse::s_numWaiting = 0;
 
 // A datum that is no node of its own, known by its address.
 class DataSourceNode final : public DGIndepNode {
@@ -151,13 +182,12 @@ void DGGraph::Unlist(const DGBaseNode& node) noexcept {
 void DGGraph::EvictAll(CSpace& cspace) {
     std::unique_lock<std::mutex> guard(GraphMutex());
     WorkList work(cspace.m_graph.nodes);
-    guard.unlock();
-    for (;;) {
-        guard.lock();
-        const DGBaseNode* const node = work.Next();
+    NodeInUse inUse(guard);
+    while (const DGBaseNode* const node = work.Next()) {
+        inUse.Set(node);
         guard.unlock();
-        if (!node) return;
         if (node->IsEvictable()) Evict(*node);
+        guard.lock();
     }
 }
 
@@ -176,11 +206,11 @@ void DGGraph::OfferToCollector(CSpace& cspace, bool all) {
     std::unique_lock<std::mutex> guard(GraphMutex());
     if (IsAlone(cspace.m_graph.nodes)) return;
     WorkList work(cspace.m_graph.nodes);
-    for (;;) {
-        const DGBaseNode* node = work.Next();
-        while (node && !MayBeCollected(*node, all)) node = work.Next();
+    NodeInUse inUse(guard);
+    while (const DGBaseNode* const node = work.Next()) {
+        if (!MayBeCollected(*node, all)) continue;
+        inUse.Set(node);
         guard.unlock();
-        if (!node) return;
         if (node->IsEvictable()) Evict(*node);
         guard.lock();
     }
@@ -257,33 +287,23 @@ bool DGGraph::CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept
 }
 
 void DGGraph::NotifyPending(DGNodeLink& pending) {
-    Notification running;
     std::unique_lock<std::mutex> guard(GraphMutex());
-    if (IsAlone(pending)) return;
-    running.next = std::exchange(s_notifications, &running);
     // An exception of a node must not leave links to this stack behind.
-    struct Ending {
-        ~Ending() {
-            if (!guard.owns_lock()) guard.lock();
+    struct Emptying {
+        ~Emptying() {
             while (!IsAlone(pending)) Unlink(*pending.next);
-            Notification** place = &s_notifications;
-            while (*place != &running) place = &(*place)->next;
-            *place = running.next;
-            if (s_numDetaching > 0) NotificationEnded().notify_all();
         }
-        std::unique_lock<std::mutex>& guard;
         DGNodeLink& pending;
-        Notification& running;
     };
-    const Ending ending{guard, pending, running};
+    const Emptying emptying{pending};
+    NodeInUse inUse(guard);
     while (!IsAlone(pending)) {
-        running.node = pending.next->node->m_asDepNode;
+        const DGDepNode* const node = pending.next->node->m_asDepNode;
         Unlink(*pending.next);
+        inUse.Set(node);
         guard.unlock();
-        running.node->OnInvalidate();
+        node->OnInvalidate();
         guard.lock();
-        if (s_numDetaching > 0) NotificationEnded().notify_all();
-        running.node = nullptr;
     }
 }
 
@@ -291,14 +311,8 @@ void DGGraph::Detach(const DGDepNode& node) {
     std::unique_lock<std::mutex> guard(GraphMutex());
     MakeStale(node);
     Unlink(node.m_pending);
-    const auto isNotified = [&] {
-        for (const Notification* n = s_notifications; n; n = n->next)
-            if (n->node == &node && n->thread != std::this_thread::get_id()) return true;
-        return false;
-    };
-    ++s_numDetaching;
-    NotificationEnded().wait(guard, [&] { return !isNotified(); });
-    --s_numDetaching;
+    Unlist(node);
+    NodeInUse::WaitForOthers(guard, node);
 }
 
 void DGGraph::Invalidate(const DGBaseNode& node) {
@@ -393,20 +407,21 @@ void DGGraph::ReadSource(CSpace& cspace, const void* source) {
 
 void DGGraph::EvictSource(CSpace& cspace, const void* source) {
     if (!cspace.m_graph.haveSources.load(std::memory_order_relaxed)) return;
+    std::unique_lock<std::mutex> guard(GraphMutex());
+    NodeInUse inUse(guard);
     for (;;) {
-        const DGBaseNode* victim = nullptr;
-        {
-            Guard guard(GraphMutex());
-            const auto i = cspace.m_graph.sources.find(source);
-            if (i == cspace.m_graph.sources.end()) return;
-            victim = i->second.get();
-            // Evicting a dependent takes it off the list; the source itself comes last.
-            if (const DGEdge* const edge = victim->m_outEdges) victim = edge->dep;
-        }
+        const auto i = cspace.m_graph.sources.find(source);
+        if (i == cspace.m_graph.sources.end()) return;
+        const DGBaseNode* victim = i->second.get();
+        // Evicting a dependent takes it off the list; the source itself comes last.
+        if (const DGEdge* const edge = victim->m_outEdges) victim = edge->dep;
+        inUse.Set(victim);
+        guard.unlock();
         if (victim->IsEvictable())
             Evict(*victim);
         else
             victim->EnsureNoInnodesOrOutnodes();
+        guard.lock();
     }
 }
 

@@ -20,7 +20,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int NUM_STORED = 64;
 constexpr int NUM_MISSING = 16;
-constexpr int STEPS = UNDER_SANITIZER ? 300 : 1000; // of each thread
+constexpr int STEPS = UNDER_SANITIZER ? 300 : 600; // of each thread
 
 // Answers at random, and makes fetched objects persistent when it is told to.
 class FetchingHandler {

@@ -192,6 +192,7 @@ TEST_F(AsyncBinding, WhatABatchOfDeletionsErasesDoesNotComeBackThroughALoadUnder
     EXPECT_TRUE(m_store->m_dosWriter.DeleteSomeObjects());
     m_gate.Release(oid);
     EXPECT_EQ(BindAnswer(DoesNotExist), AwaitAnswer(oid));
+    EvictNodes();
     m_ps->rot_.Close();
     EXPECT_EQ(0, TestLeaf::s_numLive);
 }
