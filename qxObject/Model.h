@@ -119,7 +119,7 @@ private:
     Model(Model&&) = default;
 
     Model& Offset(int64 offset, T result) {
-        if (IOperationCallBacks* const hooks = GetOperationCallBacks()) {
+        if (IOperationCallBacks* const hooks = this->HooksForPlainChange()) {
             auto params = this->template ParamsFor<OffsetValue_params>(&this->m_value);
             params.offset = offset;
             hooks->OnOffsetValue(params);

@@ -210,25 +210,29 @@ protected:
 
     using Entry = detail::ModelEntry<ModelField, Owner, NAME>;
 
+    Owner* GetOwner() noexcept {
+        return static_cast<Owner*>(static_cast<void*>(reinterpret_cast<std::byte*>(this) - Entry::Offset()));
+    }
     template <class Params>
     Params ParamsFor(void* addr) {
         Params params;
-        params.obj =
-            ptr<IObject>(static_cast<Owner*>(static_cast<void*>(reinterpret_cast<std::byte*>(this) - Entry::Offset())));
+        params.obj = ptr<IObject>(GetOwner());
         params.fid = Entry::NUMBER;
         params.addr = addr;
         return params;
     }
+    // The hooks to be told of a change that touches no references, null when there is nobody to tell.
+    IOperationCallBacks* HooksForPlainChange() { return GetCallBacksForPlainChange(GetOwner()->GetSysState()); }
 
     // Runs `change`, which makes the value at `place` (the field's own, or an element) what `incoming` is, between the
     // hooks of an assignment. A target that the old and the new value hold stays.
     template <class V, class Change>
     void Assign(V& place, const V& incoming, Change change) {
-        IOperationCallBacks* const hooks = GetOperationCallBacks();
-        if (!hooks) return change();
-        auto params = ParamsFor<AssignValue_params>(&place);
         if constexpr (HOLDS_PREFS<V>) {
             if constexpr (Entry::OWNS_TARGETS) {
+                IOperationCallBacks* const hooks = GetOperationCallBacks();
+                if (!hooks) return change();
+                auto params = ParamsFor<AssignValue_params>(&place);
                 params.visitPrefsFn = &detail::ValuePrefs<V>::VisitOld;
                 {
                     const typename detail::ValuePrefs<V>::Incoming scope(&incoming);
@@ -240,20 +244,22 @@ protected:
                 return;
             }
         }
-        hooks->OnBeforeAssignValue(params);
-        change();
-        hooks->OnAfterAssignValueWithoutPrefs(params);
+        AssignWithoutPrefs(&place, change);
     }
 
     // The same for a change that touches no references, whatever it is.
     template <class Change>
-    void AssignWithoutPrefs(Change change) {
-        IOperationCallBacks* const hooks = GetOperationCallBacks();
+    void AssignWithoutPrefs(void* place, Change change) {
+        IOperationCallBacks* const hooks = HooksForPlainChange();
         if (!hooks) return change();
-        const auto params = ParamsFor<AssignValue_params>(&m_value);
+        const auto params = ParamsFor<AssignValue_params>(place);
         hooks->OnBeforeAssignValue(params);
         change();
         hooks->OnAfterAssignValueWithoutPrefs(params);
+    }
+    template <class Change>
+    void AssignWithoutPrefs(Change change) {
+        AssignWithoutPrefs(&m_value, change);
     }
 
     template <class V>

@@ -69,7 +69,7 @@ private:
 
     // `addr` names the element, not the set.
     void Report(void (IOperationCallBacks::*operation)(const AssignValue_params&), const T& element) {
-        if (IOperationCallBacks* const hooks = GetOperationCallBacks())
+        if (IOperationCallBacks* const hooks = this->HooksForPlainChange())
             (hooks->*operation)(this->template ParamsFor<AssignValue_params>(const_cast<T*>(&element)));
     }
 };

@@ -108,8 +108,14 @@ private:
 
     static constexpr ssize_t ELEMENT_SIZE = static_cast<ssize_t>(sizeof(E)); // NOLINT(bugprone-sizeof-expression)
 
+    IOperationCallBacks* Hooks() {
+        if constexpr (Base::template HOLDS_PREFS<E>)
+            return GetOperationCallBacks();
+        else
+            return this->HooksForPlainChange();
+    }
     void ReportCreate(ssize_t i, const E* src, ssize_t n) {
-        IOperationCallBacks* const hooks = GetOperationCallBacks();
+        IOperationCallBacks* const hooks = Hooks();
         if (!hooks) return;
         auto params = this->template ParamsFor<CreateIntoVector_params>(&this->m_value);
         params.i = i;
@@ -120,7 +126,7 @@ private:
         hooks->OnCreateIntoVector(params);
     }
     void ReportDelete(ssize_t i, ssize_t n) {
-        IOperationCallBacks* const hooks = GetOperationCallBacks();
+        IOperationCallBacks* const hooks = Hooks();
         if (!hooks) return;
         auto params = this->template ParamsFor<DeleteFromVector_params>(&this->m_value);
         params.i = i;

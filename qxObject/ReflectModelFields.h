@@ -81,8 +81,12 @@ struct QX_API ModelFieldsOf {
     static constexpr void AddField(std::array<ReflectedField, NUM_FIELDS>& fields, std::size_t& n) {
         if constexpr (IS_MODEL<INDEX>) {
             constexpr auto entry = std::get<INDEX>(T::Members());
-            fields[n++] = ReflectedField{entry.m_name, DescriptionFnOf<typename decltype(entry)::FieldType>(),
-                                         &FieldAddress<T, INDEX>, entry.m_firstSchema};
+            using Field = typename decltype(entry)::FieldType;
+            static_assert(std::is_same_v<typename Field::ModelOwner, T>, "a model field names another class");
+            static_assert(std::string_view(entry.m_name) == Field::MODEL_NAME,
+                          "a model field is listed by another name");
+            fields[n++] =
+                ReflectedField{entry.m_name, DescriptionFnOf<Field>(), &FieldAddress<T, INDEX>, entry.m_firstSchema};
         }
     }
     template <std::size_t... INDEXES>

@@ -75,6 +75,7 @@ private:
     };
     static constexpr uint32 NUM_RECENT = 16;
 
+    InputArchive DeserialiseRare(InputArchive ar, OidHigh& localOidHigh);
     InputArchive Learn(InputArchive ar, OidHigh& localOidHigh);
 
     // In place of most look-ups: an entry of the conversion map, or of 0, stands only in m_recent[remote % NUM_RECENT].

@@ -61,6 +61,7 @@ public:
 private:
     static constexpr uint32 NUM_RECENT = 16;
 
+    void SerialiseRare(Archive& ar, OidHigh oh);
     void Introduce(Archive& ar, OidHigh oh);
 
     // In place of most look-ups: a number stands only in m_recent[number % NUM_RECENT], and is then in m_sentOidHighs or 0.

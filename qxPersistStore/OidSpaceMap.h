@@ -32,7 +32,8 @@ QX_API void _Register_OidSpaceMap(XTarget* target);
 // all stores. Reflected as "quna::OidSpaceMap".
 //
 // A persistent object like any other: the store makes none by itself. The application keeps one in a space, best as a
-// named root (BootstrapPSpaceRoot). A store needs no more than one; a second would give the same spaces other names.
+// named root that stays in memory (BootstrapPSpaceRoot): translators borrow it, and the delta goes with the instance. A
+// store needs no more than one; a second would give the same spaces other names.
 //
 // Threads:   mutex_ guards the maps and the delta, so look-ups run on any thread that may use the object. Whoever
 //   changes a persistent map marks it dirty and so holds its domain's lock exclusively: that lock first, mutex_ second.

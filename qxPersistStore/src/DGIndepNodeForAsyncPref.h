@@ -22,7 +22,8 @@ class ROT;
 // the dependency graph: who was answered Pending depends on it, and is stale as soon as there is another answer.
 //
 //   UR_PENDING                 the load, or the application's fetch, is under way
-//   UR_OBJECT_DOES_NOT_EXIST   neither the store nor a handler has the object; stays in the table until evicted
+//   UR_OBJECT_DOES_NOT_EXIST   neither the store nor a handler has the object, or it can't be read; stays in the table
+//                              until evicted
 //   UR_OBJECT_FOUND            passes at once: the entry holds the object, the node is about to be evicted
 //   UR_NODE_EVICTED            out of table and graph; lives until the last reference goes
 //
@@ -95,6 +96,7 @@ public:
     // Any thread. Deletes the node with the last reference.
     void DecRef() const;
 
+    // The table has the answer, or will never get one from this node.
     bool IsSettled() const noexcept {
         const EUpdatedRot state = updatedRot_.load(std::memory_order_relaxed);
         return state == UR_OBJECT_FOUND || state == UR_NODE_EVICTED;

@@ -1,6 +1,7 @@
 #include "qxPersistStore/OidHighReader.h"
 
 #include "qxObject/CSpace.h"
+#include "qxObject/LockAtHand.h"
 #include "qxPersistStore/OidHighWriter.h"
 #include "qxPersistStore/OidSpaceMap.h"
 #include "qxPersistStore/src/WriteMapText.h"
@@ -14,6 +15,8 @@ namespace quna {
 namespace {
 
 constexpr ConstStringZ SOURCE_PATH = "src/OidHighReader";
+
+constexpr octet_t FIRST_OF_LONG_NUMBERS = 0x80; // below, a variable-length number is that byte
 
 } // namespace
 
@@ -44,21 +47,31 @@ void OidHighConversionMap::Write(xostream& os) const { detail::WriteMapText(os, 
 
 // ---- OidHighReader --------------------------------------------------------------------------------------------------
 
+// The usual case, a known space whose number is one byte, calls nothing.
 InputArchive OidHighReader::DeserialiseOidHigh(InputArchive ar, OidHigh& localOidHigh) {
+    if (HasExclusiveLockAtHand()) [[likely]] {
+        CheckRecordCursor(ar.p);
+        const octet_t first = *ar.p;
+        const Conversion& recent = m_recent[first % NUM_RECENT];
+        if (first < FIRST_OF_LONG_NUMBERS && recent.remote == first) [[likely]] {
+            localOidHigh = recent.local;
+            return ar.p + 1;
+        }
+    }
+    return DeserialiseRare(ar, localOidHigh);
+}
+
+[[gnu::noinline]] InputArchive OidHighReader::DeserialiseRare(InputArchive ar, OidHigh& localOidHigh) {
     QX_ASSERT(HaveExclusiveLockedCSpace());
     uint32 remoteOidHigh = 0;
     bool escaped = false;
     ar = DeserialiseVariableLengthUint(ar.p, remoteOidHigh, escaped);
-    if (escaped) [[unlikely]] {
+    if (escaped) {
         QX_ASSERT(remoteOidHigh == SEND_GUID_ESCAPE);
         return Learn(ar, localOidHigh);
     }
-    Conversion& recent = m_recent[remoteOidHigh % NUM_RECENT];
-    if (recent.remote != remoteOidHigh) [[unlikely]] {
-        QX_ASSERT(m_oidHighConversionMap.MapRemoteOidHighToLocalOidHigh(remoteOidHigh, localOidHigh));
-        recent = {remoteOidHigh, localOidHigh};
-    }
-    localOidHigh = recent.local;
+    QX_ASSERT(m_oidHighConversionMap.MapRemoteOidHighToLocalOidHigh(remoteOidHigh, localOidHigh));
+    m_recent[remoteOidHigh % NUM_RECENT] = {remoteOidHigh, localOidHigh};
     return ar;
 }
 

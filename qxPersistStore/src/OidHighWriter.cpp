@@ -1,6 +1,7 @@
 #include "qxPersistStore/OidHighWriter.h"
 
 #include "qxObject/CSpace.h"
+#include "qxObject/LockAtHand.h"
 #include "qxPersistStore/OidSpaceMap.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/Guid.h"
@@ -15,17 +16,20 @@ constexpr ConstStringZ SOURCE_PATH = "src/OidHighWriter";
 } // namespace
 
 void OidHighWriter::SerialiseOidHigh(Archive& ar, OidHigh oh) {
+    if (HasLockAtHand() && m_recent[oh % NUM_RECENT] == oh) [[likely]]
+        SerialiseCompressedOidPart(ar, oh);
+    else
+        SerialiseRare(ar, oh);
+}
+
+[[gnu::noinline]] void OidHighWriter::SerialiseRare(Archive& ar, OidHigh oh) {
     QX_ASSERT(HaveLockedCSpace());
-    uint32& recent = m_recent[oh % NUM_RECENT];
-    if (recent != oh && oh != 0) [[unlikely]] {
-        const bool isNew = m_sentOidHighs.insert(oh).second;
-        recent = oh;
-        if (isNew) {
-            Introduce(ar, oh);
-            return;
-        }
-    }
-    SerialiseCompressedOidPart(ar, oh);
+    const bool isNew = oh != 0 && m_sentOidHighs.insert(oh).second;
+    m_recent[oh % NUM_RECENT] = oh;
+    if (isNew)
+        Introduce(ar, oh);
+    else
+        SerialiseCompressedOidPart(ar, oh);
 }
 
 void OidHighWriter::Introduce(Archive& ar, OidHigh oh) {

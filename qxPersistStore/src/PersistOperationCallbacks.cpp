@@ -32,13 +32,6 @@ PersistentParent Resolve(ptr<IObject> obj) {
     return {po, pspace};
 }
 
-// The short way for what changes often: a dirty object, which is therefore persistent, whose lock is held. Marking it
-// again would do nothing.
-bool IsDirtyAndLocked(ptr<IObject> obj) {
-    const ObjSysState& state = obj->GetSysState();
-    return state.GetFlag(PERSISTABLE_DIRTY) && GetRecordedLockStatus(state.m_cspace) > 0;
-}
-
 // Makes the target of a reference, which must be a new object, a child of the parent.
 void Adopt(const PersistentParent& parent, const prefbase* src) {
     QX_ASSERT_TEXT(src, "params.src");
@@ -91,7 +84,6 @@ void PersistOperationCallbacks::OnEndTransaction(CSpace* cspace) {
 void PersistOperationCallbacks::OnBeforeAssignValue(const AssignValue_params& params) {
     QX_ASSERT(params.obj);
     QX_ASSERT(params.addr);
-    if (!params.visitPrefsFn && IsDirtyAndLocked(params.obj)) return;
     const PersistentParent parent = Resolve(params.obj);
     if (!parent) return;
     if (params.visitPrefsFn) {
@@ -117,7 +109,6 @@ void PersistOperationCallbacks::OnOffsetValue(const OffsetValue_params& params) 
 
 bool PersistOperationCallbacks::MarkAsPersistent(const FieldParams& params) {
     QX_ASSERT(params.obj);
-    if (IsDirtyAndLocked(params.obj)) return true;
     const PersistentParent parent = Resolve(params.obj);
     if (!parent) return false;
     parent.MarkAsDirty();
@@ -215,6 +206,7 @@ void PersistOperationCallbacks::OnDeleteFromMSet(const DeleteFromMSet_params& pa
 void _Register_PersistOperationCallbacks0(XTarget*) {
     static constinit PersistOperationCallbacks s;
     QX_ASSERT(SetOperationCallBacks(&s) == nullptr);
+    SetQuietObjects(&s, PERSISTABLE_DIRTY); // marking a dirty object again does nothing
 }
 
 } // namespace quna

@@ -88,8 +88,9 @@ ptr<IPersistable> ROT::FindResidentObject(OID oid) const {
 }
 
 ptr<IPersistable> ROT::FindOrLoadResidentObject(OID oid) {
-    QX_ASSERT_TEXT(HasAnyLock(), "HasLock()");
-    return HaveSharedLockOnly() ? FindOrLoadAmongReaders(oid) : FindOrLoadExclusively(oid);
+    const int lockStatus = GetRecordedLockStatus(pspace_.GetCSpace());
+    QX_ASSERT_TEXT(lockStatus != 0, "HasLock()");
+    return lockStatus < 0 ? FindOrLoadAmongReaders(oid) : FindOrLoadExclusively(oid);
 }
 
 ptr<IPersistable> ROT::FindOrLoadExclusively(OID oid) {
@@ -149,7 +150,8 @@ ptr<IPersistable> ROT::LoadAmongReaders(OID oid, TableLock& lock) {
         lock.lock();
         if (!p) return null;
         QX_ASSERT(p.m_table);
-        if (map_.find(oid) == map_.end()) return map_[oid] = p;
+        ptr<IPersistable>& entry = map_[oid];
+        if (!entry.m_self) return entry = p;
     }
     return EnterAmongReaders(oid, p, lock);
 }

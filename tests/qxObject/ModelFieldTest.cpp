@@ -3,6 +3,7 @@
 #include "qxObject/ModelVector.h"
 #include "qxObject/PrintInstance.h"
 #include "qxObject/Reflect.h"
+#include "qxObject/WCSpace.h"
 #include "tests/support/ExpectAssertion.h"
 #include "tests/support/RecordingHooks.h"
 
@@ -237,6 +238,38 @@ TEST(ModelFieldsAlone, FieldsWorkWithoutHooks) {
     EXPECT_EQ(thing.name, "x");
     EXPECT_TRUE(thing.scores.empty() && thing.tags.empty());
     SetOperationCallBacks(installed);
+}
+
+TEST_F(ModelFields, AQuietObjectIsReportedOnlyWhereItsLockIsNotHeld) {
+    constexpr int FLAG = 1 << 20;
+    const CSpaceCreator cs;
+    auto* const quiet = new Thing;
+    RegisterGcObject(cs, quiet);
+    quiet->GetSysState().SetFlag(FLAG);
+    SetQuietObjects(&hooks, FLAG);
+    quiet->age = 1;
+    EXPECT_EQ(hooks.Take(), (Notes{"before 1", "after 1"}));
+    {
+        const CSpaceLock lock(cs, Exclusive);
+        quiet->age = 2;
+        ++quiet->age;
+        quiet->scores.push_back(1);
+        quiet->tags.insert(1);
+        EXPECT_EQ(hooks.Take(), Notes());
+        EXPECT_EQ(quiet->age, 3);
+        EXPECT_EQ(quiet->scores.size() + quiet->tags.size(), 2);
+
+        RecordingHooks inFront;
+        quiet->age = 4;
+        EXPECT_EQ(inFront.Take(), (Notes{"before 1", "after 1"}));
+        EXPECT_EQ(hooks.Take(), (Notes{"before 1", "after 1"}));
+    }
+    {
+        const CSpaceLock lock(cs, SharedRead);
+        quiet->age = 5;
+        EXPECT_EQ(hooks.Take().size(), 2U);
+    }
+    SetQuietObjects(nullptr, 0);
 }
 
 // ---- Whole objects ----

@@ -538,11 +538,42 @@ TEST_F(ModelFieldsPersist, AnOwnerThatIsAttachedLaterTakesItsChildrenAlong) {
     EXPECT_EQ(0, bob->pet->numOnCreate); // nobody assigned it to a persistent owner
 }
 
+TEST_F(ModelFieldsPersist, ADeepCopyIsATransientObjectWithCopiesOfTheChildren) {
+    const SpaceScope scope(m_ps);
+    ann->pet = NewPet("rex");
+    ann->pets.push_back(NewPet("a"));
+    ann->jobs.push_back(Job{1, cref<Pet>(NewPet("tool"))});
+    ann->scores = {1, 2};
+    RecordingHooks hooks;
+    auto* const copy = static_cast<Person*>(SynchronousDeepCopyPersistableObject(ann).m_self);
+    EXPECT_EQ(hooks.Take(), Notes());
+    EXPECT_FALSE(GetOid(copy));
+    EXPECT_EQ(copy->name, "Ann");
+    EXPECT_EQ(copy->scores, ann->scores);
+    EXPECT_NE(copy->pet.Get().GetBoundPtr(), ann->pet.Get().GetBoundPtr());
+    EXPECT_EQ(copy->pet->name, "rex");
+    EXPECT_EQ(copy->pets[0]->name, "a");
+    EXPECT_FALSE(GetOid(copy->jobs[0].tool.Get()));
+
+    copy->name = "Eve"; // a field of the copy, and no other's
+    EXPECT_EQ(hooks.m_field.obj, ptr<IObject>(copy));
+    EXPECT_EQ(ann->name, "Ann");
+}
+
 TEST_F(ModelFieldsPersist, AChangeWithoutTheLockIsRefusedAndTheFieldStays) {
     ExpectAssertion("HaveWriteAccess()", [&] { ann->name = "x"; });
     ExpectAssertion("HaveWriteAccess()", [&] { ++ann->age; });
     EXPECT_EQ(ann->name, "Ann");
     EXPECT_EQ(ann->age, 30);
+    {
+        const SpaceScope scope(m_ps);
+        ++ann->age;
+    }
+    EXPECT_TRUE(ann->IsDirty());
+    ExpectAssertion("HaveWriteAccess()", [&] { ann->name = "x"; });
+    const SpaceScope scope(m_ps, SharedRead);
+    ExpectAssertion("HaveWriteAccess()", [&] { ++ann->age; });
+    EXPECT_EQ(ann->age, 31);
 }
 
 } // namespace
