@@ -42,6 +42,7 @@ RelocationResult Relocation::Run(const std::vector<VictimCandidate>& victims, co
     m_core.Step();
     CopyAll(stop);
     FreeEmptied();
+    m_core.m_counters.movingBytes.store(0, std::memory_order_relaxed);
     return m_result;
 }
 
@@ -316,15 +317,17 @@ void Relocation::Emit() {
 
 void Relocation::Publish() {
     const SegmentTable& segments = *m_core.m_segments;
+    int64 moving = 0;
     for (size_t i = 0; i < m_moved.size(); ++i) {
         if (i + MOVES_AHEAD < m_moved.size()) __builtin_prefetch(m_moved[i + MOVES_AHEAD].place, 1);
         const Move& move = m_moved[i];
         const IndexSlot slot = m_index.Prepare(Seid(move.seid));
         if (slot.Get() != move.from && !IsMutant(EMutant::PUBLISH_WITHOUT_LOOKING)) continue; // overwritten since
         const Location old = m_index.Publish(slot, move.to);
-        if (old) segments.Debit(old);
+        if (old) moving += segments.Debit(old);
         segments.Credit(move.to);
     }
+    m_core.m_counters.movingBytes.fetch_add(moving, std::memory_order_relaxed);
     for (const LongMove& move : m_movedLongs) PublishLong(move);
 }
 
