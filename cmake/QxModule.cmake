@@ -50,6 +50,9 @@ function(qx_add_shared_library name)
         # A symbol that no object defines is found here, not by the first program that starts. The sanitizers'
         # runtime is in the program, so their builds can't check it.
         target_link_options(${name} PRIVATE LINKER:-z,defs)
+        # Calls between its sources go straight to the function. Data keeps one address in the process: tables, by which
+        # classes and interfaces are told apart, are data.
+        target_link_options(${name} PRIVATE LINKER:-Bsymbolic-functions)
     endif()
     # Before version 1 a minor version may change the binary interface.
     set_target_properties(${name} PROPERTIES

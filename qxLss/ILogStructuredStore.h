@@ -70,7 +70,8 @@ public:
     virtual void Close() = 0;
     // Close returns only when the transaction, and all before it, are on the disk.
     virtual void RequestFlushToDisk() = 0;
-    // A stream that replaces the element. One at a time. Requires: `seid` was allocated from this store.
+    // A stream that replaces the element. One at a time. Requires: `seid` was allocated from this store, or by another
+    // store in an identifier space that bears the number `seid.high_` here, which AllocateSeidHigh gave.
     virtual ICloseableOutputStream* WriteSerialElement(Seid seid) = 0;
     // Removes the element; did it exist, as this transaction sees it?
     virtual bool DeleteSerialElement(Seid seid) = 0;

@@ -72,6 +72,9 @@ QX_API void Unlock(CSpace* cs);
 // Takes the lock if that is possible without waiting, and says whether it did.
 [[nodiscard]] QX_API bool TryLock(CSpace* cs, ECSpaceLockMode mode);
 
+// Takes the lock, waiting for it in turn with everybody else, but for at most so long; says whether it did.
+[[nodiscard]] QX_API bool TryLockFor(CSpace* cs, ECSpaceLockMode mode, uint32 milliSecs);
+
 // Takes all locks of a set. Waits for one of them only while it holds none of the set, so it can't be part of a
 // deadlock, whatever order others lock in. A domain may occur twice.
 QX_API void LockMultipleCSpaces(CSpace** spaces, ssize_t n, ECSpaceLockMode mode);

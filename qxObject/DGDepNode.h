@@ -33,6 +33,10 @@ public:
 protected:
     DGDepNode();
 
+    // For the destructor of a derived class, which need not hold the domain's lock then: nothing invalidates or evicts
+    // the node any more, and none of its operations runs on another thread. Nobody reads the node from now on.
+    void Detach() const;
+
 private:
     friend class DGGraph;
 
@@ -74,6 +78,7 @@ class Calculated final : public DGDepNode {
 public:
     Calculated(xstring name, std::function<T()> calculate)
         : m_name(std::move(name)), m_calculate(std::move(calculate)) {}
+    ~Calculated() noexcept(false) override { Detach(); }
 
     // The current value. Requires the domain's lock in any mode. An exception of the function passes through.
     T Get() const {

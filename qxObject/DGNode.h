@@ -61,11 +61,18 @@ public:
 protected:
     DGBaseNode() { m_link.node = this; }
 
+    // Whether a collection may evict the node, if it is evictable; at first it may. A collection that was asked for
+    // (SynchronousGc) evicts what no calculation depends on; the domain's own collector waits until nobody has read the
+    // node for some collections.
+    void OfferToCollector(bool offer) const noexcept { m_offered.store(offer, std::memory_order_relaxed); }
+
 private:
     friend class DGDepNode;
     friend class DGGraph;
 
     mutable std::atomic<CSpace*> m_cspace{nullptr}; // the domain that lists the node; null when none does
+    mutable std::atomic<bool> m_offered{true};
+    mutable std::atomic<unsigned char> m_unread{0}; // how many collections ago the node was read, clamped
     const DGDepNode* m_asDepNode = nullptr;         // this node, when it calculates; constant after construction
     // All below is guarded by the graph.
     mutable DGNodeLink m_link;                   // in the list of m_cspace

@@ -2,14 +2,16 @@
 // layer that cares about changes implements and installs.
 #pragma once
 
+#include "qxObject/CSpace.h"
 #include "qxObject/IObject.h"
 #include "qxObject/Interface.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
 
+#include <atomic>
+
 namespace quna {
 
-class CSpace;
 class IPrefVisitor;
 class prefbase;
 
@@ -108,7 +110,32 @@ protected:
 // an installer sees that it is the first.
 QX_API IOperationCallBacks* SetOperationCallBacks(IOperationCallBacks* callBacks);
 
+// Tells that these hooks do nothing for a change without references of an object that has one of the flags (of
+// ObjSysState), made by a thread that holds the exclusive lock of the object's domain. Fields then leave the report out
+// while these hooks are the installed ones. One such pair is known: the one given last.
+QX_API void SetQuietObjects(IOperationCallBacks* callBacks, uint32 flags);
+
+namespace detail {
+
+// Changed by the two functions above alone.
+QX_API extern std::atomic<IOperationCallBacks*> g_operationCallBacks;
+QX_API extern std::atomic<IOperationCallBacks*> g_quietCallBacks;
+QX_API extern std::atomic<uint32> g_quietFlags;
+
+} // namespace detail
+
 // The installed hooks, or null.
-QX_API IOperationCallBacks* GetOperationCallBacks();
+inline IOperationCallBacks* GetOperationCallBacks() noexcept {
+    return detail::g_operationCallBacks.load(std::memory_order_acquire);
+}
+
+// The hooks that are to be told of a change without references of the object with this system record; null when there
+// are none, or nothing to tell.
+inline IOperationCallBacks* GetCallBacksForPlainChange(const ObjSysState& state) {
+    IOperationCallBacks* const callBacks = GetOperationCallBacks();
+    if (!callBacks || callBacks != detail::g_quietCallBacks.load(std::memory_order_acquire)) return callBacks;
+    const bool quiet = (state.objflags_ & detail::g_quietFlags.load(std::memory_order_relaxed)) != 0;
+    return quiet && GetRecordedLockStatus(state.m_cspace) > 0 ? nullptr : callBacks;
+}
 
 } // namespace quna

@@ -74,6 +74,14 @@ concept HasMembers = std::is_class_v<T> && requires {
     std::tuple_size<decltype(T::Members())>::value;
 };
 
+// A field whose changes run through the operation hooks: qxObject/ModelField.h.
+template <class F>
+concept IsModelField = std::is_class_v<F> && requires {
+    typename F::ModelValue;
+    typename F::ModelOwner;
+    F::MODEL_NAME;
+};
+
 namespace detail {
 
 template <class Entry>

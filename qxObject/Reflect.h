@@ -3,6 +3,7 @@
 
 #include "qxObject/IObject.h"
 #include "qxObject/MemberList.h"
+#include "qxObject/ReflectModelFields.h"
 #include "qxObject/ReflectedClass.h"
 #include "qxObject/Registry.h"
 #include "qxObject/TypeDescription.h"
@@ -30,12 +31,6 @@ namespace detail {
 
 inline constexpr ConstStringZ IOBJECT_NAMES[] = {"quna::IObject"};
 inline constexpr InterfaceNames IOBJECT_INTERFACES = {IOBJECT_NAMES, 0, 1};
-
-template <class T, std::size_t INDEX>
-void* FieldAddress(void* object) {
-    constexpr auto member = std::get<INDEX>(T::Members());
-    return const_cast<void*>(static_cast<const void*>(&(static_cast<T*>(object)->*member.m_pointer)));
-}
 
 // The reflected fields of a class that declares its members: one of each class in the process.
 template <HasMembers T>
@@ -68,7 +63,7 @@ concept HasCreateFn = requires {
 } // namespace detail
 
 // The record of `T`, by what T can do: an instance can be created if T has sfnCreateInstance and a default constructor,
-// and the fields are those of its list of members.
+// and the fields are those of its list of members. Of model fields there is a getter and a setter each, as methods.
 template <class T>
 constexpr ReflectedClass MakeReflectedClass(ConstStringZ name, uint32 flags = 0,
                                             InterfaceNames interfaces = detail::IOBJECT_INTERFACES) {
@@ -80,6 +75,13 @@ constexpr ReflectedClass MakeReflectedClass(ConstStringZ name, uint32 flags = 0,
     if constexpr (HasMembers<T>) {
         rc.m_fields = detail::FieldsOf<T>::s_fields.data();
         rc.m_numFields = NumMembers<T>();
+        using ModelFields = detail::ModelFieldsOf<T>;
+        if constexpr (ModelFields::NUM_FIELDS > 0) {
+            rc.m_modelFields = ModelFields::s_fields.data();
+            rc.m_numModelFields = static_cast<ssize_t>(ModelFields::s_fields.size());
+            rc.m_methods = ModelFields::s_methods.data();
+            rc.m_numMethods = static_cast<ssize_t>(ModelFields::s_methods.size());
+        }
     }
     if constexpr (IObjectClass<T>) {
         if constexpr (std::is_default_constructible_v<T> && detail::HasCreateFn<T>)

@@ -1,6 +1,7 @@
 // Results of binding without blocking, and the application's part in it.
 #pragma once
 
+#include "qxObject/DGNode.h"
 #include "qxObject/IObject.h"
 #include "qxObject/Interface.h"
 #include "qxPersistStore/IPersistable.h"
@@ -26,6 +27,12 @@ struct MAsyncBind {
     void Setresult(EAsyncBindResult x) { result = x; }
     ptr<IPersistable> Getpo() const { return po; }
     void Setpo(ptr<IPersistable> x) { po = x; }
+
+    // Makes stale what depends on the fields by their addresses.
+    void EvictDgsNodes() const {
+        DataSourceEvict(&result);
+        DataSourceEvict(&po);
+    }
 
     friend bool operator==(const MAsyncBind& x, const MAsyncBind& y) { return x.result == y.result && x.po == y.po; }
     friend bool operator!=(const MAsyncBind& x, const MAsyncBind& y) { return !(x == y); }

@@ -7,6 +7,7 @@
 
 #include <mutex>
 #include <thread>
+#include <utility>
 
 namespace quna {
 
@@ -23,8 +24,7 @@ public:
     AsyncJobQueue& operator=(const AsyncJobQueue&) = delete;
 
     void Start() {
-        finished_ = false;
-        thread_ = std::thread([this] { Run(); });
+        StartWith([this] { Run(); });
     }
 
     // Asks the thread to end after the batch that it next takes, and waits until it has. Does nothing when it was not
@@ -54,12 +54,26 @@ public:
         return finished_;
     }
 
+protected:
+    static constexpr ConstStringZ THREAD_NAME = "AsyncJobQueue";
+
+    // Start, for a derived class whose thread takes the jobs in another order: `body` runs every job that it popped
+    // before it ends, which it does when PopAll says so.
+    template <class Body>
+    void StartWith(Body body) {
+        finished_ = false;
+        thread_ = std::thread(std::move(body));
+    }
+
+    // Sleeps until there are jobs, or the thread has been asked to end.
+    void WaitForJobs() { evtQueueNonEmpty_.Wait(); }
+
 private:
     void Run() {
-        SetThreadName("AsyncJobQueue");
+        SetThreadName(THREAD_NAME);
         QUEUE batch;
         for (;;) {
-            evtQueueNonEmpty_.Wait();
+            WaitForJobs();
             const bool finished = PopAll(batch);
             for (Job& job : batch) job();
             if (finished) return;

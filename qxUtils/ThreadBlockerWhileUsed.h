@@ -1,6 +1,7 @@
 // A counted blocker: whoever waits sleeps until nobody uses the thing any more.
 #pragma once
 
+#include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
 
 #include <condition_variable>
@@ -21,6 +22,8 @@ public:
     void Increment();
     void Decrement(); // asserts "count_ > 0"
     void Wait();      // sleeps until the count is zero
+    // The same, for at most so long; true when the count is zero.
+    [[nodiscard]] bool Wait(uint32 milliSecs);
 
 private:
     std::mutex mutex_; // leaf lock

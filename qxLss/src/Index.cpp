@@ -29,6 +29,15 @@ constexpr ssize_t MAX_PAGE_BYTES =
 size_t SlotAt(uint32 low, int level) { return low >> (LEAF_SHIFT * level) & (LEAF_SLOTS - 1); }
 uint32 PageAt(uint32 low, int level) { return level >= MAX_INDEX_LEVEL ? 0 : low >> (LEAF_SHIFT * (level + 1)); }
 
+// Where the thread has found something last. A leaf stays as long as its index; of an index that is gone nothing is asked.
+struct LastLeaf {
+    uint64 index = 0; // its number; 0 is none's
+    const IndexNode* leaf = nullptr;
+};
+constinit thread_local LastLeaf t_lastLeaf;
+
+std::atomic<uint64> g_numIndexes{0};
+
 } // namespace
 
 // From high half to its radix: two levels of 65,536.
@@ -42,7 +51,9 @@ struct Index::Directory {
     }
 };
 
-Index::Index(StoreCore& core) : m_core(core), m_directory(std::make_unique<Directory>()) {}
+Index::Index(StoreCore& core)
+    : m_core(core), m_number(g_numIndexes.fetch_add(1, std::memory_order_relaxed) + 1),
+      m_directory(std::make_unique<Directory>()) {}
 
 Index::~Index() = default;
 
@@ -151,7 +162,11 @@ IndexNode* Index::Child(IndexInner& inner, size_t i) const {
 
 // --- looking up and changing
 
+// Identifiers that are read one after the other are mostly neighbours.
 const std::atomic<Location>* Index::Find(Seid seid) const {
+    LastLeaf& last = t_lastLeaf;
+    if (last.index == m_number && last.leaf->page == seid.low_ >> LEAF_SHIFT && last.leaf->high == seid.high_)
+        return &last.leaf->slots[SlotAt(seid.low_, 0)];
     HighIndex* const high = FindHigh(seid.high_);
     if (!high) return nullptr;
     IndexNode* node = Root(*high);
@@ -160,6 +175,7 @@ const std::atomic<Location>* Index::Find(Seid seid) const {
         node = Child(static_cast<IndexInner&>(*node), SlotAt(seid.low_, node->level));
         if (!node) return nullptr;
     }
+    last = {m_number, node};
     return &node->slots[SlotAt(seid.low_, 0)];
 }
 

@@ -142,6 +142,7 @@ private:
     std::mutex& LoadMutex(uint32 page) const { return m_loadMutexes[page & 15]; }
 
     StoreCore& m_core;
+    const uint64 m_number; // no other index of the process has it, or has had it
     std::unique_ptr<Directory> m_directory;
     mutable std::array<std::mutex, 16> m_loadMutexes;          // leaves of the lock order, by page
     mutable std::mutex m_nodesMutex;                           // innermost: guards m_nodes and m_highs

@@ -192,6 +192,17 @@ bool SeidAllocator::IsAllocated(Seid seid) const {
     return state && seid.low_ < state->m_durable.load(std::memory_order_relaxed);
 }
 
+bool SeidAllocator::TakeOver(Seid seid) {
+    if (!IsAllocatedHigh(seid.high_) || seid.low_ >= LOW_LIMIT) return false;
+    HighState& state = FindOrAdd(seid.high_);
+    const std::lock_guard lock(state.m_mutex);
+    EnsureHorizon(state, ClampToLimit(RoundUp(uint64{seid.low_} + 1, SeidFamilies::GRANULE)));
+    // Whatever lies below the horizon passes IsAllocated from now on, so all of it is the other store's.
+    const uint32 horizon = state.m_durable.load(std::memory_order_relaxed);
+    state.m_frontier = std::max(state.m_frontier, ClampToLimit(RoundUp(horizon, SeidFamilies::GRANULE)));
+    return true;
+}
+
 Seid SeidAllocator::AllocateSeid(SeidHigh high) {
     if (HighState* state = Find(high)) [[likely]] {
         uint32 low;

@@ -66,6 +66,11 @@ public:
     bool IsAllocatedHigh(SeidHigh high) const;
     // May `seid` have been handed out: is its high known and its low below the horizon?
     bool IsAllocated(Seid seid) const;
+    // Takes over an identifier that another store has handed out in a space that both know, here under `seid.high_`.
+    // Afterwards it counts as allocated, and neither it nor a lower one is handed out by AllocateSeid or to a new family.
+    // False, with nothing changed, if the high was never allocated or no store hands out that low. Throws FileException,
+    // with nothing changed, if the horizon cannot be raised.
+    bool TakeOver(Seid seid);
 
     // Raises the horizons of which half is spent, without holding up allocation. Leaves them as they are when the ring is
     // full until the next checkpoint. Throws FileException when the write fails.

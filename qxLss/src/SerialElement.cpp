@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
+#include <utility>
 
 namespace quna {
 
@@ -25,6 +27,42 @@ LongHead ParseLongHead(const StoreCore& core, const octet_t* head, Location l) {
             ThrowCorrupt(core, "a long element has a part outside the segments", LocationOffset(l));
     }
     return result;
+}
+
+namespace {
+
+class SpareMemory {
+public:
+    constexpr SpareMemory() = default;
+    SpareMemory(const SpareMemory&) = delete;
+    SpareMemory& operator=(const SpareMemory&) = delete;
+    ~SpareMemory() {
+        ::operator delete(m_memory);
+        m_hasEnded = true;
+    }
+    void* Take() { return std::exchange(m_memory, nullptr); }
+    bool Keep(void* memory) {
+        if (m_memory || m_hasEnded) return false;
+        m_memory = memory;
+        return true;
+    }
+
+private:
+    void* m_memory = nullptr;
+    bool m_hasEnded = false; // elements may be closed while the thread ends
+};
+
+constinit thread_local SpareMemory t_spareMemory;
+
+} // namespace
+
+void* SerialElement::operator new(std::size_t size) {
+    void* const spare = t_spareMemory.Take();
+    return spare ? spare : ::operator new(size);
+}
+
+void SerialElement::operator delete(void* p) noexcept {
+    if (!t_spareMemory.Keep(p)) ::operator delete(p);
 }
 
 SerialElement* SerialElement::Open(const StoreCore& core, const Index& index, Seid seid) {

@@ -7,6 +7,7 @@
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
 
+#include <cstddef>
 #include <memory>
 #include <vector>
 
@@ -34,6 +35,10 @@ public:
 
     void Close() override;
     ReadOnlyBuffer GetBuffer() override;
+
+    // A thread keeps the memory of the element that it closed last for the next one.
+    static void* operator new(std::size_t size);
+    static void operator delete(void* p) noexcept;
 
 private:
     SerialElement(const StoreCore& core, Seid seid) : m_core(core), m_seid(seid) {}

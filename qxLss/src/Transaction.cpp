@@ -22,7 +22,7 @@ void UsageDelta::AddTo(StoreCounters& counters) const {
     counters.liveBytes.fetch_add(bytes, std::memory_order_relaxed);
 }
 
-Transaction::Transaction(StoreCore& core, UserLog& log, Index& index, Flusher& flusher, const SeidAllocator& allocator,
+Transaction::Transaction(StoreCore& core, UserLog& log, Index& index, Flusher& flusher, SeidAllocator& allocator,
                          ClosedHook closed)
     : m_core(core), m_log(log), m_index(index), m_flusher(flusher), m_allocator(allocator), m_closed(std::move(closed)),
       m_stream(*this, log, core.m_segmentSize) {}
@@ -45,9 +45,13 @@ void Transaction::RequestFlushToDisk() { m_flushRequested = true; }
 
 // --- changes
 
-void Transaction::CheckSeid(Seid seid) const {
+// An identifier that is not from here may be from another store, which sent the object with it.
+void Transaction::CheckSeid(Seid seid) {
     QX_ASSERT(seid);
-    QX_ASSERT(m_allocator.IsAllocated(seid));
+    if (m_allocator.IsAllocated(seid)) [[likely]]
+        return;
+    m_core.ThrowIfUnwritable();
+    QX_ASSERT_TEXT(m_allocator.TakeOver(seid), "m_allocator.IsAllocated(seid)");
 }
 
 ICloseableOutputStream* Transaction::WriteSerialElement(Seid seid) {

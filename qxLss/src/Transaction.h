@@ -37,7 +37,7 @@ public:
     // Called by Close when the turn has been given back.
     using ClosedHook = std::function<void(bool unwinding)>;
 
-    Transaction(StoreCore& core, UserLog& log, Index& index, Flusher& flusher, const SeidAllocator& allocator,
+    Transaction(StoreCore& core, UserLog& log, Index& index, Flusher& flusher, SeidAllocator& allocator,
                 ClosedHook closed);
 
     // Requires: the caller has taken the turn.
@@ -79,7 +79,7 @@ private:
     void AddChange(Location l, uint32 parts);
     bool IsWritten(const IndexSlot& slot) const;
     bool ExistsInside(Seid seid);
-    void CheckSeid(Seid seid) const;
+    void CheckSeid(Seid seid);
     void Commit(bool unwinding);
     void Publish();
     void MarkSuperseded();
@@ -89,7 +89,7 @@ private:
     UserLog& m_log;
     Index& m_index;
     Flusher& m_flusher;
-    const SeidAllocator& m_allocator;
+    SeidAllocator& m_allocator;
     const ClosedHook m_closed;
     ElementStream m_stream;
 

@@ -150,6 +150,7 @@ void SynchronousGc(CSpace* cs) {
     const Unlocker unlocker{cs};
     const bool byCollector = cs->m_gcThread.IsCurrentThread();
     if (byCollector) cs->m_gcThread.Arrived();
+    DGGraph::OfferToCollector(*cs, !byCollector);
     cs->m_collector.Collect(byCollector ? EGcCache::KeepWithinBudget : EGcCache::LetGo);
     cs->m_gcThread.Calm();
 }

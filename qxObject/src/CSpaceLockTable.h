@@ -37,6 +37,12 @@ public:
         return Search(cspace);
     }
 
+    // The same when the domain is the one found last, otherwise null; null for a null domain.
+    const CSpaceLockEntry* FindAtHand(const CSpace* cspace) const noexcept {
+        const CSpaceLockEntry* const hit = (m_overflow ? m_overflow : m_inline) + m_lastHit;
+        return m_lastHit < m_count && hit->cspace == cspace ? hit : nullptr;
+    }
+
     // Makes room for `count` further entries, so that as many calls of Add can't fail.
     void Reserve(ssize_t count);
 

@@ -87,6 +87,23 @@ bool TryLock(CSpace* cs, ECSpaceLockMode mode) {
     return true;
 }
 
+bool TryLockFor(CSpace* cs, ECSpaceLockMode mode, uint32 milliSecs) {
+    QX_ASSERT(cs);
+    QX_ASSERT(SharedRead <= mode && mode <= Transaction);
+    CSpaceLockTable& table = CSpaceLockTable::Current();
+    if (CSpaceLockEntry* const entry = table.Find(cs)) {
+        Nest(*entry, mode);
+        return true;
+    }
+    if (cs->m_gcThread.IsWanted()) [[unlikely]]
+        cs->m_gcThread.AwaitArrival();
+    const bool exclusive = mode != SharedRead;
+    table.Reserve(1);
+    if (!cs->m_lock.LockFor(exclusive, table.Tid(), milliSecs)) return false;
+    table.Add({cs, 1, exclusive, false});
+    return true;
+}
+
 void Unlock(CSpace* cs) {
     QX_ASSERT(cs);
     CSpaceLockTable& table = CSpaceLockTable::Current();

@@ -52,7 +52,7 @@ void CSpaceObjects::Adopt(ptr<IObject> object) {
     state.m_cspace = &m_cspace;
     state.marked_ = !m_markValue;
     state.SetLastTouchedTime(g_touchClock.load(std::memory_order_relaxed));
-    AddBytes(EvictorSize(state));
+    if (const ssize_t size = EvictorSize(state); size != 0) AddBytes(size); // a new object has none yet
 }
 
 // The object is usually the newest.

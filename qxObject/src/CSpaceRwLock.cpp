@@ -1,9 +1,13 @@
 #include "qxObject/src/CSpaceRwLock.h"
 
+#include <cerrno>
 #include <chrono>
+#include <ctime>
 #include <fstream>
 #include <thread>
 
+#include <linux/futex.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace quna {
@@ -11,7 +15,7 @@ namespace quna {
 // The slow paths. Whoever can't enter at once takes m_mutex, looks once more, and either enters or sets WAITERS and
 // joins the queue. Once WAITERS is set no fast path enters, so the thread that brings the lock to "free, but WAITERS" is
 // exactly one (the writer, or the last reader to leave), and it hands the lock over under m_mutex: it writes the new
-// owners into the word and sets each new owner's flag. The word is never free in between, which is what makes the lock
+// owners into the word and sets each new owner's state. The word is never free in between, which is what makes the lock
 // fair: a thread that happens to run can't slip in before one that has to be woken.
 
 namespace {
@@ -27,28 +31,63 @@ int SpinRounds() {
 
 void Relax() { __builtin_ia32_pause(); }
 
+// The library's own waiting on an atomic knows no deadline.
+long Futex(std::atomic<int32>* word, int operation, int32 value, const timespec* deadline) {
+    static_assert(sizeof(std::atomic<int32>) == sizeof(int32) && std::atomic<int32>::is_always_lock_free);
+    return ::syscall(SYS_futex, word, operation, value, deadline, nullptr, FUTEX_BITSET_MATCH_ANY);
+}
+
+timespec MonotonicIn(uint32 milliSecs) {
+    timespec t{};
+    ::clock_gettime(CLOCK_MONOTONIC, &t);
+    t.tv_sec += milliSecs / 1000;
+    t.tv_nsec += static_cast<long>(milliSecs % 1000) * 1'000'000;
+    if (t.tv_nsec >= 1'000'000'000) {
+        t.tv_nsec -= 1'000'000'000;
+        ++t.tv_sec;
+    }
+    return t;
+}
+
+int64 MicrosSince(Clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
+}
+
 } // namespace
 
 struct CSpaceRwLock::Waiter {
     explicit Waiter(bool exclusiveMode) : exclusive(exclusiveMode) {}
 
+    enum : int32 {
+        WAITS = 0,
+        GRANTED = 1,
+        SLEEPS = 2
+    };
+
     // The thread that hands over touches nothing of the waiter after the store but its address, in the wake-up call:
     // the waiter may be gone by then.
     void Grant() {
-        std::atomic<int32>* const flag = &granted;
-        flag->store(1, std::memory_order_release);
-        flag->notify_one();
+        std::atomic<int32>* const word = &state;
+        if (word->exchange(GRANTED, std::memory_order_acq_rel) == SLEEPS) Futex(word, FUTEX_WAKE_PRIVATE, 1, nullptr);
     }
-    void Await() {
+    // False when the lock was not granted by the deadline; null for none.
+    bool Await(const timespec* deadline) {
         for (int i = 0; i < SpinRounds(); ++i) {
-            if (granted.load(std::memory_order_acquire)) return;
+            if (state.load(std::memory_order_acquire) == GRANTED) return true;
             Relax();
         }
-        while (!granted.load(std::memory_order_acquire)) granted.wait(0, std::memory_order_acquire);
+        int32 expected = WAITS;
+        state.compare_exchange_strong(expected, SLEEPS, std::memory_order_acq_rel, std::memory_order_acquire);
+        while (state.load(std::memory_order_acquire) != GRANTED) {
+            // The BITSET form takes a point in time of the monotonic clock.
+            if (Futex(&state, FUTEX_WAIT_BITSET_PRIVATE, SLEEPS, deadline) != 0 && errno == ETIMEDOUT)
+                return state.load(std::memory_order_acquire) == GRANTED;
+        }
+        return true;
     }
 
     const bool exclusive;
-    std::atomic<int32> granted{0};
+    std::atomic<int32> state{WAITS};
     Waiter* next = nullptr; // in the queue; then in the list of those to be woken
 };
 
@@ -63,17 +102,46 @@ bool CSpaceRwLock::EnterOrMarkWaiting(bool exclusive) {
     }
 }
 
+bool CSpaceRwLock::EnterOrJoinQueue(Waiter& waiter) {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    if (EnterOrMarkWaiting(waiter.exclusive)) return true;
+    (m_last ? m_last->next : m_first) = &waiter;
+    m_last = &waiter;
+    return false;
+}
+
 void CSpaceRwLock::WaitInQueue(bool exclusive) {
     Waiter self(exclusive);
-    {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        if (EnterOrMarkWaiting(exclusive)) return;
-        (m_last ? m_last->next : m_first) = &self;
-        m_last = &self;
-    }
+    if (EnterOrJoinQueue(self)) return;
     const Clock::time_point start = Clock::now();
-    self.Await();
-    RecordWait(std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count());
+    self.Await(nullptr);
+    RecordWait(MicrosSince(start));
+}
+
+bool CSpaceRwLock::LockFor(bool exclusive, int32 tid, uint32 milliSecs) {
+    const timespec deadline = MonotonicIn(milliSecs);
+    Waiter self(exclusive);
+    if (!EnterOrJoinQueue(self)) {
+        const Clock::time_point start = Clock::now();
+        const bool granted = self.Await(&deadline) || !LeaveQueue(self);
+        RecordWait(MicrosSince(start));
+        if (!granted) return false;
+    }
+    m_holderTid.store(tid, std::memory_order_relaxed);
+    return true;
+}
+
+// False when the lock has been granted after all. When the queue becomes empty the lock is an ordinary one again; a
+// thread that is on its way to hand it over finds that out.
+bool CSpaceRwLock::LeaveQueue(Waiter& waiter) {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    if (waiter.state.load(std::memory_order_acquire) == Waiter::GRANTED) return false;
+    Waiter* previous = nullptr;
+    for (Waiter* w = m_first; w != &waiter; w = w->next) previous = w;
+    (previous ? previous->next : m_first) = waiter.next;
+    if (m_last == &waiter) m_last = previous;
+    if (!m_first) m_state.fetch_and(~WAITERS, std::memory_order_relaxed);
+    return true;
 }
 
 // Takes those who enter next off the queue: one writer, or all readers up to the first writer. Writes them into the
@@ -96,10 +164,17 @@ CSpaceRwLock::Waiter* CSpaceRwLock::TakeNextFromQueue() {
     return first;
 }
 
-void CSpaceRwLock::HandOver() {
+// `owner` is what stands in the word for the caller's own hold: WRITER, or nothing once the last reader has left.
+void CSpaceRwLock::HandOver(uint64 owner) {
     // Granted under the mutex: whoever holds the lock exclusively and passes through the mutex once (WaitUntilQuiet)
     // knows that no thread is in here any more.
     std::lock_guard<std::mutex> guard(m_mutex);
+    // The last waiter may have given up since, and another thread have entered: then it hands over.
+    if ((m_state.load(std::memory_order_relaxed) & ~WAITERS) != owner) return;
+    if (!m_first) {
+        if (owner) m_state.fetch_and(~owner, std::memory_order_release);
+        return;
+    }
     Waiter* next = TakeNextFromQueue();
     while (next) {
         Waiter* const waiter = next;

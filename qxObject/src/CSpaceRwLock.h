@@ -50,17 +50,20 @@ public:
     [[nodiscard]] bool TryLockExclusive(int32 tid);
     [[nodiscard]] bool TryLockShared(int32 tid);
 
+    // Waits in the queue like the others, but for at most so long; false when it gave up.
+    [[nodiscard]] bool LockFor(bool exclusive, int32 tid, uint32 milliSecs);
+
     void UnlockExclusive() {
         uint64 expected = WRITER;
         if (!m_state.compare_exchange_strong(expected, 0, std::memory_order_release, std::memory_order_relaxed))
             [[unlikely]]
-            HandOver();
+            HandOver(WRITER);
     }
     void UnlockShared() {
         // The last reader must see what all the others did, since it passes the lock on in their name.
         const uint64 before = m_state.fetch_sub(READER, std::memory_order_acq_rel);
         if (before == (READER | WAITERS)) [[unlikely]]
-            HandOver();
+            HandOver(0);
     }
 
     // Returns when no other thread is inside a method of this lock any more. Requires: the caller holds it exclusively
@@ -88,7 +91,9 @@ private:
     }
     bool EnterOrMarkWaiting(bool exclusive);
     void WaitInQueue(bool exclusive);
-    void HandOver();
+    bool EnterOrJoinQueue(Waiter& waiter);
+    bool LeaveQueue(Waiter& waiter);
+    void HandOver(uint64 owner);
     Waiter* TakeNextFromQueue();
     void RecordWait(int64 micros);
 

@@ -5,9 +5,12 @@
 #include "qxUtils/Assert.h"
 #include "qxUtils/Tracer.h"
 
+#include <condition_variable>
 #include <exception>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <utility>
 
 namespace quna {
 
@@ -66,6 +69,76 @@ void SpliceAtEnd(DGNodeLink& to, DGNodeLink& from) {
     from.prev = from.next = &from;
 }
 
+// The nodes of a domain, taken off its list one by one; what is left goes back when the scope ends. All of its methods
+// require that the graph is guarded.
+class WorkList {
+public:
+    explicit WorkList(DGNodeLink& nodes) : m_nodes(nodes) { SpliceAtEnd(m_work, nodes); }
+    WorkList(const WorkList&) = delete;
+    WorkList& operator=(const WorkList&) = delete;
+    ~WorkList() { SpliceAtEnd(m_nodes, m_work); }
+    // The next node, which is back on its domain's list then; null when there is none.
+    const DGBaseNode* Next() {
+        if (IsAlone(m_work)) return nullptr;
+        DGNodeLink& link = *m_work.next;
+        Unlink(link);
+        LinkAtEnd(m_nodes, link);
+        return link.node;
+    }
+
+private:
+    DGNodeLink& m_nodes;
+    DGNodeLink m_work;
+};
+
+// A node that this thread is about to call, without the guard, or calls: its destructor waits (DGDepNode::Detach).
+class NodeInUse {
+public:
+    // Requires: `guard` holds the graph's mutex, here and at each Set. It need not at the end of the scope.
+    explicit NodeInUse(std::unique_lock<std::mutex>& guard) : m_guard(guard), m_next(std::exchange(s_first, this)) {}
+    NodeInUse(const NodeInUse&) = delete;
+    NodeInUse& operator=(const NodeInUse&) = delete;
+    ~NodeInUse() {
+        if (!m_guard.owns_lock()) m_guard.lock();
+        Set(nullptr);
+        NodeInUse** place = &s_first;
+        while (*place != this) place = &(*place)->m_next;
+        *place = m_next;
+    }
+    void Set(const DGBaseNode* node) {
+        m_node = node;
+        if (s_numWaiting > 0) Changed().notify_all();
+    }
+
+    // Sleeps until no other thread uses the node.
+    static void WaitForOthers(std::unique_lock<std::mutex>& guard, const DGBaseNode& node) {
+        const auto isInUse = [&] {
+            for (const NodeInUse* use = s_first; use; use = use->m_next)
+                if (use->m_node == &node && use->m_thread != std::this_thread::get_id()) return true;
+            return false;
+        };
+        ++s_numWaiting;
+        Changed().wait(guard, [&] { return !isInUse(); });
+        --s_numWaiting;
+    }
+
+private:
+    static std::condition_variable& Changed() { // with the graph's mutex
+        static std::condition_variable* const changed = new std::condition_variable;
+        return *changed;
+    }
+    static NodeInUse* s_first; // of all threads; guarded by the graph
+    static int s_numWaiting;   // guarded by the graph
+
+    std::unique_lock<std::mutex>& m_guard;
+    NodeInUse* m_next;
+    const DGBaseNode* m_node = nullptr;
+    const std::thread::id m_thread = std::this_thread::get_id();
+};
+
+NodeInUse* NodeInUse::s_first = nullptr;
+int NodeInUse::s_numWaiting = 0;
+
 // A datum that is no node of its own, known by its address.
 class DataSourceNode final : public DGIndepNode {
 public:
@@ -107,21 +180,39 @@ void DGGraph::Unlist(const DGBaseNode& node) noexcept {
 }
 
 void DGGraph::EvictAll(CSpace& cspace) {
-    DGNodeLink work;
-    {
-        Guard guard(GraphMutex());
-        SpliceAtEnd(work, cspace.m_graph.nodes);
-    }
-    for (;;) {
-        const DGBaseNode* node = nullptr;
-        {
-            Guard guard(GraphMutex());
-            if (IsAlone(work)) return;
-            node = work.next->node;
-            Unlink(*work.next);
-            LinkAtEnd(cspace.m_graph.nodes, node->m_link);
-        }
+    std::unique_lock<std::mutex> guard(GraphMutex());
+    WorkList work(cspace.m_graph.nodes);
+    NodeInUse inUse(guard);
+    while (const DGBaseNode* const node = work.Next()) {
+        inUse.Set(node);
+        guard.unlock();
         if (node->IsEvictable()) Evict(*node);
+        guard.lock();
+    }
+}
+
+bool DGGraph::MayBeCollected(const DGBaseNode& node, bool all) {
+    if (node.m_outEdges || !node.m_offered.load(std::memory_order_relaxed)) return false;
+    if (all) return true;
+    const unsigned char unread = node.m_unread.load(std::memory_order_relaxed);
+    if (unread >= MAX_UNREAD_COLLECTIONS) return true;
+    node.m_unread.store(static_cast<unsigned char>(unread + 1), std::memory_order_relaxed);
+    return false;
+}
+
+// Under an exclusive hold of the domain's lock. A node is listed when it is first read, a calculation before its
+// inputs: so one pass mostly finds inputs without their dependents.
+void DGGraph::OfferToCollector(CSpace& cspace, bool all) {
+    std::unique_lock<std::mutex> guard(GraphMutex());
+    if (IsAlone(cspace.m_graph.nodes)) return;
+    WorkList work(cspace.m_graph.nodes);
+    NodeInUse inUse(guard);
+    while (const DGBaseNode* const node = work.Next()) {
+        if (!MayBeCollected(*node, all)) continue;
+        inUse.Set(node);
+        guard.unlock();
+        if (node->IsEvictable()) Evict(*node);
+        guard.lock();
     }
 }
 
@@ -136,6 +227,7 @@ void DGGraph::ForgetDomain(CSpace& cspace) {
 
 void DGGraph::Read(const DGBaseNode& node) {
     if (!node.m_cspace.load(std::memory_order_acquire)) List(node);
+    if (node.m_unread.load(std::memory_order_relaxed) != 0) node.m_unread.store(0, std::memory_order_relaxed);
     if (t_calculation) AddEdge(node, *t_calculation);
 }
 
@@ -174,7 +266,8 @@ void DGGraph::MakeStale(const DGDepNode& node) noexcept {
 }
 
 // Makes everything stale that depends on `node`, and appends it to `pending`, except what stands in such a ring already.
-void DGGraph::CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept {
+// False when that is nothing.
+bool DGGraph::CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept {
     DGNodeLink fresh;
     const DGNodeLink* done = &fresh;
     const DGBaseNode* current = &node;
@@ -188,40 +281,59 @@ void DGGraph::CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept
         done = done->next;
         current = done->node;
     }
+    const bool found = !IsAlone(fresh);
     SpliceAtEnd(pending, fresh);
+    return found;
 }
 
 void DGGraph::NotifyPending(DGNodeLink& pending) {
-    for (;;) {
-        const DGDepNode* node = nullptr;
-        {
-            Guard guard(GraphMutex());
-            if (IsAlone(pending)) return;
-            node = pending.next->node->m_asDepNode;
-            Unlink(*pending.next);
+    std::unique_lock<std::mutex> guard(GraphMutex());
+    // An exception of a node must not leave links to this stack behind.
+    struct Emptying {
+        ~Emptying() {
+            while (!IsAlone(pending)) Unlink(*pending.next);
         }
+        DGNodeLink& pending;
+    };
+    const Emptying emptying{pending};
+    NodeInUse inUse(guard);
+    while (!IsAlone(pending)) {
+        const DGDepNode* const node = pending.next->node->m_asDepNode;
+        Unlink(*pending.next);
+        inUse.Set(node);
+        guard.unlock();
         node->OnInvalidate();
+        guard.lock();
     }
+}
+
+void DGGraph::Detach(const DGDepNode& node) {
+    std::unique_lock<std::mutex> guard(GraphMutex());
+    MakeStale(node);
+    Unlink(node.m_pending);
+    Unlist(node);
+    NodeInUse::WaitForOthers(guard, node);
 }
 
 void DGGraph::Invalidate(const DGBaseNode& node) {
     DGNodeLink pending;
     {
         Guard guard(GraphMutex());
-        CollectStale(node, pending);
+        if (!CollectStale(node, pending)) return;
     }
     NotifyPending(pending);
 }
 
 void DGGraph::Evict(const DGBaseNode& node) {
     DGNodeLink pending;
+    bool notify = false;
     {
         Guard guard(GraphMutex());
         if (node.m_asDepNode) MakeStale(*node.m_asDepNode);
-        CollectStale(node, pending);
+        notify = CollectStale(node, pending);
         Unlist(node);
     }
-    NotifyPending(pending);
+    if (notify) NotifyPending(pending);
     node.OnEvict();
 }
 
@@ -230,8 +342,9 @@ void DGGraph::Forget(const DGBaseNode& node) {
     DGNodeLink pending;
     {
         Guard guard(GraphMutex());
-        CollectStale(node, pending);
+        const bool notify = CollectStale(node, pending);
         Unlist(node);
+        if (!notify) return;
     }
     NotifyPending(pending);
 }
@@ -294,20 +407,21 @@ void DGGraph::ReadSource(CSpace& cspace, const void* source) {
 
 void DGGraph::EvictSource(CSpace& cspace, const void* source) {
     if (!cspace.m_graph.haveSources.load(std::memory_order_relaxed)) return;
+    std::unique_lock<std::mutex> guard(GraphMutex());
+    NodeInUse inUse(guard);
     for (;;) {
-        const DGBaseNode* victim = nullptr;
-        {
-            Guard guard(GraphMutex());
-            const auto i = cspace.m_graph.sources.find(source);
-            if (i == cspace.m_graph.sources.end()) return;
-            victim = i->second.get();
-            // Evicting a dependent takes it off the list; the source itself comes last.
-            if (const DGEdge* const edge = victim->m_outEdges) victim = edge->dep;
-        }
+        const auto i = cspace.m_graph.sources.find(source);
+        if (i == cspace.m_graph.sources.end()) return;
+        const DGBaseNode* victim = i->second.get();
+        // Evicting a dependent takes it off the list; the source itself comes last.
+        if (const DGEdge* const edge = victim->m_outEdges) victim = edge->dep;
+        inUse.Set(victim);
+        guard.unlock();
         if (victim->IsEvictable())
             Evict(*victim);
         else
             victim->EnsureNoInnodesOrOutnodes();
+        guard.lock();
     }
 }
 
@@ -353,6 +467,8 @@ DGDepNode::~DGDepNode() noexcept(false) {
     DGGraph::MakeStale(*this);
     Unlink(m_pending);
 }
+
+void DGDepNode::Detach() const { DGGraph::Detach(*this); }
 
 bool DGDepNode::IsEvictable() const { return true; }
 

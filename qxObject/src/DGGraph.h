@@ -33,18 +33,25 @@ public:
     static void EvictSource(CSpace& cspace, const void* source);
 
     static void EvictAll(CSpace& cspace);
+    // Evicts what a collection may: see DGBaseNode::OfferToCollector. `all` when it was asked for.
+    static void OfferToCollector(CSpace& cspace, bool all);
+    static void Detach(const DGDepNode& node);
     // Takes every node off the domain's list; the domain ends.
     static void ForgetDomain(CSpace& cspace);
 
 private:
     friend class DGDepNode;
 
+    static constexpr unsigned char MAX_UNREAD_COLLECTIONS = 16;
+
+    static bool MayBeCollected(const DGBaseNode& node, bool all);
+    static const DGBaseNode* NextToCollect(CSpace& cspace, DGNodeLink& work, bool all);
     static void List(const DGBaseNode& node);
     static void AddEdge(const DGBaseNode& in, DGCalculation& calculation);
     static void DropEdge(DGEdge* edge) noexcept;
     static void DropInEdges(const DGDepNode& node) noexcept;
     static void MakeStale(const DGDepNode& node) noexcept;
-    static void CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept;
+    static bool CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept;
     static void NotifyPending(DGNodeLink& pending);
     static void Unlist(const DGBaseNode& node) noexcept;
 };

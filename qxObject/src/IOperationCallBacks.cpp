@@ -1,19 +1,19 @@
 #include "qxObject/IOperationCallBacks.h"
 
-#include <atomic>
-
 namespace quna {
 
-namespace {
-
-constinit std::atomic<IOperationCallBacks*> s_callBacks{nullptr};
-
-} // namespace
+constinit std::atomic<IOperationCallBacks*> detail::g_operationCallBacks{nullptr};
+constinit std::atomic<IOperationCallBacks*> detail::g_quietCallBacks{nullptr};
+constinit std::atomic<uint32> detail::g_quietFlags{0};
 
 IOperationCallBacks* SetOperationCallBacks(IOperationCallBacks* callBacks) {
-    return s_callBacks.exchange(callBacks, std::memory_order_acq_rel);
+    return detail::g_operationCallBacks.exchange(callBacks, std::memory_order_acq_rel);
 }
 
-IOperationCallBacks* GetOperationCallBacks() { return s_callBacks.load(std::memory_order_acquire); }
+void SetQuietObjects(IOperationCallBacks* callBacks, uint32 flags) {
+    detail::g_quietCallBacks.store(nullptr, std::memory_order_relaxed);
+    detail::g_quietFlags.store(flags, std::memory_order_release);
+    detail::g_quietCallBacks.store(callBacks, std::memory_order_release);
+}
 
 } // namespace quna

@@ -6,18 +6,9 @@
 
 namespace quna {
 
-namespace {
+constinit thread_local ThreadCSpace ThreadCSpace::t_own;
 
-// A thread's current domain. It is read and written by its thread without synchronisation beyond the atomic's own; when
-// a domain ends, its destroyer takes it out of every thread, hence the atomic and the list of all threads that have
-// ever set one.
-struct ThreadCSpace {
-    std::atomic<CSpace*> current{nullptr};
-    ThreadCSpace* prev = nullptr; // guarded by ListMutex
-    ThreadCSpace* next = nullptr; // guarded by ListMutex
-    bool listed = false;
-    bool ended = false; // the thread is past the point where it leaves the list
-};
+namespace {
 
 std::mutex& ListMutex() {
     static std::mutex* const mutex = new std::mutex; // never destroyed: threads may end after static objects
@@ -26,18 +17,17 @@ std::mutex& ListMutex() {
 
 ThreadCSpace* s_first = nullptr; // guarded by ListMutex
 
-constinit thread_local ThreadCSpace t_cspace;
-
 // Takes the thread off the list when it ends. Touched only when a thread is put on the list, so that reading the
 // current domain needs no guard.
 struct Unlister {
     ~Unlister() {
         std::lock_guard<std::mutex> guard(ListMutex());
-        (t_cspace.prev ? t_cspace.prev->next : s_first) = t_cspace.next;
-        if (t_cspace.next) t_cspace.next->prev = t_cspace.prev;
-        t_cspace.prev = t_cspace.next = nullptr;
-        t_cspace.listed = false;
-        t_cspace.ended = true;
+        ThreadCSpace& own = ThreadCSpace::Own();
+        (own.prev ? own.prev->next : s_first) = own.next;
+        if (own.next) own.next->prev = own.prev;
+        own.prev = own.next = nullptr;
+        own.listed = false;
+        own.ended = true;
     }
     bool armed = false;
 };
@@ -47,20 +37,22 @@ thread_local Unlister t_unlister;
 void ListThread() {
     t_unlister.armed = true;
     std::lock_guard<std::mutex> guard(ListMutex());
-    t_cspace.next = s_first;
-    if (s_first) s_first->prev = &t_cspace;
-    s_first = &t_cspace;
-    t_cspace.listed = true;
+    ThreadCSpace& own = ThreadCSpace::Own();
+    own.next = s_first;
+    if (s_first) s_first->prev = &own;
+    s_first = &own;
+    own.listed = true;
 }
 
 } // namespace
 
-CSpace* GetThreadCSpace() { return t_cspace.current.load(std::memory_order_relaxed); }
+CSpace* GetThreadCSpace() { return ThreadCSpace::Own().current.load(std::memory_order_relaxed); }
 
 void SetThreadCSpace(CSpace* cs) {
-    if (!t_cspace.listed && !t_cspace.ended) [[unlikely]]
+    ThreadCSpace& own = ThreadCSpace::Own();
+    if (!own.listed && !own.ended) [[unlikely]]
         ListThread();
-    t_cspace.current.store(cs, std::memory_order_relaxed);
+    own.current.store(cs, std::memory_order_relaxed);
 }
 
 void ForgetInThreadCSpaces(const CSpace* cspace) noexcept {

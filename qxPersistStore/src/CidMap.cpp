@@ -8,6 +8,8 @@
 #include "qxUtils/Schema.h"
 #include "qxUtils/VariableLengthSerialise.h"
 
+#include <cstdint>
+
 namespace quna {
 
 namespace {
@@ -34,8 +36,30 @@ TRANSLATION_MAP MakeTranslationMap(const ClassNameTranslationTable* table) {
 
 CidMap::Entry::Entry(const ReflectedClass& rc) : m_name(rc.m_name), m_rc(&rc) {}
 
+// Records of classes are static tables of more than a hundred bytes.
+std::atomic<const CidMap::Known*>& CidMap::QuickCid(const ReflectedClass& rc) {
+    return m_quickCids[reinterpret_cast<std::uintptr_t>(&rc) / 128 % NUM_QUICK];
+}
+
 CID CidMap::GetCid(const ReflectedClass& rc, bool& dirty) {
+    std::atomic<const Known*>& quick = QuickCid(rc);
+    const Known* const known = quick.load(std::memory_order_acquire);
+    if (known && known->m_rc == &rc) [[likely]] {
+        dirty = false;
+        return known->m_cid;
+    }
     const std::lock_guard lock(mutex_);
+    // The place is the first comer's: two classes that share one don't push each other out for ever.
+    if (!known) m_known.push_back({&rc, 0}); // before: nothing may fail any more once there is a new entry
+    const CID cid = FindOrAddCid(rc, dirty);
+    if (!known) {
+        m_known.back().m_cid = cid;
+        quick.store(&m_known.back(), std::memory_order_release);
+    }
+    return cid;
+}
+
+CID CidMap::FindOrAddCid(const ReflectedClass& rc, bool& dirty) {
     dirty = false;
     if (const auto i = m_rcToCid.find(&rc); i != m_rcToCid.end()) return i->second;
 
@@ -65,6 +89,12 @@ CID CidMap::AddEntry(const ReflectedClass& rc, const xstring& name) {
 }
 
 const ReflectedClass& CidMap::GetReflectedClass(CID cid) {
+    const bool isQuick = 0 <= cid && cid < static_cast<CID>(NUM_QUICK);
+    if (isQuick) {
+        const ReflectedClass* const rc = m_quickClasses[static_cast<std::size_t>(cid)].load(std::memory_order_acquire);
+        if (rc) [[likely]]
+            return *rc;
+    }
     const std::lock_guard lock(mutex_);
     if (cid <= 0 || cid > static_cast<CID>(m_entrys.size())) throw BadCidException(cid);
     Entry& e = m_entrys[static_cast<std::size_t>(cid - 1)];
@@ -72,6 +102,7 @@ const ReflectedClass& CidMap::GetReflectedClass(CID cid) {
         e.m_rc = FindReflectedClass(e.m_name.c_str());
         QX_ASSERT(e.m_rc);
     }
+    if (isQuick) m_quickClasses[static_cast<std::size_t>(cid)].store(e.m_rc, std::memory_order_release);
     return *e.m_rc;
 }
 

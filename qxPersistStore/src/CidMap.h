@@ -7,6 +7,9 @@
 #include "qxUtils/Export.h"
 #include "qxUtils/xstring.h"
 
+#include <array>
+#include <atomic>
+#include <cstddef>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -23,7 +26,8 @@ struct ReflectedClass;
 //   1..5   n
 //   n x    xstring   full class name; the first is CID 1
 //
-// Threads: any, after Deserialise; mutex_ is held across the look-up in the class registry and nothing else.
+// Threads: any, after Deserialise; mutex_ is held across the look-up in the class registry and nothing else. Loading and
+//   writing an object asks here each time, so what has been found once is found again without the mutex.
 // Invariant: m_nameToCid names every entry once.
 class QX_API CidMap {
 public:
@@ -56,9 +60,24 @@ private:
         const ReflectedClass* m_rc = nullptr; // null until looked up
     };
 
+    // A class and its id, for ever.
+    struct Known {
+        const ReflectedClass* m_rc;
+        CID m_cid;
+    };
+    static constexpr std::size_t NUM_QUICK = 256;
+
     CID AddEntry(const ReflectedClass& rc, const xstring& name);
+    CID FindOrAddCid(const ReflectedClass& rc, bool& dirty);
+    std::atomic<const Known*>& QuickCid(const ReflectedClass& rc);
+
+    // What needs no mutex: the classes of the lowest ids, by id, and the ids of classes, by address, each in the one place
+    // that it can have there. Null: ask under the mutex. What is stored once is true for ever.
+    std::array<std::atomic<const ReflectedClass*>, NUM_QUICK> m_quickClasses{};
+    std::array<std::atomic<const Known*>, NUM_QUICK> m_quickCids{};
 
     mutable std::mutex mutex_;
+    std::deque<Known> m_known;  // those in m_quickCids
     std::deque<Entry> m_entrys; // by CID - 1
     NAME_MAP m_nameToCid;
     RC_MAP m_rcToCid; // what this process has asked for already; not stored

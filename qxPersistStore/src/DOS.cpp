@@ -3,7 +3,7 @@
 #include "qxPersistStore/src/PSpace.h"
 #include "qxPersistStore/src/PersistStore.h"
 #include "qxPersistStore/src/Records.h"
-#include "qxPersistStore/src/TraceOnFailure.h"
+#include "qxPersistStore/src/TraceFailure.h"
 #include "qxUtils/Assert.h"
 
 namespace quna {
@@ -56,12 +56,16 @@ void PSpaceDos::WriteObject(ILssTransaction& txn, ptr<const IPersistable> po) {
     const OID oid = GetOid(po);
     QX_ASSERT(oid);
     QX_ASSERT(IsPersistableDirty(po));
-    const TraceOnFailure trace("writing", po, oid);
     ObjSysState& state = po->GetSysState();
-    if (state.GetFlag(PERSISTABLE_DELETED)) {
-        txn.DeleteSerialElement(oid); // false for an object that was deleted before its first write
-    } else if (!state.GetFlag(PERSISTABLE_ERASED)) {
-        WriteRecord(txn, oid, [&](Archive& ar) { m_pspace.m_ps.DynCreateSerialise(ar, po); });
+    try {
+        if (state.GetFlag(PERSISTABLE_DELETED)) {
+            txn.DeleteSerialElement(oid); // false for an object that was deleted before its first write
+        } else if (!state.GetFlag(PERSISTABLE_ERASED)) {
+            WriteRecord(txn, oid, [&](Archive& ar) { m_pspace.m_ps.DynCreateSerialise(ar, po); });
+        }
+    } catch (...) {
+        TraceFailure("writing", po, oid);
+        throw;
     }
     state.ClearFlag(PERSISTABLE_DIRTY);
 }

@@ -41,6 +41,7 @@ void DeletionBatch::TakeSingleObjects() {
     m_dq.TakeAll(DeletionQueue::QUEUE2, m_oidsToDelete);
     const bool walks = !m_dq.m_queue.empty() && m_oidsToDelete.size() < Threshold();
     for (const OID oid : m_oidsToDelete) {
+        m_pspace.rot_.EvictPlaceholder(oid); // a load under way must not bring back what goes now
         if (const ptr<IPersistable> po = m_pspace.rot_.FindResidentObject(oid)) {
             po->GetSysState().SetFlag(PERSISTABLE_DELETE_VISITED); // so that no walk reaches it
             m_resident.push_back(po);

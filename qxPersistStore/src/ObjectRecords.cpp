@@ -5,7 +5,7 @@
 #include "qxPersistStore/PersistStoreExceptions.h"
 #include "qxPersistStore/src/PersistStore.h"
 #include "qxPersistStore/src/StreamLengthCounter.h"
-#include "qxPersistStore/src/TraceOnFailure.h"
+#include "qxPersistStore/src/TraceFailure.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/AutoCloser.h"
 #include "qxUtils/RecordLimits.h"
@@ -25,6 +25,15 @@ constexpr ConstStringZ SOURCE_PATH = "src/PersistStore";
     if (rc) os << " class=" << rc->GetName();
     os << " cid=" << cid << " size=" << size << " read=" << read;
     throw DeserialisePersistentObjectException(os.c_str(), oid);
+}
+
+InputArchive DeserialiseBody(InputArchive body, ptr<IPersistable> po, OID oid) {
+    try {
+        return po->Deserialise(body);
+    } catch (...) {
+        TraceFailure("reading", po, oid);
+        throw;
+    }
 }
 
 } // namespace
@@ -79,11 +88,11 @@ void PersistStore::DynCreateDeserialise(InputArchive ar_begin, InputArchive ar_e
         if (!po && !registerInCSpace) v->Destroy();
         QX_ASSERT_TEXT(po, "0"); // a class that is no IPersistable
         QX_ASSERT(!IsPersistableDirty(po));
-        QX_ASSERT(!GetOid(po));
-        po->GetPersistObjState().m_oid = oid; // before Deserialise: references read there can see it
+        PersistObjState& state = po->GetPersistObjState();
+        QX_ASSERT_TEXT(!state.m_oid, "!GetOid(po)");
+        state.m_oid = oid; // before Deserialise: references read there can see it
         const InputArchive body = ar;
-        const TraceOnFailure trace("reading", po, oid);
-        ar = po->Deserialise(body);
+        ar = DeserialiseBody(body, po, oid);
         SetPersistableSizeForGCEvictor(po, ar.ptr() - body.ptr());
     }
     if (ar.ptr() != ar_end.ptr())
@@ -92,12 +101,17 @@ void PersistStore::DynCreateDeserialise(InputArchive ar_begin, InputArchive ar_e
 
 ptr<IPersistable> PersistStore::TryLoadPOGivenOid(OID oid) {
     QX_ASSERT(oid);
-    AutoCloser<IContiguousSerialElement> se(m_lss->OpenSerialElement(oid));
+    IContiguousSerialElement* const se = m_lss->OpenSerialElement(oid);
     if (!se) return null; // a dangling OID
-    const ReadOnlyBuffer rob = se->GetBuffer();
     ptr<IPersistable> po;
-    DynCreateDeserialise(rob.buffer, rob.buffer + rob.size, po, oid, true);
-    se.Close();
+    try {
+        const ReadOnlyBuffer rob = se->GetBuffer();
+        DynCreateDeserialise(rob.buffer, rob.buffer + rob.size, po, oid, true);
+    } catch (...) {
+        const AutoCloser<IContiguousSerialElement> closer(se);
+        throw;
+    }
+    se->Close();
     QX_ASSERT(po);
     return po;
 }

@@ -145,12 +145,7 @@ void PSpace::Close() {
     QX_ASSERT(m_cspace);
     QX_ASSERT(!HaveLock(m_cspace));
     ThreadPSpaceScope pair(this, m_cspace);
-    {
-        const CSpaceLock lock(m_cspace, Exclusive);
-        EvictAllDgsNodes(m_cspace);
-        MarkAsDirtyWhereAnythingIsUnwritten();
-    }
-    rot_.Close();
+    EndAsyncBinds();
     m_ps.m_dosWriter.OnClosePSpace(this);
     QX_ASSERT(!HaveChangesToWriteToLss());
     QX_ASSERT(m_nextInTxnGrp == this);
@@ -167,6 +162,18 @@ void PSpace::Close() {
     m_ps.m_spaceMap.RemovePSpace(this);
     delete this; // the pair is restored after it, from copies of its own
     if (failure) std::rethrow_exception(failure);
+}
+
+// The end of a placeholder runs code of the application, which may ask for another object: then there is one more to
+// evict. The lock is given up in between, since the update thread needs it for the jobs that hold the last references.
+void PSpace::EndAsyncBinds() {
+    constexpr uint32 MILLISECS_UNTIL_NEXT_LOOK = 20;
+    do {
+        const CSpaceLock lock(m_cspace, Exclusive);
+        EvictAllDgsNodes(m_cspace);
+        MarkAsDirtyWhereAnythingIsUnwritten();
+    } while (!rot_.WaitForPlaceholders(MILLISECS_UNTIL_NEXT_LOOK));
+    rot_.Close();
 }
 
 // Changes that mark nothing themselves, such as a request for a deletion, or a new space without objects, must not be

@@ -111,6 +111,7 @@ private:
     void LoadOrCreate(bool creating);
     PSpaceRoot* CreatePSpaceRoot();
     void RunCollector(CSpace* cs);
+    void EndAsyncBinds();
     void MarkAsDirtyWhereAnythingIsUnwritten();
 };
 

@@ -29,7 +29,10 @@ void AllocateOidsReachablePrefVisitor::VisitPref(const prefbase& pref) {
 void AllocateOidsReachablePrefVisitor::VisitParentPref(const prefbase&) {}
 
 void PermanentlyDeleteReachablePrefVisitor::VisitPref(const prefbase& pref) {
-    if (const ptr<IPersistable> po = pref.Get()) m_pspace->AsyncPermanentlyDeleteSubTree(po);
+    const ptr<IPersistable> po = pref.Get();
+    if (!po) return;
+    QX_ASSERT_TEXT(m_pspace, "pspace"); // the thread has a current space
+    m_pspace->AsyncPermanentlyDeleteSubTree(po);
 }
 
 void PermanentlyDeleteReachablePrefVisitor::VisitParentPref(const prefbase&) {}

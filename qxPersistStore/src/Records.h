@@ -12,12 +12,16 @@ namespace quna {
 // content.
 template <class Serialise>
 void WriteRecord(ILssTransaction& txn, Seid seid, Serialise serialise) {
-    AutoCloser<ICloseableOutputStream> os(txn.WriteSerialElement(seid));
-    {
-        Archive ar(os.Get());
+    ICloseableOutputStream* const os = txn.WriteSerialElement(seid);
+    try {
+        Archive ar(os);
         serialise(ar);
-    } // which flushes
-    os.Close();
+        ar.FlushBuffer();
+    } catch (...) {
+        const AutoCloser<ICloseableOutputStream> closer(os);
+        throw;
+    }
+    os->Close();
 }
 
 // Parses the element by `deserialise(cursor)`; true when that used it exactly. Leaves the element open.

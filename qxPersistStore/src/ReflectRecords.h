@@ -5,24 +5,14 @@
 //     constexpr ReflectedGlobalFunction GET_ROOT = FUNCTION<&GetPSpaceRoot, "quna::GetPSpaceRoot", "name">;
 #pragma once
 
+#include "qxObject/FixedText.h"
 #include "qxObject/ReflectFunction.h"
 #include "qxObject/ReflectedClass.h"
 #include "qxObject/ReflectedMember.h"
 #include "qxObject/TypeDescription.h"
 #include "qxUtils/BasicTypes.h"
 
-#include <cstddef>
-
 namespace quna {
-
-// A text as a template argument.
-template <std::size_t N>
-struct FixedText {
-    constexpr FixedText(const char (&chars)[N]) { // NOLINT(google-explicit-constructor): a literal is a text
-        for (std::size_t i = 0; i < N; ++i) text[i] = chars[i];
-    }
-    char text[N] = {};
-};
 
 namespace detail {
 

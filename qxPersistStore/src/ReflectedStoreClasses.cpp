@@ -6,13 +6,13 @@
 #include "qxObject/ReflectedTypedef.h"
 #include "qxObject/Registry.h"
 #include "qxObject/TypeOpsArrays.h"
+#include "qxPersistStore/Goid.h"
 #include "qxPersistStore/IPersistStore.h"
 #include "qxPersistStore/src/PSpace.h"
 #include "qxPersistStore/src/PersistStore.h"
 #include "qxPersistStore/src/PersistStoreTxn.h"
 #include "qxPersistStore/src/ReflectRecords.h"
 #include "qxUtils/Assert.h"
-#include "qxUtils/Guid.h"
 
 namespace quna {
 
@@ -204,7 +204,7 @@ constinit const ReflectedTypedef OIDHIGH = Typedef<OidHigh>("quna::OidHigh");
 constinit const ReflectedTypedef OIDLOW = Typedef<OidLow>("quna::OidLow");
 constinit const ReflectedTypedef SEIDHIGH = Typedef<SeidHigh>("quna::SeidHigh");
 constinit const ReflectedTypedef SEIDLOW = Typedef<SeidLow>("quna::SeidLow");
-constinit const ReflectedTypedef OIDSPACEGUID = Typedef<Guid>("quna::OidSpaceGuid");
+constinit const ReflectedTypedef OIDSPACEGUID = Typedef<OidSpaceGuid>("quna::OidSpaceGuid");
 constinit const ReflectedTypedef TYPEOPSID = Typedef<TypeOpsId>("quna::TypeOpsId");
 
 constexpr ReflectedInterface HandlerInterface() {

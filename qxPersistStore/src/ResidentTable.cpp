@@ -48,6 +48,7 @@ public:
     }
     unsigned Empty() const { return WithTag(EMPTY); }
     unsigned EmptyOrErased() const { return static_cast<unsigned>(_mm_movemask_epi8(m_tags)); }
+    unsigned Used() const { return ~EmptyOrErased() & 0xFFFF; }
 
 private:
     __m128i m_tags;
@@ -70,14 +71,43 @@ public:
                 Entry& entry = Entries()[group * GROUP_SLOTS + std::countr_zero(found)];
                 if (entry.first == oid) return &entry;
             }
-            if (tags.Empty() != 0) return nullptr;
+            if (tags.Empty() != 0) {
+                // Whoever looks in vain will mostly insert: his slot is fetched while he gets the object.
+                __builtin_prefetch(&Entries()[group * GROUP_SLOTS + std::countr_zero(tags.EmptyOrErased())], 1);
+                return nullptr;
+            }
         }
     }
 
-    // Requires: `oid` is not in the shard.
-    Entry& Insert(OID oid, uint64 hash) {
-        if (m_numEmptyToUse == 0) Rebuild();
-        return Place(oid, hash);
+    // The entry of `oid`, made if need be.
+    Entry& FindOrInsert(OID oid, uint64 hash, bool& isNew) {
+        isNew = false;
+        const octet_t tag = TagOf(oid, hash);
+        ssize_t slot = -1; // where a new entry goes
+        for (ssize_t group = m_numGroups > 0 ? HomeGroup(hash) : -1; group >= 0; group = NextGroup(group)) {
+            const TagGroup tags(Tags() + group * GROUP_SLOTS);
+            for (unsigned found = tags.WithTag(tag); found != 0; found &= found - 1) {
+                Entry& entry = Entries()[group * GROUP_SLOTS + std::countr_zero(found)];
+                if (entry.first == oid) return entry;
+            }
+            if (slot < 0 && tags.EmptyOrErased() != 0)
+                slot = group * GROUP_SLOTS + std::countr_zero(tags.EmptyOrErased());
+            if (tags.Empty() != 0) break;
+        }
+        if (m_numEmptyToUse == 0) {
+            Rebuild();
+            slot = SlotFor(hash);
+        }
+        isNew = true;
+        if (Tags()[slot] == EMPTY) --m_numEmptyToUse;
+        Tags()[slot] = tag;
+        ++m_size;
+        return *new (&Entries()[slot]) Entry{oid, null};
+    }
+
+    // Before a search for an OID of this hash that is to be expected soon.
+    void Prefetch(uint64 hash) const {
+        if (m_numGroups > 0) __builtin_prefetch(Tags() + HomeGroup(hash) * GROUP_SLOTS);
     }
 
     void Erase(const Entry* where) {
@@ -91,8 +121,10 @@ public:
 
     template <class Fn>
     void ForEach(Fn fn) const {
-        for (ssize_t slot = 0; slot < m_numGroups * GROUP_SLOTS; ++slot) {
-            if (Tags()[slot] < EMPTY) fn(Entries()[slot]);
+        for (ssize_t group = 0; group < m_numGroups; ++group) {
+            const TagGroup tags(Tags() + group * GROUP_SLOTS);
+            for (unsigned used = tags.Used(); used != 0; used &= used - 1)
+                fn(Entries()[group * GROUP_SLOTS + std::countr_zero(used)]);
         }
     }
 
@@ -105,15 +137,11 @@ private:
     }
     ssize_t NextGroup(ssize_t group) const { return group + 1 == m_numGroups ? 0 : group + 1; }
 
-    Entry& Place(OID oid, uint64 hash) {
+    // Where an entry goes that the shard does not have.
+    ssize_t SlotFor(uint64 hash) const {
         for (ssize_t group = HomeGroup(hash);; group = NextGroup(group)) {
             const unsigned usable = TagGroup(Tags() + group * GROUP_SLOTS).EmptyOrErased();
-            if (usable == 0) continue;
-            const ssize_t slot = group * GROUP_SLOTS + std::countr_zero(usable);
-            if (Tags()[slot] == EMPTY) --m_numEmptyToUse;
-            Tags()[slot] = TagOf(oid, hash);
-            ++m_size;
-            return *new (&Entries()[slot]) Entry{oid, null};
+            if (usable != 0) return group * GROUP_SLOTS + std::countr_zero(usable);
         }
     }
 
@@ -125,12 +153,25 @@ private:
         const ssize_t numSlots = bigger.m_numGroups * GROUP_SLOTS;
         bigger.m_memory.reset(
             static_cast<octet_t*>(::operator new(static_cast<std::size_t>(numSlots * (ssize_t{sizeof(Entry)} + 1)))));
-        std::memset(bigger.Tags(), EMPTY, static_cast<std::size_t>(numSlots));
-        bigger.m_numEmptyToUse = numSlots - numSlots / 8;
-        ForEach([&](const Entry& entry) { bigger.Place(entry.first, Hash(entry.first)).second = entry.second; });
+        bigger.TakeEntries(*this);
         m_memory = std::move(bigger.m_memory);
         m_numGroups = bigger.m_numGroups;
-        m_numEmptyToUse = bigger.m_numEmptyToUse;
+        m_numEmptyToUse = numSlots - numSlots / 8 - m_size;
+    }
+
+    // Into a shard that has memory and no entries. The slots of each group fill in order and are counted beside: reading
+    // sixteen tags right behind the writing of one of them would wait until that is in the cache.
+    void TakeEntries(const Shard& source) {
+        std::memset(Tags(), EMPTY, static_cast<std::size_t>(m_numGroups * GROUP_SLOTS));
+        std::vector<octet_t> numUsed(static_cast<std::size_t>(m_numGroups));
+        source.ForEach([&](const Entry& entry) {
+            const uint64 hash = Hash(entry.first);
+            ssize_t group = HomeGroup(hash);
+            while (numUsed[static_cast<std::size_t>(group)] == GROUP_SLOTS) group = NextGroup(group);
+            const ssize_t slot = group * GROUP_SLOTS + numUsed[static_cast<std::size_t>(group)]++;
+            Tags()[slot] = TagOf(entry.first, hash);
+            new (&Entries()[slot]) Entry(entry);
+        });
     }
 
     struct FreeMemory {
@@ -155,10 +196,14 @@ ResidentTable::const_iterator ResidentTable::find(OID oid) const {
 
 ptr<IPersistable>& ResidentTable::operator[](OID oid) {
     const uint64 hash = Hash(oid);
-    Shard& shard = ShardOf(hash);
-    if (Entry* const found = shard.Find(oid, hash)) return found->second;
-    Entry& entry = shard.Insert(oid, hash);
-    ++m_size;
+    // Sequential OIDs follow one another: the tags of the next run are fetched while this one's objects are entered.
+    if ((oid.value_ & RUN_MASK) == 0) {
+        const uint64 next = Hash(OID(Seid(oid.value_ + RUN_MASK + 1)));
+        ShardOf(next).Prefetch(next);
+    }
+    bool isNew = false;
+    Entry& entry = ShardOf(hash).FindOrInsert(oid, hash, isNew);
+    if (isNew) ++m_size;
     return entry.second;
 }
 

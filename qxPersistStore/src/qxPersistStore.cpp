@@ -7,7 +7,9 @@
 #include "qxPersistStore/IPersistStore.h"
 #include "qxPersistStore/InternalNode.h"
 #include "qxPersistStore/LeafNode.h"
+#include "qxPersistStore/OidSpaceMap.h"
 #include "qxPersistStore/pref.h"
+#include "qxPersistStore/src/PersistOperationCallbacks.h"
 #include "qxPersistStore/src/ReflectedFunctions.h"
 #include "qxPersistStore/src/ReflectedStoreClasses.h"
 #include "qxUtils/xvector.h"
@@ -55,8 +57,11 @@ constexpr RegisterItemFn REGISTER_ITEMS[] = {
     &_Register_OidLow,
     &_Register_SeidHigh,
     &_Register_SeidLow,
+    &_Register_OidSpaceMap,
+    &_Register_Goid,
     &_Register_OidSpaceGuid,
     &_Register_PSpace,
+    &_Register_PersistOperationCallbacks0,
     &_Register_PersistStore,
     &_Register_AddPSpaceRoot,
     &_Register_AsyncBindObjectInMemoryGivenOid,

@@ -3,6 +3,7 @@
 #include "qxUtils/Assert.h"
 #include "qxUtils/Tracer.h"
 
+#include <chrono>
 #include <exception>
 
 namespace quna {
@@ -34,6 +35,11 @@ void ThreadBlockerWhileUsed::Decrement() {
 void ThreadBlockerWhileUsed::Wait() {
     std::unique_lock lock(mutex_);
     condition_.wait(lock, [this] { return count_ == 0; });
+}
+
+bool ThreadBlockerWhileUsed::Wait(uint32 milliSecs) {
+    std::unique_lock lock(mutex_);
+    return condition_.wait_for(lock, std::chrono::milliseconds(milliSecs), [this] { return count_ == 0; });
 }
 
 } // namespace quna

@@ -83,6 +83,29 @@ TEST(Index, FindsLowsAtTheBordersOfPagesOfEveryLevelAlsoAfterReloading) {
 }
 
 // The root grows between the marking and the writing of a snapshot, and a marked leaf changes.
+TEST(Index, FindsInTheIndexThatIsAskedWhicheverWasAskedBefore) {
+    IndexPages x;
+    IndexPages y;
+    x.Set(Seid(5, 1), Fake(1));
+    y.Set(Seid(5, 1), Fake(2));
+    y.Set(Seid(5, 2), Fake(3));
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ((*x).Get(Seid(5, 1)), Fake(1));
+        EXPECT_EQ((*y).Get(Seid(5, 1)), Fake(2));
+        EXPECT_EQ((*x).Get(Seid(6, 1)), 0u);
+        EXPECT_EQ((*x).Get(Seid(5 + 256, 1)), 0u);
+        EXPECT_EQ((*y).Get(Seid(5, 2)), Fake(3));
+        EXPECT_EQ((*x).Get(Seid(5, 2)), 0u);
+    }
+    int level = 0;
+    const Location root = y.Checkpoint(level);
+    y.Reload(root, level);
+    EXPECT_EQ((*y).Get(Seid(5, 1)), Fake(2));
+    EXPECT_EQ((*y).Get(Seid(5, 2)), 0u); // only high 1 has been imported again
+    y.Set(Seid(5, 1), Fake(4));
+    EXPECT_EQ((*y).Get(Seid(5, 1)), Fake(4));
+}
+
 TEST(Index, ASnapshotIsTheIndexAsItWasMarked) {
     IndexPages pages;
     pages.Set(Seid(0, 1), Fake(1));

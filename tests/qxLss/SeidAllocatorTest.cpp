@@ -133,6 +133,48 @@ TEST(SeidAllocator, AnAffiliateOfAnEmptyHighIsPossible) {
     EXPECT_EQ(allocator.Affiliate(12345678), 8u);
 }
 
+TEST(SeidAllocator, AnIdentifierOfAnotherStoreIsTakenOver) {
+    TestAllocator allocator;
+    allocator->AllocateSeidHigh();
+    EXPECT_FALSE(allocator->TakeOver(Seid(5, 2))); // a high that is not known
+    EXPECT_FALSE(allocator->TakeOver(Seid(5, 0)));
+    EXPECT_FALSE(allocator->TakeOver(Seid(SeidAllocator::LOW_LIMIT, 1)));
+    EXPECT_FALSE(allocator->IsAllocated(Seid(5, 1)));
+    EXPECT_TRUE(allocator->TakeOver(Seid(5, 1)));
+    EXPECT_TRUE(allocator->IsAllocated(Seid(5, 1)));
+    EXPECT_TRUE(allocator->TakeOver(Seid(1000000, 1)));
+    EXPECT_TRUE(allocator->IsAllocated(Seid(1000000, 1)));
+    EXPECT_TRUE(allocator->TakeOver(Seid(SeidAllocator::LOW_LIMIT - 1, 1)));
+    EXPECT_TRUE(allocator->IsAllocated(Seid(SeidAllocator::LOW_LIMIT - 1, 1)));
+    EXPECT_FALSE(allocator->IsAllocated(Seid(SeidAllocator::LOW_LIMIT, 1)));
+}
+
+TEST(SeidAllocator, WhatWasTakenOverIsNeverHandedOutInThisLifeOrALaterOne) {
+    for (const bool clean : {true, false}) {
+        TestAllocator allocator;
+        allocator->AllocateSeidHigh();
+        allocator.Checkpoint();
+        EXPECT_TRUE(allocator->TakeOver(Seid(70000, 1)));
+        EXPECT_GT(allocator->AllocateSeid(1).low_, 70000u);
+        EXPECT_GT(allocator.Affiliate(70000), 70000u);
+        clean ? allocator.CloseAndReopen() : allocator.KillAndReopen();
+        EXPECT_TRUE(allocator->IsAllocated(Seid(70000, 1)));
+        EXPECT_GT(allocator->AllocateSeid(1).low_, 70000u);
+        EXPECT_GT(allocator.Affiliate(70000), 70000u);
+    }
+}
+
+TEST(SeidAllocator, TakingOverAscendingIdentifiersSeldomWritesTheRing) {
+    TestAllocator allocator;
+    allocator->AllocateSeidHigh();
+    const int64 before = allocator.NumRingWrites();
+    for (uint32 low = 0; low < 100000; ++low)
+        if (!allocator->IsAllocated(Seid(low, 1))) {
+            EXPECT_TRUE(allocator->TakeOver(Seid(low, 1)));
+        }
+    EXPECT_LE(allocator.NumRingWrites() - before, 8);
+}
+
 TEST(SeidAllocator, AnUnknownHighIsRefused) {
     TestAllocator allocator;
     allocator->AllocateSeidHigh();

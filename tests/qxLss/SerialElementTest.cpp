@@ -42,6 +42,21 @@ TEST(SerialElement, MayBeClosedByAnotherThread) {
     std::thread([&] { element->Close(); }).join();
 }
 
+TEST(SerialElement, SeveralMayBeOpenAndEachShowsItsOwnBytes) {
+    SimSys sys;
+    TestLss lss(sys);
+    const Seid a = lss.Put("a");
+    const Seid b = lss.Put("b");
+    for (int i = 0; i < 3; ++i) {
+        AutoCloser<IContiguousSerialElement> first(lss->OpenSerialElement(a));
+        AutoCloser<IContiguousSerialElement> second(lss->OpenSerialElement(b));
+        first.Close();
+        AutoCloser<IContiguousSerialElement> third(lss->OpenSerialElement(a));
+        EXPECT_EQ(TextOf(*second), "b");
+        EXPECT_EQ(TextOf(*third), "a");
+    }
+}
+
 TEST(SerialElement, DamageIsFoundWhenItIsOpenedAndNamesTheOffset) {
     SimSys sys;
     Seid seid;

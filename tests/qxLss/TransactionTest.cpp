@@ -191,6 +191,27 @@ TEST(Transaction, AnIdentifierThatWasNeverAllocatedIsRefused) {
     txn.Close();
 }
 
+TEST(Transaction, AnElementMayBearAnIdentifierOfAnotherStoreInASpaceOfItsOwn) {
+    for (const bool clean : {true, false}) {
+        SimSys sys;
+        Seid far;
+        Seid near;
+        {
+            TestLss lss(sys);
+            const SeidHigh foreign = lss->AllocateSeidHigh();
+            far = lss.Put(Seid(3000000000, foreign), "far");
+            near = lss.Put(Seid(7, foreign), "near", true);
+            if (clean) lss.Close();
+        }
+        TestLss lss(sys);
+        EXPECT_EQ(lss.Get(far), "far");
+        EXPECT_EQ(lss.Get(near), "near");
+        lss.Put(far, "again");
+        EXPECT_EQ(lss.Get(far), "again");
+        EXPECT_LT(far, lss->AllocateSeid(far.high_));
+    }
+}
+
 TEST(Transaction, CloseAfterARequestedFlushSurvivesPowerLoss) {
     SimSys sys;
     ElementMap flushed;

@@ -120,6 +120,42 @@ TEST(CSpaceLock, AReaderMayReadAgainWhileAWriterWaits) {
     Lock(cs, SharedRead);
 }
 
+TEST(CSpaceLock, AWaitWithALimitGivesUpAndLeavesTheQueueInOrder) {
+    CSpaceCreator cs;
+    for (const ECSpaceLockMode held : {SharedRead, Exclusive}) {
+        Lock(cs, held);
+        OnAnotherThread([&] {
+            EXPECT_FALSE(TryLockFor(cs, Exclusive, 1));
+            EXPECT_EQ(held == SharedRead, TryLockFor(cs, SharedRead, 1));
+            if (HaveLock(cs)) Unlock(cs);
+            EXPECT_FALSE(HaveLock(cs));
+        });
+        std::thread first([&] { CSpaceLock lock(cs, Exclusive); });
+        WaitUntilWaiting(cs, 1);
+        OnAnotherThread([&] { EXPECT_FALSE(TryLockFor(cs, SharedRead, 1)) << "overtook the writer"; });
+        EXPECT_EQ(cs.Get()->m_lock.NumWaitingForTest(), 1);
+        EXPECT_TRUE(TryLockFor(cs, SharedRead, 1)); // nests
+        Unlock(cs);
+        Unlock(cs);
+        first.join();
+    }
+    EXPECT_TRUE(TryLockFor(cs, Exclusive, 0));
+    Unlock(cs);
+}
+
+TEST(CSpaceLock, AWaitWithALimitIsServedInTurn) {
+    CSpaceCreator cs;
+    Lock(cs, Exclusive);
+    std::thread waiter([&] {
+        ASSERT_TRUE(TryLockFor(cs, Exclusive, 60'000));
+        EXPECT_TRUE(HaveExclusiveLock(cs));
+        Unlock(cs);
+    });
+    WaitUntilWaiting(cs, 1);
+    Unlock(cs);
+    waiter.join();
+}
+
 TEST(CSpaceLock, IsHandedOverInTheOrderOfArrival) {
     CSpaceCreator cs;
     std::mutex mutex;

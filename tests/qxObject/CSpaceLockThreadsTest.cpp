@@ -114,6 +114,29 @@ TEST(CSpaceLockThreads, AThreadThatLocksDownwardsMeetsSetsThatLockUpwards) {
     for (const Guarded& domain : domains) EXPECT_EQ(domain.a, 3 * ROUNDS);
 }
 
+TEST(CSpaceLockThreads, WaitersThatGiveUpLeaveTheLockToTheOthers) {
+    Guarded domain;
+    std::atomic<int> numChanges{0};
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            std::mt19937 random(t + 1);
+            for (int i = 0; i < ROUNDS / 4; ++i) {
+                const ECSpaceLockMode mode = random() % 3 == 0 ? SharedRead : Exclusive;
+                if (t < 3 && !TryLockFor(domain.cs, mode, 0)) continue;
+                if (t == 3) Lock(domain.cs, mode);
+                if (mode == SharedRead)
+                    domain.Check();
+                else
+                    domain.Change(), ++numChanges;
+                Unlock(domain.cs);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(domain.a, numChanges);
+}
+
 TEST(CSpaceLockThreads, ReadersThatNestAndWritersShareOneDomain) {
     Guarded domain;
     std::vector<std::thread> threads;

@@ -6,6 +6,7 @@
 #include "qxUtils/RecordLimits.h"
 #include "tests/support/ExpectAssertion.h"
 
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -84,6 +85,24 @@ TEST(CidMap, AClassOfTheSameNameAtAnotherAddressHasTheSameId) {
     EXPECT_EQ(1, map.GetCid(again, dirty));
     EXPECT_FALSE(dirty);
     EXPECT_EQ(&a, &map.GetReflectedClass(1));
+}
+
+TEST(CidMap, FindsAnyNumberOfClassesBothWays) {
+    constexpr int NUM_CLASSES = 1000;
+    std::vector<std::string> names;
+    for (int i = 0; i < NUM_CLASSES; ++i) names.push_back("Class" + std::to_string(i));
+    std::vector<ReflectedClass> classes;
+    for (const std::string& name : names) classes.push_back(MakeClass(name.c_str()));
+    CidMap map;
+    for (int round = 0; round < 3; ++round) {
+        CID expected = 0;
+        for (const ReflectedClass& rc : classes) {
+            bool dirty = round != 0;
+            ASSERT_EQ(++expected, map.GetCid(rc, dirty));
+            ASSERT_EQ(round == 0, dirty);
+            ASSERT_EQ(&rc, &map.GetReflectedClass(expected));
+        }
+    }
 }
 
 TEST(CidMap, RefusesIdsThatItDoesNotHave) {

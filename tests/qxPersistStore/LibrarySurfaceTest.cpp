@@ -273,15 +273,16 @@ TEST(LibrarySurfaceWithoutAStore, TypeLookUpsNeedASpace) {
 
 TEST(Registration, EachPublicItemIsFoundByItsName) {
     RegisterTestObjects();
-    for (const char* name : {"BPlusTree", "InternalNode", "LeafNode", "PersistStore", "PSpace", "PersistStoreTxn",
-                             "OID", "PersistObjState", "ClassNameTranslation", "ClassNameTranslationTable",
-                             "LssSettings", "PersistStoreSettings", "PSpaceLockMode", "MAsyncBind", "BcTypeOps"})
+    for (const char* name :
+         {"BPlusTree", "InternalNode", "LeafNode", "PersistStore", "PSpace", "PersistStoreTxn", "OID",
+          "PersistObjState", "ClassNameTranslation", "ClassNameTranslationTable", "LssSettings", "PersistStoreSettings",
+          "PSpaceLockMode", "MAsyncBind", "BcTypeOps", "OidSpaceMap", "Goid"})
         EXPECT_NE(nullptr, FindReflectedClass((std::string("quna::") + name).c_str())) << name;
     for (const char* name : {"IPersistable", "IAsyncBindRequestHandler", "IPrefVisitor"})
         EXPECT_NE(nullptr, FindReflectedInterface((std::string("quna::") + name).c_str())) << name;
     for (const char* name : {"EOpenMode", "EAsyncBindResult"})
         EXPECT_NE(nullptr, FindReflectedEnum((std::string("quna::") + name).c_str())) << name;
-    for (const char* name : {"OidHigh", "OidLow", "SeidHigh", "SeidLow", "TypeOpsId"})
+    for (const char* name : {"OidHigh", "OidLow", "SeidHigh", "SeidLow", "OidSpaceGuid", "TypeOpsId"})
         EXPECT_NE(nullptr, FindReflectedTypedef((std::string("quna::") + name).c_str())) << name;
     for (const char* name : {"AddPSpaceRoot",
                              "AsyncBindObjectInMemoryGivenOid",
