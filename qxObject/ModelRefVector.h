@@ -83,7 +83,8 @@ public:
         QX_ASSERT_IN("ModelRefVector", this->IsRange(i, 0));
         QX_ASSERT_IN("ModelRefVector", x);
         const Ref src(x); // x may be an element
-        const auto change = [&] { this->Insert(i, &src, 1); };
+        // The child may take elements out while it is told OnCreate.
+        const auto change = [&] { this->Insert(std::min(i, this->size()), &src, 1); };
         IOperationCallBacks* const hooks = GetOperationCallBacks();
         if (!hooks) {
             change();
@@ -102,17 +103,21 @@ public:
     void Set(ssize_t i, const Ref& x) {
         QX_ASSERT_IN("ModelRefVector", this->IsRange(i, 1));
         QX_ASSERT_IN("ModelRefVector", x);
-        Ref& place = this->m_value[i];
-        if (place == x) return;
+        if (this->m_value[i] == x) return;
+        const Ref src(x); // x may be an element
         IOperationCallBacks* const hooks = GetOperationCallBacks();
         if (!hooks) {
-            place = x;
+            this->m_value[i] = src;
         } else if constexpr (Base::Entry::OWNS_TARGETS) {
+            // Not in its place: the child may change this vector while it is told OnCreate, and so move the elements.
+            const Ref old(this->m_value[i]);
+            Ref place(old);
             auto params = this->template ParamsFor<AssignPref_params>(static_cast<prefbase*>(&place));
-            params.src = &x;
-            hooks->OnAssignPref(params); // stores it too
+            params.src = &src;
+            hooks->OnAssignPref(params);
+            Replace(i, old, place);
         } else {
-            this->AssignWithoutPrefs([&] { place = x; });
+            this->AssignWithoutPrefs([&] { this->m_value[i] = src; });
         }
     }
     // The same with an object.
@@ -154,6 +159,16 @@ private:
     ModelRefVector() = default;
     ModelRefVector(const ModelRefVector&) = default;
     ModelRefVector(ModelRefVector&&) = default;
+
+    // Puts `x` where `old` stands, which was at `i`; if it is gone, where it stood.
+    void Replace(ssize_t i, const Ref& old, const Ref& x) {
+        xvector<Ref>& v = this->m_value;
+        Ref* place = i < v.size() && v[i] == old ? v.begin() + i : std::find(v.begin(), v.end(), old);
+        if (place != v.end())
+            *place = x;
+        else
+            this->Insert(std::min(i, v.size()), &x, 1);
+    }
 };
 
 } // namespace quna

@@ -1,8 +1,8 @@
 #include "qxObject/CSpace.h"
 
+#include "qxObject/CSpaceLockTable.h"
+#include "qxObject/ThreadCSpaces.h"
 #include "qxObject/src/CSpaceImpl.h"
-#include "qxObject/src/CSpaceLockTable.h"
-#include "qxObject/src/ThreadCSpaces.h"
 #include "qxUtils/Assert.h"
 
 #include <algorithm>

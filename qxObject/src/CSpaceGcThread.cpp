@@ -1,7 +1,7 @@
 #include "qxObject/src/CSpaceGcThread.h"
 
+#include "qxObject/CSpaceLockTable.h"
 #include "qxObject/WCSpace.h"
-#include "qxObject/src/CSpaceLockTable.h"
 #include "qxObject/src/TouchClock.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/Thread.h"

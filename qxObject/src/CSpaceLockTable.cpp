@@ -1,4 +1,4 @@
-#include "qxObject/src/CSpaceLockTable.h"
+#include "qxObject/CSpaceLockTable.h"
 
 #include "qxObject/src/CSpaceRwLock.h"
 

@@ -1,7 +1,7 @@
 // Lock and unlock, and the record of what the thread holds.
 #include "qxObject/CSpace.h"
+#include "qxObject/CSpaceLockTable.h"
 #include "qxObject/src/CSpaceImpl.h"
-#include "qxObject/src/CSpaceLockTable.h"
 #include "qxUtils/Assert.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-#include "qxObject/src/ThreadCSpaces.h"
+#include "qxObject/ThreadCSpaces.h"
 
 #include "qxObject/CSpace.h"
 

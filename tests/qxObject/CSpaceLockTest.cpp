@@ -1,7 +1,7 @@
 #include "qxObject/CSpace.h"
+#include "qxObject/CSpaceLockTable.h"
 #include "qxObject/WCSpace.h"
 #include "qxObject/src/CSpaceImpl.h"
-#include "qxObject/src/CSpaceLockTable.h"
 #include "tests/support/ExpectAssertion.h"
 
 #include <algorithm>

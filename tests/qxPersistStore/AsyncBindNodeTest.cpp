@@ -71,6 +71,16 @@ TEST_F(AsyncBindNode, ChecksLockStateAndArguments) {
     Table().Close();
 }
 
+TEST_F(AsyncBindNode, AnUpdateJobTakesTheLockSettlesTheNodeAndDropsItsReference) {
+    Node* const node = NewNode(MissingOid());
+    node->readyToUpdateRot_ = true; // the load is over and has found nothing
+    node->AsyncUpdateRot();
+    EXPECT_EQ(Node::UR_OBJECT_DOES_NOT_EXIST, node->updatedRot_.load());
+    EXPECT_EQ(0, GetRecordedLockStatus(m_ps->GetCSpace()));
+    node->DecRef(); // the last one
+    Table().Close();
+}
+
 TEST_F(AsyncBindNode, ALoadThatTheStoreFailsIsAFailedCheck) {
     const OID unreadable = StoredLeaf();
     m_lss->FailOpen(unreadable, [] { throw FileException("read error", 5); });

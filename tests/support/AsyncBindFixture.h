@@ -30,6 +30,8 @@ inline std::ostream& operator<<(std::ostream& os, EAsyncBindResult result) {
 class AsyncReader : public DGDepNode {
 public:
     AsyncReader(PSpace* ps, OID oid) : m_ps(ps), m_oid(oid) {}
+    // A change may be under way on another thread.
+    ~AsyncReader() noexcept(false) override { Detach(); }
 
     // The space is locked in any mode, and current.
     MAsyncBind Read() {
