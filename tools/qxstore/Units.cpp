@@ -32,13 +32,14 @@ std::string WithUnit(int64 n, int64 unit, const char* name) {
 } // namespace
 
 std::string GroupedNumber(int64 n) {
-    std::string digits = std::to_string(n);
+    const std::string digits = std::to_string(n);
     const size_t start = n < 0 ? 1 : 0;
-    for (size_t at = digits.size(); at > start + 3;) {
-        at -= 3;
-        digits.insert(at, ",");
+    std::string grouped;
+    for (size_t i = 0; i < digits.size(); ++i) {
+        if (i > start && (digits.size() - i) % 3 == 0) grouped += ',';
+        grouped += digits[i];
     }
-    return digits;
+    return grouped;
 }
 
 std::string ShortBytes(int64 n) {
@@ -51,13 +52,15 @@ std::string ShortBytes(int64 n) {
 
 std::string LongBytes(int64 n) {
     const std::string plain = Counted(n, "byte", "bytes");
-    return n < 1024 ? plain : ShortBytes(n) + " (" + plain + ")";
+    return n < 1024 ? plain : ShortBytes(n).append(" (").append(plain).append(")");
 }
 
-std::string Percentage(int64 tenths) { return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + "%"; }
+std::string Percentage(int64 tenths) {
+    return std::to_string(tenths / 10).append(".").append(std::to_string(tenths % 10)).append("%");
+}
 
 std::string Counted(int64 n, std::string_view one, std::string_view many) {
-    return GroupedNumber(n) + " " + std::string(n == 1 ? one : many);
+    return GroupedNumber(n).append(" ").append(n == 1 ? one : many);
 }
 
 std::string Printable(std::string_view text) {
