@@ -89,8 +89,8 @@ TEST_F(QxstoreTest, SpacesRootsAndClassesAreTables) {
 
 Types of keys and payloads
 id  type
-1   cref<packagegraph::Package>
-2   xstring
+1   xstring
+2   cref<packagegraph::Package>
 3   pair<int32, xstring>
 )");
 }
@@ -135,7 +135,7 @@ key              child
 "libc6-dev"      00000001:00000096
 "libldap-2.5-0"  00000001:0000012f
 
-00000000  03 02 02 01 01 45 03 09  6c 69 62 63 36 2d 64 65  |.....E..libc6-de|
+00000000  03 02 01 02 01 45 03 09  6c 69 62 63 36 2d 64 65  |.....E..libc6-de|
 
 33 bytes more; --bytes 0 shows all
 )");
