@@ -128,7 +128,7 @@ IndexNode* Index::LoadPage(uint32 high, int level, uint32 page, Location l) cons
         if (!(prefix.bitmap[i / 64] >> (i % 64) & 1)) continue;
         const Location child = ReadPod<Location>(p);
         p += sizeof child;
-        if (!m_core.m_segments->IsInside(child, m_core.m_segments->MaxSlots()))
+        if (!m_core.m_segments->IsInside(child))
             ThrowCorrupt(m_core, "an index page holds a location outside the segments", LocationOffset(l));
         node->slots[i].store(child, std::memory_order_relaxed);
     }
