@@ -128,12 +128,13 @@ RecoveredLog Recovery::Run(const CheckpointHeader& header) {
 
 // A right checksum says that the header is what was written, not that a store wrote it.
 void Recovery::CheckHeader(const CheckpointHeader& header) const {
-    for (const uint64 number : {header.checkpointSequence, header.nextSegmentSequence, header.logClock,
-                                header.lastTransaction, header.liveHead, header.liveOverflow, header.liveIndex,
-                                header.numCheckpoints, header.numRecoveries, header.numTransactions, header.liveBytes}) {
+    for (const uint64 number :
+         {header.checkpointSequence, header.nextSegmentSequence, header.logClock, header.lastTransaction,
+          header.liveHead, header.liveOverflow, header.liveIndex, header.numCheckpoints, header.numRecoveries,
+          header.numTransactions, header.liveBytes}) {
         if (number > MAX_NUMBER)
-            ThrowCorrupt(m_core, "the checkpoint header holds a number that no store can reach: " +
-                                     std::to_string(number),
+            ThrowCorrupt(m_core,
+                         "the checkpoint header holds a number that no store can reach: " + std::to_string(number),
                          HeaderOffset(header.checkpointSequence));
     }
 }
@@ -142,8 +143,7 @@ void Recovery::LoadTables(const CheckpointHeader& header) {
     const std::vector<Location> locations = TableLocations(header);
     const size_t numHighsPackets = header.numHighsPackets;
     const auto split = locations.begin() + static_cast<std::ptrdiff_t>(numHighsPackets);
-    const std::vector<octet_t> highs =
-        ReadTable({locations.begin(), split}, EPacketType::HIGHS, sizeof(HighsEntry));
+    const std::vector<octet_t> highs = ReadTable({locations.begin(), split}, EPacketType::HIGHS, sizeof(HighsEntry));
     const std::vector<octet_t> sut = ReadTable({split, locations.end()}, EPacketType::SUT, sizeof(SutEntry));
 
     FillSegments(header, EntriesOf<SutEntry>(sut));
@@ -182,8 +182,7 @@ std::vector<octet_t> Recovery::ReadTable(const std::vector<Location>& packets, E
 // The usage table is not known yet, so the segment's own header gives the sequence. The key is the number of the first
 // entry: so no packet is taken twice, and the table is no larger than the file.
 void Recovery::AppendTablePacket(Location l, EPacketType type, ssize_t entryBytes, std::vector<octet_t>& table) {
-    if (!m_segments.IsInside(l))
-        ThrowCorrupt(m_core, "the checkpoint header names a packet outside the segments");
+    if (!m_segments.IsInside(l)) ThrowCorrupt(m_core, "the checkpoint header names a packet outside the segments");
     const ssize_t slot = m_segments.SlotOf(l);
     SegmentHeader segment{};
     if (!ReadSegmentHeader(slot, segment))

@@ -17,7 +17,8 @@ constexpr uint64 APPLY_MARK = uint64{1} << 63; // in leaves, apart from the numb
 void Recovery::Walk(const CheckpointHeader& header) {
     SegmentHeader start{};
     if (m_result.end.slot >= m_segments.Limit() || m_result.end.offset < SEGMENT_HEADER_BYTES ||
-        m_result.end.offset > m_core.m_segmentSize || m_result.end.offset % PACKET_ALIGNMENT != 0 || !ReadSegmentHeader(m_result.end.slot, start) ||
+        m_result.end.offset > m_core.m_segmentSize || m_result.end.offset % PACKET_ALIGNMENT != 0 ||
+        !ReadSegmentHeader(m_result.end.slot, start) ||
         !IsHeaderOf(start, m_result.end.slot, header.startSequence, ESegmentKind::USER))
         ThrowCorrupt(m_core, "the segment where the log continues behind the checkpoint is not valid",
                      m_segments.OffsetOf(std::min(m_result.end.slot, m_segments.MaxSlots() - 1)));

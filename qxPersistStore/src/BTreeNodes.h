@@ -111,8 +111,8 @@ Node* FollowNeighbour(const CalculatedBTreeTypeInfo& bi, const void* place) {
         reinterpret_cast<const AnyInterface*>(static_cast<const char*>(place) + PREF_POINTER_OFFSET));
     const bool isBound =
         words.m_self && static_cast<const void*>(words.m_table) == IPersistable::Stubs<Node>::GetTable();
-    Node* const node = static_cast<Node*>(
-        isBound ? words.m_self : detail::LoadChild(place, IPersistable::Stubs<Node>::GetTable()));
+    Node* const node =
+        static_cast<Node*>(isBound ? words.m_self : detail::LoadChild(place, IPersistable::Stubs<Node>::GetTable()));
     if (node) AssertTypes(bi, node);
     return node;
 }

@@ -89,9 +89,8 @@ void Walk(BPlusTree& tree) {
 }
 
 void Use(ptr<IPersistable> po, unsigned how) {
-    BPlusTree* const tree = po->GetReflectedClass() == &GetReflectedClass<BPlusTree>()
-                                ? static_cast<BPlusTree*>(po.m_self)
-                                : nullptr;
+    BPlusTree* const tree =
+        po->GetReflectedClass() == &GetReflectedClass<BPlusTree>() ? static_cast<BPlusTree*>(po.m_self) : nullptr;
     switch (how) {
     case 0: {
         RefsVisitor visitor;
@@ -141,7 +140,8 @@ void Run(const octet_t* p, const octet_t* end) {
         const unsigned byte = *p++;
         const OID oid = OidAt(byte % MAX_ELEMENTS);
         ptr<IPersistable> po;
-        if (TryRecord([&] { po = TryBindObjectGivenOid(oid); }) && po) TryRecord([&] { Use(po, byte / MAX_ELEMENTS % 6); });
+        if (TryRecord([&] { po = TryBindObjectGivenOid(oid); }) && po)
+            TryRecord([&] { Use(po, byte / MAX_ELEMENTS % 6); });
     }
     FuzzRequire(PeakMemory() <= MEMORY_ALLOWANCE, "the memory in use is out of proportion to the elements");
     space.Begin();

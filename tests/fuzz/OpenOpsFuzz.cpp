@@ -82,8 +82,12 @@ public:
             Copy(from.offset + field, unit.offset + (edit.field % unit.size & ~7), 8);
             break;
         }
-        case 7: std::fill_n(m_file.begin() + unit.offset, std::min<ssize_t>(unit.size, edit.value % 300), octet_t{0}); break;
-        case 8: m_file[static_cast<size_t>(unit.offset + edit.field % unit.size)] ^= octet_t(1u << edit.value % 8); break;
+        case 7:
+            std::fill_n(m_file.begin() + unit.offset, std::min<ssize_t>(unit.size, edit.value % 300), octet_t{0});
+            break;
+        case 8:
+            m_file[static_cast<size_t>(unit.offset + edit.field % unit.size)] ^= octet_t(1u << edit.value % 8);
+            break;
         case 9: m_cut = static_cast<int64>(edit.value) % (std::ssize(m_file) + 1); break;
         case 10: Copy(SegmentAt(edit.value), SegmentAt(edit.unit), SEGMENT_BYTES); break;
         default: ToLocation(unit, edit); break;

@@ -7,9 +7,9 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <map>
 #include <set>
-#include <iterator>
 #include <utility>
 #include <vector>
 

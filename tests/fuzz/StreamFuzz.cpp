@@ -124,6 +124,7 @@ extern "C" int LLVMFuzzerTestOneInput(const quna::octet_t* data, std::size_t siz
     std::vector<quna::octet_t> stream(data + 1, data + size);
     stream.resize(stream.size() + static_cast<std::size_t>(quna::RECORD_SLACK));
     quna::Receive(stream.data(), stream.data() + (size - 1), data[0]);
-    quna::FuzzRequire(quna::PeakMemory() <= quna::MEMORY_ALLOWANCE, "the memory in use is out of proportion to the stream");
+    quna::FuzzRequire(quna::PeakMemory() <= quna::MEMORY_ALLOWANCE,
+                      "the memory in use is out of proportion to the stream");
     return 0;
 }

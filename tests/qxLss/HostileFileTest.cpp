@@ -48,7 +48,8 @@ protected:
 
     // Calls act(segment's offset, packet's offset, header) for each packet in the file.
     void ForEachPacket(const std::function<void(int64, int64, PacketHeader)>& act) {
-        for (int64 segment = FRONT_AREA_BYTES; segment + SEGMENT_BYTES <= std::ssize(m_file); segment += SEGMENT_BYTES) {
+        for (int64 segment = FRONT_AREA_BYTES; segment + SEGMENT_BYTES <= std::ssize(m_file);
+             segment += SEGMENT_BYTES) {
             if (std::memcmp(m_file.data() + segment, SEGMENT_MAGIC, 8) != 0) continue;
             for (ssize_t pos = SEGMENT_HEADER_BYTES; pos + PACKET_HEADER_BYTES <= SEGMENT_BYTES;) {
                 const PacketHeader header = ReadPod<PacketHeader>(m_file.data() + segment + pos);
@@ -145,8 +146,7 @@ TEST_F(HostileFile, AnElementInAFreeSegmentCantBeRead) {
     const ssize_t n = PayloadBytes(At<PacketHeader>(table)->info) / static_cast<ssize_t>(sizeof(SutEntry));
     for (ssize_t slot = 0; slot < n; ++slot) {
         auto* const entry = At<SutEntry>(table + PACKET_HEADER_BYTES + slot * static_cast<int64>(sizeof(SutEntry)));
-        if (slot != static_cast<ssize_t>(Header().startSlot) &&
-            entry->kind != static_cast<uint8>(ESegmentKind::INDEX))
+        if (slot != static_cast<ssize_t>(Header().startSlot) && entry->kind != static_cast<uint8>(ESegmentKind::INDEX))
             *entry = SutEntry{};
     }
     LssStore& store = Open(true);

@@ -1,7 +1,6 @@
 // The valid stores that fuzz targets start from.
-#include "tests/support/FuzzStore.h"
-
 #include "qxUtils/AutoCloser.h"
+#include "tests/support/FuzzStore.h"
 
 #include <initializer_list>
 #include <utility>

@@ -80,12 +80,15 @@ void FuzzSpace::RegisterIds() {
           &GetReflectedClass<TestNoSubTree>(), &GetReflectedClass<TestNoFactory>(),
           &GetReflectedClass<TestPlainObject>()})
         m_store->GetCid(*rc);
-    const TypeOpsId ids[] = {
-        GetPersistStoreTypeOpsId(DescriptionOf<uint8>()),   GetPersistStoreTypeOpsId(DescriptionOf<uint16>()),
-        GetPersistStoreTypeOpsId(DescriptionOf<int64>()),   GetPersistStoreTypeOpsId(DescriptionOf<xstring>()),
-        GetPersistStoreTypeOpsId(DescriptionOf<Guid>()),    GetPersistStoreTypeOpsId(DescriptionOf<OID>()),
-        GetPersistStoreTypeOpsId(DescriptionOf<xvector<xstring>>()),
-        GetPersistStoreTypeOpsId(DescriptionOf<CountedValue>()), GetPersistStoreTypeOpsId(DescriptionOf<Key24>())};
+    const TypeOpsId ids[] = {GetPersistStoreTypeOpsId(DescriptionOf<uint8>()),
+                             GetPersistStoreTypeOpsId(DescriptionOf<uint16>()),
+                             GetPersistStoreTypeOpsId(DescriptionOf<int64>()),
+                             GetPersistStoreTypeOpsId(DescriptionOf<xstring>()),
+                             GetPersistStoreTypeOpsId(DescriptionOf<Guid>()),
+                             GetPersistStoreTypeOpsId(DescriptionOf<OID>()),
+                             GetPersistStoreTypeOpsId(DescriptionOf<xvector<xstring>>()),
+                             GetPersistStoreTypeOpsId(DescriptionOf<CountedValue>()),
+                             GetPersistStoreTypeOpsId(DescriptionOf<Key24>())};
     m_numTypes = std::ssize(ids);
 }
 

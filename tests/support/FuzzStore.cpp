@@ -83,7 +83,7 @@ namespace {
 template <class T>
 T* At(FileBytes& file, int64 offset) {
     return offset + static_cast<int64>(sizeof(T)) <= std::ssize(file) ? reinterpret_cast<T*>(file.data() + offset)
-                                                                       : nullptr;
+                                                                      : nullptr;
 }
 
 void FixPackets(octet_t* segment, ssize_t size, uint32 seed) {
