@@ -45,6 +45,7 @@ public:
     SeidHigh AllocateSeidHigh() override;
     Seid AllocateSeid(SeidHigh high) override;
     bool AllocateAffiliateSeid(Seid& seid) override;
+    bool IsAllocated(Seid seid) override;
     IContiguousSerialElement* OpenSerialElement(Seid seid) override;
     ILssTransaction* OpenTransaction() override;
     void GetStats(LssStats& stats) override;
