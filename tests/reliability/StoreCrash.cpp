@@ -9,9 +9,11 @@
 namespace quna {
 namespace {
 
-constexpr double WORKLOADS = 3; // at scale 1
+// At scale 1 three workloads, every second point, four variants; larger scales have more of all.
+constexpr double WORKLOADS = 3;
+constexpr int64 STRIDE = 2;
 constexpr uint64 VARIANTS = 4;
-constexpr uint64 MAX_VARIANTS = 36; // larger scales try more of them
+constexpr uint64 MAX_VARIANTS = 36;
 
 int Main(int argc, char** argv) {
     const ReliabilityArguments arguments(argc, argv);
@@ -23,8 +25,11 @@ int Main(int argc, char** argv) {
         const uint64 variants =
             std::min(MAX_VARIANTS, VARIANTS * std::max<uint64>(1, static_cast<uint64>(arguments.scale / 4)));
         const int workloads = std::max(1, static_cast<int>(WORKLOADS * arguments.scale));
-        for (int i = 0; i < workloads; ++i)
-            SimStoreSweep(totals, SimStoreSweep::WorkloadOf(arguments.seed + static_cast<uint64>(i))).Run(variants);
+        for (int i = 0; i < workloads; ++i) {
+            SimStoreSweep sweep(totals, SimStoreSweep::WorkloadOf(arguments.seed + static_cast<uint64>(i)));
+            if (arguments.scale <= 1) sweep.SetStride(STRIDE);
+            sweep.Run(variants);
+        }
     }
     const bool ok = totals.Sum() == 0 && totals.states > 0;
     std::printf("reliability crash-store: points=%lld states=%lld nested=%lld lost=%lld sum_broken=%lld dangling=%lld "
