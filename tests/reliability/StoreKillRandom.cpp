@@ -49,8 +49,8 @@ QX_REFLECT_PERSISTENT_CLASS(KillWorker, "sim::Worker")
 namespace {
 
 constexpr size_t NUM_THREADS = 4;
-constexpr uint64 NUM_KEYS = 300;        // of each thread in each space
-constexpr size_t MAX_FOREST = 4;        // trees of a thread in a space
+constexpr uint64 NUM_KEYS = 300; // of each thread in each space
+constexpr size_t MAX_FOREST = 4; // trees of a thread in a space
 constexpr uint64 STEPS_BETWEEN_ACKS = 8;
 
 using Spaces = std::array<PSpace*, NUM_SIM_SPACES>;
@@ -69,7 +69,7 @@ std::string WorkerName(size_t thread) { return "worker" + std::to_string(thread)
 // What step `number` of a thread does: every third one transfers between the spaces, the others change one of them.
 struct Step {
     bool isTransfer;
-    size_t space; // of those that change one
+    size_t space;                     // of those that change one
     std::map<uint64, uint64> numbers; // key -> value, 0: erased
     uint64 tree = 0;                  // number of its root; 0: none is planted
     uint64 shape = 0;                 // of the tree

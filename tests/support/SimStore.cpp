@@ -234,7 +234,8 @@ void StoreDriver::Step() {
     } else if (what == 3) {
         const ssize_t before = std::ssize(m_history.transactions);
         Maintain([this] { m_open->m_inner->CheckpointForTest(); });
-        m_history.NoteDurable(before, m_sys.NumRecorded()); // those closed between its steps may have come after its sync
+        m_history.NoteDurable(before,
+                              m_sys.NumRecorded()); // those closed between its steps may have come after its sync
     } else if (what == 4) {
         const size_t space = PickSpace();
         const One one(*this, space);
@@ -326,8 +327,8 @@ void StoreDriver::ChangeAccounts(size_t space) {
             AsyncPermanentlyDeleteObject(account);
     } else {
         account->MarkAsDirtyWithoutTrace();
-        const ssize_t size = static_cast<ssize_t>(Pick(20) == 0 ? Pick(static_cast<uint64>(3 * m_workload.segmentSize))
-                                                                : Pick(200));
+        const ssize_t size =
+            static_cast<ssize_t>(Pick(20) == 0 ? Pick(static_cast<uint64>(3 * m_workload.segmentSize)) : Pick(200));
         account->m_text = xstring(PatternText(number, size).c_str());
         model.accounts[number].size = size;
         const uint64 mentioned = SomeBranch(space);

@@ -170,7 +170,8 @@ std::string FirstDifference(const std::string& found, const std::string& expecte
 // Why no state between floor and ceiling is the one found.
 [[noreturn]] void FailToMatch(const FoundStore& found, const StoreCheck& check) {
     const std::vector<SimStoreState>& states = check.history->states;
-    const std::string range = " (floor S" + std::to_string(check.floor) + ", ceiling S" + std::to_string(check.ceiling) + ")";
+    const std::string range =
+        " (floor S" + std::to_string(check.floor) + ", ceiling S" + std::to_string(check.ceiling) + ")";
     for (ssize_t i = 0; i < std::ssize(states); ++i)
         if (found.Is(states[static_cast<size_t>(i)]))
             Fail(i < check.floor ? "lost" : "other", "the state is S" + std::to_string(i) + range);
@@ -249,9 +250,9 @@ void CheckIdentifiers(const std::vector<uint64>& allocated, const StoreCheck& ch
             spent = std::find(written.begin(), written.end(), seid) != written.end();
         }
         if (check.processDeath)
-            spent = spent || std::any_of(history.identifiers.begin(), history.identifiers.end(), [&](const auto& given) {
-                        return given.seid == seid && given.given <= check.calls;
-                    });
+            spent = spent ||
+                    std::any_of(history.identifiers.begin(), history.identifiers.end(),
+                                [&](const auto& given) { return given.seid == seid && given.given <= check.calls; });
         if (spent) Fail("ids_repeated", "the identifier " + std::to_string(seid));
     }
 }

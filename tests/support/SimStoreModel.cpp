@@ -35,7 +35,9 @@ int64 SimSpaceModel::Sum() const {
     return sum;
 }
 
-int64 SimSpaceModel::NumObjects() const { return std::ssize(accounts) + std::ssize(branches) + numNotes + (exists ? 1 : 0); }
+int64 SimSpaceModel::NumObjects() const {
+    return std::ssize(accounts) + std::ssize(branches) + numNotes + (exists ? 1 : 0);
+}
 
 std::vector<uint64> SimSpaceModel::SubTreeOf(uint64 branch) const {
     std::vector<uint64> found{branch};
