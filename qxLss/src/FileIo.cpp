@@ -164,6 +164,8 @@ int64 File::Size() {
     return size;
 }
 
+void File::ReadAhead(int64 offset, int64 n) noexcept { m_sys.ReadAhead(m_fd, offset, n); }
+
 void File::DropCache(int64 offset, int64 n) noexcept { m_sys.DropCache(m_fd, offset, n); }
 
 bool RenameFile(SysCalls& sys, const std::string& from, const std::string& to, bool replace) {

@@ -73,6 +73,8 @@ public:
     int64 Size();
     // Drops the clean cached pages of a range, so that later reads see the disk. n = 0: to the end. Only advice.
     void DropCache(int64 offset, int64 n) noexcept;
+    // Begins to read the range, in the hope that it is there when it is needed.
+    void ReadAhead(int64 offset, int64 n) noexcept;
 
     const std::string& Path() const { return m_path; }
     int Descriptor() const { return m_fd; }

@@ -111,8 +111,15 @@ private:
     bool m_canShrink = true; // likewise
 };
 
+// Has a store threads of its own? Without them nothing happens in the background, so that a run depends on its calls alone.
+enum class EBackground {
+    THREADS,
+    NONE
+};
+
 // CreateOrOpenLSS with another table of system calls, and segments down to 4 KiB.
 QX_API ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ deltasDirPath,
-                                           bool& createdNew, EOpenMode openMode, const LssSettings& settings);
+                                           bool& createdNew, EOpenMode openMode, const LssSettings& settings,
+                                           EBackground background = EBackground::THREADS);
 
 } // namespace quna

@@ -233,7 +233,13 @@ void Recovery::Finish() {
     }
     int64 usedBytes = 0;
     for (ssize_t slot = 0; slot < m_numSlots; ++slot) usedBytes += m_segments[slot].usedBytes;
-    m_core.m_counters.usedBytes.store(usedBytes);
+    StoreCounters& c = m_core.m_counters;
+    c.usedBytes.store(usedBytes);
+    c.liveHead += m_change.liveHead;
+    c.liveOverflow += m_change.liveOverflow;
+    c.packets += m_change.packets;
+    c.liveBytes += m_change.liveBytes;
+    c.numTransactions += m_change.numTransactions;
     m_space.Import(m_numSlots, m_result.nextSequence);
 }
 
@@ -275,7 +281,7 @@ void Recovery::EnterSegment(ssize_t slot, const SegmentHeader& header) {
     if (s.sequence == header.sequence) return;
     if (s.livePackets)
         ThrowCorrupt(m_core, "a segment was used again although packets in it are live", m_segments.OffsetOf(slot));
-    m_core.m_counters.packets.fetch_sub(s.packets, std::memory_order_relaxed);
+    m_change.packets -= s.packets;
     SutEntry entry{};
     entry.sequence = header.sequence;
     entry.kind = static_cast<uint8>(header.kind);

@@ -19,9 +19,10 @@ uint64 HashOf(const void* p, ssize_t n) {
            static_cast<uint64>(n);
 }
 
-LssStore* OpenStore(SimSys& sys, EOpenMode mode, int segmentSize, bool clean, bool& createdNew) {
+LssStore* OpenStore(SimSys& sys, EOpenMode mode, int segmentSize, bool clean, bool& createdNew,
+                    EBackground background = EBackground::NONE) {
     return static_cast<LssStore*>(
-        OpenLssForTest(sys, PATH, nullptr, createdNew, mode, LssDriver::Settings(segmentSize, clean)));
+        OpenLssForTest(sys, PATH, nullptr, createdNew, mode, LssDriver::Settings(segmentSize, clean), background));
 }
 
 // Abandons the store at the end of the scope.
@@ -87,8 +88,8 @@ LssDriver::~LssDriver() {
 
 void LssDriver::Open() {
     bool createdNew = false;
-    m_store = OpenStore(m_sys, OM_OPEN_ALWAYS, m_workload.segmentSize, m_workload.clean, createdNew);
-    if (!m_workload.threads) m_store->StopThreadsForTest();
+    m_store = OpenStore(m_sys, OM_OPEN_ALWAYS, m_workload.segmentSize, m_workload.clean, createdNew,
+                        m_workload.threads ? EBackground::THREADS : EBackground::NONE);
     if (!createdNew) return;
     // A store in which no transaction has been closed counts as never created, so it begins anew.
     if (!m_history.transactions.empty())
