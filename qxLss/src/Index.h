@@ -109,12 +109,12 @@ public:
     // Makes the page dirty if the packet at `l` is its current one, so that the next checkpoint moves it. With the turn.
     void TouchPage(uint64 key, int level, Location l);
 
-    // Calls visit(seid value, location) for every element and page(location) for every page. Loads everything; nothing
-    // may be published meanwhile.
+    // Calls visit(seid value, location) for every element, in ascending order, and page(location) for every page. Loads
+    // everything; nothing may be published meanwhile.
     template <class ElementVisitor, class PageVisitor>
-    void VisitAll(ElementVisitor&& element, PageVisitor&& page);
+    void VisitAll(ElementVisitor&& element, PageVisitor&& page) const;
 
-    std::vector<uint32> AllHighs() const;
+    std::vector<uint32> AllHighs() const; // ascending
     ssize_t NumHighs() const;
 
 private:
@@ -153,7 +153,7 @@ private:
 };
 
 template <class ElementVisitor, class PageVisitor>
-void Index::VisitAll(ElementVisitor&& element, PageVisitor&& page) {
+void Index::VisitAll(ElementVisitor&& element, PageVisitor&& page) const {
     for (const uint32 h : AllHighs()) {
         IndexNode* const root = Root(*FindHigh(h));
         std::vector<IndexNode*> stack;
@@ -162,12 +162,14 @@ void Index::VisitAll(ElementVisitor&& element, PageVisitor&& page) {
             IndexNode* const node = stack.back();
             stack.pop_back();
             if (node->own) page(node->own);
-            for (size_t i = 0; i < static_cast<size_t>(LEAF_SLOTS); ++i) {
-                if (!node->IsLeaf()) {
+            if (!node->IsLeaf()) {
+                for (size_t i = static_cast<size_t>(LEAF_SLOTS); i-- > 0;) // the first is taken from the stack first
                     if (IndexNode* const child = Child(static_cast<IndexInner&>(*node), i)) stack.push_back(child);
-                } else if (const Location l = node->slots[i].load(std::memory_order_relaxed)) {
+                continue;
+            }
+            for (size_t i = 0; i < static_cast<size_t>(LEAF_SLOTS); ++i) {
+                if (const Location l = node->slots[i].load(std::memory_order_relaxed))
                     element(static_cast<uint64>(h) << 32 | node->page << LEAF_SHIFT | static_cast<uint32>(i), l);
-                }
             }
         }
     }

@@ -102,6 +102,15 @@ RecoveredLog Recovery::Run(const CheckpointHeader& header) {
     // A clean mark on the disk says that every byte before it was synced: then the cache tells the truth and stays warm.
     // Without it a failed sync may have left pages there that the disk does not have.
     if (!m_result.clean) m_core.m_file.DropCache(0, 0);
+    return RunFrom(header);
+}
+
+RecoveredLog Recovery::RunAt(const CheckpointHeader& header) {
+    m_result.clean = true;
+    return RunFrom(header);
+}
+
+RecoveredLog Recovery::RunFrom(const CheckpointHeader& header) {
     m_result.end = {static_cast<ssize_t>(header.startSlot), static_cast<ssize_t>(header.startOffset),
                     header.startSequence};
     m_result.clock = header.logClock;

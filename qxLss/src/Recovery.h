@@ -48,6 +48,9 @@ public:
 
     // Fills segment table, space, index and counters. Throws CorruptLSSException or FileException.
     RecoveredLog Run(const CheckpointHeader& header);
+    // The state at the header's position, whatever the log holds behind it and the ring says. Requires: what the header
+    // names is not freed meanwhile.
+    RecoveredLog RunAt(const CheckpointHeader& header);
 
 private:
     // A segment as it is in the file.
@@ -72,6 +75,7 @@ private:
     };
     struct Reloc;
 
+    RecoveredLog RunFrom(const CheckpointHeader& header);
     void LoadTables(const CheckpointHeader& header);
     std::vector<Location> TableLocations(const CheckpointHeader& header);
     std::vector<octet_t> ReadTable(const std::vector<Location>& packets, EPacketType type);
