@@ -141,7 +141,7 @@ TEST_F(CompactTest, CancelledItLeavesNothingBehind) {
 }
 
 TEST_F(CompactTest, AFailureOfTheCopyIsNoFailureOfTheStore) {
-    Fill(100, 200);
+    Fill(600, 300); // so that the copy grows
     for (const auto& [kind, error] : {std::pair{ESimCall::WRITE, ENOSPC}, std::pair{ESimCall::WRITE, EIO},
                                       std::pair{ESimCall::ALLOCATE, ENOSPC}, std::pair{ESimCall::SYNC, EIO},
                                       std::pair{ESimCall::WRITE_DURABLE, EIO}, std::pair{ESimCall::RENAME, EACCES}}) {
