@@ -177,6 +177,13 @@ uint64 SeidAllocator::BeginCheckpoint(bool clean, std::vector<HighAllocation>& h
     return m_ring.BeginCheckpoint([] {}, nextHigh);
 }
 
+void SeidAllocator::GetHorizons(std::vector<AllocHorizon>& horizons, uint32& nextHigh) const {
+    horizons.clear();
+    for (const HighState* state : m_directory->StatesByHigh())
+        horizons.push_back({state->m_high, state->m_durable.load(std::memory_order_relaxed)});
+    nextHigh = m_ring.NextHigh();
+}
+
 // --- allocation
 
 SeidAllocator::HighState* SeidAllocator::Find(SeidHigh high) const { return m_directory->Find(high); }

@@ -81,6 +81,9 @@ public:
     // frontier and the incremental block.
     uint64 BeginCheckpoint(bool clean, std::vector<HighAllocation>& highs, uint32& nextHigh);
 
+    // What is spent now at most, sorted by high: every identifier handed out before the call lies below. Any thread.
+    void GetHorizons(std::vector<AllocHorizon>& horizons, uint32& nextHigh) const;
+
 private:
     struct HighState;
     struct Directory;
