@@ -174,15 +174,20 @@ private:
         m_bytes.resize(static_cast<size_t>(end - from));
         m_core.m_file.Read(m_core.m_segments->OffsetOf(segment.slot) + from, m_bytes.data(), end - from);
         m_linkedTo = 0;
-        m_copyFrom = m_count.IsEmpty() ? -1 : from;
+        m_wholeFrom = m_wholeTo = -1;
+        m_openFrom = from;
         const ssize_t stopped =
             VisitPackets(m_bytes.data(), from, end, SegmentCrcSeed(m_core.m_storeId, segment.sequence),
                          [&](ssize_t pos, const PacketHeader& header, const octet_t* payload) {
-                             return Take(segment, from, pos, header, payload);
+                             return Take(segment, pos, header, payload);
                          });
-        if (m_copyFrom >= 0) Copy(segment, from, stopped);
+        if (m_wholeTo >= 0) {
+            Copy(segment, from, m_wholeFrom, m_wholeTo);
+            m_writer->MarkWhole();
+        }
+        if (!m_count.IsEmpty()) Copy(segment, from, m_openFrom, stopped); // a later segment may end the transaction
         m_at.offset = stopped;
-        if (stopped != end && !IsFull())
+        if (stopped != end && m_linkedTo == 0 && !IsFull())
             ThrowCorrupt(m_core, "the log can't be archived: a packet is not valid",
                          m_core.m_segments->OffsetOf(segment.slot) + stopped);
         if (!m_count.IsEmpty()) return;
@@ -191,41 +196,42 @@ private:
         if (m_linkedTo != 0) m_safe.offset -= LINK_BYTES;
     }
 
-    // False: the delta is full.
-    bool Take(const ChainSegment& segment, ssize_t base, ssize_t pos, const PacketHeader& header,
-              const octet_t* payload) {
-        const ssize_t behind = pos + PacketBytes(header.info);
+    // False: the delta is full, or the segment ends.
+    bool Take(const ChainSegment& segment, ssize_t pos, const PacketHeader& header, const octet_t* payload) {
         const bool wasEmpty = m_count.IsEmpty();
-        const bool agrees = PacketType(header.info) == EPacketType::COMMIT &&
-                            PayloadBytes(header.info) == sizeof(CommitPayload) && header.key == m_last + 1 &&
-                            m_count.Agrees(ReadPod<CommitPayload>(payload));
-        if (PacketType(header.info) == EPacketType::COMMIT && !agrees)
-            ThrowCorrupt(m_core, "the log can't be archived: transaction " + std::to_string(header.key) + " follows on " +
-                                     std::to_string(m_last) + ", or is not whole",
-                         m_core.m_segments->OffsetOf(segment.slot) + pos);
+        if (PacketType(header.info) == EPacketType::COMMIT) return TakeCommit(segment, pos, header, payload);
         if (m_count.Add(header)) {
-            if (wasEmpty && m_copyFrom < 0) m_copyFrom = pos; // what stands between transactions is not needed
-        } else if (agrees) {
-            m_last = header.key;
-            m_time = ReadPod<CommitPayload>(payload).time;
-            Copy(segment, base, behind);
-            m_writer->MarkWhole();
-            m_copyFrom = -1;
-            return m_writer->WholeBytes() < m_archive.m_deltaBytes;
-        } else if (PacketType(header.info) == EPacketType::LINK) {
-            m_linkedTo = header.key;
-            m_linkSlot = PayloadBytes(header.info) == sizeof(LinkPayload)
-                             ? static_cast<ssize_t>(ReadPod<LinkPayload>(payload).slot)
-                             : -1;
+            if (wasEmpty) m_openFrom = pos;
+            return true;
         }
-        return true;
+        if (PacketType(header.info) != EPacketType::LINK) return true;
+        m_linkedTo = header.key;
+        m_linkSlot = PayloadBytes(header.info) == sizeof(LinkPayload)
+                         ? static_cast<ssize_t>(ReadPod<LinkPayload>(payload).slot)
+                         : -1;
+        return false; // behind it stands what an earlier use of the slot has left
     }
 
-    void Copy(const ChainSegment& segment, ssize_t base, ssize_t to) {
-        if (to <= m_copyFrom) return;
+    bool TakeCommit(const ChainSegment& segment, ssize_t pos, const PacketHeader& header, const octet_t* payload) {
+        if (PayloadBytes(header.info) != sizeof(CommitPayload) || header.key != m_last + 1 ||
+            !m_count.Agrees(ReadPod<CommitPayload>(payload)))
+            ThrowCorrupt(m_core,
+                         "the log can't be archived: transaction " + std::to_string(header.key) + " follows on " +
+                             std::to_string(m_last) + ", or is not whole",
+                         m_core.m_segments->OffsetOf(segment.slot) + pos);
+        m_count.Reset();
+        m_last = header.key;
+        m_time = ReadPod<CommitPayload>(payload).time;
+        if (m_wholeFrom < 0) m_wholeFrom = m_openFrom; // what stands in front of the first transaction is not needed
+        m_wholeTo = pos + PacketBytes(header.info);
+        return (m_writer ? m_writer->Bytes() : 0) + m_wholeTo - m_wholeFrom < m_archive.m_deltaBytes;
+    }
+
+    void Copy(const ChainSegment& segment, ssize_t base, ssize_t from, ssize_t to) {
+        if (to <= from) return;
         if (!m_writer) OpenWriter();
-        m_writer->Append(static_cast<uint32>(segment.slot), static_cast<uint32>(m_copyFrom), segment.sequence,
-                         m_bytes.data() + (m_copyFrom - base), to - m_copyFrom);
+        m_writer->Append(static_cast<uint32>(segment.slot), static_cast<uint32>(from), segment.sequence,
+                         m_bytes.data() + (from - base), to - from);
     }
 
     void OpenWriter() {
@@ -281,8 +287,12 @@ private:
     uint64 m_last;        // transaction that was met
     uint64 m_time;        // of its commit
     CommitCount m_count;
-    ssize_t m_copyFrom = -1; // offset of what is to be copied next; -1: nothing yet
-    uint64 m_linkedTo = 0;   // the LINK at the end of the segment; 0: none was met
+    // Of the segment that is being read: offsets between which there are whole transactions (-1: none), and where the packets
+    // of the open one begin.
+    ssize_t m_wholeFrom = -1;
+    ssize_t m_wholeTo = -1;
+    ssize_t m_openFrom = 0;
+    uint64 m_linkedTo = 0; // the LINK at the end of the segment; 0: none was met
     ssize_t m_linkSlot = -1;
 };
 

@@ -80,6 +80,7 @@ public:
     void MarkWhole() { m_whole = m_end; }
     bool HasWhole() const { return m_whole.offset > static_cast<int64>(sizeof(DeltaHeader)); }
     int64 WholeBytes() const { return m_whole.offset; }
+    int64 Bytes() const { return m_end.offset; }
     // Writes the closing frame, syncs, renames, syncs the directory. With `replace` a file of that name may stand there.
     void Finish(uint64 lastTransaction, uint64 lastTime, uint32 nextHigh, const std::vector<AllocHorizon>& horizons,
                 bool replace);

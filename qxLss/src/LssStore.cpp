@@ -348,14 +348,9 @@ void LssStore::RaiseHorizons(const std::vector<AllocHorizon>& horizons, uint32 n
     const auto makeRoom = [this] {
         if (m_ring.WantsCheckpoint()) m_checkpoint.Run(Checkpoint::EReason::RUNNING);
     };
-    while (m_ring.NextHigh() < nextHigh) {
-        m_allocator.AllocateSeidHigh();
-        makeRoom();
-    }
+    m_ring.RaiseNextHigh(nextHigh);
     for (const AllocHorizon& known : horizons) {
-        if (known.horizon == 0) continue;
-        const Seid last(known.horizon - 1, known.high);
-        if (!m_allocator.IsAllocated(last)) static_cast<void>(m_allocator.TakeOver(last));
+        m_allocator.SpendBelow(known.high, known.horizon);
         makeRoom();
     }
 }

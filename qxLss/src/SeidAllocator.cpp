@@ -210,6 +210,18 @@ bool SeidAllocator::TakeOver(Seid seid) {
     return true;
 }
 
+void SeidAllocator::SpendBelow(SeidHigh high, uint32 horizon) {
+    if (!IsAllocatedHigh(high)) return;
+    HighState& state = FindOrAdd(high);
+    const std::lock_guard lock(state.m_mutex);
+    EnsureHorizon(state, ClampToLimit(horizon));
+    const uint32 durable = state.m_durable.load(std::memory_order_relaxed);
+    state.m_frontier = std::max(state.m_frontier, ClampToLimit(RoundUp(durable, SeidFamilies::GRANULE)));
+    state.m_block.store(PackBlock(0, 0), std::memory_order_relaxed);
+    state.m_smallNext = state.m_smallEnd = 0;
+    state.m_families.reset();
+}
+
 Seid SeidAllocator::AllocateSeid(SeidHigh high) {
     if (HighState* state = Find(high)) [[likely]] {
         uint32 low;

@@ -35,7 +35,8 @@ SimSys::SimSys(const DiskImage& image) : m_initial(image), m_wallClock(0) {
 }
 
 SimSys::~SimSys() {
-    for (const Inode& inode : m_files) ::close(inode.memory);
+    for (const Inode& inode : m_files)
+        if (inode.memory >= 0) ::close(inode.memory);
 }
 
 // --- disturbing and looking
@@ -311,8 +312,11 @@ int SimSys::RenameTo(const char* from, const char* to, bool replace) {
     if (name == m_names.end()) return -ENOENT;
     if (!replace && m_names.contains(to)) return -EEXIST;
     const int file = name->second;
+    const auto replaced = m_names.find(to);
+    const int gone = replaced == m_names.end() ? -1 : replaced->second;
     m_names.erase(name);
     m_names[to] = file;
+    if (gone >= 0) ReleaseIfUnused(gone);
     Note({.kind = EKind::RENAME, .file = file, .data = {}, .name = from, .name2 = to});
     return 0;
 }
@@ -323,9 +327,24 @@ int SimSys::RenameNoReplace(const char* from, const char* to) { return RenameTo(
 int SimSys::Remove(const char* path) {
     const std::lock_guard lock(m_mutex);
     if (const int error = BeginChange(ESimCall::REMOVE, path)) return error;
-    if (m_names.erase(path) == 0) return -ENOENT;
+    const auto name = m_names.find(path);
+    if (name == m_names.end()) return -ENOENT;
+    const int file = name->second;
+    m_names.erase(name);
+    ReleaseIfUnused(file);
     Note({.kind = EKind::REMOVE, .data = {}, .name = path, .name2 = {}});
     return 0;
+}
+
+// A file without a name that nobody has open: gives its memory back. A mapping keeps its own.
+void SimSys::ReleaseIfUnused(int file) {
+    const auto isIt = [file](const auto& named) { return named.second == file; };
+    const auto hasItOpen = [file](const auto& open) { return open.second.file == file; };
+    Inode& inode = m_files[static_cast<size_t>(file)];
+    if (inode.memory < 0 || std::any_of(m_names.begin(), m_names.end(), isIt) ||
+        std::any_of(m_open.begin(), m_open.end(), hasItOpen))
+        return;
+    ::close(std::exchange(inode.memory, -1));
 }
 
 bool SimSys::HasDirectory(const std::string& path) const {
@@ -414,7 +433,12 @@ int SimSys::Load(int fd, const octet_t*, off_t at, size_t n) {
 
 int SimSys::Close(int fd) {
     const std::lock_guard lock(m_mutex);
-    return m_open.erase(fd) == 1 ? 0 : -EBADF;
+    const auto found = m_open.find(fd);
+    if (found == m_open.end()) return -EBADF;
+    const int file = found->second.file;
+    m_open.erase(found);
+    ReleaseIfUnused(file);
+    return 0;
 }
 
 int64 SimSys::MonotonicNanos() {

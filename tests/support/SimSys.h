@@ -131,6 +131,7 @@ private:
     int BeginChange(ESimCall kind, const std::string& path);
     int BeginChange(ESimCall kind, int fd);
     bool HasDirectory(const std::string& path) const;
+    void ReleaseIfUnused(int file);
     size_t Shortened(size_t n);
     Inode& FileOf(int fd);
     Descriptor* Find(int fd);
