@@ -132,13 +132,13 @@ StorePtr TryOnce(const OpenRequest& request, bool& createdNew) {
     return createdNew ? Create(request, true) : OpenFile(std::move(core), request.deltasDirectory);
 }
 
-ILogStructuredStore* Open(const OpenRequest& request, bool& createdNew) {
+ILogStructuredStore* Open(const OpenRequest& request, bool& createdNew, EBackground background) {
     InstallForkGuard();
     for (;;) {
         bool created = false;
         StorePtr store = TryOnce(request, created);
         if (!store) continue;
-        store->StartThreads();
+        if (background == EBackground::THREADS) store->StartThreads();
         createdNew = created;
         return store.release();
     }
@@ -155,13 +155,14 @@ ConstStringZ OrEmpty(ConstStringZ path) { return path ? path : ""; }
 ILogStructuredStore* CreateOrOpenLSS(ConstStringZ path, ConstStringZ deltasDirPath, bool& createdNew,
                                      EOpenMode openMode, const LssSettings& settings) {
     CheckArguments(path);
-    return Open({RealSysCalls(), path, OrEmpty(deltasDirPath), openMode, settings, MIN_SEGMENT_SIZE}, createdNew);
+    return Open({RealSysCalls(), path, OrEmpty(deltasDirPath), openMode, settings, MIN_SEGMENT_SIZE}, createdNew,
+                EBackground::THREADS);
 }
 
 ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ deltasDirPath, bool& createdNew,
-                                    EOpenMode openMode, const LssSettings& settings) {
+                                    EOpenMode openMode, const LssSettings& settings, EBackground background) {
     CheckArguments(path);
-    return Open({sys, path, OrEmpty(deltasDirPath), openMode, settings, MIN_TEST_SEGMENT_SIZE}, createdNew);
+    return Open({sys, path, OrEmpty(deltasDirPath), openMode, settings, MIN_TEST_SEGMENT_SIZE}, createdNew, background);
 }
 
 } // namespace quna
