@@ -1,5 +1,6 @@
 #include "qxLss/src/Checkpoint.h"
 
+#include "qxLss/src/Mutants.h"
 #include "qxLss/src/UsageCheck.h"
 
 #include <algorithm>
@@ -21,11 +22,13 @@ constexpr ssize_t MAX_TOUCHED_SEGMENTS = 8;       // for each checkpoint
 struct Checkpoint::State {
     LogPosition position{};
     uint64 clock = 0;
+    uint64 volume = 0;
     uint64 lastTransaction = 0;
     uint64 ringSequence = 0;
     uint32 nextHigh = 0;
     std::vector<HighAllocation> highs;
     std::vector<ssize_t> emptied; // log segments without a live packet
+    std::vector<ssize_t> sealed;  // the others that will not grow any more
     int64 liveHead = 0;
     int64 liveOverflow = 0;
     int64 numTransactions = 0;
@@ -46,9 +49,12 @@ void Checkpoint::Import(const CheckpointHeader& header, const std::vector<ssize_
     m_isBeingCreated.store(header.flags & HEADER_FLAG_CREATING, std::memory_order_relaxed);
     const ssize_t numSlots = m_space.NumSlots();
     for (ssize_t slot = 0; slot < numSlots; ++slot) {
-        if ((*m_core.m_segments)[slot].kind == ESegmentKind::INDEX) m_indexSegments.insert(slot);
+        SegmentSlot& s = (*m_core.m_segments)[slot];
+        if (s.kind == ESegmentKind::INDEX) m_indexSegments.insert(slot);
+        // Those that were walked through stand behind the checkpoint that an open after a crash begins with.
+        if (s.usedBytes && slot != static_cast<ssize_t>(header.startSlot)) s.mayBeVictim = true;
     }
-    ScheduleNext();
+    ScheduleNext(header.logClock);
 }
 
 void Checkpoint::Run(EReason reason) {
@@ -56,13 +62,20 @@ void Checkpoint::Run(EReason reason) {
     m_core.ThrowIfUnwritable();
     State state;
     TakePosition(state, reason);
+    m_core.Step();
     m_index.WriteSnapshot(*this);
+    if (IsMutant(EMutant::INDEX_FREED_EARLY)) FreeIndexSegments();
+    m_core.Step();
     WriteTables(state);
     m_writer.End();
-    m_flusher.SyncAll();
+    m_core.Step();
+    if (!IsMutant(EMutant::HEADER_BEFORE_SYNC)) m_flusher.SyncAll();
+    m_core.Step();
     WriteHeader(state, reason);
+    m_core.Step();
     FreeSegments(state);
-    ScheduleNext();
+    ScheduleNext(state.volume);
+    m_core.Step();
 }
 
 void Checkpoint::Validate() {
@@ -80,6 +93,7 @@ void Checkpoint::TakePosition(State& state, EReason reason) {
     TouchSparseSegments();
     state.position = m_log.Position();
     state.clock = m_log.Clock();
+    state.volume = LogVolume();
     state.lastTransaction = m_log.LastTransaction();
     state.liveHead = m_core.m_counters.liveHead.load(std::memory_order_relaxed);
     state.liveOverflow = m_core.m_counters.liveOverflow.load(std::memory_order_relaxed);
@@ -90,10 +104,14 @@ void Checkpoint::TakePosition(State& state, EReason reason) {
     for (ssize_t slot = 0; slot < numSlots; ++slot) {
         const SegmentSlot& s = (*m_core.m_segments)[slot];
         const bool isLog = s.sequence && (s.kind == ESegmentKind::USER || s.kind == ESegmentKind::SURVIVORS);
-        if (isLog && s.livePackets == 0 && slot != state.position.slot)
+        const bool isSealed =
+            isLog && slot != state.position.slot && (!s.isOpen || IsMutant(EMutant::OPEN_TAKEN_FOR_SEALED));
+        if (isSealed && s.livePackets == 0) {
             state.emptied.push_back(slot);
-        else
-            m_copy[static_cast<size_t>(slot)] = m_core.m_segments->Entry(slot);
+            continue;
+        }
+        if (isSealed) state.sealed.push_back(slot);
+        m_copy[static_cast<size_t>(slot)] = m_core.m_segments->Entry(slot);
     }
     state.ringSequence = m_allocator.BeginCheckpoint(reason == EReason::CLEAN_CLOSE, state.highs, state.nextHigh);
     m_index.BeginSnapshot();
@@ -167,14 +185,18 @@ Location Checkpoint::WritePage(uint64 key, const void* payload, ssize_t n) {
     if (!m_writer.IsOpen() || m_writer.Room() < PaddedSize(PACKET_HEADER_BYTES + n)) BeginSegment();
     const Location l = m_writer.Append(EPacketType::INDEX, key, payload, n);
     ++(*m_core.m_segments)[m_writer.Slot()].packets;
-    m_core.m_counters.liveBytes.fetch_add(m_core.m_segments->Credit(l), std::memory_order_relaxed);
+    const ssize_t bytes = m_core.m_segments->Credit(l);
+    m_core.m_counters.liveBytes.fetch_add(bytes, std::memory_order_relaxed);
+    m_core.m_counters.indexBytes.fetch_add(bytes, std::memory_order_relaxed);
     m_core.m_counters.packets.fetch_add(1, std::memory_order_relaxed);
     m_core.m_counters.liveIndex.fetch_add(1, std::memory_order_relaxed);
     return l;
 }
 
 void Checkpoint::PageDied(Location l) {
-    m_core.m_counters.liveBytes.fetch_sub(m_core.m_segments->Debit(l), std::memory_order_relaxed);
+    const ssize_t bytes = m_core.m_segments->Debit(l);
+    m_core.m_counters.liveBytes.fetch_sub(bytes, std::memory_order_relaxed);
+    m_core.m_counters.indexBytes.fetch_sub(bytes, std::memory_order_relaxed);
     m_core.m_counters.liveIndex.fetch_sub(1, std::memory_order_relaxed);
 }
 
@@ -308,6 +330,12 @@ void Checkpoint::FreeSegments(const State& state) {
         for (const Location l : *packets) m_held.insert(m_core.m_segments->SlotOf(l));
     }
     m_reserved.clear();
+    FreeIndexSegments();
+    for (const ssize_t slot : state.emptied) m_space.Free(slot);
+    for (const ssize_t slot : state.sealed) (*m_core.m_segments)[slot].mayBeVictim = true;
+}
+
+void Checkpoint::FreeIndexSegments() {
     for (auto i = m_indexSegments.begin(); i != m_indexSegments.end();) {
         if ((*m_core.m_segments)[*i].livePackets == 0 && !m_held.contains(*i)) {
             m_space.Free(*i);
@@ -316,15 +344,15 @@ void Checkpoint::FreeSegments(const State& state) {
             ++i;
         }
     }
-    for (const ssize_t slot : state.emptied) m_space.Free(slot);
 }
 
-void Checkpoint::ScheduleNext() {
+void Checkpoint::ScheduleNext(uint64 volume) {
     const int64 least =
         std::min<int64>(int64{m_core.m_settings.numSegmentsPerCheckPoint} * m_core.m_segmentSize, MAX_LOG_BETWEEN);
     const int64 between =
         std::clamp<int64>(m_space.FileBytes() / 4, std::max<int64>(least, m_core.m_segmentSize), MAX_LOG_BETWEEN);
-    m_dueClock.store(m_header.logClock + static_cast<uint64>(between), std::memory_order_relaxed);
+    m_volume.store(volume, std::memory_order_relaxed);
+    m_dueVolume.store(volume + static_cast<uint64>(between), std::memory_order_relaxed);
 }
 
 // Nothing but the flag changes, so the next header may say the same of everything else.

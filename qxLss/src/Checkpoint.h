@@ -22,7 +22,8 @@ namespace quna {
 // horizons, mark the dirty pages of the index; (2) without it, write the pages as they were, bottom up; (3) write horizons
 // and usage table; (4) sync, write the header, durably, and a ring block that names it. Only then are the segments free
 // that nothing needs any more: index segments without a current page, and log segments that held no live packet at P.
-// The latter stand as free in the copy, so that recovery agrees.
+// The latter stand as free in the copy, so that recovery agrees. And only then may the cleaner have the others that were
+// sealed before P: recovery walks through later ones, and verifies what was moved into them.
 //
 // Ownership: owns the writer of the index segments; borrows the rest.
 // Threads:   Run and ClearCreatingFlag by any thread without the turn; one at a time by m_mutex, which is outside the turn.
@@ -42,6 +43,9 @@ public:
 
     // Throws FileException or CorruptLSSException; then the store must not write any more (the caller sees to that).
     void Run(EReason reason);
+    // While the lock is held no checkpoint runs. For the cleaner's batches: a checkpoint would take a victim that is freed
+    // during it for used, or an index segment for a victim.
+    std::unique_lock<std::mutex> Exclude() { return std::unique_lock(m_mutex); }
     // Recounts the usage table while nothing is written; see CheckUsage. Requires: the caller has no transaction open.
     void Validate();
     // The store's first transaction has been closed: from now on it counts as created.
@@ -49,12 +53,19 @@ public:
     bool IsBeingCreated() const { return m_isBeingCreated.load(std::memory_order_relaxed); }
 
     // Has the log grown enough since the last one?
-    bool IsDue() const { return m_log.HandedClock() >= m_dueClock.load(std::memory_order_relaxed); }
+    bool IsDue() const { return LogVolume() >= m_dueVolume.load(std::memory_order_relaxed); }
+    // Bytes of log, the cleaner's included, written since the last one began.
+    uint64 LogSince() const { return LogVolume() - m_volume.load(std::memory_order_relaxed); }
     // Slots that a checkpoint of the present dirty pages takes at most. With the turn.
     ssize_t SlotsNeeded() const;
 
 private:
     struct State;
+
+    // Log bytes of users and cleaner.
+    uint64 LogVolume() const {
+        return m_log.HandedClock() + m_core.m_counters.survivorBytes.load(std::memory_order_relaxed);
+    }
 
     Location WritePage(uint64 key, const void* payload, ssize_t n) override;
     void PageDied(Location l) override;
@@ -71,7 +82,8 @@ private:
     ssize_t TakeIndexSegment();
     void WriteHeader(State& state, EReason reason);
     void FreeSegments(const State& state);
-    void ScheduleNext();
+    void FreeIndexSegments();
+    void ScheduleNext(uint64 volume);
 
     StoreCore& m_core;
     SpaceManager& m_space;
@@ -90,7 +102,8 @@ private:
     std::set<ssize_t> m_held;      // hold the tables that m_header names
     uint64 m_previousSequence = 0; // of the index stream
     std::atomic<bool> m_isBeingCreated{false};
-    std::atomic<uint64> m_dueClock{0};
+    std::atomic<uint64> m_volume{0};    // LogVolume at the position of the last one
+    std::atomic<uint64> m_dueVolume{0}; // of the next
 };
 
 } // namespace quna

@@ -2,13 +2,14 @@
 
 #include "qxUtils/Thread.h"
 
+#include <chrono>
 #include <utility>
 
 namespace quna {
 
 CleanThread::~CleanThread() { Stop(); }
 
-void CleanThread::Start(std::function<void()> work, std::function<void()> failed) {
+void CleanThread::Start(std::function<int()> work, std::function<void()> failed) {
     m_work = std::move(work);
     m_failed = std::move(failed);
     m_thread = std::thread([this] { ThreadMain(); });
@@ -35,14 +36,20 @@ void CleanThread::Wake() {
 void CleanThread::ThreadMain() {
     SetThreadName("Lss clean");
     std::unique_lock lock(m_mutex);
+    int wait = -1; // ms
     for (;;) {
-        m_wake.wait(lock, [this] { return m_woken || m_stop; });
+        const auto isWanted = [this] { return m_woken || m_stop; };
+        if (wait < 0)
+            m_wake.wait(lock, isWanted);
+        else
+            m_wake.wait_for(lock, std::chrono::milliseconds(wait), isWanted);
         if (m_stop) return;
         m_woken = false;
         lock.unlock();
         try {
-            m_work();
+            wait = m_work();
         } catch (...) {
+            wait = -1;
             m_failed();
         }
         lock.lock();

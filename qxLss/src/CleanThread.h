@@ -1,4 +1,4 @@
-// The thread "Lss clean": checkpoints and growth ahead of need.
+// The thread "Lss clean": checkpoints, cleaning, growth ahead of need, shrinking.
 #pragma once
 
 #include "qxUtils/BasicTypes.h"
@@ -11,7 +11,8 @@
 
 namespace quna {
 
-// Calls its work whenever it has been woken. What the work throws goes to `failed`.
+// Calls its work whenever it has been woken, and again after as many milliseconds as the work returned (below 0: not
+// before it is woken). What the work throws goes to `failed`.
 //
 // Ownership: owns the thread. Threads: Wake from any thread; Start and Stop by one.
 class QX_API CleanThread {
@@ -21,14 +22,15 @@ public:
     CleanThread& operator=(const CleanThread&) = delete;
     ~CleanThread();
 
-    void Start(std::function<void()> work, std::function<void()> failed);
+    void Start(std::function<int()> work, std::function<void()> failed);
     void Stop();
     void Wake();
+    bool IsRunning() const { return m_thread.joinable(); }
 
 private:
     void ThreadMain();
 
-    std::function<void()> m_work;
+    std::function<int()> m_work;
     std::function<void()> m_failed; // called inside the catch block
     std::mutex m_mutex;             // leaf
     std::condition_variable m_wake;

@@ -16,6 +16,14 @@ constexpr ConstStringZ SOURCE_PATH = "src/LssStore";
 
 // Slots that a transaction finds ready, besides those of a checkpoint.
 constexpr ssize_t SLOTS_FOR_TRANSACTION = 4;
+// Slots that only maintenance may use, so that a full disk can still be cleaned.
+constexpr ssize_t SLOTS_FOR_CLEANER = 8;
+
+// Free slots beyond these and 5 % of the file are given back while the store is at work, all others when it rests.
+constexpr ssize_t MANY_FREE_SLOTS = 64;
+constexpr ssize_t LEAST_COMFORT = 16;
+constexpr int REST_MILLISEC = 1000;
+constexpr int PUNCH_MILLISEC = 125; // 8 slots a second: a hole costs some 200 us
 
 int Saturate(int64 x) { return static_cast<int>(std::clamp<int64>(x, 0, std::numeric_limits<int>::max())); }
 
@@ -26,8 +34,11 @@ LssStore::LssStore(std::unique_ptr<StoreCore> core)
       m_ring(m_core->m_file, m_core->m_storeId, [this] { m_cleanThread.Wake(); }),
       m_allocator(m_ring, [this] { m_flusher.WakeTopUp(); }), m_index(*m_core), m_log(*m_core, m_space, m_flusher),
       m_checkpoint(*m_core, m_space, m_log, m_index, m_flusher, m_ring, m_allocator),
+      m_cleaner(*m_core, m_space, m_log, m_index, m_flusher, m_checkpoint),
       m_transaction(*m_core, m_log, m_index, m_flusher, m_allocator,
-                    [this](bool unwinding) { OnTransactionClosed(unwinding); }) {}
+                    [this](bool unwinding) { OnTransactionClosed(unwinding); }) {
+    if (m_cleaner.IsEnabled() && !m_core->m_readOnly) m_space.SetReserve(SLOTS_FOR_CLEANER);
+}
 
 LssStore::~LssStore() { StopThreads(); }
 
@@ -64,7 +75,7 @@ void LssStore::Recover(const CheckpointHeader& header) {
     }
     m_flusher.SetDurableClock(log.clock);
     m_log.Resume(log.end, log.clock);
-    if (m_core->m_settings.forceIncrementMSSN) m_log.LinkToNext();
+    if (m_core->m_settings.forceIncrementMSSN) m_log.LinkToNext(EClaim::MAINTENANCE);
 }
 
 void LssStore::StartThreads() {
@@ -73,13 +84,19 @@ void LssStore::StartThreads() {
     hooks.handOverBuffered = [this] { HandOverBuffered(); };
     hooks.topUp = [this] { m_allocator.TopUp(); };
     m_flusher.Start(std::move(hooks));
-    m_cleanThread.Start([this] { DoBackgroundWork(); }, [this] { m_core->FailWithCurrentException(); });
+    m_cleanThread.Start([this] { return DoBackgroundWork(); },
+                        [this] {
+                            m_core->FailWithCurrentException();
+                            m_cleaner.NoteRoundEnded();
+                        });
+    if (m_cleaner.IsDue()) m_cleanThread.Wake(); // dead space may have been left by a killed process
 }
 
 // --- ending
 
 // The flusher may wait for a turn and the checkpoint for a sync, but neither for the other's end.
 void LssStore::StopThreads() {
+    m_cleaner.RequestStop();
     m_cleanThread.Stop();
     m_flusher.Stop();
 }
@@ -152,6 +169,7 @@ IContiguousSerialElement* LssStore::OpenSerialElement(Seid seid) {
 ILssTransaction* LssStore::OpenTransaction() {
     m_core->ThrowIfUnwritable();
     QX_ASSERT(!m_log.Turn().IsOwnedByThisThread());
+    if (!m_core->m_readOnly && m_cleanThread.IsRunning()) m_cleaner.WaitForRoom();
     m_log.Turn().Acquire();
     if (m_core->m_readOnly) {
         m_overlayTransaction->Open();
@@ -161,13 +179,31 @@ ILssTransaction* LssStore::OpenTransaction() {
         const std::string kept = m_transaction.TakeKeptFailure();
         if (!kept.empty()) throw FileException(kept.c_str());
         m_core->ThrowIfUnwritable();
-        m_space.EnsureReady(SLOTS_FOR_TRANSACTION + m_checkpoint.SlotsNeeded());
+        MakeRoomForTransaction();
         m_transaction.Open();
     } catch (...) {
         m_log.Turn().Release();
         throw;
     }
     return &m_transaction;
+}
+
+// With the turn, which is given back for a while if the disk is full and the cleaner may help.
+void LssStore::MakeRoomForTransaction() {
+    try {
+        m_space.EnsureReady(SLOTS_FOR_TRANSACTION + m_checkpoint.SlotsNeeded());
+        return;
+    } catch (const FileException&) {
+        m_cleaner.RequestUrgently();
+        if (!m_cleaner.IsEnabled() || !m_cleanThread.IsRunning()) throw;
+    }
+    m_log.Turn().Release();
+    const uint64 rounds = m_cleaner.NumRounds();
+    m_cleanThread.Wake();
+    m_cleaner.WaitForRound(rounds);
+    m_log.Turn().Acquire();
+    m_core->ThrowIfUnwritable();
+    m_space.EnsureReady(SLOTS_FOR_TRANSACTION + m_checkpoint.SlotsNeeded());
 }
 
 void LssStore::OnTransactionClosed(bool unwinding) {
@@ -181,7 +217,7 @@ void LssStore::OnTransactionClosed(bool unwinding) {
             throw;
         }
     }
-    if (m_checkpoint.IsDue() || m_space.IsShort()) [[unlikely]]
+    if (m_checkpoint.IsDue() || m_space.IsShort() || m_cleaner.IsDue()) [[unlikely]]
         m_cleanThread.Wake();
 }
 
@@ -193,10 +229,48 @@ void LssStore::HandOverBuffered() {
     m_log.HandOver();
 }
 
-void LssStore::DoBackgroundWork() {
-    if (m_core->HasFailed()) return;
-    if (m_checkpoint.IsDue() || m_ring.WantsCheckpoint()) m_checkpoint.Run(Checkpoint::EReason::RUNNING);
-    m_space.GrowAhead();
+// --- in the background
+
+int LssStore::DoBackgroundWork() {
+    if (m_core->HasFailed()) return -1;
+    CleanUntilAtRest();
+    return Shrink();
+}
+
+void LssStore::CleanUntilAtRest() {
+    const bool urgent = m_cleaner.TakeUrgent();
+    bool wanted = false; // a checkpoint, by the cleaner
+    for (;;) {
+        if (wanted || m_checkpoint.IsDue() || m_ring.WantsCheckpoint()) m_checkpoint.Run(Checkpoint::EReason::RUNNING);
+        m_space.GrowAhead();
+        const Cleaner::EOutcome outcome = m_cleaner.CleanOnce(urgent);
+        if (outcome != Cleaner::EOutcome::NEEDS_CHECKPOINT) m_cleaner.NoteRoundEnded();
+        if (outcome == Cleaner::EOutcome::AT_REST) return;
+        if (outcome == Cleaner::EOutcome::NEEDS_CHECKPOINT && wanted) {
+            m_cleaner.Rest();
+            m_cleaner.NoteRoundEnded();
+            return;
+        }
+        wanted = outcome == Cleaner::EOutcome::NEEDS_CHECKPOINT;
+    }
+}
+
+// A slot that is cut off or punched is no loss if the power fails: nothing durable names it any more. Failing is none
+// either: the file is only larger than it need be.
+int LssStore::Shrink() {
+    const ssize_t comfort = std::max(m_space.Comfort(), LEAST_COMFORT);
+    if (!m_canShrink || m_space.NumFree() <= comfort) return -1;
+    const uint64 clock = m_log.HandedClock();
+    const bool rests = std::exchange(m_clockSeen, clock) == clock;
+    const ssize_t keep = rests ? comfort : comfort + std::max(MANY_FREE_SLOTS, m_space.NumSlots() / 20);
+    try {
+        if (m_space.NumFree() > keep) m_space.TrimEnd(keep);
+    } catch (const FileException&) {
+        m_canShrink = false;
+        return -1;
+    }
+    if (m_space.PunchOne(keep)) return PUNCH_MILLISEC;
+    return rests ? -1 : REST_MILLISEC;
 }
 
 void LssStore::Flush() {
@@ -233,6 +307,20 @@ void LssStore::CheckpointForTest() {
         m_core->FailWithCurrentException();
         throw;
     }
+}
+
+ssize_t LssStore::CleanForTest(ssize_t maxVictims) {
+    try {
+        return m_cleaner.CleanForTest(maxVictims);
+    } catch (...) {
+        m_core->FailWithCurrentException();
+        throw;
+    }
+}
+
+void LssStore::ShrinkForTest() {
+    m_space.TrimEnd(SLOTS_FOR_TRANSACTION);
+    m_space.PunchOne(0);
 }
 
 void LssStore::Validate() { m_checkpoint.Validate(); }

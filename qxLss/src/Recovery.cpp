@@ -112,7 +112,7 @@ RecoveredLog Recovery::Run(const CheckpointHeader& header) {
         m_result.nextSequence = std::max(header.nextSegmentSequence, m_result.ring.sequenceBase) + SEQUENCE_JUMP;
     LoadTables(header);
     Walk(header);
-    Finish(header);
+    Finish();
     return std::move(m_result);
 }
 
@@ -196,15 +196,20 @@ void Recovery::FillSegments(const CheckpointHeader& header, const std::vector<Su
     c.numRecoveries.store(static_cast<int64>(header.numRecoveries));
     c.numTransactions.store(static_cast<int64>(header.numTransactions));
     int64 packets = 0;
+    int64 indexBytes = 0;
     for (ssize_t slot = 0; slot < static_cast<ssize_t>(entries.size()); ++slot) {
         const SutEntry& entry = entries[static_cast<size_t>(slot)];
         m_segments.SetEntry(slot, entry);
         if (!entry.sequence) continue;
         packets += entry.packets;
+        if (entry.kind == static_cast<uint8>(ESegmentKind::INDEX)) indexBytes += entry.liveBytes;
+        if (slot != static_cast<ssize_t>(header.startSlot))
+            m_segments[slot].usedBytes = m_segments.UsageOfStored(entry);
         m_segments[slot].crcSeed = SegmentCrcSeed(m_core.m_storeId, entry.sequence);
         m_segments[slot].base.store(m_core.m_map->At(m_segments.OffsetOf(slot)), std::memory_order_relaxed);
     }
     c.packets.store(packets);
+    c.indexBytes.store(indexBytes);
 }
 
 void Recovery::FillIndex(const std::vector<HighsEntry>& entries) {
@@ -217,7 +222,7 @@ void Recovery::FillIndex(const std::vector<HighsEntry>& entries) {
     }
 }
 
-void Recovery::Finish(const CheckpointHeader& header) {
+void Recovery::Finish() {
     // Empty index segments that the header does not name were left by a checkpoint that was cut short, or are free since
     // that header is durable.
     for (ssize_t slot = 0; slot < m_numSlots; ++slot) {
@@ -226,7 +231,9 @@ void Recovery::Finish(const CheckpointHeader& header) {
         if (s.sequence && s.kind == ESegmentKind::INDEX && s.livePackets == 0 && !isHeld)
             m_segments.SetEntry(slot, SutEntry{});
     }
-    static_cast<void>(header);
+    int64 usedBytes = 0;
+    for (ssize_t slot = 0; slot < m_numSlots; ++slot) usedBytes += m_segments[slot].usedBytes;
+    m_core.m_counters.usedBytes.store(usedBytes);
     m_space.Import(m_numSlots, m_result.nextSequence);
 }
 

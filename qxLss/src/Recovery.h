@@ -78,7 +78,8 @@ private:
     std::vector<octet_t> ReadTablePacket(Location l, EPacketType type);
     void FillSegments(const CheckpointHeader& header, const std::vector<SutEntry>& entries);
     void FillIndex(const std::vector<HighsEntry>& entries);
-    void Finish(const CheckpointHeader& header);
+    void Finish();
+    void NoteUsedUpTo(ssize_t slot, ssize_t offset);
 
     void Walk(const CheckpointHeader& header);
     EStep ReadStep();

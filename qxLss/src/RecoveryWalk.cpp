@@ -30,6 +30,7 @@ void Recovery::Walk(const CheckpointHeader& header) {
     m_pos = m_result.end.offset;
     while (ReadStep() != EStep::END) {
     }
+    NoteUsedUpTo(m_segment.slot, m_pos);
     m_result.clock = m_segment.clock + static_cast<uint64>(m_pos);
     m_result.end = {m_segment.slot, m_pos, m_segment.sequence};
     ResetPending();
@@ -165,6 +166,7 @@ Recovery::EStep Recovery::TakeLink(const PacketHeader& packet, const octet_t* pa
         m_brokenLinkSequence = packet.key;
         return EStep::END;
     }
+    NoteUsedUpTo(m_segment.slot, m_pos);
     EnterSegment(link.slot, header);
     ReadSegment(link.slot, m_segment);
     m_segment.sequence = header.sequence;
@@ -172,6 +174,10 @@ Recovery::EStep Recovery::TakeLink(const PacketHeader& packet, const octet_t* pa
     m_segment.clock = header.clockAtOpening;
     m_pos = SEGMENT_HEADER_BYTES;
     return EStep::FOLLOW;
+}
+
+void Recovery::NoteUsedUpTo(ssize_t slot, ssize_t offset) {
+    m_segments[slot].usedBytes = static_cast<uint32>(offset - SEGMENT_HEADER_BYTES);
 }
 
 void Recovery::CountSinceCommit(ssize_t packetBytes) {
@@ -281,6 +287,7 @@ void Recovery::ApplyReloc(const Reloc& reloc) {
     for (size_t i = 0; i < reloc.ranges.size(); ++i) {
         EnterSegment(reloc.ranges[i].slot, reloc.segments[i]);
         m_segments[reloc.ranges[i].slot].packets += reloc.packets[i];
+        NoteUsedUpTo(reloc.ranges[i].slot, reloc.ranges[i].to);
         m_core.m_counters.packets.fetch_add(reloc.packets[i], std::memory_order_relaxed);
     }
     std::unordered_set<uint64> longSeids;

@@ -1,5 +1,6 @@
 #include "qxLss/src/SegmentTable.h"
 
+#include <algorithm>
 #include <bit>
 #include <new>
 
@@ -24,6 +25,15 @@ bool SegmentTable::IsInside(Location l, ssize_t numSlots) const {
     if (l >> 61 || LocationOffset(l) < m_dataStart || LocationBytes(l) < PACKET_HEADER_BYTES) return false;
     const ssize_t offset = OffsetIn(l);
     return SlotOf(l) < numSlots && offset >= SEGMENT_HEADER_BYTES && offset + LocationBytes(l) <= m_segmentSize;
+}
+
+uint32 SegmentTable::UsageOfStored(const SutEntry& e) const {
+    const uint32 most = static_cast<uint32>(m_segmentSize - SEGMENT_HEADER_BYTES);
+    if (!e.sequence || e.kind == static_cast<uint8>(ESegmentKind::INDEX)) return 0;
+    if (e.kind == static_cast<uint8>(ESegmentKind::USER) || e.livePackets == 0) return most;
+    const uint64 dead = e.packets > e.livePackets ? e.packets - e.livePackets : 0;
+    const uint64 used = e.liveBytes + dead * (e.liveBytes / e.livePackets);
+    return static_cast<uint32>(std::min<uint64>(used, most));
 }
 
 SutEntry SegmentTable::Entry(ssize_t slot) const {
@@ -51,6 +61,10 @@ void SegmentTable::SetEntry(ssize_t slot, const SutEntry& e) const {
     s.dataStamp = e.dataStamp;
     s.kind = e.sequence ? static_cast<ESegmentKind>(e.kind) : ESegmentKind::FREE;
     s.ageClass = e.ageClass;
+    s.usedBytes = 0;
+    s.isOpen = false;
+    s.mayBeVictim = false;
+    s.isDamaged = false;
 }
 
 } // namespace quna

@@ -13,7 +13,8 @@ namespace quna {
 //
 // Threads: `pins` by anyone. `base`, `sequence` and `crcSeed` are written when the slot is taken, which needs pins == 0,
 //          and read by whoever has it pinned and has found a location in it. The usage fields belong to the holder of the
-//          log's turn; those of index segments to the checkpoint.
+//          log's turn; those of index segments to the checkpoint. `isOpen`, `mayBeVictim` and `isDamaged` belong to the
+//          maintenance (Checkpoint::Exclude).
 struct alignas(64) SegmentSlot {
     std::atomic<uint32> pins;
     uint32 crcSeed;
@@ -24,8 +25,12 @@ struct alignas(64) SegmentSlot {
     uint32 packets;
     uint32 writtenAt;
     uint32 dataStamp;
+    uint32 usedBytes; // of packets of all types, in a sealed log segment; see UsageOfStored. Not in the file
     ESegmentKind kind;
     uint8 ageClass;
+    bool isOpen;      // a survivor segment that may still grow
+    bool mayBeVictim; // recovery needs it no more than its live packets: sealed before the newest checkpoint
+    bool isDamaged;   // the cleaner met a packet that does not verify: the segment stays as it is
 };
 static_assert(sizeof(SegmentSlot) == 64);
 
@@ -71,6 +76,11 @@ public:
         --slot.livePackets;
         return bytes;
     }
+
+    // The bytes of the packets in a segment of which only the usage table is known. A user segment counts as full: what
+    // its transactions' ends take is dead with them. In a survivor segment the dead packets count as long as the live
+    // ones on average, so that one without dead packets never looks worth cleaning.
+    uint32 UsageOfStored(const SutEntry& entry) const;
 
     SutEntry Entry(ssize_t slot) const;
     void SetEntry(ssize_t slot, const SutEntry& entry) const;

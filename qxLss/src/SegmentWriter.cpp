@@ -16,7 +16,7 @@ void SegmentWriter::OpenFor(ssize_t slot, uint64 clockAtOpening) {
     if (m_readersUseBuffer) s.base.store(m_buffer.get(), std::memory_order_release);
 }
 
-void SegmentWriter::Begin(ssize_t slot, uint64 clockAtOpening, uint64 previousSequence) {
+void SegmentWriter::Begin(ssize_t slot, uint64 clockAtOpening, uint64 previousSequence, uint64 dataStamp) {
     OpenFor(slot, clockAtOpening);
     const SegmentSlot& s = (*m_core.m_segments)[slot];
     SegmentHeader header{};
@@ -24,7 +24,7 @@ void SegmentWriter::Begin(ssize_t slot, uint64 clockAtOpening, uint64 previousSe
     header.sequence = m_sequence;
     header.storeIdStart = StoreIdStart(m_core.m_storeId);
     header.clockAtOpening = clockAtOpening;
-    header.dataStamp = clockAtOpening;
+    header.dataStamp = dataStamp;
     header.kind = static_cast<uint32>(s.kind);
     header.ageClass = s.ageClass;
     header.previousSequence = previousSequence;

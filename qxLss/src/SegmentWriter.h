@@ -22,7 +22,11 @@ public:
     explicit SegmentWriter(StoreCore& core, bool readersUseBuffer = false);
 
     // Begins the segment in `slot`, which SpaceManager has just taken: writes its header into the buffer.
-    void Begin(ssize_t slot, uint64 clockAtOpening, uint64 previousSequence);
+    // `dataStamp` is the age of what it will hold; that of user segments is the clock itself.
+    void Begin(ssize_t slot, uint64 clockAtOpening, uint64 previousSequence) {
+        Begin(slot, clockAtOpening, previousSequence, clockAtOpening);
+    }
+    void Begin(ssize_t slot, uint64 clockAtOpening, uint64 previousSequence, uint64 dataStamp);
     // Goes on behind a clean close: `offset` bytes of the segment are in the file.
     void Resume(ssize_t slot, ssize_t offset, uint64 clockAtOpening);
     bool IsOpen() const { return m_slot >= 0; }

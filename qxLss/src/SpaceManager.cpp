@@ -32,20 +32,30 @@ void SpaceManager::NoteUsed(ssize_t slot) {
     UpdateReadyCount();
 }
 
-ssize_t SpaceManager::Take(ESegmentKind kind, uint8 ageClass, uint64 clock) {
-    std::lock_guard lock(m_mutex);
+ssize_t SpaceManager::Take(ESegmentKind kind, uint8 ageClass, uint64 clock, EClaim claim) {
+    const ssize_t reserve = claim == EClaim::TRANSACTION ? m_reserve.load(std::memory_order_relaxed) : 0;
     ssize_t slot = 0;
-    while (!TakeReady(slot)) MakeOneReady();
-    UpdateReadyCount();
-
-    SegmentSlot& s = (*m_core.m_segments)[slot];
+    uint64 sequence = 0;
+    for (;;) {
+        {
+            std::lock_guard lock(m_mutex);
+            if (TakeReady(slot, reserve)) {
+                UpdateReadyCount();
+                sequence = m_nextSequence++;
+                break;
+            }
+        }
+        std::lock_guard lock(m_fileMutex);
+        MakeOneReady();
+    }
     const int64 offset = m_core.m_segments->OffsetOf(slot);
     SutEntry entry{};
-    entry.sequence = m_nextSequence++;
+    entry.sequence = sequence;
     entry.writtenAt = entry.dataStamp = static_cast<uint32>(clock >> STAMP_SHIFT);
     entry.kind = static_cast<uint8>(kind);
     entry.ageClass = ageClass;
     m_core.m_segments->SetEntry(slot, entry);
+    SegmentSlot& s = (*m_core.m_segments)[slot];
     s.crcSeed = SegmentCrcSeed(m_core.m_storeId, entry.sequence);
     s.base.store(m_core.m_map->At(offset), std::memory_order_relaxed);
     m_core.m_map->MarkLoaded(offset, m_core.m_segmentSize);
@@ -55,45 +65,84 @@ ssize_t SpaceManager::Take(ESegmentKind kind, uint8 ageClass, uint64 clock) {
 void SpaceManager::Free(ssize_t slot) {
     SegmentSlot& s = (*m_core.m_segments)[slot];
     m_core.m_counters.packets.fetch_sub(s.packets, std::memory_order_relaxed);
+    m_core.m_counters.usedBytes.fetch_sub(s.usedBytes, std::memory_order_relaxed);
+    m_core.m_segments->SetEntry(slot, SutEntry{});
     std::lock_guard lock(m_mutex);
-    s.sequence = 0;
-    s.packets = 0;
-    s.kind = ESegmentKind::FREE;
     m_ready.insert(slot);
     UpdateReadyCount();
 }
 
 void SpaceManager::EnsureReady(ssize_t n) {
+    n += m_reserve.load(std::memory_order_relaxed);
     m_lowWater.store(n + MIN_GROWTH / 2, std::memory_order_relaxed);
-    if (m_numReady.load(std::memory_order_relaxed) >= n) return;
-    std::lock_guard lock(m_mutex);
-    while (static_cast<ssize_t>(m_ready.size()) < n) MakeOneReady();
-    UpdateReadyCount();
+    if (NumReady() >= n) return;
+    std::lock_guard lock(m_fileMutex);
+    while (NumReady() < n) MakeOneReady();
+}
+
+ssize_t SpaceManager::PrepareReady(ssize_t n) {
+    try {
+        std::lock_guard lock(m_fileMutex);
+        while (NumReady() < n) MakeOneReady();
+    } catch (const FileException&) {
+        return NumReady();
+    }
+    return NumReady();
 }
 
 void SpaceManager::GrowAhead() {
     try {
-        std::lock_guard lock(m_mutex);
-        while (IsShort()) {
-            MakeOneReady();
-            UpdateReadyCount();
-        }
+        std::lock_guard lock(m_fileMutex);
+        while (IsShort()) MakeOneReady();
     } catch (const FileException&) {
         m_lowWater.store(0, std::memory_order_relaxed); // until the next transaction asks
     }
 }
 
-void SpaceManager::TrimEnd() {
-    std::lock_guard lock(m_mutex);
-    ssize_t numSlots = NumSlots();
-    while (numSlots > 0 && (m_ready.contains(numSlots - 1) || m_unready.contains(numSlots - 1))) {
-        --numSlots;
-        m_ready.erase(numSlots);
-        m_unready.erase(numSlots);
+// What is to go leaves the sets first, so that nobody takes it while the file is cut.
+void SpaceManager::TrimEnd(ssize_t keep) {
+    std::lock_guard fileLock(m_fileMutex);
+    ssize_t numSlots = 0;
+    {
+        std::lock_guard lock(m_mutex);
+        numSlots = NumSlots();
+        ssize_t numFree = static_cast<ssize_t>(m_ready.size() + m_unready.size() + m_hollow.size());
+        for (; numSlots > 0 && numFree > keep; --numSlots, --numFree) {
+            const ssize_t last = numSlots - 1;
+            if (IsPinned(last) || m_ready.erase(last) + m_unready.erase(last) + m_hollow.erase(last) == 0) break;
+        }
+        UpdateReadyCount();
+        if (numSlots == NumSlots() && keep > 0) return;
+        m_numSlots.store(numSlots, std::memory_order_relaxed);
     }
-    m_numSlots.store(numSlots, std::memory_order_relaxed);
-    UpdateReadyCount();
     m_core.m_file.Truncate(m_core.m_segments->OffsetOf(numSlots));
+}
+
+bool SpaceManager::PunchOne(ssize_t keep) {
+    std::lock_guard fileLock(m_fileMutex);
+    ssize_t slot = -1;
+    {
+        std::lock_guard lock(m_mutex);
+        std::set<ssize_t>& from = m_unready.empty() ? m_ready : m_unready;
+        if (!m_canPunch || static_cast<ssize_t>(m_ready.size() + m_unready.size()) <= keep) return false;
+        slot = *from.rbegin();
+        if (IsPinned(slot)) return false;
+        from.erase(slot);
+        UpdateReadyCount();
+    }
+    try {
+        m_canPunch = m_core.m_file.PunchHole(m_core.m_segments->OffsetOf(slot), m_core.m_segmentSize);
+    } catch (const FileException&) {
+        m_canPunch = false; // the slot may have its blocks or not
+    }
+    std::lock_guard lock(m_mutex);
+    (m_canPunch ? m_hollow : m_unready).insert(slot);
+    return m_canPunch;
+}
+
+ssize_t SpaceManager::NumFree() const {
+    std::lock_guard lock(m_mutex);
+    return static_cast<ssize_t>(m_ready.size() + m_unready.size() + m_hollow.size());
 }
 
 uint64 SpaceManager::NextSequence() const {
@@ -103,9 +152,14 @@ uint64 SpaceManager::NextSequence() const {
 
 // A reader that has not yet unpinned may be looking at the slot. The read of the count is a read-modify-write: either it
 // sees the reader's pin, or the reader's second look at the index comes after it and finds the new location.
-bool SpaceManager::TakeReady(ssize_t& slot) {
+bool SpaceManager::IsPinned(ssize_t slot) const {
+    return (*m_core.m_segments)[slot].pins.fetch_add(0, std::memory_order_acq_rel) != 0;
+}
+
+bool SpaceManager::TakeReady(ssize_t& slot, ssize_t reserve) {
+    if (static_cast<ssize_t>(m_ready.size()) <= reserve) return false;
     for (auto i = m_ready.begin(); i != m_ready.end(); ++i) {
-        if ((*m_core.m_segments)[*i].pins.fetch_add(0, std::memory_order_acq_rel) == 0) {
+        if (!IsPinned(*i)) {
             slot = *i;
             m_ready.erase(i);
             return true;
@@ -114,15 +168,25 @@ bool SpaceManager::TakeReady(ssize_t& slot) {
     return false;
 }
 
+// With m_fileMutex.
 void SpaceManager::MakeOneReady() {
-    if (m_unready.empty()) {
+    ssize_t slot = -1;
+    {
+        std::lock_guard lock(m_mutex);
+        for (std::set<ssize_t>* from : {&m_unready, &m_hollow}) {
+            if (!from->empty() && (slot < 0 || *from->begin() < slot)) slot = *from->begin();
+        }
+    }
+    if (slot < 0) {
         Grow();
         return;
     }
-    const ssize_t slot = *m_unready.begin();
     m_core.m_file.Allocate(m_core.m_segments->OffsetOf(slot), m_core.m_segmentSize);
-    m_unready.erase(m_unready.begin());
+    std::lock_guard lock(m_mutex);
+    m_unready.erase(slot);
+    m_hollow.erase(slot);
     m_ready.insert(slot);
+    UpdateReadyCount();
 }
 
 // A full disk may still have room for one segment where it has none for many.
@@ -140,7 +204,9 @@ void SpaceManager::Grow() {
             n = 1;
         }
     }
+    std::lock_guard lock(m_mutex);
     for (ssize_t slot = numSlots; slot < numSlots + n; ++slot) m_ready.insert(slot);
+    UpdateReadyCount();
     m_numSlots.store(numSlots + n, std::memory_order_relaxed);
 }
 

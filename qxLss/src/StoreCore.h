@@ -10,6 +10,7 @@
 #include "qxUtils/Export.h"
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -30,6 +31,9 @@ struct StoreCounters {
     std::atomic<int64> liveIndex{0};
     std::atomic<int64> packets{0}; // HEAD, OVERFLOW, DELETE and INDEX packets in segments that have not been freed
     std::atomic<int64> liveBytes{0};
+    std::atomic<int64> indexBytes{0};     // of them, in pages of the index
+    std::atomic<int64> usedBytes{0};      // of packets in sealed log segments that have not been freed, dead ones too
+    std::atomic<uint64> survivorBytes{0}; // written by the cleaner since the open
     std::atomic<int64> numCheckpoints{0};
     std::atomic<int64> numRecoveries{0};
     std::atomic<int64> numTransactions{0};
@@ -68,6 +72,14 @@ public:
     bool m_readOnly = false;
     LssSettings m_settings;
     StoreCounters m_counters;
+
+    // Called by tests between the steps of checkpoints and of the cleaner, where other threads may be served, with no lock
+    // but that of the maintenance held.
+    std::function<void()> m_stepHook;
+    void Step() const {
+        if (m_stepHook) [[unlikely]]
+            m_stepHook();
+    }
 
 private:
     [[noreturn]] void ThrowUnwritable() const;

@@ -1,6 +1,14 @@
 #include "qxLss/src/UserLog.h"
 
+#include "qxUtils/Assert.h"
+
 namespace quna {
+
+namespace {
+
+constexpr ConstStringZ SOURCE_PATH = "src/UserLog";
+
+} // namespace
 
 void UserLog::OpenFresh(uint64 clock, uint64 previousSequence) {
     const ssize_t slot = m_space.Take(ESegmentKind::USER, 0, clock);
@@ -34,6 +42,16 @@ void UserLog::AppendCommit(uint32 flags) {
     ResetCounts();
 }
 
+void UserLog::AppendReloc(uint64 batch, const void* payload, ssize_t n) {
+    QX_ASSERT(!HasOpenPackets());
+    if (m_writer.Handed() == m_writer.Position() && m_syncsSeen != m_flusher.NumSyncsBegun())
+        LeaveSyncedSector(EClaim::MAINTENANCE);
+    if (m_writer.Room() < PaddedSize(PACKET_HEADER_BYTES + n) + ABORT_BYTES + LINK_BYTES)
+        LinkToNext(EClaim::MAINTENANCE);
+    m_writer.Append(EPacketType::RELOC, batch, payload, n);
+    ResetCounts();
+}
+
 void UserLog::AppendAbort() {
     if (m_writer.Room() < ABORT_BYTES) return; // a LINK that could not be written stands there: the chain ends
     m_writer.Append(EPacketType::ABORT, m_lastTransaction + 1, nullptr, 0);
@@ -41,13 +59,15 @@ void UserLog::AppendAbort() {
     HandOver();
 }
 
-void UserLog::LinkToNext() {
+void UserLog::LinkToNext(EClaim claim) {
     const uint64 clock = Clock() + LINK_BYTES;
-    const ssize_t next = m_space.Take(ESegmentKind::USER, 0, clock);
+    const ssize_t next = m_space.Take(ESegmentKind::USER, 0, clock, claim);
     const LinkPayload payload{static_cast<uint32>(next), 0};
     m_writer.Append(EPacketType::LINK, (*m_core.m_segments)[next].sequence, &payload, sizeof payload);
     HandOver();
     Usage().writtenAt = static_cast<uint32>(clock >> STAMP_SHIFT);
+    Usage().usedBytes = static_cast<uint32>(m_writer.Position() - SEGMENT_HEADER_BYTES);
+    m_core.m_counters.usedBytes.fetch_add(Usage().usedBytes, std::memory_order_relaxed);
     m_flusher.QueueWriteBack(m_core.m_segments->OffsetOf(m_writer.Slot()), m_core.m_segmentSize);
     const uint64 sequence = m_writer.Sequence();
     m_writer.End();
@@ -61,8 +81,8 @@ void UserLog::HandOver() {
     m_flusher.NoteHandedOver(Clock());
 }
 
-void UserLog::LeaveSyncedSector() {
-    if (m_writer.Position() % SECTOR_BYTES != 0 && !TryPadToSector()) LinkToNext();
+void UserLog::LeaveSyncedSector(EClaim claim) {
+    if (m_writer.Position() % SECTOR_BYTES != 0 && !TryPadToSector()) LinkToNext(claim);
     m_syncsSeen = m_flusher.NumSyncsBegun();
 }
 

@@ -46,7 +46,7 @@ public:
     // sector, so that durable bytes are not written again.
     void BeforePacket() {
         if (m_writer.Handed() == m_writer.Position() && m_syncsSeen != m_flusher.NumSyncsBegun()) [[unlikely]]
-            LeaveSyncedSector();
+            LeaveSyncedSector(EClaim::TRANSACTION);
     }
     // Room for the payload of an element in the open segment.
     ssize_t ElementRoom() const { return m_writer.Room() - USER_TAIL_BYTES - PACKET_HEADER_BYTES; }
@@ -71,10 +71,16 @@ public:
     void NoteCommitted() { ++m_lastTransaction; }
     uint64 LastTransaction() const { return m_lastTransaction; }
     void SetLastTransaction(uint64 number) { m_lastTransaction = number; }
+    // The cleaner has moved packets: see RelocPayload. Requires: no open packets. `n` is at most MaxRelocBytes.
+    void AppendReloc(uint64 batch, const void* payload, ssize_t n);
+    ssize_t MaxRelocBytes() const {
+        return m_core.m_segmentSize - SEGMENT_HEADER_BYTES - PACKET_HEADER_BYTES - ABORT_BYTES - LINK_BYTES -
+               PACKET_ALIGNMENT;
+    }
     // Forgets the packets since the last COMMIT. Needs no new segment. Throws only what HandOver throws.
     void AppendAbort();
     // Ends the open segment and begins the next. Throws FileException before anything changed if there is no space.
-    void LinkToNext();
+    void LinkToNext(EClaim claim = EClaim::TRANSACTION);
     // Fills the sector behind a COMMIT that will be synced at once.
     void PadToSector();
 
@@ -98,7 +104,7 @@ private:
     }
     // A packet that may reach into the tail of the segment, but for the room of ABORT and LINK.
     void AppendSmall(EPacketType type, uint64 key, const void* payload, ssize_t n);
-    void LeaveSyncedSector();
+    void LeaveSyncedSector(EClaim claim);
     bool TryPadToSector();
     void ResetCounts();
 

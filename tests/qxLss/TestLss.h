@@ -19,6 +19,7 @@ inline LssSettings SmallSegments() {
     settings.segmentSize = 4096;
     settings.flushTimeMilliSec = -1;
     settings.validateSUTDuringCheckPoint = true;
+    settings.cleanerUtilisationPercent = 0; // tests of the cleaner turn it on
     return settings;
 }
 

@@ -19,9 +19,10 @@ uint64 HashOf(const void* p, ssize_t n) {
            static_cast<uint64>(n);
 }
 
-LssStore* OpenStore(SimSys& sys, EOpenMode mode, int segmentSize, bool& createdNew) {
+LssStore* OpenStore(SimSys& sys, EOpenMode mode, int segmentSize, bool clean, bool& createdNew,
+                    EBackground background = EBackground::NONE) {
     return static_cast<LssStore*>(
-        OpenLssForTest(sys, PATH, nullptr, createdNew, mode, LssDriver::Settings(segmentSize)));
+        OpenLssForTest(sys, PATH, nullptr, createdNew, mode, LssDriver::Settings(segmentSize, clean), background));
 }
 
 // Abandons the store at the end of the scope.
@@ -82,15 +83,21 @@ ssize_t LssHistory::Ceiling(ssize_t calls) const {
     return ceiling;
 }
 
+bool LssHistory::IsInMaintenance(ssize_t calls) const {
+    return std::any_of(maintenance.begin(), maintenance.end(),
+                       [&](const auto& range) { return calls >= range.first && calls < range.second; });
+}
+
 // --- driver
 
-LssSettings LssDriver::Settings(int segmentSize) {
+LssSettings LssDriver::Settings(int segmentSize, bool clean) {
     LssSettings settings;
     settings.segmentSize = segmentSize;
     settings.flushTimeMilliSec = -1; // what syncs is what the workload asks for
     settings.numSegmentsPerCheckPoint = 1 << 20;
     settings.validateSUTDuringCheckPoint = true;
     settings.maxNumSegmentsInCache = 8;
+    settings.cleanerUtilisationPercent = clean ? 85 : 0;
     return settings;
 }
 
@@ -105,8 +112,8 @@ LssDriver::~LssDriver() {
 
 void LssDriver::Open() {
     bool createdNew = false;
-    m_store = OpenStore(m_sys, OM_OPEN_ALWAYS, m_workload.segmentSize, createdNew);
-    if (!m_workload.threads) m_store->StopThreadsForTest();
+    m_store = OpenStore(m_sys, OM_OPEN_ALWAYS, m_workload.segmentSize, m_workload.clean, createdNew,
+                        m_workload.threads ? EBackground::THREADS : EBackground::NONE);
     if (!createdNew) return;
     // A store in which no transaction has been closed counts as never created, so it begins anew.
     if (!m_history.transactions.empty())
@@ -155,9 +162,13 @@ void LssDriver::ProbeAfterFailure() {
 
 void LssDriver::Step() {
     const uint64 what = Pick(20);
-    if (what == 0) {
-        m_store->CheckpointForTest();
-        NoteDurable();
+    if (what == 0 || (what == 4 && m_workload.clean)) {
+        const ssize_t before = std::ssize(m_history.transactions);
+        Maintain(true, [this] { m_store->CheckpointForTest(); });
+        NoteDurable(before); // those closed between its steps may have come after its sync
+    } else if ((what == 5 || what == 6) && m_workload.clean) {
+        Maintain(false, [this] { m_store->CleanForTest(1 + static_cast<ssize_t>(Pick(5))); });
+        if (Pick(3) == 0) m_store->ShrinkForTest();
     } else if (what == 1) {
         m_store->Flush();
         NoteDurable();
@@ -175,6 +186,38 @@ void LssDriver::Step() {
     } else {
         RunTransaction();
     }
+}
+
+// Cleaning or a checkpoint, with transactions between the steps, as other threads would have them.
+template <class Action>
+void LssDriver::Maintain(bool isCheckpoint, Action action) {
+    const ssize_t begin = m_sys.NumRecorded();
+    // The first transaction that closes takes the lock that is held there; and a running thread would meet the hook too.
+    if (!m_history.transactions.empty() && !m_workload.threads)
+        m_store->SetStepHookForTest([this, isCheckpoint] { BetweenSteps(isCheckpoint); });
+    action();
+    if (!m_workload.threads) m_store->SetStepHookForTest(nullptr);
+    m_history.maintenance.emplace_back(begin, m_sys.NumRecorded());
+    if (m_failedBetween) std::rethrow_exception(std::exchange(m_failedBetween, nullptr));
+}
+
+void LssDriver::BetweenSteps(bool isCheckpoint) {
+    if (m_failedBetween || m_isBetween) return;
+    m_isBetween = true;
+    try {
+        const uint64 what = Pick(8);
+        if (what < 2 && m_highs != 0) {
+            RunTransaction();
+        } else if (what == 2) {
+            m_store->Flush();
+            NoteDurable();
+        } else if (isCheckpoint && m_workload.cleanInsideCheckpoint && what == 3) {
+            m_store->CleanForTest(4);
+        }
+    } catch (...) {
+        m_failedBetween = std::current_exception();
+    }
+    m_isBetween = false;
 }
 
 Seid LssDriver::NewSeid() {
@@ -254,10 +297,14 @@ void LssDriver::RunTransaction() {
     if (flush) NoteDurable();
 }
 
-void LssDriver::NoteDurable() {
+void LssDriver::NoteDurable() { NoteDurable(std::ssize(m_history.transactions)); }
+
+void LssDriver::NoteDurable(ssize_t upTo) {
     const ssize_t now = m_sys.NumRecorded();
-    for (auto t = m_history.transactions.rbegin(); t != m_history.transactions.rend() && t->durable < 0; ++t)
-        if (t->closed >= 0) t->durable = now;
+    for (ssize_t i = upTo - 1; i >= 0 && m_history.transactions[static_cast<size_t>(i)].durable < 0; --i) {
+        LssHistory::Transaction& t = m_history.transactions[static_cast<size_t>(i)];
+        if (t.closed >= 0) t.durable = now;
+    }
 }
 
 // --- check
@@ -269,7 +316,7 @@ std::string CheckLssImage(SimSys& sys, const LssCheck& check, ssize_t& found) {
         bool createdNew = false;
         StoreScope scope(nullptr);
         try {
-            scope.store = OpenStore(sys, OM_OPEN_EXISTING, 4096, createdNew);
+            scope.store = OpenStore(sys, OM_OPEN_EXISTING, 4096, false, createdNew);
         } catch (const FileException& e) {
             if (check.floor == 0 && IsNoStore(e)) return {};
             return std::string("refused: ") + e.what();
@@ -322,7 +369,7 @@ std::string CheckLssImage(SimSys& sys, const LssCheck& check, ssize_t& found) {
                 std::exchange(scope.store, nullptr)->Abandon();
             else
                 scope.Close();
-            scope.store = OpenStore(sys, OM_OPEN_EXISTING, 4096, createdNew);
+            scope.store = OpenStore(sys, OM_OPEN_EXISTING, 4096, false, createdNew);
             if (ReadLssState(*scope.store) != further) return "reopen: the state has changed";
         }
         return {};

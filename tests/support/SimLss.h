@@ -5,11 +5,13 @@
 #include "qxLss/src/LssStore.h"
 #include "tests/support/SimSys.h"
 
+#include <exception>
 #include <map>
 #include <memory>
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace quna {
@@ -35,12 +37,16 @@ struct LssHistory {
     std::vector<LssState> states;          // S0, S1...; one more than transactions
     std::vector<Transaction> transactions; // the n-th leads to states[n + 1]
     std::vector<Identifier> identifiers;
+    std::vector<std::pair<ssize_t, ssize_t>>
+        maintenance;     // calls recorded at beginning and end of cleaning, checkpoints
     std::string failure; // the FileException that ended the workload early; empty: none did
     std::string fault;   // what the store did wrong while it ran: any other exception; empty: nothing
 
     // The states that a crash after `calls` recorded calls may leave.
     ssize_t Floor(ssize_t calls, bool processDeathOnly) const;
     ssize_t Ceiling(ssize_t calls) const;
+    // Would a crash after `calls` recorded calls fall into the cleaner or a checkpoint?
+    bool IsInMaintenance(ssize_t calls) const;
 };
 
 struct LssWorkload {
@@ -50,6 +56,9 @@ struct LssWorkload {
     bool reopen = true;   // close and abandon the store now and then
     bool longOnes = true; // elements beyond a segment
     bool threads = false; // the store's own threads run; without them a run depends on the seed alone
+    bool clean = true;    // batches of the cleaner, with transactions between its steps
+    // A batch between the steps of a checkpoint, which the store itself never allows.
+    bool cleanInsideCheckpoint = false;
 };
 
 // Opens the store "d/store" and works on it. One thread.
@@ -67,19 +76,23 @@ public:
     // Failed calls that met Close of the store, which only traces them.
     int64 NumFailuresInClose() const { return m_failuresInClose; }
 
-    static LssSettings Settings(int segmentSize);
+    static LssSettings Settings(int segmentSize, bool clean);
 
 private:
     uint64 Pick(uint64 limit) { return m_random() % limit; }
     void Open();
     void Step();
     void RunTransaction();
+    template <class Action>
+    void Maintain(bool isCheckpoint, Action action);
+    void BetweenSteps(bool isCheckpoint);
     void ChangeAtRandom(ILssTransaction& transaction, LssState& state, bool& changed);
     void NoteCloseBegins(LssState state);
     void Write(ILssTransaction& transaction, LssState& state, Seid seid);
     Seid SomeSeid(const LssState& state);
     Seid NewSeid();
     void NoteDurable();
+    void NoteDurable(ssize_t upTo); // the first so many transactions
     void CloseStore();
     void ProbeAfterFailure();
 
@@ -90,6 +103,8 @@ private:
     SeidHigh m_highs = 0;
     LssHistory m_history;
     std::vector<uint64> m_known;
+    bool m_isBetween = false;
+    std::exception_ptr m_failedBetween; // by a transaction between steps
     int m_closedAfterFailure = 0;
     int64 m_failuresInClose = 0;
 };

@@ -1,0 +1,153 @@
+#include "qxLss/src/Cleaner.h"
+
+#include "qxLss/src/Mutants.h"
+#include "qxLss/src/Relocation.h"
+
+#include <algorithm>
+#include <chrono>
+
+namespace quna {
+
+namespace {
+
+constexpr ssize_t SLOTS_A_LOOK = 4096;  // of the usage table read in one hold of the turn, about 20 us
+constexpr ssize_t REST_SEGMENTS = 4;    // of log after which a fruitless look is worth another
+constexpr ssize_t MANY_FREE_SLOTS = 64; // beyond these and 5 % of the file its end is cleaned first, to be cut
+constexpr uint64 BYTES_A_WAIT = 256 * 1024;
+constexpr int64 EXCESS_A_MILLISECOND = int64{16} << 20;
+constexpr auto LONGEST_WAIT = std::chrono::milliseconds(100);
+
+} // namespace
+
+Cleaner::Cleaner(StoreCore& core, SpaceManager& space, UserLog& log, Index& index, Flusher& flusher,
+                 Checkpoint& checkpoint)
+    : m_core(core), m_space(space), m_log(log), m_index(index), m_flusher(flusher), m_checkpoint(checkpoint),
+      m_goal(core.m_settings.cleanerUtilisationPercent, core.m_segmentSize), m_streams(core, space, flusher) {}
+
+// --- choosing
+
+// The usage of segments belongs to the holder of the turn, so it is read in short holds. Meanwhile packets die, which only
+// makes a victim better.
+Cleaner::Survey Cleaner::LookAround() {
+    Survey survey;
+    const ssize_t numSlots = m_space.NumSlots();
+    for (ssize_t first = 0; first < numSlots; first += SLOTS_A_LOOK) {
+        TurnScope turn(m_log.Turn());
+        const uint64 clock = m_log.Clock();
+        const ssize_t end = std::min(numSlots, first + SLOTS_A_LOOK);
+        for (ssize_t slot = first; slot < end; ++slot) {
+            const SegmentSlot& s = (*m_core.m_segments)[slot];
+            if (!s.sequence || (s.kind != ESegmentKind::USER && s.kind != ESegmentKind::SURVIVORS)) continue;
+            ++survey.numUsed;
+            const bool isOpen = s.isOpen && !IsMutant(EMutant::OPEN_TAKEN_FOR_SEALED);
+            if (isOpen || s.isDamaged || s.usedBytes == 0) continue;
+            if (!s.mayBeVictim && !IsMutant(EMutant::VICTIMS_OF_THE_WINDOW)) {
+                survey.deadInWindow += int64{s.usedBytes} - s.liveBytes;
+                continue;
+            }
+            const uint64 writtenAt = static_cast<uint64>(s.writtenAt) << STAMP_SHIFT;
+            survey.candidates.push_back({slot, s.sequence, static_cast<ssize_t>(s.liveBytes),
+                                         static_cast<ssize_t>(s.usedBytes), clock - std::min(clock, writtenAt),
+                                         static_cast<uint64>(s.dataStamp) << STAMP_SHIFT});
+        }
+    }
+    return survey;
+}
+
+// How many live bytes a batch may move: what the free slots hold, after an attempt to have enough of them. A tenth may be
+// lost at the segments' ends.
+ssize_t Cleaner::RoomFor(ssize_t segments) {
+    const ssize_t ready = m_space.PrepareReady(segments + NUM_AGE_CLASSES + 1);
+    const ssize_t spare = ready - NUM_AGE_CLASSES - 1; // an open segment for each class, and one for the RELOC
+    return std::max<ssize_t>(0, spare) * (m_core.m_segmentSize / 10 * 9);
+}
+
+Cleaner::EOutcome Cleaner::CleanOnce(bool urgent) {
+    if (!IsEnabled() || m_stop.load(std::memory_order_relaxed)) return EOutcome::AT_REST;
+    if (!urgent && !IsDue()) return EOutcome::AT_REST;
+    std::unique_lock maintenance = m_checkpoint.Exclude();
+    m_core.ThrowIfUnwritable();
+    if (m_checkpoint.IsBeingCreated()) return EOutcome::AT_REST;
+    Survey survey = LookAround();
+    VictimLimits limits{};
+    limits.segmentSize = m_core.m_segmentSize;
+    limits.maxVictims = BatchSize(survey.numUsed, m_core.m_segmentSize);
+    const ssize_t numCandidates = static_cast<ssize_t>(survey.candidates.size());
+    limits.maxLiveBytes = RoomFor(limits.maxVictims);
+    const ssize_t numSlots = m_space.NumSlots();
+    if (m_space.NumFree() > std::max(MANY_FREE_SLOTS, numSlots / 20)) limits.preferFrom = numSlots - numSlots / 10;
+    const std::vector<VictimCandidate> victims = ChooseVictims(std::move(survey.candidates), limits);
+
+    // With few old segments the best of them are not good. What was written since the checkpoint may be better.
+    const int64 since = static_cast<int64>(m_checkpoint.LogSince());
+    const bool windowIsLarge = since >= 8 * m_core.m_segmentSize && since > Used() / 4;
+    const bool lacks = numCandidates < 2 * limits.maxVictims || victims.empty();
+    if (survey.deadInWindow >= REST_SEGMENTS * m_core.m_segmentSize && (lacks || windowIsLarge))
+        return EOutcome::NEEDS_CHECKPOINT;
+    if (victims.empty() || RunBatch(victims) == 0) {
+        Rest();
+        return EOutcome::AT_REST;
+    }
+    return EOutcome::CLEANED;
+}
+
+ssize_t Cleaner::CleanForTest(ssize_t maxVictims) {
+    std::unique_lock<std::mutex> maintenance;
+    if (!IsMutant(EMutant::BATCH_INSIDE_CHECKPOINT)) maintenance = m_checkpoint.Exclude();
+    m_core.ThrowIfUnwritable();
+    VictimLimits limits{};
+    limits.segmentSize = m_core.m_segmentSize;
+    limits.maxVictims = std::min(maxVictims, BatchSize(1 << 20, m_core.m_segmentSize));
+    limits.maxLiveBytes = RoomFor(limits.maxVictims);
+    limits.alsoFull = true;
+    return RunBatch(ChooseVictims(LookAround().candidates, limits));
+}
+
+// How many segments it freed.
+ssize_t Cleaner::RunBatch(const std::vector<VictimCandidate>& victims) {
+    if (victims.empty()) return 0;
+    Relocation relocation(m_core, m_space, m_log, m_index, m_flusher, m_streams, ++m_batchNumber);
+    return relocation.Run(victims, m_stop).numFreed;
+}
+
+void Cleaner::Rest() {
+    m_notBefore.store(m_log.HandedClock() + static_cast<uint64>(REST_SEGMENTS * m_core.m_segmentSize),
+                      std::memory_order_relaxed);
+}
+
+// --- slowing writers down
+
+void Cleaner::WaitForRoom() {
+    if (!IsEnabled() || m_stop.load(std::memory_order_relaxed)) return;
+    const uint64 clock = m_log.HandedClock();
+    uint64 next = m_nextWaitAt.load(std::memory_order_relaxed);
+    if (clock < next || !m_nextWaitAt.compare_exchange_strong(next, clock + BYTES_A_WAIT, std::memory_order_relaxed))
+        return;
+    const int64 excess = m_goal.Excess(Used(), Live());
+    if (excess <= 0) return;
+    const std::chrono::microseconds wait(1000 + excess / (EXCESS_A_MILLISECOND / 1000));
+    std::unique_lock lock(m_roundMutex);
+    const uint64 rounds = m_numRounds;
+    m_roundEnded.wait_for(lock, std::min<std::chrono::microseconds>(wait, LONGEST_WAIT),
+                          [&] { return m_numRounds != rounds && m_goal.Excess(Used(), Live()) <= 0; });
+}
+
+uint64 Cleaner::NumRounds() {
+    std::lock_guard lock(m_roundMutex);
+    return m_numRounds;
+}
+
+void Cleaner::WaitForRound(uint64 rounds) {
+    std::unique_lock lock(m_roundMutex);
+    m_roundEnded.wait_for(lock, LONGEST_WAIT, [&] { return m_numRounds != rounds; });
+}
+
+void Cleaner::NoteRoundEnded() {
+    {
+        std::lock_guard lock(m_roundMutex);
+        ++m_numRounds;
+    }
+    m_roundEnded.notify_all();
+}
+
+} // namespace quna

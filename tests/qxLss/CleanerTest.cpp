@@ -1,0 +1,323 @@
+#include "qxLss/src/Cleaner.h"
+
+#include "qxUtils/Exceptions.h"
+#include "tests/qxLss/TestLss.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <vector>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+namespace quna {
+namespace {
+
+constexpr int64 SEGMENT = 4096;
+
+LssSettings WithCleaner(double percent = 85) {
+    LssSettings settings = SmallSegments();
+    settings.cleanerUtilisationPercent = percent;
+    return settings;
+}
+
+// A store whose background work is done when the test says so.
+class CleanerTest : public testing::Test {
+protected:
+    explicit CleanerTest(LssSettings settings = WithCleaner()) : m_settings(settings) { Open(); }
+
+    void Open() {
+        m_lss = std::make_unique<TestLss>(m_sys, m_settings);
+        (*m_lss)->StopThreadsForTest();
+    }
+    TestLss& Lss() { return *m_lss; }
+    LssStore& Store() { return **m_lss; }
+
+    // `n` elements of about `bytes`, in transactions of ten.
+    void Fill(int n, ssize_t bytes) {
+        while (n > 0) {
+            AutoCloser<ILssTransaction> txn(Store().OpenTransaction());
+            for (int i = 0; i < 10 && n > 0; ++i, --n) {
+                m_seids.push_back(Lss().NewSeid());
+                Write(*txn.Get(), m_seids.back(), bytes);
+            }
+            txn.Close();
+        }
+    }
+    void Write(ILssTransaction& txn, Seid seid, ssize_t bytes) {
+        const std::string content = Pattern(bytes + static_cast<ssize_t>(m_random() % 32), m_random());
+        TestLss::Write(txn, seid, content);
+        m_model[seid.value_] = content;
+    }
+    void Overwrite(Seid seid, ssize_t bytes) {
+        AutoCloser<ILssTransaction> txn(Store().OpenTransaction());
+        Write(*txn.Get(), seid, bytes);
+        txn.Close();
+    }
+    Seid SomeSeid() { return m_seids[m_random() % m_seids.size()]; }
+
+    void ExpectModel() {
+        EXPECT_EQ(Lss().All(), m_model);
+        Store().Validate();
+    }
+    ssize_t UsedSegments() { return Store().SpaceForTest().NumSlots() - Store().SpaceForTest().NumFree(); }
+    ssize_t SlotOf(Seid seid) { return Store().CoreForTest().m_segments->SlotOf(Store().IndexForTest().Get(seid)); }
+
+    const LssSettings m_settings;
+    SimSys m_sys;
+    std::unique_ptr<TestLss> m_lss;
+    TestRandom m_random{7};
+    std::vector<Seid> m_seids;
+    ElementMap m_model;
+};
+
+TEST_F(CleanerTest, MovesWhatIsLiveAndFreesTheSegments) {
+    Fill(100, 200);
+    for (int i = 0; i < 100; i += 2) Overwrite(m_seids[static_cast<size_t>(i)], 200);
+    Store().CheckpointForTest();
+    const ssize_t before = UsedSegments();
+    const LssStats stats = Lss().Stats();
+    EXPECT_GT(Store().CleanForTest(5), 2);
+    EXPECT_LT(UsedSegments(), before);
+    EXPECT_EQ(Lss().Stats().numLiveHeadPackets, 100);
+    EXPECT_EQ(Lss().Stats().utilisation, stats.utilisation);
+    EXPECT_LT(Lss().Stats().numObsoletePackets, stats.numObsoletePackets);
+    ExpectModel();
+    m_lss->Abandon(); // killed: the moves are in the log
+    Open();
+    ExpectModel();
+    m_lss->Close();
+    Open();
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, LongElementsMoveWithTheirPartsAndWithoutTheirHead) {
+    for (int i = 0; i < 6; ++i) {
+        m_seids.push_back(Lss().NewSeid());
+        Overwrite(m_seids.back(), 3 * SEGMENT + 500 * i);
+    }
+    Store().CheckpointForTest();
+    const LssStats stats = Lss().Stats();
+    for (int i = 0; i < 12; ++i) {
+        Store().CleanForTest(1 + i % 3); // some victims hold a head, others only parts
+        ExpectModel();
+        Store().CheckpointForTest();
+    }
+    EXPECT_EQ(Lss().Stats().numLiveOverflowPackets, stats.numLiveOverflowPackets);
+    m_lss->Abandon();
+    Open();
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, AnElementOfManyMorePartsThanARelocHasRoomForMovesInSeveralBatches) {
+    m_seids.push_back(Lss().NewSeid());
+    Overwrite(m_seids.back(), 50 * SEGMENT);
+    Fill(20, 100);
+    Store().CheckpointForTest();
+    EXPECT_GT(Store().CleanForTest(1000), 20);
+    ExpectModel();
+    m_lss->Abandon();
+    Open();
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, WhatWasWrittenBehindTheCheckpointIsNoVictim) {
+    Fill(100, 200);
+    EXPECT_EQ(Store().CleanForTest(10), 0);
+    Store().CheckpointForTest();
+    EXPECT_GT(Store().CleanForTest(10), 0);
+}
+
+TEST_F(CleanerTest, SegmentsThatHeldOnlyDeadPacketsAreFreedWithoutBeingRead) {
+    Fill(60, 200);
+    Store().CheckpointForTest();
+    for (const Seid seid : m_seids) Lss().Delete(seid);
+    m_model.clear();
+    const int64 loads = m_sys.NumCalls(ESimCall::LOAD);
+    EXPECT_GT(Store().CleanForTest(4), 2);
+    EXPECT_EQ(m_sys.NumCalls(ESimCall::LOAD), loads);
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, AReaderKeepsWhatItHasOpen) {
+    Fill(100, 200);
+    Store().CheckpointForTest();
+    std::vector<std::pair<IContiguousSerialElement*, std::string>> open;
+    for (int i = 0; i < 100; i += 5) {
+        const Seid seid = m_seids[static_cast<size_t>(i)];
+        open.emplace_back(Store().OpenSerialElement(seid), m_model[seid.value_]);
+    }
+    for (int round = 0; round < 20; ++round) {
+        Store().CleanForTest(6);
+        Store().ShrinkForTest();
+        for (int i = 0; i < 20; ++i) Overwrite(SomeSeid(), 200);
+        Store().CheckpointForTest();
+    }
+    for (const auto& [element, content] : open) {
+        const ReadOnlyBuffer b = element->GetBuffer();
+        EXPECT_EQ(std::string(reinterpret_cast<const char*>(b.buffer), static_cast<size_t>(b.size)), content);
+        element->Close();
+    }
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, ATransactionBetweenCopyAndPublicationWins) {
+    Fill(100, 200);
+    Store().CheckpointForTest();
+    int steps = 0;
+    Store().SetStepHookForTest([&] {
+        if (++steps > 60) return;
+        Overwrite(SomeSeid(), 200);
+        if (steps % 5 == 0) {
+            const Seid seid = SomeSeid();
+            Lss().Delete(seid);
+            m_model.erase(seid.value_);
+        }
+    });
+    EXPECT_GT(Store().CleanForTest(8), 0);
+    Store().SetStepHookForTest(nullptr);
+    EXPECT_GT(steps, 8);
+    ExpectModel();
+    m_lss->Abandon();
+    Open();
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, ADamagedPacketStaysWhereItIsWithItsSegment) {
+    Fill(100, 200);
+    Store().CheckpointForTest();
+    const Seid damaged = m_seids[3];
+    const ssize_t slot = SlotOf(damaged);
+    const int fd = m_sys.Open("d/store", O_RDWR, 0);
+    const octet_t wrong = 0xA5;
+    m_sys.Write(fd, &wrong, 1, LocationOffset(Store().IndexForTest().Get(damaged)) + 50);
+    m_sys.Close(fd);
+    for (int i = 0; i < 5; ++i) {
+        Store().CleanForTest(8);
+        Store().CheckpointForTest();
+    }
+    EXPECT_EQ(SlotOf(damaged), slot);
+    EXPECT_THROW(Lss().Get(damaged), std::exception);
+    for (const Seid seid : m_seids) {
+        if (seid.value_ == damaged.value_) continue;
+        EXPECT_EQ(Lss().Get(seid), m_model[seid.value_]);
+    }
+    Lss().Put("the store goes on");
+}
+
+TEST_F(CleanerTest, TheFileStaysInProportionHoweverLongItIsOverwritten) {
+    Fill(400, 200);
+    int64 largest = 0;
+    for (int i = 0; i < 8000; ++i) {
+        Overwrite(SomeSeid(), 200);
+        if (i % 20 == 0) {
+            Store().BackgroundForTest();
+            largest = std::max(largest, Lss().Stats().fileSize);
+        }
+    }
+    // Beside the elements' segments: 4 of dead ones, the index's, free ones for the next transaction and for the cleaner,
+    // growth in steps of 8, and the window that may not be cleaned.
+    const int64 live = Lss().Stats().utilisation;
+    EXPECT_LT(largest, 131072 + live * 100 / 85 + 100 * SEGMENT);
+    ExpectModel();
+    Store().BackgroundForTest();
+    Store().BackgroundForTest(); // nothing was written since: at rest
+    EXPECT_LT(Lss().Stats().fileSize, 131072 + live * 100 / 85 + 60 * SEGMENT);
+    m_lss->Close();
+    Open();
+    ExpectModel();
+    EXPECT_LT(Lss().Stats().fileSize, 131072 + live * 100 / 85 + 60 * SEGMENT);
+}
+
+TEST_F(CleanerTest, ComesToRestWithElementsOfAFifthOfASegment) {
+    for (int round = 0; round < 3; ++round) {
+        for (int i = 0; i < 40; ++i) {
+            if (round == 0) m_seids.push_back(Lss().NewSeid());
+            Overwrite(m_seids[static_cast<size_t>(i)], SEGMENT / 5);
+        }
+        Store().BackgroundForTest();
+    }
+    const int64 writes = m_sys.NumCalls(ESimCall::WRITE);
+    Store().BackgroundForTest();
+    Store().BackgroundForTest();
+    EXPECT_EQ(m_sys.NumCalls(ESimCall::WRITE), writes);
+    m_lss->Close();
+    Open();
+    Store().BackgroundForTest(); // what is known of segments after an open is an estimate
+    ExpectModel();
+    const int64 after = m_sys.NumCalls(ESimCall::WRITE);
+    Store().BackgroundForTest();
+    EXPECT_EQ(m_sys.NumCalls(ESimCall::WRITE), after);
+}
+
+TEST_F(CleanerTest, AFullDiskIsCleanedFromTheReserve) {
+    Fill(200, 200);
+    for (int i = 0; i < 600; ++i) Overwrite(SomeSeid(), 200); // what the disk is full of is mostly dead
+    m_sys.FailCall(ESimCall::ALLOCATE, 1, ENOSPC, true);
+    int refused = 0;
+    for (int i = 0; i < 3000; ++i) {
+        try {
+            Overwrite(SomeSeid(), 200);
+        } catch (const FileException& e) {
+            EXPECT_EQ(e.GetErrno(), ENOSPC);
+            ++refused;
+            Store().BackgroundForTest();
+        }
+    }
+    EXPECT_LT(refused, 600); // the cleaner makes room each time; without it all but the first were refused
+    ExpectModel();
+    m_sys.Heal();
+    m_lss->Close();
+    Open();
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, MostOfTheFileIsGivenBackWhenMostOfTheStoreIsDeleted) {
+    Fill(2000, 200);
+    const int64 before = Lss().Stats().fileSize;
+    for (size_t i = 0; i < m_seids.size(); ++i) {
+        if (i % 20 == 0) continue;
+        Lss().Delete(m_seids[i]);
+        m_model.erase(m_seids[i].value_);
+    }
+    for (int i = 0; i < 4; ++i) Store().BackgroundForTest();
+    for (int i = 0; i < 1000 && Store().BackgroundForTest() >= 0; ++i) {
+    }
+    ExpectModel();
+    EXPECT_LT(UsedSegments(), 40);
+    EXPECT_GT(m_sys.NumCalls(ESimCall::PUNCH) + (before - Lss().Stats().fileSize) / SEGMENT, 80);
+    m_lss->Abandon();
+    Open();
+    ExpectModel();
+    Fill(200, 200); // punched slots get their blocks back
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, AFailedWriteOfTheCleanerIsFinalAndReadingGoesOn) {
+    Fill(100, 200);
+    Store().CheckpointForTest();
+    m_sys.FailCall(ESimCall::WRITE, 1, EIO, false);
+    EXPECT_THROW(Store().CleanForTest(4), FileException);
+    EXPECT_THROW(Store().OpenTransaction(), FileException);
+    EXPECT_EQ(Lss().All(), m_model);
+    m_lss->Close();
+    Open();
+    ExpectModel();
+}
+
+class NoCleanerTest : public CleanerTest {
+protected:
+    NoCleanerTest() : CleanerTest(WithCleaner(0)) {}
+};
+
+TEST_F(NoCleanerTest, NothingIsMovedWithAUtilisationOfZero) {
+    Fill(100, 200);
+    for (int i = 0; i < 1000; ++i) {
+        Overwrite(SomeSeid(), 200);
+        if (i % 100 == 0) Store().BackgroundForTest();
+    }
+    EXPECT_EQ(Store().CoreForTest().m_counters.survivorBytes.load(), 0u);
+}
+
+} // namespace
+} // namespace quna

@@ -1,0 +1,148 @@
+// The cleaner at work while others read and write.
+#include "qxLss/src/LssStore.h"
+#include "qxUtils/AutoCloser.h"
+#include "tests/support/Sanitized.h"
+#include "tests/support/SimSys.h"
+
+#include <atomic>
+#include <cstring>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace quna {
+namespace {
+
+constexpr int NUM_ELEMENTS = 300;
+constexpr uint64 LOG_BYTES = 6 << 20;
+
+// An element: its key, a number, and words that follow from both.
+void WriteElement(ILssTransaction& txn, Seid seid, uint32 number, size_t words) {
+    std::vector<uint32> content(words, seid.low_ * 31 + number);
+    content[0] = seid.low_;
+    content[1] = number;
+    AutoCloser<ICloseableOutputStream> stream(txn.WriteSerialElement(seid));
+    stream->WriteStream(content.data(), static_cast<ssize_t>(words * sizeof(uint32)));
+    stream.Close();
+}
+
+bool IsWhole(Seid seid, const ReadOnlyBuffer& b) {
+    if (b.size < 8 || b.size % 4 != 0) return false;
+    uint32 first[2];
+    std::memcpy(first, b.buffer, sizeof first);
+    bool right = first[0] == seid.low_;
+    for (ssize_t at = 8; at < b.size; at += 4) {
+        uint32 word = 0;
+        std::memcpy(&word, b.buffer + at, sizeof word);
+        right = right && word == seid.low_ * 31 + first[1];
+    }
+    return right;
+}
+
+TEST(CleanerThreads, ReadersAndWritersGoOnWhileSegmentsAreMovedFreedAndUsedAgain) {
+    SimSys sys;
+    sys.StopRecording();
+    LssSettings settings;
+    settings.segmentSize = 16384;
+    settings.numSegmentsPerCheckPoint = 8;
+    settings.flushTimeMilliSec = 1;
+    bool createdNew = false;
+    auto* store = static_cast<LssStore*>(OpenLssForTest(sys, "d/store", nullptr, createdNew, OM_CREATE_NEW, settings));
+    const SeidHigh high = store->AllocateSeidHigh();
+    std::vector<Seid> seids;
+    {
+        AutoCloser<ILssTransaction> txn(store->OpenTransaction());
+        for (int i = 0; i < NUM_ELEMENTS; ++i) {
+            seids.push_back(store->AllocateSeid(high));
+            WriteElement(*txn.Get(), seids.back(), 0, 30);
+        }
+        txn.Close();
+    }
+    std::atomic<bool> stop{false};
+    std::atomic<int> wrong{0};
+    const auto read = [&](uint64 seed) {
+        std::mt19937_64 random(seed);
+        std::vector<std::pair<Seid, IContiguousSerialElement*>> held; // for a while, so that segments stay pinned
+        while (!stop) {
+            const Seid seid = seids[random() % seids.size()];
+            IContiguousSerialElement* const element = store->OpenSerialElement(seid);
+            if (!element) {
+                ++wrong;
+                continue;
+            }
+            if (!IsWhole(seid, element->GetBuffer())) ++wrong;
+            held.emplace_back(seid, element);
+            if (held.size() < 8) continue;
+            const size_t i = random() % held.size();
+            if (!IsWhole(held[i].first, held[i].second->GetBuffer())) ++wrong;
+            held[i].second->Close();
+            held.erase(held.begin() + static_cast<std::ptrdiff_t>(i));
+        }
+        for (const auto& [seid, element] : held) element->Close();
+    };
+    std::vector<std::thread> readers;
+    readers.emplace_back(read, 1);
+    readers.emplace_back(read, 2);
+    std::mt19937_64 random(3);
+    std::vector<uint32> numbers(NUM_ELEMENTS, 0);
+    for (uint32 number = 1; store->LogForTest().HandedClock() < LOG_BYTES; ++number) {
+        AutoCloser<ILssTransaction> txn(store->OpenTransaction());
+        for (int i = 0; i < 8; ++i) {
+            const size_t k = random() % seids.size();
+            WriteElement(*txn.Get(), seids[k], number, random() % 64 == 0 ? 9000 : 30 + random() % 60);
+            numbers[k] = number;
+        }
+        txn.Close();
+    }
+    stop = true;
+    for (std::thread& reader : readers) reader.join();
+    EXPECT_EQ(wrong, 0);
+    EXPECT_GT(store->CoreForTest().m_counters.survivorBytes.load(), 0u);
+    store->Validate();
+    store->Close();
+    store = static_cast<LssStore*>(OpenLssForTest(sys, "d/store", nullptr, createdNew, OM_OPEN_EXISTING, settings));
+    for (size_t k = 0; k < seids.size(); ++k) {
+        AutoCloser<IContiguousSerialElement> element(store->OpenSerialElement(seids[k]));
+        const ReadOnlyBuffer b = element->GetBuffer();
+        EXPECT_TRUE(IsWhole(seids[k], b));
+        uint32 number = 0;
+        std::memcpy(&number, b.buffer + 4, sizeof number);
+        EXPECT_EQ(number, numbers[k]);
+    }
+    store->Validate();
+    store->Close();
+}
+
+TEST(CleanerThreads, AStoreCanBeClosedAndAbandonedInTheMiddleOfCleaning) {
+    SimSys sys;
+    sys.StopRecording();
+    LssSettings settings;
+    settings.segmentSize = 4096;
+    settings.numSegmentsPerCheckPoint = 4;
+    settings.flushTimeMilliSec = -1;
+    std::vector<Seid> seids;
+    for (uint32 life = 0; life < 12; ++life) {
+        bool createdNew = false;
+        auto* store =
+            static_cast<LssStore*>(OpenLssForTest(sys, "d/store", nullptr, createdNew, OM_OPEN_ALWAYS, settings));
+        if (createdNew) {
+            const SeidHigh high = store->AllocateSeidHigh();
+            for (int i = 0; i < 200; ++i) seids.push_back(store->AllocateSeid(high));
+        }
+        for (const Seid seid : seids) {
+            AutoCloser<ILssTransaction> txn(store->OpenTransaction());
+            WriteElement(*txn.Get(), seid, life, 40);
+            txn.Close();
+        }
+        for (const Seid seid : seids) {
+            AutoCloser<IContiguousSerialElement> element(store->OpenSerialElement(seid));
+            EXPECT_TRUE(IsWhole(seid, element->GetBuffer()));
+        }
+        life % 2 ? store->Close() : store->Abandon();
+    }
+}
+
+} // namespace
+} // namespace quna
