@@ -51,7 +51,7 @@ void AddOptionsOf(CLI::App& app, const CommandEntry& entry, Options& options) {
 
 } // namespace
 
-CommandLine ParseCommandLine(int argc, char** argv) {
+CommandLine ParseCommandLine(int argc, const char* const* argv, Console& console) {
     CommandLine line;
     CLI::App app(ABOUT, "qxstore");
     app.footer(STATUSES);
@@ -71,7 +71,7 @@ CommandLine ParseCommandLine(int argc, char** argv) {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         line.command = nullptr;
-        line.exitCode = app.exit(e) == 0 ? EXIT_GOOD : EXIT_USAGE;
+        line.exitCode = app.exit(e, console.out, console.err) == 0 ? EXIT_GOOD : EXIT_USAGE;
     }
     return line;
 }

@@ -2,10 +2,12 @@
 #pragma once
 
 #include "qxUtils/BasicTypes.h"
+#include "tools/qxstore/Console.h"
 #include "tools/qxstore/Report.h"
 #include "tools/qxstore/ToolError.h"
 
 #include <string>
+#include <string_view>
 
 namespace quna::qxstore {
 
@@ -23,15 +25,17 @@ struct Options {
 };
 
 // They print through Print and give the exit status.
-EExit RunInfo(const Options& options);
-EExit RunStats(const Options& options);
-EExit RunSpaces(const Options& options);
-EExit RunRoots(const Options& options);
-EExit RunClasses(const Options& options);
-EExit RunDump(const Options& options);
-EExit RunVerify(const Options& options);
+EExit RunInfo(const Options& options, Console& console);
+EExit RunStats(const Options& options, Console& console);
+EExit RunSpaces(const Options& options, Console& console);
+EExit RunRoots(const Options& options, Console& console);
+EExit RunClasses(const Options& options, Console& console);
+EExit RunDump(const Options& options, Console& console);
+EExit RunVerify(const Options& options, Console& console);
 
-// To standard output, as text or as JSON.
-void Print(const Report& report, const Options& options);
+// As text or as JSON.
+void Print(const Report& report, const Options& options, Console& console);
+// Throws ToolError when the output takes no more.
+void WriteOut(std::string_view bytes, Console& console);
 
 } // namespace quna::qxstore

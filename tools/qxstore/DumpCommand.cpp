@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <optional>
 #include <string_view>
 
@@ -78,7 +77,7 @@ void AddHex(const ReadOnlyBuffer& record, int64 maxBytes, Report& report) {
 
 } // namespace
 
-EExit RunDump(const Options& options) {
+EExit RunDump(const Options& options, Console& console) {
     OpenedStore store(options.store);
     const Directory directory(store, [](const std::string&) {}); // of a damaged store each record can be looked at
     const OID oid = FindObject(directory, options);
@@ -86,7 +85,7 @@ EExit RunDump(const Options& options) {
     report.Add("oid", "element", Text(OidText(oid)));
     const bool exists = store.WithElement(oid, [&](const ReadOnlyBuffer& record) {
         if (options.raw) {
-            std::fwrite(record.buffer, 1, static_cast<size_t>(record.size), stdout);
+            WriteOut({reinterpret_cast<const char*>(record.buffer), static_cast<size_t>(record.size)}, console);
             return;
         }
         report.Add("bytes", "size", Bytes(record.size));
@@ -96,7 +95,7 @@ EExit RunDump(const Options& options) {
     if (!exists)
         throw ToolError(EXIT_NOT_FOUND, "The store '" + options.store + "' has no element " + OidText(oid) +
                                             "; 'qxstore roots' lists objects to begin with");
-    if (!options.raw) Print(report, options);
+    if (!options.raw) Print(report, options, console);
     return EXIT_GOOD;
 }
 

@@ -49,7 +49,7 @@ void AddObjects(OpenedStore& store, const Directory& directory, Report& report) 
 
 } // namespace
 
-EExit RunInfo(const Options& options) {
+EExit RunInfo(const Options& options, Console& console) {
     OpenedStore store(options.store);
     const Directory directory(store);
     const LssStats stats = store.Stats();
@@ -58,7 +58,7 @@ EExit RunInfo(const Options& options) {
     report.Add("liveBytes", "live data", Bytes(stats.utilisation));
     report.Add("livePercent", "share of the file", Share(stats.utilisation, stats.fileSize));
     AddObjects(store, directory, report);
-    Print(report, options);
+    Print(report, options, console);
     return EXIT_GOOD;
 }
 

@@ -27,9 +27,9 @@ bool LooksLikeInfo(uint32 info) {
 SegmentCheck::SegmentCheck(OpenedStore& store, Findings& findings)
     : m_store(store), m_findings(findings), m_bytes(static_cast<size_t>(store.Segments().SegmentSize())) {}
 
-void SegmentCheck::Run(bool quiet) {
+void SegmentCheck::Run(Console& console) {
     ReadHeaders();
-    Progress progress("segments", static_cast<int64>(m_segments.size()), quiet);
+    Progress progress("segments", static_cast<int64>(m_segments.size()), console);
     for (Segment& segment : m_segments) {
         try {
             CheckSegment(segment);

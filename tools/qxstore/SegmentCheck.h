@@ -19,7 +19,7 @@ class SegmentCheck {
 public:
     SegmentCheck(OpenedStore& store, Findings& findings);
 
-    void Run(bool quiet);
+    void Run(Console& console);
     int64 NumSegments() const { return m_numSegments; }
     int64 NumPackets() const { return m_numPackets; }
 
