@@ -149,8 +149,19 @@ TEST_F(QxstoreDamageTest, OtherCommandsShowWhatCanStillBeRead) {
     const ToolResult verify = Qxstore("verify bad.store");
     EXPECT_NE(verify.out.find("segment 0 (offset 524288): no valid packet at offset "), std::string::npos)
         << verify.out;
+    EXPECT_NE(verify.out.find(", expected "), std::string::npos) << verify.out;
     EXPECT_NE(verify.out.find("\n  element 00000001:"), std::string::npos) << verify.out;
     EXPECT_EQ(ContentOf("bad.store"), content);
+
+    // The page of the index that names the store's own records.
+    content = m_good;
+    content[1572864 + 70] = static_cast<char>(content[1572864 + 70] ^ 1);
+    Damage(content);
+    const ToolResult dump = Qxstore("dump bad.store catalogue");
+    EXPECT_EQ(dump.status, 1);
+    EXPECT_NE(dump.err.find("; so the root 'catalogue' was not found, but an OID, spelled 1:2a, can be dumped.\n"),
+              std::string::npos)
+        << dump.err;
 }
 
 } // namespace

@@ -30,6 +30,10 @@ void AddFile(OpenedStore& store, Report& report) {
     report.Add("closedCleanly", "closed cleanly", YesNo(store.WasClosedCleanly()));
     report.Add("checkpoint", "newest checkpoint", Count(static_cast<int64>(header.checkpointSequence)));
     report.Add("transactions", "transactions", Count(store.Stats().numTransactions));
+    report.Add("lastTransaction", "last transaction", Count(static_cast<int64>(store.LastTransaction())));
+    report.Add("archived", "archived", YesNo(header.archivedUpTo != 0));
+    if (header.archivedUpTo)
+        report.Add("archivedUpTo", "archived up to transaction", Count(static_cast<int64>(header.archivedUpTo)));
 }
 
 void AddObjects(OpenedStore& store, const Directory& directory, Report& report) {
