@@ -76,7 +76,10 @@ public:
         return slot ? slot->load(std::memory_order_acquire) : 0;
     }
 
-    // The same for a change; makes the leaf if there is none.
+    // The page that would have to be read before the location of `seid` is known; 0 if it is in memory or there is none.
+    Location MissingPageOf(Seid seid) const;
+
+    // The same as Find for a change; makes the leaf if there is none.
     IndexSlot Prepare(Seid seid) {
         IndexLeaf* const leaf = m_lastLeaf;
         if (leaf && leaf->high == seid.high_ && leaf->page == seid.low_ >> LEAF_SHIFT) [[likely]]
