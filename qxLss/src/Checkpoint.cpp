@@ -61,8 +61,40 @@ void Checkpoint::Import(const CheckpointHeader& header, const std::vector<ssize_
     ScheduleNext(header.logClock);
 }
 
+std::vector<ssize_t> CheckpointImage::Slots() const {
+    std::vector<ssize_t> slots;
+    for (size_t slot = 0; slot < segments.size(); ++slot) {
+        if (segments[slot].sequence) slots.push_back(static_cast<ssize_t>(slot));
+    }
+    return slots;
+}
+
 void Checkpoint::Run(EReason reason) {
     std::lock_guard lock(m_mutex);
+    RunLocked(reason);
+}
+
+// Nothing that the header names is freed before the next checkpoint or batch of the cleaner, which wait for the lock.
+CheckpointImage Checkpoint::RunForCopy() {
+    std::lock_guard lock(m_mutex);
+    RunLocked(EReason::RUNNING);
+    CheckpointImage image = ImageOfNewest();
+    m_space.Hold(image.Slots());
+    return image;
+}
+
+// Index segments without a current page have been freed, but for those of the tables.
+CheckpointImage Checkpoint::ImageOfNewest() const {
+    CheckpointImage image{m_header, m_copy};
+    for (size_t slot = 0; slot < image.segments.size(); ++slot) {
+        SutEntry& entry = image.segments[slot];
+        const bool isIndex = entry.kind == static_cast<uint8>(ESegmentKind::INDEX);
+        if (isIndex && entry.livePackets == 0 && !m_held.contains(static_cast<ssize_t>(slot))) entry = SutEntry{};
+    }
+    return image;
+}
+
+void Checkpoint::RunLocked(EReason reason) {
     m_core.ThrowIfUnwritable();
     State state;
     TakePosition(state, reason);

@@ -1,5 +1,6 @@
 #include "qxLss/src/LssStore.h"
 
+#include "qxLss/src/CompactingCopy.h"
 #include "qxLss/src/SerialElement.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/Exceptions.h"
@@ -57,10 +58,7 @@ void LssStore::Recover(const CheckpointHeader& header) {
     m_log.SetLastTransaction(log.lastTransaction);
     m_checkpoint.Import(header, log.held);
     if (m_core->m_readOnly) {
-        m_overlayTransaction = std::make_unique<OverlayTransaction>(
-            m_overlay, m_log.Turn(), m_core->m_file.Path().c_str(),
-            [this](Seid seid) { return m_index.Get(seid) != 0; },
-            [this](int64 delta) { m_core->m_counters.liveHead.fetch_add(delta, std::memory_order_relaxed); });
+        BecomeReadOnly(header, std::move(log));
         return;
     }
     // The first checkpoint would find it, but by then the file has been written to.
@@ -78,6 +76,13 @@ void LssStore::Recover(const CheckpointHeader& header) {
     m_flusher.SetDurableClock(log.clock);
     m_log.Resume(log.end, log.clock);
     if (m_core->m_settings.forceIncrementMSSN) m_log.LinkToNext(EClaim::MAINTENANCE);
+}
+
+void LssStore::BecomeReadOnly(const CheckpointHeader& header, RecoveredLog log) {
+    m_origin = std::make_unique<CopyOrigin>(CopyOrigin{header, std::move(log), m_core->m_counters.liveHead.load()});
+    m_overlayTransaction = std::make_unique<OverlayTransaction>(
+        m_overlay, m_log.Turn(), m_core->m_file.Path().c_str(), [this](Seid seid) { return m_index.Get(seid) != 0; },
+        [this](int64 delta) { m_core->m_counters.liveHead.fetch_add(delta, std::memory_order_relaxed); });
 }
 
 void LssStore::StartThreads() {
@@ -106,6 +111,7 @@ void LssStore::StopThreads() {
 void LssStore::Close() {
     m_core->ThrowIfForked();
     QX_ASSERT(!m_log.Turn().IsOwnedByThisThread());
+    m_copies.Shut();
     StopThreads();
     if (!m_core->m_readOnly && !m_core->HasFailed()) {
         try {
@@ -119,6 +125,7 @@ void LssStore::Close() {
 }
 
 void LssStore::Abandon() {
+    m_copies.Shut();
     StopThreads();
     delete this;
 }

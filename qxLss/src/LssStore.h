@@ -6,6 +6,7 @@
 #include "qxLss/src/Checkpoint.h"
 #include "qxLss/src/CleanThread.h"
 #include "qxLss/src/Cleaner.h"
+#include "qxLss/src/CopyGate.h"
 #include "qxLss/src/Flusher.h"
 #include "qxLss/src/Index.h"
 #include "qxLss/src/Overlay.h"
@@ -23,6 +24,8 @@
 #include <utility>
 
 namespace quna {
+
+struct CopyOrigin;
 
 // Ownership: owns all parts and the two threads; ends by Close or Abandon.
 // Threads:   as ILogStructuredStore says. Locks from outermost to innermost: Checkpoint::m_mutex, the turn of the log,
@@ -51,6 +54,8 @@ public:
     void GetStats(LssStats& stats) override;
     void Flush() override;
     void Abandon() override;
+    BackupResult Backup(ConstStringZ path, const BackupOptions& options) override;
+    BackupResult CopyCompacted(ConstStringZ path, const BackupOptions& options) override;
 
     // Takes a checkpoint now. A failure is final, as in the background.
     void CheckpointForTest();
@@ -84,6 +89,17 @@ public:
 private:
     ~LssStore();
 
+    void BecomeReadOnly(const CheckpointHeader& header, RecoveredLog log);
+    // --- of LssStoreCopies.cpp
+    struct Abandoner;
+    using StorePtr = std::unique_ptr<LssStore, Abandoner>;
+    void CheckMayCopy();
+    CheckpointImage CheckpointForCopy();
+    StorePtr OpenCheckpoint(const CheckpointHeader& header);
+    void LayDownCopy(const LssStore& source);
+    void FinishCopy(const LssStore& source);
+    // ---
+
     void StopThreads();
     void OnTransactionClosed(bool unwinding);
     int DoBackgroundWork();
@@ -107,6 +123,8 @@ private:
     Transaction m_transaction;
     Overlay m_overlay; // of a read-only store
     std::unique_ptr<OverlayTransaction> m_overlayTransaction;
+    std::unique_ptr<const CopyOrigin> m_origin; // of a read-only store
+    CopyGate m_copies;
     CleanThread m_cleanThread;
     uint64 m_clockSeen = 0;  // by Shrink; the thread "Lss clean"
     bool m_canShrink = true; // likewise

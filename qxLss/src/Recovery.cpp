@@ -94,9 +94,6 @@ Recovery::Recovery(StoreCore& core, SpaceManager& space, Index& index, AllocRing
 
 RecoveredLog Recovery::Run(const CheckpointHeader& header) {
     CheckHeader(header);
-    m_segments.RaiseLimit(std::clamp<int64>(
-        (m_core.m_file.Size() - m_segments.DataStartOffset() + m_core.m_segmentSize - 1) / m_core.m_segmentSize, 0,
-        m_segments.MaxSlots()));
     m_result.ring = m_ring.Read();
     if (m_result.ring.newestCheckpoint > header.checkpointSequence)
         ThrowCorrupt(m_core, "the newest checkpoint header is lost: checkpoint " +
@@ -107,6 +104,18 @@ RecoveredLog Recovery::Run(const CheckpointHeader& header) {
     // A clean mark on the disk says that every byte before it was synced: then the cache tells the truth and stays warm.
     // Without it a failed sync may have left pages there that the disk does not have.
     if (!m_result.clean) m_core.m_file.DropCache(0, 0);
+    return RunFrom(header);
+}
+
+RecoveredLog Recovery::RunAt(const CheckpointHeader& header) {
+    m_result.clean = true;
+    return RunFrom(header);
+}
+
+RecoveredLog Recovery::RunFrom(const CheckpointHeader& header) {
+    m_segments.RaiseLimit(std::clamp<int64>(
+        (m_core.m_file.Size() - m_segments.DataStartOffset() + m_core.m_segmentSize - 1) / m_core.m_segmentSize, 0,
+        m_segments.MaxSlots()));
     m_result.end = {static_cast<ssize_t>(header.startSlot), static_cast<ssize_t>(header.startOffset),
                     header.startSequence};
     m_result.clock = header.logClock;
