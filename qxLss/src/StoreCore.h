@@ -40,6 +40,20 @@ struct StoreCounters {
     std::atomic<int64> numTransactions{0};
 };
 
+// How far the user stream has been copied into the archive (Archive).
+struct ArchiveProgress {
+    static constexpr uint64 NOTHING = ~uint64{0};
+
+    std::atomic<uint64> upTo{0};             // number of the last archived transaction
+    std::atomic<uint64> neededFrom{NOTHING}; // user segments from this sequence on are still to be copied
+    std::atomic<bool> isStalled{false};      // the last attempt has failed
+
+    // Must the segment stay as it is?
+    bool Needs(const SegmentSlot& slot) const {
+        return slot.kind == ESegmentKind::USER && slot.sequence >= neededFrom.load(std::memory_order_acquire);
+    }
+};
+
 // Ownership: owns file, mapping and segment table; lives as long as the store.
 // Threads:   set up by the opening thread; then constant but for the counters and the failure.
 class QX_API StoreCore {
@@ -73,6 +87,7 @@ public:
     bool m_readOnly = false;
     LssSettings m_settings;
     StoreCounters m_counters;
+    ArchiveProgress m_archive;
 
     // Called by tests between the steps of checkpoints and of the cleaner, where other threads may be served, with no lock
     // but that of the maintenance held.
