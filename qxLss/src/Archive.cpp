@@ -17,6 +17,7 @@ namespace {
 constexpr int64 DELTA_BYTES = int64{16} << 20;
 constexpr int64 SECOND = 1'000'000'000; // ns
 constexpr int64 LONGEST_WAIT = 60 * SECOND;
+constexpr auto LONGEST_HURRY = std::chrono::milliseconds(100);
 constexpr int64 FIRST_RETRY = SECOND;
 constexpr int64 LAST_RETRY = 60 * SECOND;
 
@@ -45,8 +46,8 @@ bool Archive::Attach(ssize_t numSlots, const LogPosition& end, uint64 lastTransa
     if (std::optional<ChainPosition> found = FindBehindTransaction(m_core, numSlots, end, number)) {
         if (number == newest.lastTransaction && found->time && newest.time && found->time != newest.time)
             throw FileException(("Can't go on with the archive in '" + m_directory + "': transaction " +
-                                 std::to_string(number) + " in '" + newest.path +
-                                 "' is not the one that the store '" + m_core.m_file.Path() +
+                                 std::to_string(number) + " in '" + newest.path + "' is not the one that the store '" +
+                                 m_core.m_file.Path() +
                                  "' has: it was put back to an older state and went on from there. Give it an empty "
                                  "directory for its deltas")
                                     .c_str());
@@ -56,7 +57,8 @@ bool Archive::Attach(ssize_t numSlots, const LogPosition& end, uint64 lastTransa
     }
     // Behind the end there is nothing that could be missed.
     const std::optional<SegmentHeader> open = ReadUserHeader(m_core, end.slot, end.sequence);
-    if (!open) ThrowCorrupt(m_core, "the header of the open segment is not valid", m_core.m_segments->OffsetOf(end.slot));
+    if (!open)
+        ThrowCorrupt(m_core, "the header of the open segment is not valid", m_core.m_segments->OffsetOf(end.slot));
     ChainPosition position;
     position.segments.push_back({end.slot, end.sequence, open->clockAtOpening, -1});
     position.offset = end.offset;
@@ -90,7 +92,7 @@ Archive::Newest Archive::ReadDirectory() {
     SyncDirectory(sys, m_directory);
     if (newestName.empty()) return newest;
     newest.path = PathOf(newestName);
-    const DeltaFile delta(sys, newest.path);
+    const DeltaFile delta(sys, newest.path, DeltaFile::EKeep::ENDS);
     if (delta.Header().storeId != m_core.m_storeId)
         throw FileException(("Can't archive the store '" + m_core.m_file.Path() + "' in '" + m_directory +
                              "': the delta '" + newest.path + "' there belongs to another store")
@@ -161,8 +163,8 @@ private:
     // What is durable of the first segment of m_at, and on to the next. False: there is no more.
     bool CopySegment() {
         const ChainSegment segment = m_at.segments.front();
-        const ssize_t durable = static_cast<ssize_t>(
-            std::min<uint64>(m_durable - std::min(m_durable, segment.clock), static_cast<uint64>(m_core.m_segmentSize)));
+        const ssize_t durable = static_cast<ssize_t>(std::min<uint64>(m_durable - std::min(m_durable, segment.clock),
+                                                                      static_cast<uint64>(m_core.m_segmentSize)));
         const ssize_t end = segment.end >= 0 ? std::min(segment.end, durable) : durable;
         if (m_at.offset < end) CopyRange(segment, end);
         if (m_linkedTo == 0 && (segment.end < 0 || m_at.offset < segment.end)) return false;
@@ -250,10 +252,9 @@ private:
         if (segments.size() == 1) {
             const uint64 clock = segment.clock + static_cast<uint64>(m_at.offset);
             if (m_durable <= clock) return false; // of the next nothing is durable
-            const std::optional<SegmentHeader> header =
-                m_linkSlot >= 0 && m_linkSlot < m_core.m_segments->MaxSlots()
-                    ? ReadUserHeader(m_core, m_linkSlot, m_linkedTo)
-                    : std::nullopt;
+            const std::optional<SegmentHeader> header = m_linkSlot >= 0 && m_linkSlot < m_core.m_segments->MaxSlots()
+                                                            ? ReadUserHeader(m_core, m_linkSlot, m_linkedTo)
+                                                            : std::nullopt;
             if (!header || header->clockAtOpening != clock)
                 ThrowCorrupt(m_core, "the log can't be archived: the segment that follows is not valid",
                              m_core.m_segments->OffsetOf(segment.slot));
@@ -339,6 +340,16 @@ void Archive::Wake(uint64 clock) {
     m_wake.notify_all();
 }
 
+void Archive::Hurry() {
+    std::unique_lock lock(m_wakeMutex);
+    if (!m_thread.joinable() || m_flusher.DurableClock() <= m_positionClock.load(std::memory_order_relaxed)) return;
+    m_deadline = m_core.m_file.Sys().MonotonicNanos();
+    m_retryAt = 0;
+    m_wake.notify_all();
+    const uint64 passes = m_numPasses;
+    m_passEnded.wait_for(lock, LONGEST_HURRY, [&] { return m_numPasses != passes || m_stop; });
+}
+
 // With m_wakeMutex.
 int64 Archive::DueAt() const {
     const bool isEnough =
@@ -366,6 +377,8 @@ void Archive::ThreadMain() {
             NoteFailure(e.what());
         }
         lock.lock();
+        ++m_numPasses;
+        m_passEnded.notify_all();
     }
 }
 
@@ -394,9 +407,8 @@ void Archive::WriteDue() {
     m_deadline = rests ? 0 : m_core.m_file.Sys().MonotonicNanos() + LONGEST_WAIT;
     m_notedClock = 0;
     // Not again at every sync while one large transaction is being written.
-    const uint64 enough =
-        std::max(m_positionClock.load(std::memory_order_relaxed) + static_cast<uint64>(m_deltaBytes),
-                 clock + static_cast<uint64>(m_deltaBytes) / 4);
+    const uint64 enough = std::max(m_positionClock.load(std::memory_order_relaxed) + static_cast<uint64>(m_deltaBytes),
+                                   clock + static_cast<uint64>(m_deltaBytes) / 4);
     m_wakeAt.store(rests ? clock + 1 : enough, std::memory_order_relaxed);
 }
 
