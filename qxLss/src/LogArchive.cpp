@@ -1,4 +1,4 @@
-#include "qxLss/src/Archive.h"
+#include "qxLss/src/LogArchive.h"
 
 #include "qxUtils/Exceptions.h"
 #include "qxUtils/Thread.h"
@@ -28,15 +28,15 @@ std::string WithoutSlashes(std::string path) {
 
 } // namespace
 
-Archive::Archive(StoreCore& core, Flusher& flusher, const std::string& directory, Hooks hooks)
+LogArchive::LogArchive(StoreCore& core, Flusher& flusher, const std::string& directory, Hooks hooks)
     : m_core(core), m_flusher(flusher), m_directory(WithoutSlashes(directory)), m_hooks(std::move(hooks)),
       m_deltaBytes(DELTA_BYTES) {}
 
-Archive::~Archive() { Stop(); }
+LogArchive::~LogArchive() { Stop(); }
 
 // --- opening
 
-bool Archive::Attach(ssize_t numSlots, const LogPosition& end, uint64 lastTransaction) {
+bool LogArchive::Attach(ssize_t numSlots, const LogPosition& end, uint64 lastTransaction) {
     ArchiveProgress& progress = m_core.m_archive;
     const Newest newest = ReadDirectory();
     CheckHistory(newest, lastTransaction);
@@ -78,7 +78,7 @@ bool Archive::Attach(ssize_t numSlots, const LogPosition& end, uint64 lastTransa
 
 // A delta that is found here may have got its name just before a crash, so the directory is synced before anything of the
 // log is given up.
-Archive::Newest Archive::ReadDirectory() {
+LogArchive::Newest LogArchive::ReadDirectory() {
     SysCalls& sys = m_core.m_file.Sys();
     MakeDirectory(sys, m_directory);
     Newest newest;
@@ -102,7 +102,7 @@ Archive::Newest Archive::ReadDirectory() {
     return newest;
 }
 
-void Archive::CheckHistory(const Newest& newest, uint64 lastTransaction) const {
+void LogArchive::CheckHistory(const Newest& newest, uint64 lastTransaction) const {
     if (newest.lastTransaction <= lastTransaction) return;
     throw FileException(("Can't go on with the archive in '" + m_directory + "': it has transactions up to " +
                          std::to_string(newest.lastTransaction) + " of the store '" + m_core.m_file.Path() +
@@ -111,7 +111,7 @@ void Archive::CheckHistory(const Newest& newest, uint64 lastTransaction) const {
                             .c_str());
 }
 
-void Archive::BeginAt(ChainPosition position) {
+void LogArchive::BeginAt(ChainPosition position) {
     m_position = std::move(position);
     m_position.segments.back().end = -1; // may grow
     const ChainSegment& first = m_position.segments.front();
@@ -124,9 +124,9 @@ void Archive::BeginAt(ChainPosition position) {
 // --- one delta
 
 // Reads the log from the archive's place on and writes what belongs to complete transactions.
-class Archive::Pass {
+class LogArchive::Pass {
 public:
-    explicit Pass(Archive& archive)
+    explicit Pass(LogArchive& archive)
         : m_archive(archive), m_core(archive.m_core), m_durable(archive.m_flusher.DurableClock()),
           m_at(archive.m_position), m_safe(m_at), m_last(archive.m_core.m_archive.upTo.load(std::memory_order_relaxed)),
           m_time(m_at.time) {}
@@ -278,7 +278,7 @@ private:
         if (first.sequence != before) m_archive.m_hooks.advanced();
     }
 
-    Archive& m_archive;
+    LogArchive& m_archive;
     StoreCore& m_core;
     const uint64 m_durable;
     std::optional<DeltaWriter> m_writer;
@@ -297,12 +297,12 @@ private:
     ssize_t m_linkSlot = -1;
 };
 
-bool Archive::WriteNext() {
+bool LogArchive::WriteNext() {
     if (m_flusher.DurableClock() <= m_positionClock.load(std::memory_order_relaxed)) return false;
     return Pass(*this).Run();
 }
 
-void Archive::WriteLast() noexcept {
+void LogArchive::WriteLast() noexcept {
     try {
         while (WriteNext()) {
         }
@@ -313,12 +313,12 @@ void Archive::WriteLast() noexcept {
 
 // --- the thread
 
-void Archive::Start() {
+void LogArchive::Start() {
     m_thread = std::thread([this] { ThreadMain(); });
     NoteDurable(m_flusher.DurableClock());
 }
 
-void Archive::Stop() {
+void LogArchive::Stop() {
     if (!m_thread.joinable()) return;
     {
         std::lock_guard lock(m_wakeMutex);
@@ -329,7 +329,7 @@ void Archive::Stop() {
 }
 
 // Told of the first byte that waits, and again when a delta's worth does.
-void Archive::Wake(uint64 clock) {
+void LogArchive::Wake(uint64 clock) {
     {
         std::lock_guard lock(m_wakeMutex);
         m_notedClock = std::max(m_notedClock, clock);
@@ -340,7 +340,7 @@ void Archive::Wake(uint64 clock) {
     m_wake.notify_all();
 }
 
-void Archive::Hurry() {
+void LogArchive::Hurry() {
     std::unique_lock lock(m_wakeMutex);
     if (!m_thread.joinable() || m_flusher.DurableClock() <= m_positionClock.load(std::memory_order_relaxed)) return;
     m_deadline = m_core.m_file.Sys().MonotonicNanos();
@@ -351,13 +351,13 @@ void Archive::Hurry() {
 }
 
 // With m_wakeMutex.
-int64 Archive::DueAt() const {
+int64 LogArchive::DueAt() const {
     const bool isEnough =
         m_notedClock >= m_positionClock.load(std::memory_order_relaxed) + static_cast<uint64>(m_deltaBytes);
     return isEnough ? m_retryAt : std::max(m_deadline, m_retryAt);
 }
 
-void Archive::ThreadMain() {
+void LogArchive::ThreadMain() {
     SetThreadName("Lss archive");
     std::unique_lock lock(m_wakeMutex);
     while (!m_stop) {
@@ -383,7 +383,7 @@ void Archive::ThreadMain() {
 }
 
 // Whole deltas as long as there is enough for one; the rest when it has waited long enough.
-void Archive::WriteDue() {
+void LogArchive::WriteDue() {
     bool all = false;
     {
         std::lock_guard lock(m_wakeMutex);
@@ -412,7 +412,7 @@ void Archive::WriteDue() {
     m_wakeAt.store(rests ? clock + 1 : enough, std::memory_order_relaxed);
 }
 
-void Archive::NoteFailure(const char* what) {
+void LogArchive::NoteFailure(const char* what) {
     std::lock_guard lock(m_wakeMutex);
     m_core.m_archive.isStalled.store(true, std::memory_order_relaxed);
     m_retryDelay = m_retryDelay == 0 ? FIRST_RETRY : std::min(2 * m_retryDelay, LAST_RETRY);

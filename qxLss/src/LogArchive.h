@@ -31,15 +31,15 @@ namespace quna {
 //            one. NoteDurable by any.
 // Invariant: every transaction up to ArchiveProgress::upTo, from the one on with which the chain began, is in a delta that is
 //            durable under its name.
-class QX_API Archive {
+class QX_API LogArchive {
 public:
     struct Hooks {
         std::function<void(std::vector<AllocHorizon>&, uint32& nextHigh)> horizons;
         std::function<void()> advanced; // segments are no longer needed here; called with no lock held
     };
 
-    Archive(StoreCore& core, Flusher& flusher, const std::string& directory, Hooks hooks);
-    ~Archive();
+    LogArchive(StoreCore& core, Flusher& flusher, const std::string& directory, Hooks hooks);
+    ~LogArchive();
 
     // From now on nothing of the log is given up, until Attach has found out what need not be kept.
     void KeepEverything() { m_core.m_archive.neededFrom.store(0, std::memory_order_release); }
