@@ -150,7 +150,10 @@ protected:
 // A file whose creation was cut short counts as missing. A file that is empty or no store is CorruptLSSException where it
 // would be opened. A store that another owner has open is FileException at once. Read-only stores refuse allocation and
 // requested flushes; what a transaction writes is kept in memory, seen by this process only, and dropped by Close.
-// `deltasDirPath` may be null.
+//
+// `deltasDirPath`: the directory in which the log is archived (docs/archive.md), made if it is missing; null or empty: it is
+// not. FileException if the directory cannot be used, or holds the archive of another store or of another history of this
+// one; CorruptLSSException if its newest delta is damaged. Read-only stores do not look at it.
 QX_API ILogStructuredStore* CreateOrOpenLSS(ConstStringZ path, ConstStringZ deltasDirPath, bool& createdNew,
                                             EOpenMode openMode, const LssSettings& settings);
 

@@ -49,6 +49,7 @@ Checkpoint::Checkpoint(StoreCore& core, SpaceManager& space, UserLog& log, Index
 void Checkpoint::Import(const CheckpointHeader& header, const std::vector<ssize_t>& held) {
     std::lock_guard lock(m_mutex);
     m_header = header;
+    m_core.m_archive.upTo.store(header.archivedUpTo, std::memory_order_relaxed);
     m_held.insert(held.begin(), held.end());
     m_isBeingCreated.store(header.flags & HEADER_FLAG_CREATING, std::memory_order_relaxed);
     const ssize_t numSlots = m_space.NumSlots();
@@ -142,7 +143,7 @@ void Checkpoint::TakePosition(State& state, EReason reason) {
         const bool isLog = s.sequence && (s.kind == ESegmentKind::USER || s.kind == ESegmentKind::SURVIVORS);
         const bool isSealed =
             isLog && slot != state.position.slot && (!s.isOpen || IsMutant(EMutant::OPEN_TAKEN_FOR_SEALED));
-        if (isSealed && s.livePackets == 0) {
+        if (isSealed && s.livePackets == 0 && !m_core.m_archive.Needs(s)) {
             state.emptied.push_back(slot);
             continue;
         }
@@ -355,7 +356,7 @@ void Checkpoint::WriteHeader(State& state, EReason reason) {
     h.numCheckpoints = static_cast<uint64>(m_core.m_counters.numCheckpoints.load(std::memory_order_relaxed)) + 1;
     h.numRecoveries = static_cast<uint64>(m_core.m_counters.numRecoveries.load(std::memory_order_relaxed));
     h.numTransactions = static_cast<uint64>(state.numTransactions);
-    h.archivedUpTo = m_header.archivedUpTo;
+    h.archivedUpTo = m_core.m_archive.upTo.load(std::memory_order_relaxed);
     h.numHighsPackets = static_cast<uint32>(state.highsPackets.size());
     h.numSutPackets = static_cast<uint32>(state.sutPackets.size());
     std::vector<Location> locations = state.listPackets;

@@ -38,7 +38,7 @@ Cleaner::Survey Cleaner::LookAround() {
             if (!s.sequence || (s.kind != ESegmentKind::USER && s.kind != ESegmentKind::SURVIVORS)) continue;
             ++survey.numUsed;
             const bool isOpen = s.isOpen && !IsMutant(EMutant::OPEN_TAKEN_FOR_SEALED);
-            if (isOpen || s.isDamaged || s.usedBytes == 0) continue;
+            if (isOpen || s.isDamaged || s.usedBytes == 0 || m_core.m_archive.Needs(s)) continue;
             if (!s.mayBeVictim && !IsMutant(EMutant::VICTIMS_OF_THE_WINDOW)) {
                 survey.deadInWindow += int64{s.usedBytes} - s.liveBytes;
                 continue;
@@ -117,6 +117,8 @@ void Cleaner::Rest() {
 
 void Cleaner::WaitForRoom() {
     if (!IsEnabled() || m_stop.load(std::memory_order_relaxed)) return;
+    // Then what is dead cannot be cleaned, and nobody gains by waiting.
+    if (m_core.m_archive.isStalled.load(std::memory_order_relaxed)) return;
     const uint64 clock = m_log.HandedClock();
     uint64 last = m_lastWaitAt.load(std::memory_order_relaxed);
     if (clock < last + WAIT_QUANTUM || !m_lastWaitAt.compare_exchange_strong(last, clock, std::memory_order_relaxed))

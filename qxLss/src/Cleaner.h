@@ -47,6 +47,8 @@ public:
     ssize_t CleanForTest(ssize_t maxVictims);
     // After two looks without a batch between them: not again before the log has grown.
     void Rest();
+    // Segments may have become victims without any growth of the log.
+    void Rouse() { m_notBefore.store(0, std::memory_order_relaxed); }
 
     // The disk is full: the next round cleans whatever there is to win.
     void RequestUrgently() { m_urgent.store(true, std::memory_order_relaxed); }

@@ -182,6 +182,26 @@ void SyncDirectoryOf(SysCalls& sys, const std::string& path) {
     if (result < 0) ThrowFileError("sync the directory of", path, -result);
 }
 
+void SyncDirectory(SysCalls& sys, const std::string& directory) {
+    const int result = Uninterrupted([&] { return sys.SyncDir(directory.c_str()); });
+    if (result < 0) ThrowFileError("sync the directory", directory, -result);
+}
+
+void MakeDirectory(SysCalls& sys, const std::string& directory) {
+    const int result = Uninterrupted([&] { return sys.MakeDirectory(directory.c_str()); });
+    if (result == -EEXIST) return;
+    if (result < 0) ThrowFileError("create the directory", directory, -result);
+    SyncDirectoryOf(sys, directory);
+}
+
+std::vector<std::string> ListDirectory(SysCalls& sys, const std::string& directory) {
+    std::vector<std::string> names;
+    const int result = Uninterrupted([&] { return sys.ListDirectory(directory.c_str(), names); });
+    if (result < 0) ThrowFileError("list the directory", directory, -result);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
 bool RemoveFile(SysCalls& sys, const std::string& path) {
     const int result = Uninterrupted([&] { return sys.Remove(path.c_str()); });
     if (result == -ENOENT) return false;

@@ -58,8 +58,8 @@ OpenSimStore::OpenSimStore(SimSys& sys, EOpenMode mode, const LssSettings& setti
     storeSettings.startObjectDeletion = false;
     m_store = OpenPersistStoreForTest(
         [&](bool& createdNew) {
-            m_inner = static_cast<LssStore*>(OpenLssForTest(sys, PATH, nullptr, createdNew, mode, settings));
-            m_inner->StopThreadsForTest();
+            m_inner = static_cast<LssStore*>(
+                OpenLssForTest(sys, PATH, nullptr, createdNew, mode, settings, EBackground::NONE));
             m_lss = std::make_unique<WatchedLss>(m_inner);
             return m_lss.get();
         },
