@@ -40,7 +40,7 @@ LssStore::LssStore(std::unique_ptr<StoreCore> core, const std::string& deltasDir
                     [this](bool unwinding) { OnTransactionClosed(unwinding); }) {
     if (m_cleaner.IsEnabled() && !m_core->m_readOnly) m_space.SetReserve(SLOTS_FOR_CLEANER);
     if (deltasDirectory.empty() || m_core->m_readOnly) return;
-    Archive::Hooks hooks;
+    LogArchive::Hooks hooks;
     hooks.horizons = [this](std::vector<AllocHorizon>& horizons, uint32& nextHigh) {
         m_allocator.GetHorizons(horizons, nextHigh);
     };
@@ -48,7 +48,7 @@ LssStore::LssStore(std::unique_ptr<StoreCore> core, const std::string& deltasDir
         m_cleaner.Rouse();
         m_cleanThread.Wake();
     };
-    m_archive = std::make_unique<Archive>(*m_core, m_flusher, deltasDirectory, std::move(hooks));
+    m_archive = std::make_unique<LogArchive>(*m_core, m_flusher, deltasDirectory, std::move(hooks));
 }
 
 LssStore::~LssStore() { StopThreads(); }

@@ -3,13 +3,13 @@
 
 #include "qxLss/ILogStructuredStore.h"
 #include "qxLss/src/AllocRing.h"
-#include "qxLss/src/Archive.h"
 #include "qxLss/src/Checkpoint.h"
 #include "qxLss/src/CleanThread.h"
 #include "qxLss/src/Cleaner.h"
 #include "qxLss/src/CopyGate.h"
 #include "qxLss/src/Flusher.h"
 #include "qxLss/src/Index.h"
+#include "qxLss/src/LogArchive.h"
 #include "qxLss/src/Overlay.h"
 #include "qxLss/src/Recovery.h"
 #include "qxLss/src/SeidAllocator.h"
@@ -102,7 +102,7 @@ public:
     StoreCore& CoreForTest() { return *m_core; }
     SpaceManager& SpaceForTest() { return m_space; }
     UserLog& LogForTest() { return m_log; }
-    Archive* ArchiverForTest() { return m_archive.get(); }
+    LogArchive* ArchiverForTest() { return m_archive.get(); }
     Index& IndexForTest() { return m_index; }
 
 private:
@@ -146,7 +146,7 @@ private:
     std::unique_ptr<OverlayTransaction> m_overlayTransaction;
     std::unique_ptr<const CopyOrigin> m_origin; // of a read-only store
     CopyGate m_copies;
-    std::unique_ptr<Archive> m_archive; // null: none
+    std::unique_ptr<LogArchive> m_archive; // null: none
     CleanThread m_cleanThread;
     uint64 m_clockSeen = 0;  // by Shrink; the thread "Lss clean"
     bool m_canShrink = true; // likewise

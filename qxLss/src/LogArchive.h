@@ -31,15 +31,15 @@ namespace quna {
 //            one. NoteDurable by any.
 // Invariant: every transaction up to ArchiveProgress::upTo, from the one on with which the chain began, is in a delta that is
 //            durable under its name.
-class QX_API Archive {
+class QX_API LogArchive {
 public:
     struct Hooks {
         std::function<void(std::vector<AllocHorizon>&, uint32& nextHigh)> horizons;
         std::function<void()> advanced; // segments are no longer needed here; called with no lock held
     };
 
-    Archive(StoreCore& core, Flusher& flusher, const std::string& directory, Hooks hooks);
-    ~Archive();
+    LogArchive(StoreCore& core, Flusher& flusher, const std::string& directory, Hooks hooks);
+    ~LogArchive();
 
     // From now on nothing of the log is given up, until Attach has found out what need not be kept.
     void KeepEverything() { m_core.m_archive.neededFrom.store(0, std::memory_order_release); }
@@ -94,16 +94,17 @@ private:
 
     // The place up to which everything is archived, or belongs to no transaction.
     ChainPosition m_position;
-    uint64 m_nameTaken = 0; // first transaction of a delta that has its name, though its directory could not be synced; 0: none
+    uint64 m_nameTaken =
+        0; // first transaction of a delta that has its name, though its directory could not be synced; 0: none
 
     std::atomic<uint64> m_positionClock{0};
     std::atomic<uint64> m_wakeAt{0}; // clock from which on the thread is to be told
     std::mutex m_wakeMutex;          // leaf; guards all below
     std::condition_variable m_wake;
     uint64 m_notedClock = 0;
-    int64 m_deadline = 0;     // ns, monotonic; 0: nothing waits
-    int64 m_retryAt = 0;      // ns, monotonic; 0: the last attempt did not fail
-    int64 m_retryDelay = 0;   // ns
+    int64 m_deadline = 0;   // ns, monotonic; 0: nothing waits
+    int64 m_retryAt = 0;    // ns, monotonic; 0: the last attempt did not fail
+    int64 m_retryDelay = 0; // ns
     bool m_stop = false;
     std::string m_failure; // of the last attempt; empty: it did not fail
     std::thread m_thread;

@@ -1,4 +1,4 @@
-#include "qxLss/src/Archive.h"
+#include "qxLss/src/LogArchive.h"
 
 #include "qxUtils/Exceptions.h"
 #include "qxUtils/Thread.h"
@@ -27,15 +27,15 @@ std::string WithoutSlashes(std::string path) {
 
 } // namespace
 
-Archive::Archive(StoreCore& core, Flusher& flusher, const std::string& directory, Hooks hooks)
+LogArchive::LogArchive(StoreCore& core, Flusher& flusher, const std::string& directory, Hooks hooks)
     : m_core(core), m_flusher(flusher), m_directory(WithoutSlashes(directory)), m_hooks(std::move(hooks)),
       m_deltaBytes(DELTA_BYTES) {}
 
-Archive::~Archive() { Stop(); }
+LogArchive::~LogArchive() { Stop(); }
 
 // --- opening
 
-bool Archive::Attach(ssize_t numSlots, const LogPosition& end, uint64 lastTransaction) {
+bool LogArchive::Attach(ssize_t numSlots, const LogPosition& end, uint64 lastTransaction) {
     ArchiveProgress& progress = m_core.m_archive;
     const Newest newest = ReadDirectory();
     CheckHistory(newest, lastTransaction);
@@ -45,8 +45,8 @@ bool Archive::Attach(ssize_t numSlots, const LogPosition& end, uint64 lastTransa
     if (std::optional<ChainPosition> found = FindBehindTransaction(m_core, numSlots, end, number)) {
         if (number == newest.lastTransaction && found->time && newest.time && found->time != newest.time)
             throw FileException(("Can't go on with the archive in '" + m_directory + "': transaction " +
-                                 std::to_string(number) + " in '" + newest.path +
-                                 "' is not the one that the store '" + m_core.m_file.Path() +
+                                 std::to_string(number) + " in '" + newest.path + "' is not the one that the store '" +
+                                 m_core.m_file.Path() +
                                  "' has: it was put back to an older state and went on from there. Give it an empty "
                                  "directory for its deltas")
                                     .c_str());
@@ -56,7 +56,8 @@ bool Archive::Attach(ssize_t numSlots, const LogPosition& end, uint64 lastTransa
     }
     // Behind the end there is nothing that could be missed.
     const std::optional<SegmentHeader> open = ReadUserHeader(m_core, end.slot, end.sequence);
-    if (!open) ThrowCorrupt(m_core, "the header of the open segment is not valid", m_core.m_segments->OffsetOf(end.slot));
+    if (!open)
+        ThrowCorrupt(m_core, "the header of the open segment is not valid", m_core.m_segments->OffsetOf(end.slot));
     ChainPosition position;
     position.segments.push_back({end.slot, end.sequence, open->clockAtOpening, -1});
     position.offset = end.offset;
@@ -76,7 +77,7 @@ bool Archive::Attach(ssize_t numSlots, const LogPosition& end, uint64 lastTransa
 
 // A delta that is found here may have got its name just before a crash, so the directory is synced before anything of the
 // log is given up.
-Archive::Newest Archive::ReadDirectory() {
+LogArchive::Newest LogArchive::ReadDirectory() {
     SysCalls& sys = m_core.m_file.Sys();
     MakeDirectory(sys, m_directory);
     Newest newest;
@@ -100,7 +101,7 @@ Archive::Newest Archive::ReadDirectory() {
     return newest;
 }
 
-void Archive::CheckHistory(const Newest& newest, uint64 lastTransaction) const {
+void LogArchive::CheckHistory(const Newest& newest, uint64 lastTransaction) const {
     if (newest.lastTransaction <= lastTransaction) return;
     throw FileException(("Can't go on with the archive in '" + m_directory + "': it has transactions up to " +
                          std::to_string(newest.lastTransaction) + " of the store '" + m_core.m_file.Path() +
@@ -109,7 +110,7 @@ void Archive::CheckHistory(const Newest& newest, uint64 lastTransaction) const {
                             .c_str());
 }
 
-void Archive::BeginAt(ChainPosition position) {
+void LogArchive::BeginAt(ChainPosition position) {
     m_position = std::move(position);
     m_position.segments.back().end = -1; // may grow
     const ChainSegment& first = m_position.segments.front();
@@ -122,9 +123,9 @@ void Archive::BeginAt(ChainPosition position) {
 // --- one delta
 
 // Reads the log from the archive's place on and writes what belongs to complete transactions.
-class Archive::Pass {
+class LogArchive::Pass {
 public:
-    explicit Pass(Archive& archive)
+    explicit Pass(LogArchive& archive)
         : m_archive(archive), m_core(archive.m_core), m_durable(archive.m_flusher.DurableClock()),
           m_at(archive.m_position), m_safe(m_at), m_last(archive.m_core.m_archive.upTo.load(std::memory_order_relaxed)),
           m_time(m_at.time) {}
@@ -161,8 +162,8 @@ private:
     // What is durable of the first segment of m_at, and on to the next. False: there is no more.
     bool CopySegment() {
         const ChainSegment segment = m_at.segments.front();
-        const ssize_t durable = static_cast<ssize_t>(
-            std::min<uint64>(m_durable - std::min(m_durable, segment.clock), static_cast<uint64>(m_core.m_segmentSize)));
+        const ssize_t durable = static_cast<ssize_t>(std::min<uint64>(m_durable - std::min(m_durable, segment.clock),
+                                                                      static_cast<uint64>(m_core.m_segmentSize)));
         const ssize_t end = segment.end >= 0 ? std::min(segment.end, durable) : durable;
         if (m_at.offset < end) CopyRange(segment, end);
         if (m_linkedTo == 0 && (segment.end < 0 || m_at.offset < segment.end)) return false;
@@ -250,10 +251,9 @@ private:
         if (segments.size() == 1) {
             const uint64 clock = segment.clock + static_cast<uint64>(m_at.offset);
             if (m_durable <= clock) return false; // of the next nothing is durable
-            const std::optional<SegmentHeader> header =
-                m_linkSlot >= 0 && m_linkSlot < m_core.m_segments->MaxSlots()
-                    ? ReadUserHeader(m_core, m_linkSlot, m_linkedTo)
-                    : std::nullopt;
+            const std::optional<SegmentHeader> header = m_linkSlot >= 0 && m_linkSlot < m_core.m_segments->MaxSlots()
+                                                            ? ReadUserHeader(m_core, m_linkSlot, m_linkedTo)
+                                                            : std::nullopt;
             if (!header || header->clockAtOpening != clock)
                 ThrowCorrupt(m_core, "the log can't be archived: the segment that follows is not valid",
                              m_core.m_segments->OffsetOf(segment.slot));
@@ -277,7 +277,7 @@ private:
         if (first.sequence != before) m_archive.m_hooks.advanced();
     }
 
-    Archive& m_archive;
+    LogArchive& m_archive;
     StoreCore& m_core;
     const uint64 m_durable;
     std::optional<DeltaWriter> m_writer;
@@ -296,12 +296,12 @@ private:
     ssize_t m_linkSlot = -1;
 };
 
-bool Archive::WriteNext() {
+bool LogArchive::WriteNext() {
     if (m_flusher.DurableClock() <= m_positionClock.load(std::memory_order_relaxed)) return false;
     return Pass(*this).Run();
 }
 
-void Archive::WriteLast() noexcept {
+void LogArchive::WriteLast() noexcept {
     try {
         while (WriteNext()) {
         }
@@ -312,12 +312,12 @@ void Archive::WriteLast() noexcept {
 
 // --- the thread
 
-void Archive::Start() {
+void LogArchive::Start() {
     m_thread = std::thread([this] { ThreadMain(); });
     NoteDurable(m_flusher.DurableClock());
 }
 
-void Archive::Stop() {
+void LogArchive::Stop() {
     if (!m_thread.joinable()) return;
     {
         std::lock_guard lock(m_wakeMutex);
@@ -328,7 +328,7 @@ void Archive::Stop() {
 }
 
 // Told of the first byte that waits, and again when a delta's worth does.
-void Archive::Wake(uint64 clock) {
+void LogArchive::Wake(uint64 clock) {
     {
         std::lock_guard lock(m_wakeMutex);
         m_notedClock = std::max(m_notedClock, clock);
@@ -340,13 +340,13 @@ void Archive::Wake(uint64 clock) {
 }
 
 // With m_wakeMutex.
-int64 Archive::DueAt() const {
+int64 LogArchive::DueAt() const {
     const bool isEnough =
         m_notedClock >= m_positionClock.load(std::memory_order_relaxed) + static_cast<uint64>(m_deltaBytes);
     return isEnough ? m_retryAt : std::max(m_deadline, m_retryAt);
 }
 
-void Archive::ThreadMain() {
+void LogArchive::ThreadMain() {
     SetThreadName("Lss archive");
     std::unique_lock lock(m_wakeMutex);
     while (!m_stop) {
@@ -370,7 +370,7 @@ void Archive::ThreadMain() {
 }
 
 // Whole deltas as long as there is enough for one; the rest when it has waited long enough.
-void Archive::WriteDue() {
+void LogArchive::WriteDue() {
     bool all = false;
     {
         std::lock_guard lock(m_wakeMutex);
@@ -394,13 +394,12 @@ void Archive::WriteDue() {
     m_deadline = rests ? 0 : m_core.m_file.Sys().MonotonicNanos() + LONGEST_WAIT;
     m_notedClock = 0;
     // Not again at every sync while one large transaction is being written.
-    const uint64 enough =
-        std::max(m_positionClock.load(std::memory_order_relaxed) + static_cast<uint64>(m_deltaBytes),
-                 clock + static_cast<uint64>(m_deltaBytes) / 4);
+    const uint64 enough = std::max(m_positionClock.load(std::memory_order_relaxed) + static_cast<uint64>(m_deltaBytes),
+                                   clock + static_cast<uint64>(m_deltaBytes) / 4);
     m_wakeAt.store(rests ? clock + 1 : enough, std::memory_order_relaxed);
 }
 
-void Archive::NoteFailure(const char* what) {
+void LogArchive::NoteFailure(const char* what) {
     std::lock_guard lock(m_wakeMutex);
     m_core.m_archive.isStalled.store(true, std::memory_order_relaxed);
     m_retryDelay = m_retryDelay == 0 ? FIRST_RETRY : std::min(2 * m_retryDelay, LAST_RETRY);
