@@ -92,17 +92,20 @@ void DeltaWriter::Finish(uint64 lastTransaction, uint64 lastTime, uint32 nextHig
     m_file.SyncData();
     m_file.Close();
     if (!RenameFile(m_sys, m_partPath, m_path, replace))
-        throw FileException(("Can't finish the delta file '" + m_path + "': a file of that name exists already").c_str());
+        throw FileException(
+            ("Can't finish the delta file '" + m_path + "': a file of that name exists already").c_str());
     m_hasName = true;
     SyncDirectoryOf(m_sys, m_path);
 }
 
 // --- reading
 
-DeltaFile::DeltaFile(SysCalls& sys, const std::string& path) : m_path(path) {
-    ReadAll(sys);
-    CheckHeader();
-    CheckFrames();
+DeltaFile::DeltaFile(SysCalls& sys, const std::string& path, EKeep keep) : m_path(path) {
+    File file(sys);
+    file.Open(m_path, EFileAccess::READ_ONLY);
+    m_size = file.Size();
+    ReadHeader(file);
+    ReadFrames(file, keep);
 }
 
 void DeltaFile::ThrowDamaged(const std::string& what, int64 offset, const std::string& found,
@@ -112,19 +115,10 @@ void DeltaFile::ThrowDamaged(const std::string& what, int64 offset, const std::s
                                   .c_str());
 }
 
-void DeltaFile::ReadAll(SysCalls& sys) {
-    File file(sys);
-    file.Open(m_path, EFileAccess::READ_ONLY);
-    m_bytes.resize(static_cast<size_t>(file.Size()));
-    const ssize_t n = file.ReadUpTo(0, m_bytes.data(), std::ssize(m_bytes));
-    m_bytes.resize(static_cast<size_t>(n));
-}
-
-void DeltaFile::CheckHeader() {
-    const ssize_t size = std::ssize(m_bytes);
-    if (size < HEADER_BYTES)
-        ThrowDamaged("the header", 0, std::to_string(size) + " bytes", std::to_string(HEADER_BYTES));
-    m_header = ReadPod<DeltaHeader>(m_bytes.data());
+void DeltaFile::ReadHeader(File& file) {
+    if (m_size < HEADER_BYTES)
+        ThrowDamaged("the header", 0, std::to_string(m_size) + " bytes", std::to_string(HEADER_BYTES));
+    file.Read(0, &m_header, sizeof m_header);
     if (std::memcmp(m_header.magic, DELTA_MAGIC, sizeof m_header.magic) != 0)
         ThrowDamaged("the magic", 0, "other bytes", DELTA_MAGIC);
     if (m_header.version > DELTA_VERSION)
@@ -143,20 +137,22 @@ void DeltaFile::CheckHeader() {
                      std::to_string(m_header.previousTransaction), std::to_string(m_header.firstTransaction - 1));
 }
 
-void DeltaFile::CheckFrames() {
-    const ssize_t size = std::ssize(m_bytes);
+void DeltaFile::ReadFrames(File& file, EKeep keep) {
+    if (keep == EKeep::FRAMES) m_bytes.resize(static_cast<size_t>(m_size - HEADER_BYTES));
     uint32 crc = m_header.crc;
-    for (ssize_t at = HEADER_BYTES;;) {
-        if (size - at < FRAME_BYTES)
-            ThrowDamaged("a frame", at, std::to_string(size - at) + " bytes", std::to_string(FRAME_BYTES));
-        const DeltaFrame frame = ReadPod<DeltaFrame>(m_bytes.data() + at);
-        const ssize_t room = size - at - FRAME_BYTES;
+    for (int64 at = HEADER_BYTES;;) {
+        if (m_size - at < FRAME_BYTES)
+            ThrowDamaged("a frame", at, std::to_string(m_size - at) + " bytes", std::to_string(FRAME_BYTES));
+        DeltaFrame frame{};
+        file.Read(at, &frame, sizeof frame);
+        const ssize_t room = m_size - at - FRAME_BYTES;
         const ssize_t n = frame.length;
-        if (n > room) ThrowDamaged("a frame's length", at, std::to_string(n), std::to_string(room) + " at most");
-        const octet_t* const bytes = m_bytes.data() + at + FRAME_BYTES;
+        CheckFrame(frame, at, room);
+        if (keep == EKeep::ENDS) m_bytes.resize(static_cast<size_t>(n));
+        octet_t* const bytes = m_bytes.data() + (keep == EKeep::ENDS ? 0 : at + FRAME_BYTES - HEADER_BYTES);
+        file.Read(at + FRAME_BYTES, bytes, n);
         crc = FrameCrc(frame, bytes, crc);
-        if (crc != frame.crc)
-            ThrowDamaged("a frame's checksum", at, std::to_string(frame.crc), std::to_string(crc));
+        if (crc != frame.crc) ThrowDamaged("a frame's checksum", at, std::to_string(frame.crc), std::to_string(crc));
         if (frame.slot == DELTA_CLOSING_SLOT) {
             TakeClosing(bytes, n, at);
             if (n != room)
@@ -164,20 +160,25 @@ void DeltaFile::CheckFrames() {
                              "none");
             return;
         }
-        if (frame.offset + int64{frame.length} > int64{m_header.segmentSize})
-            ThrowDamaged("a frame's end in its segment", at, std::to_string(frame.offset + int64{frame.length}),
-                         std::to_string(m_header.segmentSize) + " at most");
-        m_frames.push_back({frame, at + FRAME_BYTES, bytes});
+        if (keep == EKeep::FRAMES) m_frames.push_back({frame, at + FRAME_BYTES, bytes});
         at += FRAME_BYTES + n;
     }
 }
 
+void DeltaFile::CheckFrame(const DeltaFrame& frame, int64 at, ssize_t room) const {
+    if (int64{frame.length} > room)
+        ThrowDamaged("a frame's length", at, std::to_string(frame.length), std::to_string(room) + " at most");
+    const int64 end = int64{frame.offset} + frame.length;
+    if (frame.slot != DELTA_CLOSING_SLOT && end > int64{m_header.segmentSize})
+        ThrowDamaged("a frame's end in its segment", at, std::to_string(end),
+                     std::to_string(m_header.segmentSize) + " at most");
+}
+
 void DeltaFile::TakeClosing(const octet_t* bytes, ssize_t n, int64 offset) {
     if (n >= static_cast<ssize_t>(sizeof m_closing)) m_closing = ReadPod<DeltaClosing>(bytes);
-    const int64 expected = static_cast<int64>(sizeof m_closing) +
-                           int64{m_closing.numHighs} * static_cast<int64>(sizeof(AllocHorizon));
-    if (n != expected)
-        ThrowDamaged("the closing frame's length", offset, std::to_string(n), std::to_string(expected));
+    const int64 expected =
+        static_cast<int64>(sizeof m_closing) + int64{m_closing.numHighs} * static_cast<int64>(sizeof(AllocHorizon));
+    if (n != expected) ThrowDamaged("the closing frame's length", offset, std::to_string(n), std::to_string(expected));
     if (m_closing.lastTransaction < m_header.firstTransaction)
         ThrowDamaged("the last transaction", offset + FRAME_BYTES, std::to_string(m_closing.lastTransaction),
                      std::to_string(m_header.firstTransaction) + " at least");

@@ -102,7 +102,7 @@ private:
     bool m_hasName = false;
 };
 
-// A delta in memory, verified: header, every frame, closing frame, the end of the file right behind it.
+// A delta that has been read and verified: header, every frame, closing frame, the end of the file right behind it.
 //
 // Threads: constant once loaded.
 class QX_API DeltaFile {
@@ -113,8 +113,13 @@ public:
         const octet_t* bytes;
     };
 
+    enum class EKeep {
+        FRAMES,
+        ENDS // header and closing frame alone: Frames is empty, and memory is needed for one frame at a time
+    };
+
     // Throws CorruptLSSException with what was found and what was expected, or FileException.
-    DeltaFile(SysCalls& sys, const std::string& path);
+    DeltaFile(SysCalls& sys, const std::string& path, EKeep keep = EKeep::FRAMES);
     DeltaFile(const DeltaFile&) = delete;
     DeltaFile& operator=(const DeltaFile&) = delete;
 
@@ -130,13 +135,14 @@ public:
                                    const std::string& expected) const;
 
 private:
-    void ReadAll(SysCalls& sys);
-    void CheckHeader();
-    void CheckFrames();
+    void ReadHeader(File& file);
+    void ReadFrames(File& file, EKeep keep);
+    void CheckFrame(const DeltaFrame& frame, int64 at, ssize_t room) const;
     void TakeClosing(const octet_t* bytes, ssize_t n, int64 offset);
 
     const std::string m_path;
-    std::vector<octet_t> m_bytes;
+    int64 m_size = 0;             // of the file
+    std::vector<octet_t> m_bytes; // of the file from the header's end on, or of one frame
     DeltaHeader m_header{};
     DeltaClosing m_closing{};
     std::vector<AllocHorizon> m_horizons;

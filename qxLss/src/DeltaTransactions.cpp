@@ -31,10 +31,9 @@ bool DeltaTransactions::Next(DeltaTransaction& transaction) {
             continue;
         }
         const octet_t* const bytes = m_frame->bytes + (m_pos - m_frame->head.offset);
-        const ssize_t stopped =
-            VisitPackets(bytes, m_pos, end, m_crcSeed, [this](ssize_t pos, const PacketHeader& header, const octet_t* p) {
-                return Take(pos, header, p);
-            });
+        const ssize_t stopped = VisitPackets(
+            bytes, m_pos, end, m_crcSeed,
+            [this](ssize_t pos, const PacketHeader& header, const octet_t* p) { return Take(pos, header, p); });
         m_pos = stopped;
         if (m_isComplete) {
             std::swap(transaction, m_pending);
@@ -67,9 +66,9 @@ bool DeltaTransactions::NextFrame() {
                            before->head.offset + before->head.length == head.offset;
     const bool isLinked = m_linkedTo == head.sequence && head.offset == SEGMENT_HEADER_BYTES;
     m_packetOffset = m_frame->fileOffset;
-    if (before && (head.sequence < before->head.sequence ||
-                   (head.sequence == before->head.sequence &&
-                    head.offset < uint64{before->head.offset} + before->head.length)))
+    if (before &&
+        (head.sequence < before->head.sequence ||
+         (head.sequence == before->head.sequence && head.offset < uint64{before->head.offset} + before->head.length)))
         ThrowDamaged("a frame", "segment " + std::to_string(head.sequence) + " from " + std::to_string(head.offset),
                      "a place behind the frame before");
     if (!continues && !isLinked) Forget();
@@ -124,14 +123,15 @@ void DeltaTransactions::TakeLong(DeltaOperation& operation, const octet_t* paylo
     const ssize_t tailBytes = n - static_cast<ssize_t>(sizeof prefix) - listBytes;
     const ssize_t total = ssize_t{prefix.n} * OverflowBytes(m_segmentSize) + tailBytes;
     if (prefix.n == 0 || tailBytes < 0 || static_cast<ssize_t>(prefix.totalBytes) != total)
-        ThrowDamaged("the head of a long element", std::to_string(prefix.totalBytes) + " bytes in " +
-                                                       std::to_string(prefix.n) + " parts",
+        ThrowDamaged("the head of a long element",
+                     std::to_string(prefix.totalBytes) + " bytes in " + std::to_string(prefix.n) + " parts",
                      std::to_string(total) + " bytes");
     const octet_t* at = payload + sizeof prefix;
     for (uint32 i = 0; i < prefix.n; ++i, at += sizeof(Location)) {
         const auto part = m_parts.find(ReadPod<Location>(at));
         if (part == m_parts.end() || part->second.ordinal != i)
-            ThrowDamaged("a part of a long element", "none or another", "part " + std::to_string(i) + " before its head");
+            ThrowDamaged("a part of a long element", "none or another",
+                         "part " + std::to_string(i) + " before its head");
         operation.pieces.push_back(part->second.piece);
     }
     operation.pieces.push_back({at, tailBytes});

@@ -28,8 +28,8 @@ struct DeltaOperation {
 
 struct DeltaTransaction {
     uint64 number = 0;
-    uint64 time = 0; // of its commit
-    int64 fileOffset = 0; // of its COMMIT
+    uint64 time = 0;                        // of its commit
+    int64 fileOffset = 0;                   // of its COMMIT
     std::vector<DeltaOperation> operations; // in their order
 };
 
@@ -59,7 +59,8 @@ private:
     void TakeCommit(const PacketHeader& header, const octet_t* payload);
     void Forget();
     int64 FileOffsetOf(const octet_t* p) const;
-    [[noreturn]] void ThrowDamaged(const std::string& what, const std::string& found, const std::string& expected) const;
+    [[noreturn]] void ThrowDamaged(const std::string& what, const std::string& found,
+                                   const std::string& expected) const;
 
     const DeltaFile& m_delta;
     const ssize_t m_segmentSize;

@@ -17,6 +17,7 @@ namespace {
 constexpr int64 DELTA_BYTES = int64{16} << 20;
 constexpr int64 SECOND = 1'000'000'000; // ns
 constexpr int64 LONGEST_WAIT = 60 * SECOND;
+constexpr auto LONGEST_HURRY = std::chrono::milliseconds(100);
 constexpr int64 FIRST_RETRY = SECOND;
 constexpr int64 LAST_RETRY = 60 * SECOND;
 
@@ -91,7 +92,7 @@ LogArchive::Newest LogArchive::ReadDirectory() {
     SyncDirectory(sys, m_directory);
     if (newestName.empty()) return newest;
     newest.path = PathOf(newestName);
-    const DeltaFile delta(sys, newest.path);
+    const DeltaFile delta(sys, newest.path, DeltaFile::EKeep::ENDS);
     if (delta.Header().storeId != m_core.m_storeId)
         throw FileException(("Can't archive the store '" + m_core.m_file.Path() + "' in '" + m_directory +
                              "': the delta '" + newest.path + "' there belongs to another store")
@@ -339,6 +340,16 @@ void LogArchive::Wake(uint64 clock) {
     m_wake.notify_all();
 }
 
+void Archive::Hurry() {
+    std::unique_lock lock(m_wakeMutex);
+    if (!m_thread.joinable() || m_flusher.DurableClock() <= m_positionClock.load(std::memory_order_relaxed)) return;
+    m_deadline = m_core.m_file.Sys().MonotonicNanos();
+    m_retryAt = 0;
+    m_wake.notify_all();
+    const uint64 passes = m_numPasses;
+    m_passEnded.wait_for(lock, LONGEST_HURRY, [&] { return m_numPasses != passes || m_stop; });
+}
+
 // With m_wakeMutex.
 int64 LogArchive::DueAt() const {
     const bool isEnough =
@@ -366,6 +377,8 @@ void LogArchive::ThreadMain() {
             NoteFailure(e.what());
         }
         lock.lock();
+        ++m_numPasses;
+        m_passEnded.notify_all();
     }
 }
 

@@ -57,6 +57,9 @@ public:
         if (clock >= m_wakeAt.load(std::memory_order_relaxed)) [[unlikely]]
             Wake(clock);
     }
+    // The disk is full: what waits is archived now, so that its segments can be cleaned. Returns when that is done or has
+    // failed, or after 100 ms.
+    void Hurry();
     // Writes one delta of what is durable. False: there is no complete transaction. Throws FileException or
     // CorruptLSSException, and then nothing has changed.
     bool WriteNext();
@@ -101,6 +104,8 @@ private:
     std::atomic<uint64> m_wakeAt{0}; // clock from which on the thread is to be told
     std::mutex m_wakeMutex;          // leaf; guards all below
     std::condition_variable m_wake;
+    std::condition_variable m_passEnded;
+    uint64 m_numPasses = 0;
     uint64 m_notedClock = 0;
     int64 m_deadline = 0;   // ns, monotonic; 0: nothing waits
     int64 m_retryAt = 0;    // ns, monotonic; 0: the last attempt did not fail

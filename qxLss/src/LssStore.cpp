@@ -249,6 +249,7 @@ void LssStore::MakeRoomForTransaction() {
         if (!m_cleaner.IsEnabled() || !m_cleanThread.IsRunning()) throw;
     }
     m_log.Turn().Release();
+    if (m_archive) m_archive->Hurry();
     const uint64 rounds = m_cleaner.NumRounds();
     m_cleanThread.Wake();
     m_cleaner.WaitForRound(rounds);

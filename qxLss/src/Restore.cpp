@@ -221,7 +221,8 @@ private:
 
 void CheckArguments(ConstStringZ basePath, ConstStringZ deltasDirPath, ConstStringZ newPath) {
     if (!basePath || !*basePath) throw FileException("Can't restore a store: the path of its base is empty");
-    if (!deltasDirPath || !*deltasDirPath) throw FileException("Can't restore a store: the path of its deltas is empty");
+    if (!deltasDirPath || !*deltasDirPath)
+        throw FileException("Can't restore a store: the path of its deltas is empty");
     if (!newPath || !*newPath) throw FileException("Can't restore a store: the path of the new file is empty");
 }
 

@@ -93,8 +93,7 @@ private:
                          [&](ssize_t, const PacketHeader& header, const octet_t* payload) {
                              if (PacketType(header.info) == EPacketType::COMMIT) {
                                  decided = true;
-                                 isWhole = header.key == number &&
-                                           PayloadBytes(header.info) == sizeof(CommitPayload) &&
+                                 isWhole = header.key == number && PayloadBytes(header.info) == sizeof(CommitPayload) &&
                                            count.Agrees(ReadPod<CommitPayload>(payload));
                                  return false;
                              }
@@ -125,7 +124,8 @@ private:
 
 std::optional<SegmentHeader> ReadUserHeader(StoreCore& core, ssize_t slot, uint64 sequence) {
     SegmentHeader header{};
-    if (core.m_file.ReadUpTo(core.m_segments->OffsetOf(slot), &header, sizeof header) != static_cast<ssize_t>(sizeof header) ||
+    if (core.m_file.ReadUpTo(core.m_segments->OffsetOf(slot), &header, sizeof header) !=
+            static_cast<ssize_t>(sizeof header) ||
         std::memcmp(header.magic, SEGMENT_MAGIC, sizeof header.magic) != 0 ||
         header.crc != Crc32c(&header, offsetof(SegmentHeader, crc)) ||
         header.storeIdStart != StoreIdStart(core.m_storeId) || header.slot != static_cast<uint32>(slot) ||

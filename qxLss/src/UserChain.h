@@ -86,7 +86,7 @@ QX_API std::optional<SegmentHeader> ReadUserHeader(StoreCore& core, ssize_t slot
 
 // Where the log goes on behind the transaction `number`; nothing if it has been cleaned away. `end`: the log's end, up to
 // which everything has been handed over. Requires: nothing is written meanwhile.
-QX_API std::optional<ChainPosition> FindBehindTransaction(StoreCore& core, ssize_t numSlots,
-                                                          const LogPosition& end, uint64 number);
+QX_API std::optional<ChainPosition> FindBehindTransaction(StoreCore& core, ssize_t numSlots, const LogPosition& end,
+                                                          uint64 number);
 
 } // namespace quna

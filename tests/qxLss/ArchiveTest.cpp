@@ -94,17 +94,17 @@ TEST_F(Archiving, TheFirstBytesOfADeltaAreThoseOfTheFormat) {
     file.Read(0, bytes, sizeof bytes);
     EXPECT_EQ(std::string(bytes, bytes + 8), "LSSDELTA");
     EXPECT_EQ(std::memcmp(bytes + 8, m_store.Lss()->CoreForTest().m_storeId.data(), 16), 0);
-    EXPECT_EQ(ReadPod<uint32>(bytes + 24), 1u);     // version
-    EXPECT_EQ(ReadPod<uint32>(bytes + 28), 4096u);  // segment size
-    EXPECT_EQ(ReadPod<uint64>(bytes + 32), 1u);     // first transaction
-    EXPECT_EQ(ReadPod<uint64>(bytes + 40), 0u);     // the one before
-    EXPECT_EQ(ReadPod<uint64>(bytes + 48), 0u);     // its time
+    EXPECT_EQ(ReadPod<uint32>(bytes + 24), 1u);    // version
+    EXPECT_EQ(ReadPod<uint32>(bytes + 28), 4096u); // segment size
+    EXPECT_EQ(ReadPod<uint64>(bytes + 32), 1u);    // first transaction
+    EXPECT_EQ(ReadPod<uint64>(bytes + 40), 0u);    // the one before
+    EXPECT_EQ(ReadPod<uint64>(bytes + 48), 0u);    // its time
     EXPECT_EQ(ReadPod<uint32>(bytes + 60), Crc32c(bytes, 60));
     const uint32 length = ReadPod<uint32>(bytes + 64 + 16);
     std::vector<octet_t> frame(24 + length);
     file.Read(64, frame.data(), std::ssize(frame));
-    const uint32 crc = Crc32c(frame.data() + 24, std::ssize(frame) - 24,
-                              Crc32c(frame.data(), 20, ReadPod<uint32>(bytes + 60)));
+    const uint32 crc =
+        Crc32c(frame.data() + 24, std::ssize(frame) - 24, Crc32c(frame.data(), 20, ReadPod<uint32>(bytes + 60)));
     EXPECT_EQ(ReadPod<uint32>(bytes + 64 + 20), crc);
     // As in the store.
     const int64 at = 131072 + int64{ReadPod<uint32>(bytes + 64)} * 4096 + ReadPod<uint32>(bytes + 64 + 4);

@@ -338,9 +338,9 @@ TEST_F(Restoring, WrongContentsUnderRightFrameChecksumsAreRefused) {
 TEST_F(Restoring, AFailedCallEndsTheRestoreAndLeavesNothingBehind) {
     m_isRecorded = true;
     Fill(3, 9);
-    for (const ESimCall kind : {ESimCall::OPEN, ESimCall::READ, ESimCall::WRITE, ESimCall::WRITE_DURABLE,
-                                ESimCall::SYNC, ESimCall::ALLOCATE, ESimCall::RENAME, ESimCall::SYNC_DIR,
-                                ESimCall::TRUNCATE, ESimCall::LIST_DIR}) {
+    for (const ESimCall kind :
+         {ESimCall::OPEN, ESimCall::READ, ESimCall::WRITE, ESimCall::WRITE_DURABLE, ESimCall::SYNC, ESimCall::ALLOCATE,
+          ESimCall::RENAME, ESimCall::SYNC_DIR, ESimCall::TRUNCATE, ESimCall::LIST_DIR}) {
         for (int64 n = 1;; n += 1 + n / 4) {
             RemoveFile(*m_sys, "d/new");
             m_sys->FailCall(kind, n, EIO, false);

@@ -48,8 +48,9 @@ public:
             if (chosen.contains(k)) {
                 const uint64 variant = onlyPoint >= 0 ? onlyVariant : random() % 7;
                 ++m_totals.points;
-                CheckOne(disk.Image({static_cast<CrashVariant::EChoice>(variant), m_seed + static_cast<uint64>(k)}, &next),
-                         k, variant);
+                CheckOne(
+                    disk.Image({static_cast<CrashVariant::EChoice>(variant), m_seed + static_cast<uint64>(k)}, &next),
+                    k, variant);
             }
             disk.Apply(next);
         }

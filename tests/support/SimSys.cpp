@@ -357,10 +357,11 @@ bool SimSys::HasDirectory(const std::string& path) const {
 int SimSys::MakeDirectory(const char* path) {
     const std::lock_guard lock(m_mutex);
     if (const int error = BeginChange(ESimCall::MAKE_DIR, path)) return error;
-    if (m_names.contains(path) || HasDirectory(path)) return -EEXIST;
-    if (!HasDirectory(DirectoryOf(path))) return -ENOENT;
-    m_directories.insert(path);
-    return 0;
+    if (m_names.contains(path)) return -EEXIST;
+    const bool exists = HasDirectory(path);
+    if (!exists && !HasDirectory(DirectoryOf(path))) return -ENOENT;
+    m_directories.insert(path); // also when the last file in it goes
+    return exists ? -EEXIST : 0;
 }
 
 int SimSys::ListDirectory(const char* path, std::vector<std::string>& names) {
