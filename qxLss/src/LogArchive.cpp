@@ -340,7 +340,7 @@ void LogArchive::Wake(uint64 clock) {
     m_wake.notify_all();
 }
 
-void Archive::Hurry() {
+void LogArchive::Hurry() {
     std::unique_lock lock(m_wakeMutex);
     if (!m_thread.joinable() || m_flusher.DurableClock() <= m_positionClock.load(std::memory_order_relaxed)) return;
     m_deadline = m_core.m_file.Sys().MonotonicNanos();
