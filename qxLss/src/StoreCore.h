@@ -40,7 +40,7 @@ struct StoreCounters {
     std::atomic<int64> numTransactions{0};
 };
 
-// How far the user stream has been copied into the archive (Archive).
+// How far the user stream has been copied into the archive (LogArchive).
 struct ArchiveProgress {
     static constexpr uint64 NOTHING = ~uint64{0};
 

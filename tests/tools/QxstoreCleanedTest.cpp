@@ -58,10 +58,19 @@ protected:
         default: WriteSome(20); break;
         }
     }
-    void ExpectSound(const std::string& when) {
-        const ToolResult result = Qxstore("verify a.store --json");
+    void ExpectSound(const std::string& when, const std::string& store = "a.store") {
+        const ToolResult result = Qxstore("verify " + store + " --json");
         EXPECT_EQ(result.status, 0) << when << "\n" << result.out << result.err;
         EXPECT_EQ(nlohmann::json::parse(result.out)["elements"], m_seids.size()) << when;
+    }
+    // Of the store at work.
+    void ExpectSoundCopies(const std::string& when) {
+        BackupOptions options;
+        options.replaceExisting = true;
+        EXPECT_TRUE(m_lss->Backup("copy.store", options).completed);
+        ExpectSound(when + ", backup", "copy.store");
+        EXPECT_TRUE(m_lss->CopyCompacted("copy.store", options).completed);
+        ExpectSound(when + ", compacted", "copy.store");
     }
 
     TestRandom m_random{11};
@@ -79,6 +88,7 @@ TEST_F(QxstoreCleanedTest, IsSoundWheneverItsProcessIsKilledOrCloses) {
                 m_seids.pop_back();
             }
         }
+        if (round % 5 == 0) ExpectSoundCopies("round " + std::to_string(round));
         const bool isKilled = round % 4 != 0;
         isKilled ? m_lss->Abandon() : m_lss->Close();
         ExpectSound("round " + std::to_string(round));

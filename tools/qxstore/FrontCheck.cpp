@@ -17,8 +17,14 @@ constexpr ssize_t PLACE_BYTES = 4096;
 constexpr const char* UNREADABLE = "the disk does not give it";
 static_assert(sizeof(CheckpointHeader) == PLACE_BYTES && AllocRingBlock::BYTES == PLACE_BYTES);
 
-// Why the place does not hold a header; empty: it does.
+bool IsUnused(const octet_t (&bytes)[PLACE_BYTES]) {
+    return std::all_of(bytes, bytes + PLACE_BYTES, [](octet_t byte) { return byte == 0; });
+}
+
+// Why the place does not hold a header; empty: it does, or it was never used. A copy of a store has one header alone. That
+// the newest one is not lost the ring has told at the open.
 std::string HeaderDamage(const octet_t (&bytes)[PLACE_BYTES], const StoreId& id, int64 offset) {
+    if (IsUnused(bytes)) return {};
     const CheckpointHeader header = ReadPod<CheckpointHeader>(bytes);
     if (std::memcmp(header.magic, CHECKPOINT_MAGIC, sizeof header.magic) != 0) return "it does not begin as one";
     const uint32 crc = Crc32c(bytes, offsetof(CheckpointHeader, crc));
@@ -27,10 +33,6 @@ std::string HeaderDamage(const octet_t (&bytes)[PLACE_BYTES], const StoreId& id,
     if (HeaderOffset(header.checkpointSequence) != offset)
         return "checkpoint " + std::to_string(header.checkpointSequence) + " belongs to the other place";
     return {};
-}
-
-bool IsUnused(const octet_t (&bytes)[PLACE_BYTES]) {
-    return std::all_of(bytes, bytes + PLACE_BYTES, [](octet_t byte) { return byte == 0; });
 }
 
 // False if the disk does not give it.

@@ -24,7 +24,7 @@ void Progress::Set(int64 done, int64 total) {
     m_done = done;
     m_total = total;
     if (!m_console.showsProgress) return;
-    const int64 percent = total > 0 ? std::min<int64>(100, done * 100 / total) : 100;
+    const int64 percent = total > 0 ? std::min<int64>(100, done * 100 / total) : 0;
     if (percent == m_percent) return;
     m_percent = percent;
     Draw();
