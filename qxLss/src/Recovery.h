@@ -10,6 +10,7 @@
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
 
+#include <map>
 #include <optional>
 #include <span>
 #include <vector>
@@ -49,6 +50,9 @@ public:
 
     // Fills segment table, space, index and counters. Throws CorruptLSSException or FileException.
     RecoveredLog Run(const CheckpointHeader& header);
+    // The state at the header's position, whatever the log holds behind it and the ring says. Requires: what the header
+    // names is not freed meanwhile.
+    RecoveredLog RunAt(const CheckpointHeader& header);
 
 private:
     // A segment as it is in the file.
@@ -75,10 +79,12 @@ private:
     };
     struct Reloc;
 
+    RecoveredLog RunFrom(const CheckpointHeader& header);
+    void CheckHeader(const CheckpointHeader& header) const;
     void LoadTables(const CheckpointHeader& header);
     std::vector<Location> TableLocations(const CheckpointHeader& header);
-    std::vector<octet_t> ReadTable(const std::vector<Location>& packets, EPacketType type);
-    std::vector<octet_t> ReadTablePacket(Location l, EPacketType type);
+    std::vector<octet_t> ReadTable(const std::vector<Location>& packets, EPacketType type, ssize_t entryBytes);
+    void AppendTablePacket(Location l, EPacketType type, ssize_t entryBytes, std::vector<octet_t>& table);
     void FillSegments(const CheckpointHeader& header, const std::vector<SutEntry>& entries);
     void FillIndex(const std::vector<HighsEntry>& entries);
     void Finish();
@@ -104,6 +110,7 @@ private:
     void CountSinceCommit(ssize_t packetBytes);
     void ResetPending();
 
+    bool IsKnownHigh(SeidHigh high) const { return high != 0 && high < m_result.nextHigh; }
     bool ReadSegment(ssize_t slot, Segment& segment);
     void ReadOn(ssize_t slot);
     void ReadPagesAhead(Seid seid);
@@ -145,6 +152,7 @@ private:
     uint64 m_applyNumber = 0;                // marks in leaves, see Apply
     std::optional<LinkPayload> m_brokenLink; // a LINK whose target did not verify
     uint64 m_brokenLinkSequence = 0;
+    std::map<uint64, uint32> m_rangeEnds; // segment sequence -> where the last range of a RELOC in it ended
 };
 
 } // namespace quna

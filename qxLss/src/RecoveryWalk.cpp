@@ -16,12 +16,18 @@ constexpr uint64 APPLY_MARK = uint64{1} << 63; // in leaves, apart from the numb
 
 void Recovery::Walk(const CheckpointHeader& header) {
     SegmentHeader start{};
-    if (m_result.end.slot >= m_segments.MaxSlots() || m_result.end.offset < SEGMENT_HEADER_BYTES ||
-        m_result.end.offset > m_core.m_segmentSize || !ReadSegmentHeader(m_result.end.slot, start) ||
+    if (m_result.end.slot >= m_segments.Limit() || m_result.end.offset < SEGMENT_HEADER_BYTES ||
+        m_result.end.offset > m_core.m_segmentSize || m_result.end.offset % PACKET_ALIGNMENT != 0 ||
+        !ReadSegmentHeader(m_result.end.slot, start) ||
         !IsHeaderOf(start, m_result.end.slot, header.startSequence, ESegmentKind::USER))
         ThrowCorrupt(m_core, "the segment where the log continues behind the checkpoint is not valid",
                      m_segments.OffsetOf(std::min(m_result.end.slot, m_segments.MaxSlots() - 1)));
-    if (m_result.clean) return;
+    if (m_result.clean) {
+        if (m_segments[m_result.end.slot].sequence != start.sequence)
+            ThrowCorrupt(m_core, "the usage table does not know the segment where the log continues",
+                         m_segments.OffsetOf(m_result.end.slot));
+        return;
+    }
     EnterSegment(m_result.end.slot, start);
     ReadOn(m_result.end.slot);
     ReadSegment(m_result.end.slot, m_segment);
@@ -74,7 +80,7 @@ Recovery::EStep Recovery::TakeElement(const PacketHeader& packet, const octet_t*
     const bool isElement = type == EPacketType::HEAD || type == EPacketType::LONG_PART;
     const Seid seid(packet.key);
     if (isElement && m_pos + packetBytes > m_core.m_segmentSize - USER_TAIL_BYTES) return EStep::END;
-    if (seid.high_ == 0 || seid.high_ >= m_result.nextHigh)
+    if (!IsKnownHigh(seid.high_))
         ThrowCorrupt(m_core, "the log holds an element under a high half that was never allocated",
                      m_segments.OffsetOf(m_segment.slot) + m_pos);
     CountSinceCommit(packetBytes);
@@ -166,7 +172,7 @@ void Recovery::ApplyOne(const Operation& operation, uint64 mark) {
 
 void Recovery::ApplyDrop(const Operation& drop) {
     for (const Location part : PartsOf(drop)) {
-        if (!m_segments.IsInside(part, m_segments.MaxSlots()))
+        if (!m_segments.IsInside(part))
             ThrowCorrupt(m_core, "the log drops a packet outside the segments", LocationOffset(part));
         m_change.liveBytes -= m_segments.Debit(part);
         --m_change.liveOverflow;
@@ -189,8 +195,10 @@ Recovery::EStep Recovery::TakeLink(const PacketHeader& packet, const octet_t* pa
     if (n != static_cast<ssize_t>(sizeof(LinkPayload))) return EStep::END;
     const LinkPayload link = ReadPod<LinkPayload>(payload);
     SegmentHeader header{};
+    if (packet.key <= m_segment.sequence) // sequences ascend along the chain, or it might have no end
+        ThrowCorrupt(m_core, "the log leads back to a segment before", m_segments.OffsetOf(m_segment.slot) + m_pos);
     m_pos += LINK_BYTES;
-    if (link.slot >= m_segments.MaxSlots() || !ReadSegmentHeader(link.slot, header) ||
+    if (link.slot >= m_segments.Limit() || !ReadSegmentHeader(link.slot, header) ||
         !IsHeaderOf(header, link.slot, packet.key, ESegmentKind::USER)) {
         m_brokenLink = link; // the header was lost with the power: a healthy end
         m_brokenLinkSequence = packet.key;
@@ -222,7 +230,7 @@ void Recovery::ReadOn(ssize_t slot) {
 // most of those around it, so the whole segment is asked for.
 void Recovery::ReadPagesAhead(Seid seid) {
     const Location page = m_index.MissingPageOf(seid);
-    if (!page || !m_segments.IsInside(page, m_segments.MaxSlots())) return;
+    if (!page || !m_segments.IsInside(page)) return;
     const ssize_t slot = m_segments.SlotOf(page);
     if (slot == m_lastAdvised) return;
     m_lastAdvised = slot;
@@ -275,7 +283,7 @@ Recovery::EStep Recovery::TakeReloc(const octet_t* payload, ssize_t n) {
         if (!VerifyRange(range, reloc)) return EStep::END; // it was not yet synced
     }
     for (const RelocVictim& victim : reloc.victims) {
-        if (victim.slot >= m_segments.MaxSlots() || m_segments[victim.slot].sequence != victim.sequence)
+        if (victim.slot >= m_segments.Limit() || m_segments[victim.slot].sequence != victim.sequence)
             ThrowCorrupt(m_core, "the log names a cleaned segment that is not there",
                          m_segments.OffsetOf(m_segment.slot) + m_pos);
     }
@@ -302,38 +310,49 @@ bool Recovery::ParseReloc(const octet_t* payload, ssize_t n, Reloc& reloc) const
     }
     for (uint32 i = 0; i < reloc.head.numLong; ++i) {
         Reloc::LongMove& move = reloc.longMoves.emplace_back();
-        if (!take(move.entry)) return false;
+        if (!take(move.entry) || !IsKnownHigh(Seid(move.entry.seid).high_) || !m_segments.IsInside(move.entry.newHead))
+            return false;
         for (uint32 k = 0; k < move.entry.numPairs; ++k) {
             if (!take(move.pairs.emplace_back().first) || !take(move.pairs.back().second)) return false;
+            if (!m_segments.IsInside(move.pairs.back().first) || !m_segments.IsInside(move.pairs.back().second))
+                return false;
         }
     }
     return p == end;
 }
 
+// A range lies behind those of its segment that came before it, so that each byte of the file is read for one RELOC only.
 bool Recovery::VerifyRange(const RelocRange& range, Reloc& reloc) {
     SegmentHeader header{};
-    Segment segment;
-    if (range.slot >= m_segments.MaxSlots() || !ReadSegmentHeader(range.slot, header) ||
-        !IsHeaderOf(header, range.slot, range.sequence, ESegmentKind::SURVIVORS) || !ReadSegment(range.slot, segment))
+    if (range.slot >= m_segments.Limit() || range.from < SEGMENT_HEADER_BYTES || range.from % PACKET_ALIGNMENT != 0 ||
+        range.from > range.to || range.to > m_core.m_segmentSize || range.from < m_rangeEnds[range.sequence] ||
+        !ReadSegmentHeader(range.slot, header) ||
+        !IsHeaderOf(header, range.slot, range.sequence, ESegmentKind::SURVIVORS))
         return false;
-    segment.crcSeed = SegmentCrcSeed(m_core.m_storeId, range.sequence);
+    const ssize_t n = static_cast<ssize_t>(range.to) - range.from;
+    const int64 fileOffset = m_segments.OffsetOf(range.slot) + range.from;
+    std::vector<octet_t> bytes(static_cast<size_t>(n));
+    if (m_core.m_file.ReadUpTo(fileOffset, bytes.data(), n) != n) return false;
+    const uint32 crcSeed = SegmentCrcSeed(m_core.m_storeId, range.sequence);
     uint32 packets = 0;
-    ssize_t pos = range.from;
-    while (pos < range.to) {
-        PacketHeader packet{};
-        if (pos < SEGMENT_HEADER_BYTES || pos % PACKET_ALIGNMENT != 0 || !PacketAt(segment, pos, packet)) return false;
-        const ssize_t bytes = PacketBytes(packet.info);
+    for (ssize_t pos = 0; pos < n;) {
+        if (pos + PACKET_HEADER_BYTES > n) return false;
+        const PacketHeader packet = ReadPod<PacketHeader>(bytes.data() + pos);
+        const ssize_t packetBytes = PacketBytes(packet.info);
+        if (pos + packetBytes > n || PacketCrc(crcSeed, range.from + static_cast<uint32>(pos), bytes.data() + pos,
+                                               PayloadBytes(packet.info)) != packet.crc)
+            return false;
         if (PacketType(packet.info) == EPacketType::HEAD) {
             const bool isLong = PacketFlags(packet.info) & PACKET_FLAG_LONG;
-            reloc.moved.push_back(
-                {Seid(packet.key), MakeLocation(m_segments.OffsetOf(range.slot) + pos, bytes, isLong)});
+            reloc.moved.push_back({Seid(packet.key), MakeLocation(fileOffset + pos, packetBytes, isLong)});
         }
         ++packets;
-        pos += bytes;
+        pos += packetBytes;
     }
+    m_rangeEnds[range.sequence] = range.to;
     reloc.segments.push_back(header);
     reloc.packets.push_back(packets);
-    return pos == range.to;
+    return true;
 }
 
 // Long entries come first: they say exactly what moved, and the old head may have been overwritten since. Then every head

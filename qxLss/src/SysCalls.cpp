@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/mman.h>
@@ -73,6 +74,22 @@ public:
     }
 
     int Remove(const char* path) override { return OrErrno(::unlink(path)); }
+
+    int MakeDirectory(const char* path) override { return OrErrno(::mkdir(path, 0777)); }
+
+    int ListDirectory(const char* path, std::vector<std::string>& names) override {
+        DIR* const directory = ::opendir(path);
+        if (!directory) return -errno;
+        names.clear();
+        errno = 0;
+        while (const dirent* entry = ::readdir(directory)) {
+            const std::string name = entry->d_name;
+            if (name != "." && name != "..") names.push_back(name);
+        }
+        const int error = errno;
+        ::closedir(directory);
+        return -error;
+    }
 
     int Lock(int fd, bool exclusive) override {
         struct flock lock {};

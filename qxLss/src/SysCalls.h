@@ -5,6 +5,10 @@
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
 
+#include <cerrno>
+#include <string>
+#include <vector>
+
 #include <sys/types.h>
 
 namespace quna {
@@ -50,6 +54,10 @@ public:
     virtual int RenameNoReplace(const char* from, const char* to) = 0;
     // unlink(2)
     virtual int Remove(const char* path) = 0;
+    // mkdir(2), mode 0777: -EEXIST if there is anything of that name. An imitation may know no directories.
+    virtual int MakeDirectory(const char* /*path*/) { return -ENOSYS; }
+    // opendir(3) and readdir(3): the names in the directory, without "." and "..", in no order.
+    virtual int ListDirectory(const char* /*path*/, std::vector<std::string>& /*names*/) { return -ENOSYS; }
     // fcntl(2) F_OFD_SETLK on byte 0; -EAGAIN or -EACCES if another description holds a lock in the way.
     virtual int Lock(int fd, bool exclusive) = 0;
     // Does `path` name the very file that `fd` has open? 1, 0 (also if the name is gone), or -errno.

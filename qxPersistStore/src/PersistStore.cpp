@@ -147,6 +147,10 @@ OID PersistStore::AllocateAffiliateOid(SeidHigh oidHigh, SeidLow affiliateOidLow
     return seid;
 }
 
+bool PersistStore::IsOwnRecord(OID oid) {
+    return oid == ROOT_PERSISTSTORE_OBJECT_SEID || oid == PSPACEMAP_SEID || m_spaceMap.HasRecord(*m_lss, oid);
+}
+
 TypeOpsId PersistStore::GetTypeOpsId(ReflectionByteCodeValue const& rbcv, TypeOps const& ops) {
     bool newEntry = false;
     const TypeOpsId tid = m_rootObject.m_typeOpsMap.GetTypeOpsId(rbcv, ops, newEntry);

@@ -50,6 +50,8 @@ public:
     OID AllocateAffiliateOid(SeidLow affiliateOidLow);
     OID AllocateAffiliateOid(SeidHigh oidHigh, SeidLow affiliateOidLow);
     OidHigh GetOidHighForOidAllocations() const { return m_rootObject.m_oidHighForOidAllocations; }
+    // Does the store keep a record of its own under the identifier: its root, the map of spaces, a space's roots or queue?
+    bool IsOwnRecord(OID oid);
     PSpaceTxnGroupMgr& GetPSpaceTxnGroupMgr() { return m_dosWriter.m_grpMgr; }
     void WriteRootObjectIfDirty(ILssTransaction& txn) const { m_rootObject.WriteIfDirty(txn); }
 
