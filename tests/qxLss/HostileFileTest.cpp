@@ -243,6 +243,22 @@ TEST_F(HostileFile, ALongElementLongerThanTheFileTakesNoMemory) {
     }
 }
 
+// Found by OpenOpsFuzz: the transaction's close met the page, and the turn of the log was never given back.
+TEST_F(HostileFile, ADamagedPageOfTheIndexEndsOneTransactionOfAReadOnlyStoreAndNoMore) {
+    Take(CLEANED_CLOSED);
+    ForEachPacket([&](int64, int64 at, PacketHeader header) {
+        if (PacketType(header.info) == EPacketType::INDEX) At<IndexPrefix>(at + PACKET_HEADER_BYTES)->form = 1;
+    });
+    LssStore& store = Open(true);
+    const Seid seid(3, 1);
+    for (int i = 0; i < 2; ++i) {
+        AutoCloser<ILssTransaction> transaction(store.OpenTransaction());
+        EXPECT_THROW(transaction->WriteSerialElement(seid), CorruptLSSException);
+        EXPECT_THROW(transaction->DeleteSerialElement(seid), CorruptLSSException);
+        transaction.Close();
+    }
+}
+
 TEST_F(HostileFile, ARingThatKnowsHighsThatWereNeverGivenIsRefused) {
     Take(KILLED);
     for (int i = 0; i < AllocRing::NUM_BLOCKS; ++i) {
