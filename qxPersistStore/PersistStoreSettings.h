@@ -9,7 +9,7 @@ namespace quna {
 
 // Passed by const reference and not kept: strings and the table need to live only until the open returns.
 struct PersistStoreSettings {
-    // Where the store archives its log; null: no archive.
+    // Where the store archives its log (docs/archive.md); null or empty: no archive.
     ConstStringZ deltasDirPath = nullptr;
     LssSettings lssSettings;
     // Renames persisted classes while an existing store is opened; ignored for a new one. Null: none.

@@ -212,6 +212,14 @@ uint32 AllocRing::TakeHigh() {
     return high;
 }
 
+void AllocRing::RaiseNextHigh(uint32 nextHigh) {
+    const std::lock_guard lock(m_mutex);
+    ThrowIfFailed();
+    if (nextHigh <= NextHigh()) return;
+    m_nextHigh.store(nextHigh, std::memory_order_relaxed);
+    WriteBlock(true);
+}
+
 uint64 AllocRing::SequenceBase() const {
     const std::lock_guard lock(m_mutex);
     return m_sequenceBase;

@@ -114,6 +114,8 @@ public:
     void RaiseHorizon(uint32 high, uint32 horizon, std::atomic<uint32>& durable);
     // The next high, after that is durable. Throws FileException when the write fails or all highs are gone.
     uint32 TakeHigh();
+    // Every high below `nextHigh` counts as given out, durably. Throws FileException when the write fails.
+    void RaiseNextHigh(uint32 nextHigh);
     uint32 NextHigh() const { return m_nextHigh.load(std::memory_order_relaxed); }
     uint64 SequenceBase() const;
     // Has a write failed? Then every further one throws what that one threw.

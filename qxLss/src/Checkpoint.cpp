@@ -49,6 +49,7 @@ Checkpoint::Checkpoint(StoreCore& core, SpaceManager& space, UserLog& log, Index
 void Checkpoint::Import(const CheckpointHeader& header, const std::vector<ssize_t>& held) {
     std::lock_guard lock(m_mutex);
     m_header = header;
+    m_core.m_archive.upTo.store(header.archivedUpTo, std::memory_order_relaxed);
     m_held.insert(held.begin(), held.end());
     m_isBeingCreated.store(header.flags & HEADER_FLAG_CREATING, std::memory_order_relaxed);
     const ssize_t numSlots = m_space.NumSlots();
@@ -61,8 +62,40 @@ void Checkpoint::Import(const CheckpointHeader& header, const std::vector<ssize_
     ScheduleNext(header.logClock);
 }
 
+std::vector<ssize_t> CheckpointImage::Slots() const {
+    std::vector<ssize_t> slots;
+    for (size_t slot = 0; slot < segments.size(); ++slot) {
+        if (segments[slot].sequence) slots.push_back(static_cast<ssize_t>(slot));
+    }
+    return slots;
+}
+
 void Checkpoint::Run(EReason reason) {
     std::lock_guard lock(m_mutex);
+    RunLocked(reason);
+}
+
+// Nothing that the header names is freed before the next checkpoint or batch of the cleaner, which wait for the lock.
+CheckpointImage Checkpoint::RunForCopy() {
+    std::lock_guard lock(m_mutex);
+    RunLocked(EReason::RUNNING);
+    CheckpointImage image = ImageOfNewest();
+    m_space.Hold(image.Slots());
+    return image;
+}
+
+// Index segments without a current page have been freed, but for those of the tables.
+CheckpointImage Checkpoint::ImageOfNewest() const {
+    CheckpointImage image{m_header, m_copy};
+    for (size_t slot = 0; slot < image.segments.size(); ++slot) {
+        SutEntry& entry = image.segments[slot];
+        const bool isIndex = entry.kind == static_cast<uint8>(ESegmentKind::INDEX);
+        if (isIndex && entry.livePackets == 0 && !m_held.contains(static_cast<ssize_t>(slot))) entry = SutEntry{};
+    }
+    return image;
+}
+
+void Checkpoint::RunLocked(EReason reason) {
     m_core.ThrowIfUnwritable();
     State state;
     TakePosition(state, reason);
@@ -110,7 +143,7 @@ void Checkpoint::TakePosition(State& state, EReason reason) {
         const bool isLog = s.sequence && (s.kind == ESegmentKind::USER || s.kind == ESegmentKind::SURVIVORS);
         const bool isSealed =
             isLog && slot != state.position.slot && (!s.isOpen || IsMutant(EMutant::OPEN_TAKEN_FOR_SEALED));
-        if (isSealed && s.livePackets == 0) {
+        if (isSealed && s.livePackets == 0 && !m_core.m_archive.Needs(s)) {
             state.emptied.push_back(slot);
             continue;
         }
@@ -323,7 +356,7 @@ void Checkpoint::WriteHeader(State& state, EReason reason) {
     h.numCheckpoints = static_cast<uint64>(m_core.m_counters.numCheckpoints.load(std::memory_order_relaxed)) + 1;
     h.numRecoveries = static_cast<uint64>(m_core.m_counters.numRecoveries.load(std::memory_order_relaxed));
     h.numTransactions = static_cast<uint64>(state.numTransactions);
-    h.archivedUpTo = m_header.archivedUpTo;
+    h.archivedUpTo = m_core.m_archive.upTo.load(std::memory_order_relaxed);
     h.numHighsPackets = static_cast<uint32>(state.highsPackets.size());
     h.numSutPackets = static_cast<uint32>(state.sutPackets.size());
     std::vector<Location> locations = state.listPackets;

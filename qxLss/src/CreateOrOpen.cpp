@@ -17,6 +17,7 @@ namespace {
 struct OpenRequest {
     SysCalls& sys;
     std::string path;
+    std::string deltasDirectory; // empty: none
     EOpenMode mode;
     LssSettings settings;
     ssize_t minSegmentSize;
@@ -81,7 +82,7 @@ StorePtr Create(const OpenRequest& request, bool replace) {
         const int error = request.sys.RandomBytes(id.data(), id.size());
         if (error < 0) ThrowFileError("get random bytes for", request.path, -error);
         core->Attach(id, SegmentSizeFor(request));
-        store.reset(new LssStore(std::move(core)));
+        store.reset(new LssStore(std::move(core), request.deltasDirectory));
         store->LayDown();
         if (RenameFile(request.sys, newPath, request.path, replace)) {
             SyncDirectoryOf(request.sys, request.path);
@@ -96,12 +97,12 @@ StorePtr Create(const OpenRequest& request, bool replace) {
     return nullptr;
 }
 
-StorePtr OpenFile(std::unique_ptr<StoreCore> core) {
+StorePtr OpenFile(std::unique_ptr<StoreCore> core, const std::string& deltasDirectory) {
     // The disk decides, not what a failed sync may have left in the cache. The rest follows if the close was not clean.
     core->m_file.DropCache(0, FRONT_AREA_BYTES);
     const CheckpointHeader header = ReadNewestHeader(*core, core->m_file);
     core->Attach(header.storeId, static_cast<ssize_t>(header.segmentSize));
-    StorePtr store(new LssStore(std::move(core)));
+    StorePtr store(new LssStore(std::move(core), deltasDirectory));
     store->Recover(header);
     return store;
 }
@@ -128,7 +129,7 @@ StorePtr TryOnce(const OpenRequest& request, bool& createdNew) {
     if (mode == OM_CREATE_NEW && !isCutShort) Refuse("create", request.path, "the file exists already");
     createdNew = isCutShort || Replaces(mode);
     // The old file's lock is held until the new one has its name.
-    return createdNew ? Create(request, true) : OpenFile(std::move(core));
+    return createdNew ? Create(request, true) : OpenFile(std::move(core), request.deltasDirectory);
 }
 
 ILogStructuredStore* Open(const OpenRequest& request, bool& createdNew, EBackground background) {
@@ -147,19 +148,21 @@ void CheckArguments(ConstStringZ path) {
     if (!path || !*path) throw FileException("Can't open a store: the path is empty");
 }
 
+ConstStringZ OrEmpty(ConstStringZ path) { return path ? path : ""; }
+
 } // namespace
 
-// The deltas directory belongs to archiving; a store without it is whole.
-ILogStructuredStore* CreateOrOpenLSS(ConstStringZ path, ConstStringZ /*deltasDirPath*/, bool& createdNew,
+ILogStructuredStore* CreateOrOpenLSS(ConstStringZ path, ConstStringZ deltasDirPath, bool& createdNew,
                                      EOpenMode openMode, const LssSettings& settings) {
     CheckArguments(path);
-    return Open({RealSysCalls(), path, openMode, settings, MIN_SEGMENT_SIZE}, createdNew, EBackground::THREADS);
+    return Open({RealSysCalls(), path, OrEmpty(deltasDirPath), openMode, settings, MIN_SEGMENT_SIZE}, createdNew,
+                EBackground::THREADS);
 }
 
-ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ /*deltasDirPath*/, bool& createdNew,
+ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ deltasDirPath, bool& createdNew,
                                     EOpenMode openMode, const LssSettings& settings, EBackground background) {
     CheckArguments(path);
-    return Open({sys, path, openMode, settings, MIN_TEST_SEGMENT_SIZE}, createdNew, background);
+    return Open({sys, path, OrEmpty(deltasDirPath), openMode, settings, MIN_TEST_SEGMENT_SIZE}, createdNew, background);
 }
 
 } // namespace quna

@@ -164,6 +164,8 @@ int64 File::Size() const {
     return size;
 }
 
+void File::ReadAhead(int64 offset, int64 n) noexcept { m_sys.ReadAhead(m_fd, offset, n); }
+
 void File::DropCache(int64 offset, int64 n) noexcept { m_sys.DropCache(m_fd, offset, n); }
 
 bool RenameFile(SysCalls& sys, const std::string& from, const std::string& to, bool replace) {
@@ -178,6 +180,26 @@ void SyncDirectoryOf(SysCalls& sys, const std::string& path) {
     const std::string directory = DirectoryOf(path);
     const int result = Uninterrupted([&] { return sys.SyncDir(directory.c_str()); });
     if (result < 0) ThrowFileError("sync the directory of", path, -result);
+}
+
+void SyncDirectory(SysCalls& sys, const std::string& directory) {
+    const int result = Uninterrupted([&] { return sys.SyncDir(directory.c_str()); });
+    if (result < 0) ThrowFileError("sync the directory", directory, -result);
+}
+
+void MakeDirectory(SysCalls& sys, const std::string& directory) {
+    const int result = Uninterrupted([&] { return sys.MakeDirectory(directory.c_str()); });
+    if (result == -EEXIST) return;
+    if (result < 0) ThrowFileError("create the directory", directory, -result);
+    SyncDirectoryOf(sys, directory);
+}
+
+std::vector<std::string> ListDirectory(SysCalls& sys, const std::string& directory) {
+    std::vector<std::string> names;
+    const int result = Uninterrupted([&] { return sys.ListDirectory(directory.c_str(), names); });
+    if (result < 0) ThrowFileError("list the directory", directory, -result);
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 bool RemoveFile(SysCalls& sys, const std::string& path) {

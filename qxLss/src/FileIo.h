@@ -6,6 +6,7 @@
 #include "qxUtils/Export.h"
 
 #include <string>
+#include <vector>
 
 namespace quna {
 
@@ -73,6 +74,8 @@ public:
     int64 Size() const;
     // Drops the clean cached pages of a range, so that later reads see the disk. n = 0: to the end. Only advice.
     void DropCache(int64 offset, int64 n) noexcept;
+    // Begins to read the range, in the hope that it is there when it is needed.
+    void ReadAhead(int64 offset, int64 n) noexcept;
 
     const std::string& Path() const { return m_path; }
     int Descriptor() const { return m_fd; }
@@ -92,6 +95,12 @@ private:
 [[nodiscard]] QX_API bool RenameFile(SysCalls& sys, const std::string& from, const std::string& to, bool replace);
 // Makes the creation, renaming or removal of `path` durable: syncs the directory that holds it.
 QX_API void SyncDirectoryOf(SysCalls& sys, const std::string& path);
+// Makes what was created, renamed or removed in `directory` durable.
+QX_API void SyncDirectory(SysCalls& sys, const std::string& directory);
+// Creates the directory, durably, if there is nothing of that name. The one above it must exist.
+QX_API void MakeDirectory(SysCalls& sys, const std::string& directory);
+// The names in the directory, in ascending order.
+QX_API std::vector<std::string> ListDirectory(SysCalls& sys, const std::string& directory);
 // Removes the name. False if there was none.
 QX_API bool RemoveFile(SysCalls& sys, const std::string& path);
 

@@ -101,6 +101,7 @@ void Flusher::RunSync(std::unique_lock<std::mutex>& lock) {
     if (succeeded) {
         m_durableClock.store(std::max(DurableClock(), clock), std::memory_order_release);
         ++m_numEnded;
+        if (m_hooks.durable) m_hooks.durable(DurableClock());
     }
     m_syncEnded.notify_all();
 }

@@ -27,6 +27,9 @@ public:
     struct Hooks {
         std::function<void()> handOverBuffered; // before a timed sync: bring closed transactions to the file
         std::function<void()> topUp;            // raise horizons
+        // After each sync, by the thread that made it, with m_syncMutex held: the log is durable up to this clock. May be
+        // empty.
+        std::function<void(uint64)> durable;
     };
 
     explicit Flusher(StoreCore& core) : m_core(core) {}

@@ -83,6 +83,7 @@ std::vector<uint32> Index::AllHighs() const {
     std::lock_guard lock(m_nodesMutex);
     std::vector<uint32> highs;
     for (const auto& h : m_highs) highs.push_back(h->high);
+    std::sort(highs.begin(), highs.end());
     return highs;
 }
 
@@ -233,6 +234,21 @@ void Index::MarkDirty(IndexLeaf& leaf) {
     if (leaf.dirty) return;
     leaf.dirty = true;
     m_dirtyLeaves.push_back(&leaf);
+}
+
+Location Index::MissingPageOf(Seid seid) const {
+    HighIndex* const high = FindHigh(seid.high_);
+    if (!high) return 0;
+    IndexNode* node = high->root.load(std::memory_order_acquire);
+    if (!node) return high->rootLocation.load(std::memory_order_relaxed);
+    if (PageAt(seid.low_, node->level) != 0) return 0;
+    while (!node->IsLeaf()) {
+        IndexInner& inner = static_cast<IndexInner&>(*node);
+        const size_t i = SlotAt(seid.low_, node->level);
+        node = inner.children[i].load(std::memory_order_acquire);
+        if (!node) return inner.slots[i].load(std::memory_order_relaxed);
+    }
+    return 0;
 }
 
 // --- snapshots

@@ -1,5 +1,6 @@
 #include "qxLss/src/LssStore.h"
 
+#include "qxLss/src/CompactingCopy.h"
 #include "qxLss/src/SerialElement.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/Exceptions.h"
@@ -29,7 +30,7 @@ int Saturate(int64 x) { return static_cast<int>(std::clamp<int64>(x, 0, std::num
 
 } // namespace
 
-LssStore::LssStore(std::unique_ptr<StoreCore> core)
+LssStore::LssStore(std::unique_ptr<StoreCore> core, const std::string& deltasDirectory)
     : m_core(std::move(core)), m_flusher(*m_core), m_space(*m_core),
       m_ring(m_core->m_file, m_core->m_storeId, [this] { m_cleanThread.Wake(); }),
       m_allocator(m_ring, [this] { m_flusher.WakeTopUp(); }), m_index(*m_core), m_log(*m_core, m_space, m_flusher),
@@ -38,6 +39,16 @@ LssStore::LssStore(std::unique_ptr<StoreCore> core)
       m_transaction(*m_core, m_log, m_index, m_flusher, m_allocator,
                     [this](bool unwinding) { OnTransactionClosed(unwinding); }) {
     if (m_cleaner.IsEnabled() && !m_core->m_readOnly) m_space.SetReserve(SLOTS_FOR_CLEANER);
+    if (deltasDirectory.empty() || m_core->m_readOnly) return;
+    Archive::Hooks hooks;
+    hooks.horizons = [this](std::vector<AllocHorizon>& horizons, uint32& nextHigh) {
+        m_allocator.GetHorizons(horizons, nextHigh);
+    };
+    hooks.advanced = [this] {
+        m_cleaner.Rouse();
+        m_cleanThread.Wake();
+    };
+    m_archive = std::make_unique<Archive>(*m_core, m_flusher, deltasDirectory, std::move(hooks));
 }
 
 LssStore::~LssStore() { StopThreads(); }
@@ -50,17 +61,16 @@ void LssStore::LayDown() {
     m_checkpoint.Import(CheckpointHeader{}, {});
     m_log.OpenFresh(0, 0);
     m_checkpoint.Run(Checkpoint::EReason::CREATION);
+    if (m_archive) AttachArchive();
 }
 
 void LssStore::Recover(const CheckpointHeader& header) {
+    if (m_archive) m_archive->KeepEverything();
     RecoveredLog log = Recovery(*m_core, m_space, m_index, m_ring).Run(header);
     m_log.SetLastTransaction(log.lastTransaction);
     m_checkpoint.Import(header, log.held);
     if (m_core->m_readOnly) {
-        m_overlayTransaction = std::make_unique<OverlayTransaction>(
-            m_overlay, m_log.Turn(), m_core->m_file.Path().c_str(),
-            [this](Seid seid) { return m_index.Get(seid) != 0; },
-            [this](int64 delta) { m_core->m_counters.liveHead.fetch_add(delta, std::memory_order_relaxed); });
+        BecomeReadOnly(header, std::move(log));
         return;
     }
     // The first checkpoint would find it, but by then the file has been written to.
@@ -73,11 +83,28 @@ void LssStore::Recover(const CheckpointHeader& header) {
         m_core->m_counters.numRecoveries.fetch_add(1, std::memory_order_relaxed);
         m_log.OpenFresh(log.clock, log.end.sequence);
         m_checkpoint.Run(Checkpoint::EReason::RUNNING);
-        return;
+    } else {
+        m_flusher.SetDurableClock(log.clock);
+        m_log.Resume(log.end, log.clock);
+        if (m_core->m_settings.forceIncrementMSSN) {
+            m_log.LinkToNext(EClaim::MAINTENANCE);
+            m_log.HandOver();
+        }
     }
-    m_flusher.SetDurableClock(log.clock);
-    m_log.Resume(log.end, log.clock);
-    if (m_core->m_settings.forceIncrementMSSN) m_log.LinkToNext(EClaim::MAINTENANCE);
+    if (m_archive) AttachArchive();
+}
+
+// A chain that begins anew is made known by a checkpoint: else, after a crash, it would begin anew once more, with a gap.
+void LssStore::AttachArchive() {
+    if (m_archive->Attach(m_space.NumSlots(), m_log.Position(), m_log.LastTransaction()))
+        m_checkpoint.Run(Checkpoint::EReason::RUNNING);
+}
+
+void LssStore::BecomeReadOnly(const CheckpointHeader& header, RecoveredLog log) {
+    m_origin = std::make_unique<CopyOrigin>(CopyOrigin{header, std::move(log), m_core->m_counters.liveHead.load()});
+    m_overlayTransaction = std::make_unique<OverlayTransaction>(
+        m_overlay, m_log.Turn(), m_core->m_file.Path().c_str(), [this](Seid seid) { return m_index.Get(seid) != 0; },
+        [this](int64 delta) { m_core->m_counters.liveHead.fetch_add(delta, std::memory_order_relaxed); });
 }
 
 void LssStore::StartThreads() {
@@ -85,12 +112,14 @@ void LssStore::StartThreads() {
     Flusher::Hooks hooks;
     hooks.handOverBuffered = [this] { HandOverBuffered(); };
     hooks.topUp = [this] { m_allocator.TopUp(); };
+    if (m_archive) hooks.durable = [this](uint64 clock) { m_archive->NoteDurable(clock); };
     m_flusher.Start(std::move(hooks));
     m_cleanThread.Start([this] { return DoBackgroundWork(); },
                         [this] {
                             m_core->FailWithCurrentException();
                             m_cleaner.NoteRoundEnded();
                         });
+    if (m_archive) m_archive->Start();
     if (m_cleaner.IsDue()) m_cleanThread.Wake(); // dead space may have been left by a killed process
 }
 
@@ -101,12 +130,28 @@ void LssStore::StopThreads() {
     m_cleaner.RequestStop();
     m_cleanThread.Stop();
     m_flusher.Stop();
+    if (m_archive) m_archive->Stop();
+}
+
+// Of a store that has failed, what was durable before is archived all the same.
+void LssStore::FinishArchive() {
+    try {
+        if (!m_core->HasFailed()) {
+            HandOverBuffered();
+            m_flusher.SyncHandedOver();
+        }
+    } catch (...) {
+        m_core->FailWithCurrentException();
+    }
+    m_archive->WriteLast();
 }
 
 void LssStore::Close() {
     m_core->ThrowIfForked();
     QX_ASSERT(!m_log.Turn().IsOwnedByThisThread());
+    m_copies.Shut();
     StopThreads();
+    if (m_archive) FinishArchive();
     if (!m_core->m_readOnly && !m_core->HasFailed()) {
         try {
             m_checkpoint.Run(Checkpoint::EReason::CLEAN_CLOSE);
@@ -119,6 +164,7 @@ void LssStore::Close() {
 }
 
 void LssStore::Abandon() {
+    m_copies.Shut();
     StopThreads();
     delete this;
 }
@@ -203,6 +249,7 @@ void LssStore::MakeRoomForTransaction() {
         if (!m_cleaner.IsEnabled() || !m_cleanThread.IsRunning()) throw;
     }
     m_log.Turn().Release();
+    if (m_archive) m_archive->Hurry();
     const uint64 rounds = m_cleaner.NumRounds();
     m_cleanThread.Wake();
     m_cleaner.WaitForRound(rounds);
@@ -303,7 +350,30 @@ void LssStore::GetStats(LssStats& stats) {
     stats.numObsoletePackets = Saturate(c.packets.load(std::memory_order_relaxed) - heads - parts - pages);
 }
 
+// --- repeating transactions
+
+uint64 LssStore::TimeOfLastTransaction() {
+    const auto place = FindBehindTransaction(*m_core, m_space.NumSlots(), m_log.Position(), LastTransaction());
+    return place ? place->time : 0;
+}
+
+void LssStore::RaiseHorizons(const std::vector<AllocHorizon>& horizons, uint32 nextHigh) {
+    const auto makeRoom = [this] {
+        if (m_ring.WantsCheckpoint()) m_checkpoint.Run(Checkpoint::EReason::RUNNING);
+    };
+    m_ring.RaiseNextHigh(nextHigh);
+    for (const AllocHorizon& known : horizons) {
+        m_allocator.SpendBelow(known.high, known.horizon);
+        makeRoom();
+    }
+}
+
 // --- inside looks
+
+void LssStore::ArchiveForTest() {
+    while (m_archive->WriteNext()) {
+    }
+}
 
 void LssStore::CheckpointForTest() {
     try {

@@ -3,9 +3,11 @@
 
 #include "qxLss/ILogStructuredStore.h"
 #include "qxLss/src/AllocRing.h"
+#include "qxLss/src/Archive.h"
 #include "qxLss/src/Checkpoint.h"
 #include "qxLss/src/CleanThread.h"
 #include "qxLss/src/Cleaner.h"
+#include "qxLss/src/CopyGate.h"
 #include "qxLss/src/Flusher.h"
 #include "qxLss/src/Index.h"
 #include "qxLss/src/Overlay.h"
@@ -20,9 +22,13 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace quna {
+
+struct CopyOrigin;
 
 // Ownership: owns all parts and the two threads; ends by Close or Abandon.
 // Threads:   as ILogStructuredStore says. Locks from outermost to innermost: Checkpoint::m_mutex, the turn of the log,
@@ -31,7 +37,8 @@ namespace quna {
 class QX_API LssStore final : public ILogStructuredStore {
 public:
     // `core` has its file open and locked and is attached.
-    explicit LssStore(std::unique_ptr<StoreCore> core);
+    // `deltasDirectory`: where the log is archived; empty: nowhere.
+    explicit LssStore(std::unique_ptr<StoreCore> core, const std::string& deltasDirectory = {});
 
     // Lays down a fresh store that counts as "being created" and starts the threads.
     void LayDown();
@@ -51,7 +58,23 @@ public:
     void GetStats(LssStats& stats) override;
     void Flush() override;
     void Abandon() override;
+    BackupResult Backup(ConstStringZ path, const BackupOptions& options) override;
+    BackupResult CopyCompacted(ConstStringZ path, const BackupOptions& options) override;
 
+    // --- for RestoreLss, which has the store for itself
+
+    // The next transaction to be closed bears this time.
+    void SetTimeOfNextCommit(uint64 time) { m_log.SetTimeOfNextCommit(time); }
+    uint64 LastTransaction() const { return m_log.LastTransaction(); }
+    // Time of its last transaction's commit; 0: the log no longer has it.
+    uint64 TimeOfLastTransaction();
+    // From now on no identifier below these is handed out.
+    void RaiseHorizons(const std::vector<AllocHorizon>& horizons, uint32 nextHigh);
+
+    // --- for tests
+
+    // Writes deltas until nothing durable waits. Throws what the background thread would trace.
+    void ArchiveForTest();
     // Takes a checkpoint now. A failure is final, as in the background.
     void CheckpointForTest();
     // Cleans up to `maxVictims` segments, however full they are. A failure is final. How many became free.
@@ -79,12 +102,26 @@ public:
     StoreCore& CoreForTest() { return *m_core; }
     SpaceManager& SpaceForTest() { return m_space; }
     UserLog& LogForTest() { return m_log; }
+    Archive* ArchiverForTest() { return m_archive.get(); }
     Index& IndexForTest() { return m_index; }
 
 private:
     ~LssStore();
 
+    void BecomeReadOnly(const CheckpointHeader& header, RecoveredLog log);
+    // --- of LssStoreCopies.cpp
+    struct Abandoner;
+    using StorePtr = std::unique_ptr<LssStore, Abandoner>;
+    void CheckMayCopy();
+    CheckpointImage CheckpointForCopy();
+    StorePtr OpenCheckpoint(const CheckpointHeader& header);
+    void LayDownCopy(const LssStore& source);
+    void FinishCopy(const LssStore& source);
+    // ---
+
     void StopThreads();
+    void AttachArchive();
+    void FinishArchive();
     void OnTransactionClosed(bool unwinding);
     int DoBackgroundWork();
     void CleanUntilAtRest();
@@ -107,13 +144,19 @@ private:
     Transaction m_transaction;
     Overlay m_overlay; // of a read-only store
     std::unique_ptr<OverlayTransaction> m_overlayTransaction;
+    std::unique_ptr<const CopyOrigin> m_origin; // of a read-only store
+    CopyGate m_copies;
+    std::unique_ptr<Archive> m_archive; // null: none
     CleanThread m_cleanThread;
     uint64 m_clockSeen = 0;  // by Shrink; the thread "Lss clean"
     bool m_canShrink = true; // likewise
 };
 
 // Has a store threads of its own? Without them nothing happens in the background, so that a run depends on its calls alone.
-enum class EBackground { THREADS, NONE };
+enum class EBackground {
+    THREADS,
+    NONE
+};
 
 // CreateOrOpenLSS with another table of system calls, and segments down to 4 KiB.
 QX_API ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ deltasDirPath,

@@ -94,9 +94,6 @@ Recovery::Recovery(StoreCore& core, SpaceManager& space, Index& index, AllocRing
 
 RecoveredLog Recovery::Run(const CheckpointHeader& header) {
     CheckHeader(header);
-    m_segments.RaiseLimit(std::clamp<int64>(
-        (m_core.m_file.Size() - m_segments.DataStartOffset() + m_core.m_segmentSize - 1) / m_core.m_segmentSize, 0,
-        m_segments.MaxSlots()));
     m_result.ring = m_ring.Read();
     if (m_result.ring.newestCheckpoint > header.checkpointSequence)
         ThrowCorrupt(m_core, "the newest checkpoint header is lost: checkpoint " +
@@ -107,6 +104,18 @@ RecoveredLog Recovery::Run(const CheckpointHeader& header) {
     // A clean mark on the disk says that every byte before it was synced: then the cache tells the truth and stays warm.
     // Without it a failed sync may have left pages there that the disk does not have.
     if (!m_result.clean) m_core.m_file.DropCache(0, 0);
+    return RunFrom(header);
+}
+
+RecoveredLog Recovery::RunAt(const CheckpointHeader& header) {
+    m_result.clean = true;
+    return RunFrom(header);
+}
+
+RecoveredLog Recovery::RunFrom(const CheckpointHeader& header) {
+    m_segments.RaiseLimit(std::clamp<int64>(
+        (m_core.m_file.Size() - m_segments.DataStartOffset() + m_core.m_segmentSize - 1) / m_core.m_segmentSize, 0,
+        m_segments.MaxSlots()));
     m_result.end = {static_cast<ssize_t>(header.startSlot), static_cast<ssize_t>(header.startOffset),
                     header.startSequence};
     m_result.clock = header.logClock;
@@ -265,7 +274,13 @@ void Recovery::Finish() {
     }
     int64 usedBytes = 0;
     for (ssize_t slot = 0; slot < m_numSlots; ++slot) usedBytes += m_segments[slot].usedBytes;
-    m_core.m_counters.usedBytes.store(usedBytes);
+    StoreCounters& c = m_core.m_counters;
+    c.usedBytes.store(usedBytes);
+    c.liveHead += m_change.liveHead;
+    c.liveOverflow += m_change.liveOverflow;
+    c.packets += m_change.packets;
+    c.liveBytes += m_change.liveBytes;
+    c.numTransactions += m_change.numTransactions;
     m_space.Import(m_numSlots, m_result.nextSequence);
 }
 
@@ -307,7 +322,7 @@ void Recovery::EnterSegment(ssize_t slot, const SegmentHeader& header) {
     if (s.sequence == header.sequence) return;
     if (s.livePackets)
         ThrowCorrupt(m_core, "a segment was used again although packets in it are live", m_segments.OffsetOf(slot));
-    m_core.m_counters.packets.fetch_sub(s.packets, std::memory_order_relaxed);
+    m_change.packets -= s.packets;
     SutEntry entry{};
     entry.sequence = header.sequence;
     entry.kind = static_cast<uint8>(header.kind);

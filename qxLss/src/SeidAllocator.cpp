@@ -177,6 +177,13 @@ uint64 SeidAllocator::BeginCheckpoint(bool clean, std::vector<HighAllocation>& h
     return m_ring.BeginCheckpoint([] {}, nextHigh);
 }
 
+void SeidAllocator::GetHorizons(std::vector<AllocHorizon>& horizons, uint32& nextHigh) const {
+    horizons.clear();
+    for (const HighState* state : m_directory->StatesByHigh())
+        horizons.push_back({state->m_high, state->m_durable.load(std::memory_order_relaxed)});
+    nextHigh = m_ring.NextHigh();
+}
+
 // --- allocation
 
 SeidAllocator::HighState* SeidAllocator::Find(SeidHigh high) const { return m_directory->Find(high); }
@@ -201,6 +208,18 @@ bool SeidAllocator::TakeOver(Seid seid) {
     const uint32 horizon = state.m_durable.load(std::memory_order_relaxed);
     state.m_frontier = std::max(state.m_frontier, ClampToLimit(RoundUp(horizon, SeidFamilies::GRANULE)));
     return true;
+}
+
+void SeidAllocator::SpendBelow(SeidHigh high, uint32 horizon) {
+    if (!IsAllocatedHigh(high)) return;
+    HighState& state = FindOrAdd(high);
+    const std::lock_guard lock(state.m_mutex);
+    EnsureHorizon(state, ClampToLimit(horizon));
+    const uint32 durable = state.m_durable.load(std::memory_order_relaxed);
+    state.m_frontier = std::max(state.m_frontier, ClampToLimit(RoundUp(durable, SeidFamilies::GRANULE)));
+    state.m_block.store(PackBlock(0, 0), std::memory_order_relaxed);
+    state.m_smallNext = state.m_smallEnd = 0;
+    state.m_families.reset();
 }
 
 Seid SeidAllocator::AllocateSeid(SeidHigh high) {

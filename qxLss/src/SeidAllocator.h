@@ -72,6 +72,10 @@ public:
     // with nothing changed, if the horizon cannot be raised.
     bool TakeOver(Seid seid);
 
+    // Every low of `high` below `horizon`, and whatever this allocator was about to hand out below it, counts as spent. For a
+    // store whose history goes on from an older state. Throws FileException if the horizon cannot be raised.
+    void SpendBelow(SeidHigh high, uint32 horizon);
+
     // Raises the horizons of which half is spent, without holding up allocation. Leaves them as they are when the ring is
     // full until the next checkpoint. Throws FileException when the write fails.
     void TopUp();
@@ -80,6 +84,9 @@ public:
     // ring sequence and next high for the header. With `clean` (no other thread allocates any more) entries carry the
     // frontier and the incremental block.
     uint64 BeginCheckpoint(bool clean, std::vector<HighAllocation>& highs, uint32& nextHigh);
+
+    // What is spent now at most, sorted by high: every identifier handed out before the call lies below. Any thread.
+    void GetHorizons(std::vector<AllocHorizon>& horizons, uint32& nextHigh) const;
 
 private:
     struct HighState;

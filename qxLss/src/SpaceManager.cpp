@@ -70,7 +70,26 @@ void SpaceManager::Free(ssize_t slot) {
     m_core.m_counters.usedBytes.fetch_sub(s.usedBytes, std::memory_order_relaxed);
     m_core.m_segments->SetEntry(slot, SutEntry{});
     std::lock_guard lock(m_mutex);
-    m_ready.insert(slot);
+    (m_held.contains(slot) ? m_freedHeld : m_ready).insert(slot);
+    UpdateReadyCount();
+}
+
+void SpaceManager::Hold(const std::vector<ssize_t>& slots) {
+    std::lock_guard lock(m_mutex);
+    m_held.insert(slots.begin(), slots.end());
+}
+
+void SpaceManager::Release(ssize_t slot) {
+    std::lock_guard lock(m_mutex);
+    m_held.erase(slot);
+    if (m_freedHeld.erase(slot)) m_ready.insert(slot);
+    UpdateReadyCount();
+}
+
+void SpaceManager::ReleaseAll() {
+    std::lock_guard lock(m_mutex);
+    m_held.clear();
+    m_ready.merge(m_freedHeld);
     UpdateReadyCount();
 }
 

@@ -31,12 +31,27 @@ struct StoreCounters {
     std::atomic<int64> liveIndex{0};
     std::atomic<int64> packets{0}; // HEAD, OVERFLOW, DELETE and INDEX packets in segments that have not been freed
     std::atomic<int64> liveBytes{0};
-    std::atomic<int64> indexBytes{0};     // of them, in pages of the index
-    std::atomic<int64> usedBytes{0};      // of packets in sealed log segments that have not been freed, dead ones too
+    std::atomic<int64> indexBytes{0};  // of them, in pages of the index
+    std::atomic<int64> usedBytes{0};   // of packets in sealed log segments that have not been freed, dead ones too
+    std::atomic<int64> movingBytes{0}; // of them, moved by the cleaner's running batch: dead in segments it will free
     std::atomic<uint64> survivorBytes{0}; // written by the cleaner since the open
     std::atomic<int64> numCheckpoints{0};
     std::atomic<int64> numRecoveries{0};
     std::atomic<int64> numTransactions{0};
+};
+
+// How far the user stream has been copied into the archive (Archive).
+struct ArchiveProgress {
+    static constexpr uint64 NOTHING = ~uint64{0};
+
+    std::atomic<uint64> upTo{0};             // number of the last archived transaction
+    std::atomic<uint64> neededFrom{NOTHING}; // user segments from this sequence on are still to be copied
+    std::atomic<bool> isStalled{false};      // the last attempt has failed
+
+    // Must the segment stay as it is?
+    bool Needs(const SegmentSlot& slot) const {
+        return slot.kind == ESegmentKind::USER && slot.sequence >= neededFrom.load(std::memory_order_acquire);
+    }
 };
 
 // Ownership: owns file, mapping and segment table; lives as long as the store.
@@ -72,6 +87,7 @@ public:
     bool m_readOnly = false;
     LssSettings m_settings;
     StoreCounters m_counters;
+    ArchiveProgress m_archive;
 
     // Called by tests between the steps of checkpoints and of the cleaner, where other threads may be served, with no lock
     // but that of the maintenance held.

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/mman.h>
@@ -74,6 +75,22 @@ public:
 
     int Remove(const char* path) override { return OrErrno(::unlink(path)); }
 
+    int MakeDirectory(const char* path) override { return OrErrno(::mkdir(path, 0777)); }
+
+    int ListDirectory(const char* path, std::vector<std::string>& names) override {
+        DIR* const directory = ::opendir(path);
+        if (!directory) return -errno;
+        names.clear();
+        errno = 0;
+        while (const dirent* entry = ::readdir(directory)) {
+            const std::string name = entry->d_name;
+            if (name != "." && name != "..") names.push_back(name);
+        }
+        const int error = errno;
+        ::closedir(directory);
+        return -error;
+    }
+
     int Lock(int fd, bool exclusive) override {
         struct flock lock {};
         lock.l_type = exclusive ? F_WRLCK : F_RDLCK;
@@ -91,6 +108,7 @@ public:
         return named.st_dev == open.st_dev && named.st_ino == open.st_ino ? 1 : 0;
     }
 
+    int ReadAhead(int fd, off_t at, off_t n) override { return -::posix_fadvise(fd, at, n, POSIX_FADV_WILLNEED); }
     int DropCache(int fd, off_t at, off_t n) override { return -::posix_fadvise(fd, at, n, POSIX_FADV_DONTNEED); }
 
     int Map(int fd, size_t n, const octet_t*& base) override {

@@ -5,6 +5,10 @@
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
 
+#include <cerrno>
+#include <string>
+#include <vector>
+
 #include <sys/types.h>
 
 namespace quna {
@@ -50,12 +54,19 @@ public:
     virtual int RenameNoReplace(const char* from, const char* to) = 0;
     // unlink(2)
     virtual int Remove(const char* path) = 0;
+    // mkdir(2), mode 0777: -EEXIST if there is anything of that name. An imitation may know no directories.
+    virtual int MakeDirectory(const char* /*path*/) { return -ENOSYS; }
+    // opendir(3) and readdir(3): the names in the directory, without "." and "..", in no order.
+    virtual int ListDirectory(const char* /*path*/, std::vector<std::string>& /*names*/) { return -ENOSYS; }
     // fcntl(2) F_OFD_SETLK on byte 0; -EAGAIN or -EACCES if another description holds a lock in the way.
     virtual int Lock(int fd, bool exclusive) = 0;
     // Does `path` name the very file that `fd` has open? 1, 0 (also if the name is gone), or -errno.
     virtual int NamesFile(const char* path, int fd) = 0;
     // posix_fadvise(2) POSIX_FADV_DONTNEED on `n` bytes from `at`; n = 0 means to the end.
     virtual int DropCache(int fd, off_t at, off_t n) = 0;
+    // posix_fadvise(2) POSIX_FADV_WILLNEED: begins to read `n` bytes from `at` and waits for nothing. A hint, which an
+    // imitation of the disk has no need to take.
+    virtual int ReadAhead(int /*fd*/, off_t /*at*/, off_t /*n*/) { return 0; }
     // mmap(2) of the first `n` bytes, read-only, shared, MAP_NORESERVE, with MADV_RANDOM and MADV_DONTFORK. The range
     // may be far longer than the file. 0 and the address in `base`, or -errno.
     virtual int Map(int fd, size_t n, const octet_t*& base) = 0;

@@ -37,7 +37,8 @@ void UserLog::AppendCommit(uint32 flags) {
     payload.packets = m_packetsSince;
     payload.flags = flags;
     payload.durableUpTo = m_flusher.DurableClock();
-    payload.time = m_core.m_file.Sys().WallClock100ns();
+    payload.time = m_timeOfNextCommit ? m_timeOfNextCommit : m_core.m_file.Sys().WallClock100ns();
+    m_timeOfNextCommit = 0;
     m_writer.Append(EPacketType::COMMIT, m_lastTransaction + 1, &payload, sizeof payload);
     ResetCounts();
 }

@@ -71,6 +71,8 @@ public:
     void NoteCommitted() { ++m_lastTransaction; }
     uint64 LastTransaction() const { return m_lastTransaction; }
     void SetLastTransaction(uint64 number) { m_lastTransaction = number; }
+    // The next COMMIT bears this time instead of the present one: a transaction is being repeated.
+    void SetTimeOfNextCommit(uint64 time) { m_timeOfNextCommit = time; }
     // The cleaner has moved packets: see RelocPayload. Requires: no open packets. `n` is at most MaxRelocBytes.
     void AppendReloc(uint64 batch, const void* payload, ssize_t n);
     ssize_t MaxRelocBytes() const {
@@ -113,7 +115,8 @@ private:
     Flusher& m_flusher;
     TurnLock m_turn;
     SegmentWriter m_writer;
-    uint64 m_lastTransaction = 0; // number of the last committed
+    uint64 m_lastTransaction = 0;  // number of the last committed
+    uint64 m_timeOfNextCommit = 0; // 100 ns since 1970; 0: the present
     uint64 m_bytesSince = 0;      // since the last COMMIT, ABORT or RELOC
     uint32 m_packetsSince = 0;    // likewise
     int64 m_packetsAdded = 0;     // not yet in the store's counter

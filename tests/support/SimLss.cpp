@@ -64,30 +64,6 @@ LssState ReadLssState(LssStore& store) {
     return state;
 }
 
-// --- history
-
-ssize_t LssHistory::Floor(ssize_t calls, bool processDeathOnly) const {
-    ssize_t floor = 0;
-    for (ssize_t i = 0; i < std::ssize(transactions); ++i) {
-        const Transaction& t = transactions[static_cast<size_t>(i)];
-        const ssize_t known = processDeathOnly ? t.closed : t.durable;
-        if (known >= 0 && known <= calls) floor = i + 1;
-    }
-    return floor;
-}
-
-ssize_t LssHistory::Ceiling(ssize_t calls) const {
-    ssize_t ceiling = 0;
-    for (ssize_t i = 0; i < std::ssize(transactions); ++i)
-        if (transactions[static_cast<size_t>(i)].closeBegan <= calls) ceiling = i + 1;
-    return ceiling;
-}
-
-bool LssHistory::IsInMaintenance(ssize_t calls) const {
-    return std::any_of(maintenance.begin(), maintenance.end(),
-                       [&](const auto& range) { return calls >= range.first && calls < range.second; });
-}
-
 // --- driver
 
 LssSettings LssDriver::Settings(int segmentSize, bool clean) {
@@ -299,13 +275,7 @@ void LssDriver::RunTransaction() {
 
 void LssDriver::NoteDurable() { NoteDurable(std::ssize(m_history.transactions)); }
 
-void LssDriver::NoteDurable(ssize_t upTo) {
-    const ssize_t now = m_sys.NumRecorded();
-    for (ssize_t i = upTo - 1; i >= 0 && m_history.transactions[static_cast<size_t>(i)].durable < 0; --i) {
-        LssHistory::Transaction& t = m_history.transactions[static_cast<size_t>(i)];
-        if (t.closed >= 0) t.durable = now;
-    }
-}
+void LssDriver::NoteDurable(ssize_t upTo) { m_history.NoteDurable(upTo, m_sys.NumRecorded()); }
 
 // --- check
 

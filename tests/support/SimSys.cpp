@@ -35,7 +35,8 @@ SimSys::SimSys(const DiskImage& image) : m_initial(image), m_wallClock(0) {
 }
 
 SimSys::~SimSys() {
-    for (const Inode& inode : m_files) ::close(inode.memory);
+    for (const Inode& inode : m_files)
+        if (inode.memory >= 0) ::close(inode.memory);
 }
 
 // --- disturbing and looking
@@ -51,9 +52,16 @@ void SimSys::Disturb(uint64 seed, int oneIn) {
     m_oneIn = oneIn;
 }
 
+void SimSys::FailIn(const std::string& directory, int error) {
+    const std::lock_guard lock(m_mutex);
+    m_failingDirectory = directory;
+    m_directoryError = error;
+}
+
 void SimSys::Heal() {
     const std::lock_guard lock(m_mutex);
     m_faults = {};
+    m_directoryError = 0;
     m_oneIn = 0;
 }
 
@@ -117,6 +125,18 @@ int SimSys::Begin(ESimCall kind) {
     return 0;
 }
 
+int SimSys::BeginChange(ESimCall kind, const std::string& path) {
+    if (const int error = Begin(kind)) return error;
+    if (m_directoryError == 0 || DirectoryOf(path) != m_failingDirectory) return 0;
+    ++m_failures;
+    return -m_directoryError;
+}
+
+int SimSys::BeginChange(ESimCall kind, int fd) {
+    const Descriptor* const descriptor = Find(fd);
+    return BeginChange(kind, descriptor ? descriptor->path : std::string());
+}
+
 size_t SimSys::Shortened(size_t n) {
     if (m_oneIn == 0 || n < 2 || m_random() % static_cast<uint64>(m_oneIn) != 0) return n;
     return 1 + m_random() % (n - 1);
@@ -171,7 +191,7 @@ SimDisk SimSys::Disk() const {
 
 int SimSys::Open(const char* path, int flags, int) {
     const std::lock_guard lock(m_mutex);
-    if (const int error = Begin(ESimCall::OPEN)) return error;
+    if (const int error = flags & O_CREAT ? BeginChange(ESimCall::OPEN, path) : Begin(ESimCall::OPEN)) return error;
     auto name = m_names.find(path);
     if (name == m_names.end()) {
         if (!(flags & O_CREAT)) return -ENOENT;
@@ -179,7 +199,7 @@ int SimSys::Open(const char* path, int flags, int) {
         name = m_names.emplace(path, file).first;
         Note({.kind = EKind::CREATE, .file = file, .data = {}, .name = path, .name2 = {}});
     }
-    m_open[m_nextDescriptor] = {name->second, (flags & O_ACCMODE) != O_RDONLY};
+    m_open[m_nextDescriptor] = {name->second, (flags & O_ACCMODE) != O_RDONLY, path};
     return m_nextDescriptor++;
 }
 
@@ -191,7 +211,7 @@ ssize_t SimSys::Read(int fd, void* p, size_t n, off_t at) {
 
 ssize_t SimSys::WriteTo(int fd, const void* p, size_t n, off_t at, EKind kind, ESimCall call) {
     const std::lock_guard lock(m_mutex);
-    if (const int error = Begin(call)) return error;
+    if (const int error = BeginChange(call, fd)) return error;
     Inode& inode = FileOf(fd);
     if (!Find(fd)->writable) return -EBADF;
     n = Shortened(n);
@@ -218,7 +238,7 @@ ssize_t SimSys::WriteDurable(int fd, const void* p, size_t n, off_t at) {
 
 int SimSys::SyncData(int fd) {
     const std::lock_guard lock(m_mutex);
-    const int error = Begin(ESimCall::SYNC);
+    const int error = BeginChange(ESimCall::SYNC, fd);
     Inode& inode = FileOf(fd);
     const bool lost = error != 0 && error != -EINTR;
     if (lost) inode.lostWrites = true;
@@ -233,10 +253,8 @@ int SimSys::SyncData(int fd) {
 
 int SimSys::SyncDir(const char* path) {
     const std::lock_guard lock(m_mutex);
-    if (const int error = Begin(ESimCall::SYNC_DIR)) return error;
-    const bool known =
-        std::any_of(m_names.begin(), m_names.end(), [&](const auto& name) { return DirectoryOf(name.first) == path; });
-    if (!known) return -ENOENT;
+    if (const int error = BeginChange(ESimCall::SYNC_DIR, std::string(path) + "/")) return error;
+    if (!HasDirectory(path)) return -ENOENT;
     Note({.kind = EKind::SYNC_DIR, .data = {}, .name = path, .name2 = {}});
     return 0;
 }
@@ -248,7 +266,7 @@ int SimSys::WriteBack(int, off_t, off_t) {
 
 int SimSys::Allocate(int fd, off_t at, off_t n) {
     const std::lock_guard lock(m_mutex);
-    if (const int error = Begin(ESimCall::ALLOCATE)) return error;
+    if (const int error = BeginChange(ESimCall::ALLOCATE, fd)) return error;
     Inode& inode = FileOf(fd);
     if (!Find(fd)->writable) return -EBADF;
     if (at + n > inode.size) SetSize(inode, at + n);
@@ -264,7 +282,7 @@ int SimSys::Allocate(int fd, off_t at, off_t n) {
 
 int SimSys::Truncate(int fd, off_t n) {
     const std::lock_guard lock(m_mutex);
-    if (const int error = Begin(ESimCall::TRUNCATE)) return error;
+    if (const int error = BeginChange(ESimCall::TRUNCATE, fd)) return error;
     if (!Find(fd)->writable) return -EBADF;
     SetSize(FileOf(fd), n);
     Note({.kind = EKind::TRUNCATE, .file = Find(fd)->file, .size = n, .data = {}, .name = {}, .name2 = {}});
@@ -273,7 +291,7 @@ int SimSys::Truncate(int fd, off_t n) {
 
 int SimSys::PunchHole(int fd, off_t at, off_t n) {
     const std::lock_guard lock(m_mutex);
-    if (const int error = Begin(ESimCall::PUNCH)) return error;
+    if (const int error = BeginChange(ESimCall::PUNCH, fd)) return error;
     Inode& inode = FileOf(fd);
     if (!Find(fd)->writable) return -EBADF;
     if (::fallocate(inode.memory, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, at, n) != 0) return -errno;
@@ -289,13 +307,16 @@ int64 SimSys::Size(int fd) {
 
 int SimSys::RenameTo(const char* from, const char* to, bool replace) {
     const std::lock_guard lock(m_mutex);
-    if (const int error = Begin(ESimCall::RENAME)) return error;
+    if (const int error = BeginChange(ESimCall::RENAME, to)) return error;
     const auto name = m_names.find(from);
     if (name == m_names.end()) return -ENOENT;
     if (!replace && m_names.contains(to)) return -EEXIST;
     const int file = name->second;
+    const auto replaced = m_names.find(to);
+    const int gone = replaced == m_names.end() ? -1 : replaced->second;
     m_names.erase(name);
     m_names[to] = file;
+    if (gone >= 0) ReleaseIfUnused(gone);
     Note({.kind = EKind::RENAME, .file = file, .data = {}, .name = from, .name2 = to});
     return 0;
 }
@@ -305,9 +326,52 @@ int SimSys::RenameNoReplace(const char* from, const char* to) { return RenameTo(
 
 int SimSys::Remove(const char* path) {
     const std::lock_guard lock(m_mutex);
-    if (const int error = Begin(ESimCall::REMOVE)) return error;
-    if (m_names.erase(path) == 0) return -ENOENT;
+    if (const int error = BeginChange(ESimCall::REMOVE, path)) return error;
+    const auto name = m_names.find(path);
+    if (name == m_names.end()) return -ENOENT;
+    const int file = name->second;
+    m_names.erase(name);
+    ReleaseIfUnused(file);
     Note({.kind = EKind::REMOVE, .data = {}, .name = path, .name2 = {}});
+    return 0;
+}
+
+// A file without a name that nobody has open: gives its memory back. A mapping keeps its own.
+void SimSys::ReleaseIfUnused(int file) {
+    const auto isIt = [file](const auto& named) { return named.second == file; };
+    const auto hasItOpen = [file](const auto& open) { return open.second.file == file; };
+    Inode& inode = m_files[static_cast<size_t>(file)];
+    if (inode.memory < 0 || std::any_of(m_names.begin(), m_names.end(), isIt) ||
+        std::any_of(m_open.begin(), m_open.end(), hasItOpen))
+        return;
+    ::close(std::exchange(inode.memory, -1));
+}
+
+bool SimSys::HasDirectory(const std::string& path) const {
+    return m_directories.contains(path) || std::any_of(m_names.begin(), m_names.end(), [&](const auto& name) {
+               return DirectoryOf(name.first) == path;
+           });
+}
+
+// Durable at once: what becomes of a directory in a crash is the file system's business, and no test's.
+int SimSys::MakeDirectory(const char* path) {
+    const std::lock_guard lock(m_mutex);
+    if (const int error = BeginChange(ESimCall::MAKE_DIR, path)) return error;
+    if (m_names.contains(path)) return -EEXIST;
+    const bool exists = HasDirectory(path);
+    if (!exists && !HasDirectory(DirectoryOf(path))) return -ENOENT;
+    m_directories.insert(path); // also when the last file in it goes
+    return exists ? -EEXIST : 0;
+}
+
+int SimSys::ListDirectory(const char* path, std::vector<std::string>& names) {
+    const std::lock_guard lock(m_mutex);
+    if (const int error = Begin(ESimCall::LIST_DIR)) return error;
+    if (!HasDirectory(path)) return -ENOENT;
+    names.clear();
+    const size_t prefix = std::strlen(path) + 1;
+    for (const auto& [name, file] : m_names)
+        if (DirectoryOf(name) == path) names.push_back(name.substr(prefix));
     return 0;
 }
 
@@ -370,7 +434,12 @@ int SimSys::Load(int fd, const octet_t*, off_t at, size_t n) {
 
 int SimSys::Close(int fd) {
     const std::lock_guard lock(m_mutex);
-    return m_open.erase(fd) == 1 ? 0 : -EBADF;
+    const auto found = m_open.find(fd);
+    if (found == m_open.end()) return -EBADF;
+    const int file = found->second.file;
+    m_open.erase(found);
+    ReleaseIfUnused(file);
+    return 0;
 }
 
 int64 SimSys::MonotonicNanos() {

@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,8 @@ enum class ESimCall {
     SIZE,
     RENAME,
     REMOVE,
+    MAKE_DIR,
+    LIST_DIR,
     LOCK,
     NAMES_FILE,
     DROP_CACHE,
@@ -55,6 +58,8 @@ public:
     void FailCall(ESimCall kind, int64 n, int error, bool forever);
     // Calls end with EINTR, reads and writes with short counts, once in `oneIn` calls.
     void Disturb(uint64 seed, int oneIn);
+    // From now on every call that changes a file or a name in `directory` fails with `error`; 0: none does.
+    void FailIn(const std::string& directory, int error);
     // No call fails or is disturbed any more.
     void Heal();
 
@@ -90,6 +95,8 @@ public:
     int Rename(const char* from, const char* to) override;
     int RenameNoReplace(const char* from, const char* to) override;
     int Remove(const char* path) override;
+    int MakeDirectory(const char* path) override;
+    int ListDirectory(const char* path, std::vector<std::string>& names) override;
     int Lock(int fd, bool exclusive) override;
     int NamesFile(const char* path, int fd) override;
     int DropCache(int fd, off_t at, off_t n) override;
@@ -110,6 +117,7 @@ private:
     struct Descriptor {
         int file;
         bool writable;
+        std::string path;
         int lock = 0; // 0 none, 1 shared, 2 exclusive
     };
     struct Fault {
@@ -120,6 +128,10 @@ private:
 
     // All with m_mutex held.
     int Begin(ESimCall kind);
+    int BeginChange(ESimCall kind, const std::string& path);
+    int BeginChange(ESimCall kind, int fd);
+    bool HasDirectory(const std::string& path) const;
+    void ReleaseIfUnused(int file);
     size_t Shortened(size_t n);
     Inode& FileOf(int fd);
     Descriptor* Find(int fd);
@@ -134,6 +146,7 @@ private:
     DiskImage m_initial;
     std::vector<Inode> m_files;
     std::map<std::string, int> m_names;
+    std::set<std::string> m_directories; // made by MakeDirectory; those that files lie in exist as well
     std::map<int, Descriptor> m_open;
     int m_nextDescriptor = 1000;
     std::vector<SimCall> m_record;
@@ -142,7 +155,9 @@ private:
     std::array<int64, static_cast<size_t>(ESimCall::COUNT)> m_calls{};
     std::array<Fault, static_cast<size_t>(ESimCall::COUNT)> m_faults{};
     int64 m_failures = 0;
-    int m_oneIn = 0; // 0: nothing is disturbed
+    std::string m_failingDirectory;
+    int m_directoryError = 0; // 0: no directory fails
+    int m_oneIn = 0;          // 0: nothing is disturbed
     std::mt19937_64 m_random{1};
     std::mt19937_64 m_identity{1}; // of RandomBytes
     uint64 m_wallClock = 0;
