@@ -20,6 +20,7 @@ struct OpenRequest {
     EOpenMode mode;
     LssSettings settings;
     ssize_t minSegmentSize;
+    LssTestOptions options;
 };
 
 [[noreturn]] void Refuse(const char* what, const std::string& path, const char* why) {
@@ -39,6 +40,7 @@ std::unique_ptr<StoreCore> MakeCore(const OpenRequest& request) {
     auto core = std::make_unique<StoreCore>(request.sys);
     core->m_settings = request.settings;
     core->m_readOnly = IsReadOnly(request.mode);
+    core->m_stampShift = request.options.stampShift;
     return core;
 }
 
@@ -137,7 +139,7 @@ ILogStructuredStore* Open(const OpenRequest& request, bool& createdNew) {
         bool created = false;
         StorePtr store = TryOnce(request, created);
         if (!store) continue;
-        store->StartThreads();
+        if (request.options.threads) store->StartThreads();
         createdNew = created;
         return store.release();
     }
@@ -153,13 +155,14 @@ void CheckArguments(ConstStringZ path) {
 ILogStructuredStore* CreateOrOpenLSS(ConstStringZ path, ConstStringZ /*deltasDirPath*/, bool& createdNew,
                                      EOpenMode openMode, const LssSettings& settings) {
     CheckArguments(path);
-    return Open({RealSysCalls(), path, openMode, settings, MIN_SEGMENT_SIZE}, createdNew);
+    return Open({RealSysCalls(), path, openMode, settings, MIN_SEGMENT_SIZE, {}}, createdNew);
 }
 
 ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ /*deltasDirPath*/, bool& createdNew,
-                                    EOpenMode openMode, const LssSettings& settings) {
+                                    EOpenMode openMode, const LssSettings& settings,
+                                    const LssTestOptions& options) {
     CheckArguments(path);
-    return Open({sys, path, openMode, settings, MIN_TEST_SEGMENT_SIZE}, createdNew);
+    return Open({sys, path, openMode, settings, MIN_TEST_SEGMENT_SIZE, options}, createdNew);
 }
 
 } // namespace quna

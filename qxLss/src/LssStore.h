@@ -111,8 +111,16 @@ private:
     bool m_canShrink = true; // likewise
 };
 
+struct LssTestOptions {
+    bool threads = true; // false: nothing happens in the background, so that a run depends on its calls alone
+    // Unit of the log stamps of segments, as a power of two: with a small one the data of a small store has ages. A store
+    // is always opened with the same.
+    int stampShift = STAMP_SHIFT;
+};
+
 // CreateOrOpenLSS with another table of system calls, and segments down to 4 KiB.
 QX_API ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ deltasDirPath,
-                                           bool& createdNew, EOpenMode openMode, const LssSettings& settings);
+                                           bool& createdNew, EOpenMode openMode, const LssSettings& settings,
+                                           const LssTestOptions& options = {});
 
 } // namespace quna

@@ -1,4 +1,5 @@
 // The walk along the user chain: Recovery's second half.
+#include "qxLss/src/Mutants.h"
 #include "qxLss/src/Recovery.h"
 #include "qxLss/src/SerialElement.h"
 
@@ -39,7 +40,13 @@ void Recovery::Walk(const CheckpointHeader& header) {
 
 Recovery::EStep Recovery::ReadStep() {
     PacketHeader packet{};
-    if (!PacketAt(m_segment, m_pos, packet)) return EStep::END;
+    if (!PacketAt(m_segment, m_pos, packet)) {
+        const bool hasLength = PayloadBytes(packet.info) && m_pos + PacketBytes(packet.info) < m_segment.size;
+        if (!IsMutant(EMutant::BAD_FRAME_SKIPPED) || !hasLength) return EStep::END;
+        CountSinceCommit(PacketBytes(packet.info));
+        m_pos += PacketBytes(packet.info);
+        return EStep::NEXT;
+    }
     const ssize_t n = PayloadBytes(packet.info);
     const octet_t* const payload = m_segment.bytes.data() + m_pos + PACKET_HEADER_BYTES;
     const EStep step = TakePacket(packet, payload, n);
@@ -54,7 +61,9 @@ Recovery::EStep Recovery::TakePacket(const PacketHeader& packet, const octet_t* 
     case EPacketType::REMOVE:
     case EPacketType::DROP: return TakeElement(packet, payload - PACKET_HEADER_BYTES);
     case EPacketType::COMMIT: return TakeCommit(packet, payload, n);
-    case EPacketType::ABORT: ResetPending(); return EStep::NEXT;
+    case EPacketType::ABORT:
+        if (!IsMutant(EMutant::ABORT_IGNORED)) ResetPending();
+        return EStep::NEXT;
     case EPacketType::LINK: return TakeLink(packet, payload, n);
     case EPacketType::RELOC: return TakeReloc(payload, n);
     case EPacketType::PAD: return EStep::NEXT;
@@ -112,7 +121,7 @@ void Recovery::Apply() {
     for (size_t i = m_pending.size(); i-- > 0;) {
         const Operation& operation = m_pending[i];
         if (operation.type == EPacketType::DROP) {
-            ApplyDrop(operation);
+            if (!IsMutant(EMutant::DROP_IGNORED)) ApplyDrop(operation);
             continue;
         }
         const IndexSlot slot = m_index.Prepare(operation.seid);
@@ -162,6 +171,7 @@ Recovery::EStep Recovery::TakeLink(const PacketHeader& packet, const octet_t* pa
     m_pos += LINK_BYTES;
     if (link.slot >= m_segments.MaxSlots() || !ReadSegmentHeader(link.slot, header) ||
         !IsHeaderOf(header, link.slot, packet.key, ESegmentKind::USER)) {
+        if (IsMutant(EMutant::LOST_HEADER_CALLED_DAMAGE)) ThrowCorrupt(m_core, "the log leads to no segment");
         m_brokenLink = link; // the header was lost with the power: a healthy end
         m_brokenLinkSequence = packet.key;
         return EStep::END;
@@ -264,7 +274,10 @@ bool Recovery::VerifyRange(const RelocRange& range, Reloc& reloc) {
     ssize_t pos = range.from;
     while (pos < range.to) {
         PacketHeader packet{};
-        if (pos < SEGMENT_HEADER_BYTES || pos % PACKET_ALIGNMENT != 0 || !PacketAt(segment, pos, packet)) return false;
+        if (pos < SEGMENT_HEADER_BYTES || pos % PACKET_ALIGNMENT != 0 || !PacketAt(segment, pos, packet)) {
+            if (IsMutant(EMutant::REST_OF_RANGE_LEFT_OUT)) break;
+            return false;
+        }
         const ssize_t bytes = PacketBytes(packet.info);
         if (PacketType(packet.info) == EPacketType::HEAD) {
             const bool isLong = PacketFlags(packet.info) & PACKET_FLAG_LONG;
@@ -276,7 +289,7 @@ bool Recovery::VerifyRange(const RelocRange& range, Reloc& reloc) {
     }
     reloc.segments.push_back(header);
     reloc.packets.push_back(packets);
-    return pos == range.to;
+    return pos == range.to || IsMutant(EMutant::REST_OF_RANGE_LEFT_OUT);
 }
 
 // Long entries come first: they say exactly what moved, and the old head may have been overwritten since. Then every head

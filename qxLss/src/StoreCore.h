@@ -71,6 +71,7 @@ public:
     ssize_t m_segmentSize = 0; // bytes
     bool m_readOnly = false;
     LssSettings m_settings;
+    int m_stampShift = STAMP_SHIFT; // log clock to log stamp; tests make it smaller
     StoreCounters m_counters;
 
     // Called by tests between the steps of checkpoints and of the cleaner, where other threads may be served, with no lock

@@ -28,9 +28,10 @@ using ElementMap = std::map<uint64, std::string>;
 // Opens the store "d/store" of a SimSys and abandons it at the end, as a kill would, unless it was closed.
 class TestLss {
 public:
-    explicit TestLss(SimSys& sys, LssSettings settings = SmallSegments(), EOpenMode mode = OM_OPEN_ALWAYS) {
+    explicit TestLss(SimSys& sys, LssSettings settings = SmallSegments(), EOpenMode mode = OM_OPEN_ALWAYS,
+                     const LssTestOptions& options = {}) {
         bool createdNew = false;
-        m_lss = static_cast<LssStore*>(OpenLssForTest(sys, "d/store", nullptr, createdNew, mode, settings));
+        m_lss = static_cast<LssStore*>(OpenLssForTest(sys, "d/store", nullptr, createdNew, mode, settings, options));
         m_createdNew = createdNew;
         if (createdNew) m_lss->AllocateSeidHigh();
     }
