@@ -20,7 +20,7 @@ struct OpenRequest {
     EOpenMode mode;
     LssSettings settings;
     ssize_t minSegmentSize;
-    LssTestOptions options;
+    int stampShift;
 };
 
 [[noreturn]] void Refuse(const char* what, const std::string& path, const char* why) {
@@ -40,7 +40,7 @@ std::unique_ptr<StoreCore> MakeCore(const OpenRequest& request) {
     auto core = std::make_unique<StoreCore>(request.sys);
     core->m_settings = request.settings;
     core->m_readOnly = IsReadOnly(request.mode);
-    core->m_stampShift = request.options.stampShift;
+    core->m_stampShift = request.stampShift;
     return core;
 }
 
@@ -133,13 +133,13 @@ StorePtr TryOnce(const OpenRequest& request, bool& createdNew) {
     return createdNew ? Create(request, true) : OpenFile(std::move(core));
 }
 
-ILogStructuredStore* Open(const OpenRequest& request, bool& createdNew) {
+ILogStructuredStore* Open(const OpenRequest& request, bool& createdNew, EBackground background) {
     InstallForkGuard();
     for (;;) {
         bool created = false;
         StorePtr store = TryOnce(request, created);
         if (!store) continue;
-        if (request.options.threads) store->StartThreads();
+        if (background == EBackground::THREADS) store->StartThreads();
         createdNew = created;
         return store.release();
     }
@@ -155,14 +155,15 @@ void CheckArguments(ConstStringZ path) {
 ILogStructuredStore* CreateOrOpenLSS(ConstStringZ path, ConstStringZ /*deltasDirPath*/, bool& createdNew,
                                      EOpenMode openMode, const LssSettings& settings) {
     CheckArguments(path);
-    return Open({RealSysCalls(), path, openMode, settings, MIN_SEGMENT_SIZE, {}}, createdNew);
+    return Open({RealSysCalls(), path, openMode, settings, MIN_SEGMENT_SIZE, STAMP_SHIFT}, createdNew,
+                EBackground::THREADS);
 }
 
 ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ /*deltasDirPath*/, bool& createdNew,
-                                    EOpenMode openMode, const LssSettings& settings,
-                                    const LssTestOptions& options) {
+                                    EOpenMode openMode, const LssSettings& settings, EBackground background,
+                                    int stampShift) {
     CheckArguments(path);
-    return Open({sys, path, openMode, settings, MIN_TEST_SEGMENT_SIZE, options}, createdNew);
+    return Open({sys, path, openMode, settings, MIN_TEST_SEGMENT_SIZE, stampShift}, createdNew, background);
 }
 
 } // namespace quna

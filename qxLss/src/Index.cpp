@@ -45,10 +45,7 @@ struct Index::Directory {
     using Entry = std::atomic<HighIndex*>;
     using Chunk = LazyArray<Entry>;
     LazyArray<std::atomic<Chunk*>> top;
-
-    ~Directory() {
-        for (size_t i = 0; i < DIRECTORY_SLOTS; ++i) delete top.p[i].load(std::memory_order_relaxed);
-    }
+    std::vector<std::unique_ptr<Chunk>> chunks; // owns those in `top`, so that nobody has to walk through all of it
 };
 
 Index::Index(StoreCore& core)
@@ -66,7 +63,10 @@ HighIndex& Index::FindOrAddHigh(uint32 high) {
     if (HighIndex* const found = FindHigh(high)) return *found;
     std::lock_guard lock(m_nodesMutex);
     std::atomic<Directory::Chunk*>& top = m_directory->top.p[high >> 16];
-    if (!top.load(std::memory_order_relaxed)) top.store(new Directory::Chunk, std::memory_order_release);
+    if (!top.load(std::memory_order_relaxed)) {
+        m_directory->chunks.push_back(std::make_unique<Directory::Chunk>());
+        top.store(m_directory->chunks.back().get(), std::memory_order_release);
+    }
     m_highs.push_back(std::make_unique<HighIndex>(high));
     top.load(std::memory_order_relaxed)->p[high & 0xFFFF].store(m_highs.back().get(), std::memory_order_release);
     return *m_highs.back();
@@ -128,7 +128,7 @@ IndexNode* Index::LoadPage(uint32 high, int level, uint32 page, Location l) cons
         if (!(prefix.bitmap[i / 64] >> (i % 64) & 1)) continue;
         const Location child = ReadPod<Location>(p);
         p += sizeof child;
-        if (!m_core.m_segments->IsInside(child, m_core.m_segments->MaxSlots()))
+        if (!m_core.m_segments->IsInside(child))
             ThrowCorrupt(m_core, "an index page holds a location outside the segments", LocationOffset(l));
         node->slots[i].store(child, std::memory_order_relaxed);
     }
@@ -233,6 +233,21 @@ void Index::MarkDirty(IndexLeaf& leaf) {
     if (leaf.dirty) return;
     leaf.dirty = true;
     m_dirtyLeaves.push_back(&leaf);
+}
+
+Location Index::MissingPageOf(Seid seid) const {
+    HighIndex* const high = FindHigh(seid.high_);
+    if (!high) return 0;
+    IndexNode* node = high->root.load(std::memory_order_acquire);
+    if (!node) return high->rootLocation.load(std::memory_order_relaxed);
+    if (PageAt(seid.low_, node->level) != 0) return 0;
+    while (!node->IsLeaf()) {
+        IndexInner& inner = static_cast<IndexInner&>(*node);
+        const size_t i = SlotAt(seid.low_, node->level);
+        node = inner.children[i].load(std::memory_order_acquire);
+        if (!node) return inner.slots[i].load(std::memory_order_relaxed);
+    }
+    return 0;
 }
 
 // --- snapshots

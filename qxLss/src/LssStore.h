@@ -45,6 +45,7 @@ public:
     SeidHigh AllocateSeidHigh() override;
     Seid AllocateSeid(SeidHigh high) override;
     bool AllocateAffiliateSeid(Seid& seid) override;
+    bool IsAllocated(Seid seid) override;
     IContiguousSerialElement* OpenSerialElement(Seid seid) override;
     ILssTransaction* OpenTransaction() override;
     void GetStats(LssStats& stats) override;
@@ -111,16 +112,16 @@ private:
     bool m_canShrink = true; // likewise
 };
 
-struct LssTestOptions {
-    bool threads = true; // false: nothing happens in the background, so that a run depends on its calls alone
-    // Unit of the log stamps of segments, as a power of two: with a small one the data of a small store has ages. A store
-    // is always opened with the same.
-    int stampShift = STAMP_SHIFT;
+// Has a store threads of its own? Without them nothing happens in the background, so that a run depends on its calls alone.
+enum class EBackground {
+    THREADS,
+    NONE
 };
 
-// CreateOrOpenLSS with another table of system calls, and segments down to 4 KiB.
+// CreateOrOpenLSS with another table of system calls, and segments down to 4 KiB. `stampShift` is the unit of the segments'
+// log stamps, as a power of two: with a small one the data of a small store has ages. A store keeps its own.
 QX_API ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ deltasDirPath,
                                            bool& createdNew, EOpenMode openMode, const LssSettings& settings,
-                                           const LssTestOptions& options = {});
+                                           EBackground background = EBackground::THREADS, int stampShift = STAMP_SHIFT);
 
 } // namespace quna

@@ -23,7 +23,7 @@ LongHead ParseLongHead(const StoreCore& core, const octet_t* head, Location l) {
     result.parts.resize(static_cast<size_t>(n));
     std::memcpy(result.parts.data(), payload + sizeof prefix, static_cast<size_t>(listBytes));
     for (const Location part : result.parts) {
-        if (!core.m_segments->IsInside(part, core.m_segments->MaxSlots()))
+        if (!core.m_segments->IsInside(part))
             ThrowCorrupt(core, "a long element has a part outside the segments", LocationOffset(l));
     }
     return result;
@@ -134,6 +134,9 @@ ReadOnlyBuffer SerialElement::GetBuffer() {
 
 void SerialElement::Assemble() {
     const ssize_t partBytes = OverflowBytes(m_core.m_segmentSize);
+    // Its parts are packets of the file, each only once: checked before the memory is taken.
+    if (m_size > m_core.m_file.Size())
+        ThrowCorrupt(m_core, "a long element is longer than the file", LocationOffset(m_location));
     auto buffer = std::make_unique_for_overwrite<octet_t[]>(static_cast<size_t>(m_size + ELEMENT_TAIL_BYTES));
     octet_t* to = buffer.get();
     uint32 ordinal = 0;

@@ -76,10 +76,11 @@ void ThrowCorrupt(const StoreCore& core, const std::string& what, int64 offset) 
 
 const octet_t* TouchPacket(const StoreCore& core, Location l, ssize_t loadBehind) {
     const SegmentTable& segments = *core.m_segments;
-    if (!segments.IsInside(l, segments.MaxSlots()))
-        ThrowCorrupt(core, "a location points outside the segments", LocationOffset(l));
+    if (!segments.IsInside(l)) ThrowCorrupt(core, "a location points outside the segments", LocationOffset(l));
     const ssize_t slot = segments.SlotOf(l);
     const octet_t* const base = segments[slot].base.load(std::memory_order_acquire);
+    if (!base) [[unlikely]]
+        ThrowCorrupt(core, "a location points into a free segment", LocationOffset(l));
     if (base == core.m_map->At(segments.OffsetOf(slot)))
         core.m_map->Load(LocationOffset(l), LocationBytes(l) + loadBehind);
     return base + segments.OffsetIn(l);

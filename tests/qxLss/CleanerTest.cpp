@@ -253,6 +253,7 @@ TEST_F(CleanerTest, ComesToRestWithElementsOfAFifthOfASegment) {
 
 TEST_F(CleanerTest, AFullDiskIsCleanedFromTheReserve) {
     Fill(200, 200);
+    for (int i = 0; i < 600; ++i) Overwrite(SomeSeid(), 200); // what the disk is full of is mostly dead
     m_sys.FailCall(ESimCall::ALLOCATE, 1, ENOSPC, true);
     int refused = 0;
     for (int i = 0; i < 3000; ++i) {
@@ -308,10 +309,7 @@ TEST_F(CleanerTest, AFailedWriteOfTheCleanerIsFinalAndReadingGoesOn) {
 // The age classes that survivor segments have after old elements, and others overwritten again and again, were cleaned.
 std::set<int> AgeClassesWith(int stampShift) {
     SimSys sys;
-    LssTestOptions options;
-    options.threads = false;
-    options.stampShift = stampShift;
-    TestLss lss(sys, WithCleaner(), OM_OPEN_ALWAYS, options);
+    TestLss lss(sys, WithCleaner(), OM_OPEN_ALWAYS, EBackground::NONE, stampShift);
     std::vector<Seid> seids;
     for (int i = 0; i < 60; ++i) seids.push_back(lss.Put(Pattern(300)));
     for (int i = 0; i < 400; ++i) lss.Put(seids[static_cast<size_t>(i % 20)], Pattern(300));

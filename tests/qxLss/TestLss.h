@@ -29,9 +29,10 @@ using ElementMap = std::map<uint64, std::string>;
 class TestLss {
 public:
     explicit TestLss(SimSys& sys, LssSettings settings = SmallSegments(), EOpenMode mode = OM_OPEN_ALWAYS,
-                     const LssTestOptions& options = {}) {
+                     EBackground background = EBackground::THREADS, int stampShift = STAMP_SHIFT) {
         bool createdNew = false;
-        m_lss = static_cast<LssStore*>(OpenLssForTest(sys, "d/store", nullptr, createdNew, mode, settings, options));
+        m_lss = static_cast<LssStore*>(
+            OpenLssForTest(sys, "d/store", nullptr, createdNew, mode, settings, background, stampShift));
         m_createdNew = createdNew;
         if (createdNew) m_lss->AllocateSeidHigh();
     }

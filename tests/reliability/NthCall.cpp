@@ -1,6 +1,7 @@
 // Each kind of system call fails at its n-th use, for every n, once and for ever, with EIO and with ENOSPC, under a random
 // workload. The failure must reach the caller, nothing may be acknowledged after a failed write or sync, and the disk must
 // hold a state that was allowed.
+#include "qxUtils/Tracer.h"
 #include "tests/support/SimArguments.h"
 #include "tests/support/SimLss.h"
 
@@ -47,6 +48,24 @@ constexpr Kind KINDS[] = {
     {ESimCall::LOAD, "load", false, true},
 };
 
+// What the store traces while a workload runs. One thread.
+class CollectedTraces {
+public:
+    CollectedTraces() : m_previous(SetTraceSink({this, &CollectedTraces::Take})) {}
+    ~CollectedTraces() { SetTraceSink(m_previous); }
+
+    // A segment that can't be read while it is cleaned: nobody waits for an answer, and nothing is lost.
+    bool TellsOfSegmentLeftAlone() const { return m_text.find("leaves a segment as it is") != std::string::npos; }
+
+private:
+    static void Take(void* self, const char* text, ssize_t n) {
+        static_cast<CollectedTraces*>(self)->m_text.append(text, static_cast<size_t>(n));
+    }
+
+    std::string m_text;
+    TraceSink m_previous;
+};
+
 struct Case {
     Kind kind;
     int64 n;
@@ -68,13 +87,15 @@ bool Run(const Case& c, Totals& totals) {
     SimSys sys;
     LssDriver driver(sys, workload);
     sys.FailCall(c.kind.call, c.n, c.error, c.forever);
+    const CollectedTraces traces;
     driver.Run();
     if (sys.NumFailures() == 0) return false;
     ++totals.runs;
     totals.failures += sys.NumFailures();
     const LssHistory& history = driver.History();
     const bool reported = !history.failure.empty() || !history.fault.empty();
-    if (c.kind.mustBeReported && !reported && sys.NumFailures() > driver.NumFailuresInClose()) {
+    const bool traced = c.kind.call == ESimCall::LOAD && traces.TellsOfSegmentLeftAlone();
+    if (c.kind.mustBeReported && !reported && !traced && sys.NumFailures() > driver.NumFailuresInClose()) {
         ++totals.unreported;
         Report(c, "nobody was told");
     }

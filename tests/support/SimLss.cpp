@@ -19,9 +19,10 @@ uint64 HashOf(const void* p, ssize_t n) {
            static_cast<uint64>(n);
 }
 
-LssStore* OpenStore(SimSys& sys, EOpenMode mode, const LssSettings& settings, const LssTestOptions& options,
+LssStore* OpenStore(SimSys& sys, EOpenMode mode, const LssSettings& settings, bool threads, int stampShift,
                     bool& createdNew) {
-    return static_cast<LssStore*>(OpenLssForTest(sys, PATH, nullptr, createdNew, mode, settings, options));
+    return static_cast<LssStore*>(OpenLssForTest(sys, PATH, nullptr, createdNew, mode, settings,
+                                                 threads ? EBackground::THREADS : EBackground::NONE, stampShift));
 }
 
 // Abandons the store at the end of the scope.
@@ -64,31 +65,9 @@ LssState ReadLssState(LssStore& store) {
     return state;
 }
 
-// --- history
-
 void LssHistory::AddState(LssState state) {
     digests.push_back(DigestOf(state));
     states.push_back(std::move(state));
-}
-
-ssize_t LssHistory::Floor(ssize_t calls, bool processDeathOnly) const {
-    for (ssize_t i = std::ssize(transactions) - 1; i >= 0; --i) {
-        const Transaction& t = transactions[static_cast<size_t>(i)];
-        const ssize_t known = processDeathOnly ? t.closed : t.durable;
-        if (known >= 0 && known <= calls) return i + 1;
-    }
-    return 0;
-}
-
-ssize_t LssHistory::Ceiling(ssize_t calls) const {
-    for (ssize_t i = std::ssize(transactions) - 1; i >= 0; --i)
-        if (transactions[static_cast<size_t>(i)].closeBegan <= calls) return i + 1;
-    return 0;
-}
-
-bool LssHistory::IsInMaintenance(ssize_t calls) const {
-    return std::any_of(maintenance.begin(), maintenance.end(),
-                       [&](const auto& range) { return calls >= range.first && calls < range.second; });
 }
 
 // --- driver
@@ -119,10 +98,8 @@ LssDriver::~LssDriver() {
 
 void LssDriver::Open() {
     bool createdNew = false;
-    LssTestOptions options;
-    options.threads = m_workload.threads;
-    options.stampShift = m_workload.stampShift;
-    m_store = OpenStore(m_sys, OM_OPEN_ALWAYS, Settings(m_workload.segmentSize, m_workload.clean), options, createdNew);
+    m_store = OpenStore(m_sys, OM_OPEN_ALWAYS, Settings(m_workload.segmentSize, m_workload.clean), m_workload.threads,
+                        m_workload.stampShift, createdNew);
     if (!m_history.opened) m_history.opened = m_sys.NumRecorded();
     m_isCreated = !createdNew;
     if (!createdNew) return;
@@ -438,13 +415,7 @@ void LssDriver::RunTransaction(bool flush, Change change) {
 
 void LssDriver::NoteDurable() { NoteDurable(std::ssize(m_history.transactions)); }
 
-void LssDriver::NoteDurable(ssize_t upTo) {
-    const ssize_t now = m_sys.NumRecorded();
-    for (ssize_t i = upTo - 1; i >= 0 && m_history.transactions[static_cast<size_t>(i)].durable < 0; --i) {
-        LssHistory::Transaction& t = m_history.transactions[static_cast<size_t>(i)];
-        if (t.closed >= 0) t.durable = now;
-    }
-}
+void LssDriver::NoteDurable(ssize_t upTo) { m_history.NoteDurable(upTo, m_sys.NumRecorded()); }
 
 // --- check
 
@@ -473,10 +444,8 @@ public:
 private:
     void Open() {
         bool createdNew = false;
-        LssTestOptions options;
-        options.threads = false;
-        options.stampShift = m_check.stampShift;
-        m_scope.store = OpenStore(m_sys, OM_OPEN_EXISTING, LssDriver::Settings(4096, false), options, createdNew);
+        m_scope.store =
+            OpenStore(m_sys, OM_OPEN_EXISTING, LssDriver::Settings(4096, false), false, m_check.stampShift, createdNew);
     }
 
     std::string FindState(ssize_t& found) const {

@@ -3,6 +3,7 @@
 
 #include "qxLss/ILogStructuredStore.h"
 #include "qxLss/src/LssStore.h"
+#include "tests/support/CrashHistory.h"
 #include "tests/support/SimSys.h"
 
 #include <exception>
@@ -22,35 +23,14 @@ using LssState = std::map<uint64, uint64>;
 // Order does not matter: the sum over all elements.
 uint64 DigestOf(const LssState& state);
 
-// What a workload did, in terms of the record of SimSys.
-struct LssHistory {
-    struct Transaction {
-        ssize_t closeBegan = 0; // calls recorded before its Close
-        ssize_t closed = -1;    // calls recorded when its Close had returned; -1: it has not
-        ssize_t durable = -1;   // calls recorded when it was known to be durable; -1: never
-    };
-    struct Identifier {
-        ssize_t given; // calls recorded when it was handed out
-        uint64 seid;
-    };
-
-    std::vector<LssState> states;          // S0, S1...; one more than transactions
-    std::vector<uint64> digests;           // of states
-    std::vector<Transaction> transactions; // the n-th leads to states[n + 1]
-    std::vector<Identifier> identifiers;
-    std::vector<std::pair<ssize_t, ssize_t>>
-        maintenance;     // calls recorded at beginning and end of cleaning, checkpoints
-    ssize_t opened = 0; // calls recorded when the first open had returned
+// What a workload did.
+struct LssHistory : CrashHistory {
+    std::vector<LssState> states;    // S0, S1...; one more than transactions
+    std::vector<uint64> digests;     // of states
+    ssize_t opened = 0;              // calls recorded when the first open had returned
     std::vector<ssize_t> operations; // calls recorded when each operation of a script began
-    std::string failure; // the FileException that ended the workload early; empty: none did
-    std::string fault;   // what the store did wrong while it ran: any other exception; empty: nothing
 
     void AddState(LssState state);
-    // The states that a crash after `calls` recorded calls may leave.
-    ssize_t Floor(ssize_t calls, bool processDeathOnly) const;
-    ssize_t Ceiling(ssize_t calls) const;
-    // Would a crash after `calls` recorded calls fall into the cleaner or a checkpoint?
-    bool IsInMaintenance(ssize_t calls) const;
 };
 
 // Operations of a scripted workload.
@@ -75,20 +55,20 @@ struct LssWorkload {
     bool clean = true;    // batches of the cleaner, with transactions between its steps
     // A batch between the steps of a checkpoint, which the store itself never allows.
     bool cleanInsideCheckpoint = false;
-    bool uniform = false;     // every transaction has the same length
-    bool manyHighs = false;   // three steps in four allocate a high half; others do between the steps of a checkpoint
-    bool checkpoints = true;  // now and then
-    bool killAtEnd = false;   // is not closed
-    int maintenance = 5;      // of 20 steps: a checkpoint or a batch of the cleaner
-    int liveElements = 40;    // about so many, then more is deleted
-    int stampShift = 9;       // of log stamps: 512 bytes, so that data of these short lives has ages
+    bool uniform = false;    // every transaction has the same length
+    bool manyHighs = false;  // three steps in four allocate a high half; others do between the steps of a checkpoint
+    bool checkpoints = true; // now and then
+    bool killAtEnd = false;  // is not closed
+    int maintenance = 5;     // of 20 steps: a checkpoint or a batch of the cleaner
+    int liveElements = 40;   // about so many, then more is deleted
+    int stampShift = 9;      // of log stamps: 512 bytes, so that data of these short lives has ages
     std::vector<ELssOperation> script; // in place of `steps` random ones
 };
 
 // What a store is when a driver begins: nothing, or what a crash has left.
 struct LssBeginning {
     LssState state;
-    bool mayBeMissing = true;            // the crash may have left no store
+    bool mayBeMissing = true;                // the crash may have left no store
     const std::set<uint64>* spent = nullptr; // identifiers not to be handed out again
 };
 
