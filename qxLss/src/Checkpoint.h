@@ -94,7 +94,8 @@ private:
     void BeginSegment();
     ssize_t TakeIndexSegment();
     void WriteHeader(State& state, EReason reason);
-    void FreeSegments(const State& state);
+    void FreeSegments(State& state);
+    void FreeEmptied(State& state);
     void FreeIndexSegments();
     void ScheduleNext(uint64 volume);
 

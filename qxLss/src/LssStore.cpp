@@ -1,6 +1,7 @@
 #include "qxLss/src/LssStore.h"
 
 #include "qxLss/src/CompactingCopy.h"
+#include "qxLss/src/Mutants.h"
 #include "qxLss/src/SerialElement.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/Exceptions.h"
@@ -79,7 +80,9 @@ void LssStore::Recover(const CheckpointHeader& header) {
     for (const HighAllocation& high : log.highs) known.push_back({high.high, high.horizon});
     m_ring.BeginOwner(header.checkpointSequence, known, log.nextHigh, log.nextSequence, log.clean);
     m_allocator.Import(log.highs, log.ring, log.clean);
-    if (!log.clean) {
+    const bool hasWork = log.end.offset != static_cast<ssize_t>(header.startOffset) ||
+                         log.end.slot != static_cast<ssize_t>(header.startSlot);
+    if (!log.clean && (hasWork || !IsMutant(EMutant::NO_FRESH_SEGMENT))) {
         m_core->m_counters.numRecoveries.fetch_add(1, std::memory_order_relaxed);
         m_log.OpenFresh(log.clock, log.end.sequence);
         m_checkpoint.Run(Checkpoint::EReason::RUNNING);
@@ -259,7 +262,7 @@ void LssStore::MakeRoomForTransaction() {
 }
 
 void LssStore::OnTransactionClosed(bool unwinding) {
-    if (m_checkpoint.IsBeingCreated() && !unwinding &&
+    if (m_checkpoint.IsBeingCreated() && !unwinding && !IsMutant(EMutant::CREATING_FLAG_KEPT) &&
         m_core->m_counters.numTransactions.load(std::memory_order_relaxed) > 0) [[unlikely]] {
         try {
             HandOverBuffered();

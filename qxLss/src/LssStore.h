@@ -158,9 +158,10 @@ enum class EBackground {
     NONE
 };
 
-// CreateOrOpenLSS with another table of system calls, and segments down to 4 KiB.
+// CreateOrOpenLSS with another table of system calls, and segments down to 4 KiB. `stampShift` is the unit of the segments'
+// log stamps, as a power of two: with a small one the data of a small store has ages. A store keeps its own.
 QX_API ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ deltasDirPath,
                                            bool& createdNew, EOpenMode openMode, const LssSettings& settings,
-                                           EBackground background = EBackground::THREADS);
+                                           EBackground background = EBackground::THREADS, int stampShift = STAMP_SHIFT);
 
 } // namespace quna

@@ -86,6 +86,7 @@ public:
     ssize_t m_segmentSize = 0; // bytes
     bool m_readOnly = false;
     LssSettings m_settings;
+    int m_stampShift = STAMP_SHIFT; // log clock to log stamp; tests make it smaller
     StoreCounters m_counters;
     ArchiveProgress m_archive;
 
