@@ -321,15 +321,13 @@ int SimSys::Remove(const char* path) {
     return 0;
 }
 
-// A file without a name that nobody has open: gives its memory back. A mapping keeps its own.
+// A file without a name that nobody has open or mapped: gives its memory back.
 void SimSys::ReleaseIfUnused(int file) {
     const auto isIt = [file](const auto& named) { return named.second == file; };
     const auto hasItOpen = [file](const auto& open) { return open.second.file == file; };
-    Inode& inode = m_files[static_cast<size_t>(file)];
-    if (inode.memory < 0 || std::any_of(m_names.begin(), m_names.end(), isIt) ||
-        std::any_of(m_open.begin(), m_open.end(), hasItOpen))
-        return;
-    ::close(std::exchange(inode.memory, -1));
+    if (std::none_of(m_names.begin(), m_names.end(), isIt) && std::none_of(m_open.begin(), m_open.end(), hasItOpen) &&
+        std::none_of(m_mapped.begin(), m_mapped.end(), isIt))
+        m_files[static_cast<size_t>(file)].memory.reset();
 }
 
 bool SimSys::HasDirectory(const std::string& path) const {
@@ -413,7 +411,9 @@ int SimSys::Unmap(const octet_t* base, size_t n) {
     if (mapped == m_mapped.end()) return -EINVAL;
     const int file = mapped->second;
     m_mapped.erase(mapped);
-    return m_files[static_cast<size_t>(file)].memory->Unmap(base, n);
+    const int error = m_files[static_cast<size_t>(file)].memory->Unmap(base, n);
+    ReleaseIfUnused(file);
+    return error;
 }
 
 int SimSys::Load(int fd, const octet_t*, off_t at, size_t n) {
