@@ -4,6 +4,7 @@
 // at the end of a scope.
 #pragma once
 
+#include "qxLss/Backup.h"
 #include "qxLss/EOpenMode.h"
 #include "qxLss/LssSettings.h"
 #include "qxLss/Seid.h"
@@ -111,6 +112,25 @@ public:
     // Ends the object and gives back lock and memory without writing anything, for an owner whose own construction has
     // failed. The file is then as after a kill; one that never closed a transaction counts as never created.
     virtual void Abandon() { Close(); }
+
+    // Copies, while reading and writing go on. The copy is a store file of its own at `path`, with the same store id: the
+    // state after one transaction, which is named in the result; every transaction closed before the call is in it. It
+    // hands out no identifier that was handed out before that transaction. The copy is built as `path`.part and renamed
+    // when it is whole and on the disk, so that `path` is a whole store or what it was.
+    //
+    // The caller's thread does the work and must not have a transaction open; transactions wait as for a checkpoint, some
+    // milliseconds, and for nothing else. Space that is freed meanwhile is not used again before its part has been copied.
+    // One copy of a store is made at a time. Close and Abandon, by another thread, cancel it and wait for its end.
+    //
+    // Throws FileException when the store has failed, a copy is being made already, there is a file at `path`, or the copy
+    // can't be written (the store is unaffected, the part removed; the text names the copy); CorruptLSSException when what is
+    // to be copied is damaged. Where a store does not know how to copy itself, FileException.
+
+    // Segments as they are: as fast as the disk. A store opened read-only is copied with all that its file holds.
+    virtual BackupResult Backup(ConstStringZ path, const BackupOptions& options);
+    // Only the elements, in the order of their Seids, in a file as small as they allow. The element order makes neighbours
+    // lie together. Of a store opened read-only too.
+    virtual BackupResult CopyCompacted(ConstStringZ path, const BackupOptions& options);
 
 protected:
     ~ILogStructuredStore() = default;

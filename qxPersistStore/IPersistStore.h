@@ -9,6 +9,7 @@
 // meet is an IException.
 #pragma once
 
+#include "qxLss/Backup.h"
 #include "qxLss/EOpenMode.h"
 #include "qxLss/ILogStructuredStore.h"
 #include "qxObject/CSpace.h"
@@ -84,6 +85,15 @@ QX_API BcTypeOps GetTypeOps(PersistStore* _self, TypeOpsId tid);
 // Traces a warning and clears what Enabled answers; writing goes on.
 QX_API void Disable(PersistStore* _self);
 QX_API bool Enabled(PersistStore const* _self);
+
+// Copies the store to a file of its own at `path`, while everything goes on. The copy holds what the writer has written:
+// whole groups, all that were closed before the call and perhaps later ones. What is only changed in memory is not in it;
+// WriteAllDirtyObjectsToLss before the call has that written first. Options, result, progress and exceptions are those of
+// ILogStructuredStore::Backup. The caller's thread does the work, as long as it takes; a lock is not needed, and one that
+// the thread holds would be held all the time.
+QX_API BackupResult Backup(PersistStore* _self, ConstStringZ path, BackupOptions const& options);
+// The same into a file as small as the records allow, written in the order of their identifiers.
+QX_API BackupResult CopyCompacted(PersistStore* _self, ConstStringZ path, BackupOptions const& options);
 
 // ---- Transactions -------------------------------------------------------------------------------------------------
 

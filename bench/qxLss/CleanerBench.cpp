@@ -140,9 +140,9 @@ public:
             changed = Clock::now();
         }
         const double live = static_cast<double>(Counters().liveBytes.load());
-        std::printf("    file at rest %.1f MiB after %.1f s; live %.1f MiB, live / %.2f + 64 MiB = %.1f MiB\n", size / MEBI,
-                    std::chrono::duration<double>(changed - begin).count(), live / MEBI, m_arguments.utilisation / 100,
-                    live / m_arguments.utilisation * 100 / MEBI + 64);
+        std::printf("    file at rest %.1f MiB after %.1f s; live %.1f MiB, live / %.2f + 64 MiB = %.1f MiB\n",
+                    size / MEBI, std::chrono::duration<double>(changed - begin).count(), live / MEBI,
+                    m_arguments.utilisation / 100, live / m_arguments.utilisation * 100 / MEBI + 64);
     }
 
     // Transactions of 100 elements one after another, with a reader beside them.
@@ -224,8 +224,8 @@ void Print(const std::string& workload, const Amplification& a) {
 }
 
 void PrintTitle(const Arguments& a) {
-    std::printf("%.0f MiB live, elements of %zd to %zd bytes, %.1f million overwrites after %.1f turnovers\n", a.liveMiB,
-                a.least, a.most, a.operations / 1e6, a.warmup);
+    std::printf("%.0f MiB live, elements of %zd to %zd bytes, %.1f million overwrites after %.1f turnovers\n",
+                a.liveMiB, a.least, a.most, a.operations / 1e6, a.warmup);
 }
 
 bool IsWanted(const Arguments& arguments, const std::string& workload) {

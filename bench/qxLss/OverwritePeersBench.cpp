@@ -91,7 +91,9 @@ public:
         for (Seid& seid : m_seids) seid = m_store->AllocateSeid(m_store.High());
     }
     void Begin() override { m_transaction = m_store->OpenTransaction(); }
-    void Put(size_t key, const octet_t* p, ssize_t n) override { BenchStore::Write(*m_transaction, m_seids[key], p, n); }
+    void Put(size_t key, const octet_t* p, ssize_t n) override {
+        BenchStore::Write(*m_transaction, m_seids[key], p, n);
+    }
     void Commit() override { std::exchange(m_transaction, nullptr)->Close(); }
     double Utilisation() override {
         const StoreCounters& c = static_cast<LssStore&>(*m_store).CoreForTest().m_counters;

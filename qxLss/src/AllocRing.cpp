@@ -1,6 +1,7 @@
 #include "qxLss/src/AllocRing.h"
 
 #include "qxLss/src/Crc32c.h"
+#include "qxLss/src/Mutants.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/Exceptions.h"
 
@@ -128,7 +129,7 @@ void AllocRing::BeginOwner(uint64 checkpointSequence, const std::vector<AllocHor
         if (slot.block.ringSequence != 0) largestHigh = std::max(largestHigh, slot.block.nextHigh);
     m_nextHigh.store(largestHigh, std::memory_order_relaxed);
     if (!clean) SealWhatOnlyTheRingKnows(known, nextHigh);
-    WriteBlock(true);
+    if (!clean || !IsMutant(EMutant::CLEAN_MARK_NOT_VOIDED)) WriteBlock(true);
 }
 
 // Seals blocks, newest first, that say more than the checkpoint and the blocks sealed so far. The rest may be overwritten,
@@ -236,7 +237,7 @@ uint64 AllocRing::BeginCheckpoint(const std::function<void()>& copy, uint32& nex
     const std::lock_guard lock(m_mutex);
     copy();
     nextHigh = NextHigh();
-    if (!m_set.empty()) SealCurrentSet();
+    if (!m_set.empty() && !IsMutant(EMutant::RING_SET_EMPTIED)) SealCurrentSet();
     return m_ringSequence;
 }
 
@@ -247,6 +248,10 @@ void AllocRing::EndCheckpoint(uint64 checkpointSequence, uint64 ringSequence, bo
         if (slot.block.ringSequence <= ringSequence) slot.sealed = false;
     m_wantsCheckpoint.store(NumSealed() >= CHECKPOINT_WANTED_AT, std::memory_order_relaxed);
     m_checkpointSequence = checkpointSequence;
+    if (IsMutant(EMutant::RING_SET_EMPTIED)) {
+        m_set.clear();
+        m_current = -1;
+    }
     WriteBlock(running);
 }
 
@@ -297,7 +302,10 @@ void AllocRing::WriteBlock(bool running) {
     octet_t bytes[AllocRingBlock::BYTES];
     block.Encode(bytes);
     try {
-        m_file.WriteDurable(FILE_OFFSET + index * AllocRingBlock::BYTES, bytes, AllocRingBlock::BYTES);
+        if (IsMutant(EMutant::HORIZON_NOT_DURABLE))
+            m_file.Write(FILE_OFFSET + index * AllocRingBlock::BYTES, bytes, AllocRingBlock::BYTES);
+        else
+            m_file.WriteDurable(FILE_OFFSET + index * AllocRingBlock::BYTES, bytes, AllocRingBlock::BYTES);
     } catch (const FileException& e) {
         m_failure = e.GetMessage();
         throw;

@@ -62,8 +62,40 @@ void Checkpoint::Import(const CheckpointHeader& header, const std::vector<ssize_
     ScheduleNext(header.logClock);
 }
 
+std::vector<ssize_t> CheckpointImage::Slots() const {
+    std::vector<ssize_t> slots;
+    for (size_t slot = 0; slot < segments.size(); ++slot) {
+        if (segments[slot].sequence) slots.push_back(static_cast<ssize_t>(slot));
+    }
+    return slots;
+}
+
 void Checkpoint::Run(EReason reason) {
     std::lock_guard lock(m_mutex);
+    RunLocked(reason);
+}
+
+// Nothing that the header names is freed before the next checkpoint or batch of the cleaner, which wait for the lock.
+CheckpointImage Checkpoint::RunForCopy() {
+    std::lock_guard lock(m_mutex);
+    RunLocked(EReason::RUNNING);
+    CheckpointImage image = ImageOfNewest();
+    m_space.Hold(image.Slots());
+    return image;
+}
+
+// Index segments without a current page have been freed, but for those of the tables.
+CheckpointImage Checkpoint::ImageOfNewest() const {
+    CheckpointImage image{m_header, m_copy};
+    for (size_t slot = 0; slot < image.segments.size(); ++slot) {
+        SutEntry& entry = image.segments[slot];
+        const bool isIndex = entry.kind == static_cast<uint8>(ESegmentKind::INDEX);
+        if (isIndex && entry.livePackets == 0 && !m_held.contains(static_cast<ssize_t>(slot))) entry = SutEntry{};
+    }
+    return image;
+}
+
+void Checkpoint::RunLocked(EReason reason) {
     m_core.ThrowIfUnwritable();
     State state;
     TakePosition(state, reason);
@@ -74,9 +106,11 @@ void Checkpoint::Run(EReason reason) {
     WriteTables(state);
     m_writer.End();
     m_core.Step();
-    if (!IsMutant(EMutant::HEADER_BEFORE_SYNC)) m_flusher.SyncAll();
+    if (IsMutant(EMutant::EMPTIED_FREED_EARLY)) FreeEmptied(state);
+    if (IsMutant(EMutant::HEADER_BEFORE_SYNC)) WriteHeader(state, reason);
+    if (!IsMutant(EMutant::CHECKPOINT_WITHOUT_SYNC)) m_flusher.SyncAll();
     m_core.Step();
-    WriteHeader(state, reason);
+    if (!IsMutant(EMutant::HEADER_BEFORE_SYNC)) WriteHeader(state, reason);
     m_core.Step();
     FreeSegments(state);
     ScheduleNext(state.volume);
@@ -298,7 +332,7 @@ void Checkpoint::WriteHeader(State& state, EReason reason) {
     h.version = FORMAT_VERSION;
     h.segmentSize = static_cast<uint32>(m_core.m_segmentSize);
     h.storeId = m_core.m_storeId;
-    h.checkpointSequence = m_header.checkpointSequence + 1;
+    h.checkpointSequence = m_header.checkpointSequence + (IsMutant(EMutant::HEADER_OVER_THE_VALID_ONE) ? 2 : 1);
     h.nextSegmentSequence = m_space.NextSequence();
     h.logClock = state.clock;
     h.startSlot = static_cast<uint32>(state.position.slot);
@@ -338,21 +372,29 @@ void Checkpoint::WriteHeader(State& state, EReason reason) {
         std::memcpy(reinterpret_cast<octet_t*>(&h) + offsetof(CheckpointHeader, locations) + i * sizeof(Location),
                     &locations[i], sizeof(Location));
     h.crc = Crc32c(&h, offsetof(CheckpointHeader, crc));
-    m_core.m_file.WriteDurable(HeaderOffset(h.checkpointSequence), &h, sizeof h);
+    if (IsMutant(EMutant::HEADER_NOT_DURABLE))
+        m_core.m_file.Write(HeaderOffset(h.checkpointSequence), &h, sizeof h);
+    else
+        m_core.m_file.WriteDurable(HeaderOffset(h.checkpointSequence), &h, sizeof h);
     m_header = h;
     m_core.m_counters.numCheckpoints.fetch_add(1, std::memory_order_relaxed);
     m_ring.EndCheckpoint(h.checkpointSequence, h.ringSequence, reason != EReason::CLEAN_CLOSE);
 }
 
-void Checkpoint::FreeSegments(const State& state) {
+void Checkpoint::FreeSegments(State& state) {
     m_held.clear();
     for (const std::vector<Location>* packets : {&state.highsPackets, &state.sutPackets, &state.listPackets}) {
         for (const Location l : *packets) m_held.insert(m_core.m_segments->SlotOf(l));
     }
     m_reserved.clear();
     FreeIndexSegments();
-    for (const ssize_t slot : state.emptied) m_space.Free(slot);
+    FreeEmptied(state);
     for (const ssize_t slot : state.sealed) (*m_core.m_segments)[slot].mayBeVictim = true;
+}
+
+void Checkpoint::FreeEmptied(State& state) {
+    for (const ssize_t slot : state.emptied) m_space.Free(slot);
+    state.emptied.clear();
 }
 
 void Checkpoint::FreeIndexSegments() {

@@ -18,6 +18,14 @@
 
 namespace quna {
 
+// The state that a checkpoint has written: what a copy of it consists of.
+struct CheckpointImage {
+    CheckpointHeader header;
+    std::vector<SutEntry> segments; // by slot; sequence 0: the slot is no part of it
+
+    std::vector<ssize_t> Slots() const;
+};
+
 // A checkpoint is taken in four steps: (1) with the turn, note the position P in the log, copy the usage table and the
 // horizons, mark the dirty pages of the index; (2) without it, write the pages as they were, bottom up; (3) write horizons
 // and usage table; (4) sync, write the header, durably, and a ring block that names it. Only then are the segments free
@@ -43,6 +51,8 @@ public:
 
     // Throws FileException or CorruptLSSException; then the store must not write any more (the caller sees to that).
     void Run(EReason reason);
+    // Takes a checkpoint for a copy. On return the slots of its image are held (SpaceManager::Hold). Throws as Run.
+    CheckpointImage RunForCopy();
     // While the lock is held no checkpoint runs. For the cleaner's batches: a checkpoint would take a victim that is freed
     // during it for used, or an index segment for a victim.
     std::unique_lock<std::mutex> Exclude() { return std::unique_lock(m_mutex); }
@@ -70,6 +80,8 @@ private:
     Location WritePage(uint64 key, const void* payload, ssize_t n) override;
     void PageDied(Location l) override;
 
+    void RunLocked(EReason reason);
+    CheckpointImage ImageOfNewest() const;
     void TakePosition(State& state, EReason reason);
     void TouchSparseSegments();
     void TouchPagesOf(ssize_t slot);
@@ -82,7 +94,8 @@ private:
     void BeginSegment();
     ssize_t TakeIndexSegment();
     void WriteHeader(State& state, EReason reason);
-    void FreeSegments(const State& state);
+    void FreeSegments(State& state);
+    void FreeEmptied(State& state);
     void FreeIndexSegments();
     void ScheduleNext(uint64 volume);
 

@@ -43,10 +43,10 @@ Cleaner::Survey Cleaner::LookAround() {
                 survey.deadInWindow += int64{s.usedBytes} - s.liveBytes;
                 continue;
             }
-            const uint64 writtenAt = static_cast<uint64>(s.writtenAt) << STAMP_SHIFT;
+            const uint64 writtenAt = static_cast<uint64>(s.writtenAt) << m_core.m_stampShift;
             survey.candidates.push_back({slot, s.sequence, static_cast<ssize_t>(s.liveBytes),
                                          static_cast<ssize_t>(s.usedBytes), clock - std::min(clock, writtenAt),
-                                         static_cast<uint64>(s.dataStamp) << STAMP_SHIFT});
+                                         static_cast<uint64>(s.dataStamp) << m_core.m_stampShift});
         }
     }
     return survey;

@@ -21,6 +21,7 @@ struct OpenRequest {
     EOpenMode mode;
     LssSettings settings;
     ssize_t minSegmentSize;
+    int stampShift;
 };
 
 [[noreturn]] void Refuse(const char* what, const std::string& path, const char* why) {
@@ -40,6 +41,7 @@ std::unique_ptr<StoreCore> MakeCore(const OpenRequest& request) {
     auto core = std::make_unique<StoreCore>(request.sys);
     core->m_settings = request.settings;
     core->m_readOnly = IsReadOnly(request.mode);
+    core->m_stampShift = request.stampShift;
     return core;
 }
 
@@ -155,14 +157,16 @@ ConstStringZ OrEmpty(ConstStringZ path) { return path ? path : ""; }
 ILogStructuredStore* CreateOrOpenLSS(ConstStringZ path, ConstStringZ deltasDirPath, bool& createdNew,
                                      EOpenMode openMode, const LssSettings& settings) {
     CheckArguments(path);
-    return Open({RealSysCalls(), path, OrEmpty(deltasDirPath), openMode, settings, MIN_SEGMENT_SIZE}, createdNew,
+    return Open({RealSysCalls(), path, OrEmpty(deltasDirPath), openMode, settings, MIN_SEGMENT_SIZE, STAMP_SHIFT}, createdNew,
                 EBackground::THREADS);
 }
 
 ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ deltasDirPath, bool& createdNew,
-                                    EOpenMode openMode, const LssSettings& settings, EBackground background) {
+                                    EOpenMode openMode, const LssSettings& settings, EBackground background,
+                                    int stampShift) {
     CheckArguments(path);
-    return Open({sys, path, OrEmpty(deltasDirPath), openMode, settings, MIN_TEST_SEGMENT_SIZE}, createdNew, background);
+    return Open({sys, path, OrEmpty(deltasDirPath), openMode, settings, MIN_TEST_SEGMENT_SIZE, stampShift}, createdNew,
+                background);
 }
 
 } // namespace quna

@@ -1,5 +1,6 @@
 #include "qxLss/src/FileIo.h"
 
+#include "qxLss/src/Mutants.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/Exceptions.h"
 
@@ -115,7 +116,7 @@ void File::WriteLoop(ConstStringZ operation, int64 offset, const void* p, ssize_
         if (put < 0) ThrowFileError(operation, m_path, static_cast<int>(-put), offset + done);
         // A call that neither writes nor fails would be repeated for ever.
         if (put == 0) ThrowFileError(operation, m_path, EIO, offset + done);
-        done += put;
+        done += IsMutant(EMutant::SHORT_WRITE_IGNORED) ? static_cast<ssize_t>(part) : put;
     }
 }
 
@@ -131,8 +132,9 @@ void File::WriteDurable(int64 offset, const void* p, ssize_t n) {
 }
 
 void File::SyncData() {
-    const int result = Uninterrupted([&] { return m_sys.SyncData(m_fd); });
-    if (result < 0) ThrowFileError("sync", m_path, -result);
+    int result = Uninterrupted([&] { return m_sys.SyncData(m_fd); });
+    if (result < 0 && IsMutant(EMutant::SYNC_ERROR_RETRIED)) result = m_sys.SyncData(m_fd);
+    if (result < 0 && !IsMutant(EMutant::SYNC_ERROR_IGNORED)) ThrowFileError("sync", m_path, -result);
 }
 
 void File::WriteBack(int64 offset, int64 n) noexcept { m_sys.WriteBack(m_fd, offset, n); }
@@ -177,6 +179,7 @@ bool RenameFile(SysCalls& sys, const std::string& from, const std::string& to, b
 }
 
 void SyncDirectoryOf(SysCalls& sys, const std::string& path) {
+    if (IsMutant(EMutant::DIRECTORY_NOT_SYNCED)) return;
     const std::string directory = DirectoryOf(path);
     const int result = Uninterrupted([&] { return sys.SyncDir(directory.c_str()); });
     if (result < 0) ThrowFileError("sync the directory of", path, -result);

@@ -83,6 +83,7 @@ std::vector<uint32> Index::AllHighs() const {
     std::lock_guard lock(m_nodesMutex);
     std::vector<uint32> highs;
     for (const auto& h : m_highs) highs.push_back(h->high);
+    std::sort(highs.begin(), highs.end());
     return highs;
 }
 

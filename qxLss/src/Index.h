@@ -112,18 +112,18 @@ public:
     // Makes the page dirty if the packet at `l` is its current one, so that the next checkpoint moves it. With the turn.
     void TouchPage(uint64 key, int level, Location l);
 
-    // Calls element(seid value, location) for every element and page(location) for every page. Loads everything; nothing
-    // may be published meanwhile.
+    // Calls element(seid value, location) for every element, in ascending order, and page(location) for every page.
+    // Loads everything; nothing may be published meanwhile.
     template <class ElementVisitor, class PageVisitor>
-    void VisitAll(ElementVisitor&& element, PageVisitor&& page) {
+    void VisitAll(ElementVisitor&& element, PageVisitor&& page) const {
         VisitAll(element, page, [] { throw; });
     }
     // The same; damaged() is called inside the handler of the exception that loading a page has thrown. When it returns,
     // the visit goes on without the page and what is below it.
     template <class ElementVisitor, class PageVisitor, class DamageHandler>
-    void VisitAll(ElementVisitor&& element, PageVisitor&& page, DamageHandler&& damaged);
+    void VisitAll(ElementVisitor&& element, PageVisitor&& page, DamageHandler&& damaged) const;
 
-    std::vector<uint32> AllHighs() const;
+    std::vector<uint32> AllHighs() const; // ascending
     ssize_t NumHighs() const;
 
 private:
@@ -162,7 +162,7 @@ private:
 };
 
 template <class ElementVisitor, class PageVisitor, class DamageHandler>
-void Index::VisitAll(ElementVisitor&& element, PageVisitor&& page, DamageHandler&& damaged) {
+void Index::VisitAll(ElementVisitor&& element, PageVisitor&& page, DamageHandler&& damaged) const {
     std::vector<IndexNode*> stack;
     const auto load = [&](auto&& node) {
         try {
@@ -177,12 +177,14 @@ void Index::VisitAll(ElementVisitor&& element, PageVisitor&& page, DamageHandler
             IndexNode* const node = stack.back();
             stack.pop_back();
             if (node->own) page(node->own);
-            for (size_t i = 0; i < static_cast<size_t>(LEAF_SLOTS); ++i) {
-                if (!node->IsLeaf()) {
+            if (!node->IsLeaf()) {
+                for (size_t i = static_cast<size_t>(LEAF_SLOTS); i-- > 0;) // the first is taken from the stack first
                     load([&] { return Child(static_cast<IndexInner&>(*node), i); });
-                } else if (const Location l = node->slots[i].load(std::memory_order_relaxed)) {
+                continue;
+            }
+            for (size_t i = 0; i < static_cast<size_t>(LEAF_SLOTS); ++i) {
+                if (const Location l = node->slots[i].load(std::memory_order_relaxed))
                     element(static_cast<uint64>(h) << 32 | node->page << LEAF_SHIFT | static_cast<uint32>(i), l);
-                }
             }
         }
     }

@@ -1,5 +1,7 @@
 #include "qxLss/src/LssStore.h"
 
+#include "qxLss/src/CompactingCopy.h"
+#include "qxLss/src/Mutants.h"
 #include "qxLss/src/SerialElement.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/Exceptions.h"
@@ -39,7 +41,7 @@ LssStore::LssStore(std::unique_ptr<StoreCore> core, const std::string& deltasDir
                     [this](bool unwinding) { OnTransactionClosed(unwinding); }) {
     if (m_cleaner.IsEnabled() && !m_core->m_readOnly) m_space.SetReserve(SLOTS_FOR_CLEANER);
     if (deltasDirectory.empty() || m_core->m_readOnly) return;
-    Archive::Hooks hooks;
+    LogArchive::Hooks hooks;
     hooks.horizons = [this](std::vector<AllocHorizon>& horizons, uint32& nextHigh) {
         m_allocator.GetHorizons(horizons, nextHigh);
     };
@@ -47,7 +49,7 @@ LssStore::LssStore(std::unique_ptr<StoreCore> core, const std::string& deltasDir
         m_cleaner.Rouse();
         m_cleanThread.Wake();
     };
-    m_archive = std::make_unique<Archive>(*m_core, m_flusher, deltasDirectory, std::move(hooks));
+    m_archive = std::make_unique<LogArchive>(*m_core, m_flusher, deltasDirectory, std::move(hooks));
 }
 
 LssStore::~LssStore() { StopThreads(); }
@@ -69,10 +71,7 @@ void LssStore::Recover(const CheckpointHeader& header) {
     m_log.SetLastTransaction(log.lastTransaction);
     m_checkpoint.Import(header, log.held);
     if (m_core->m_readOnly) {
-        m_overlayTransaction = std::make_unique<OverlayTransaction>(
-            m_overlay, m_log.Turn(), m_core->m_file.Path().c_str(),
-            [this](Seid seid) { return m_index.Get(seid) != 0; },
-            [this](int64 delta) { m_core->m_counters.liveHead.fetch_add(delta, std::memory_order_relaxed); });
+        BecomeReadOnly(header, std::move(log));
         return;
     }
     // The first checkpoint would find it, but by then the file has been written to.
@@ -81,7 +80,9 @@ void LssStore::Recover(const CheckpointHeader& header) {
     for (const HighAllocation& high : log.highs) known.push_back({high.high, high.horizon});
     m_ring.BeginOwner(header.checkpointSequence, known, log.nextHigh, log.nextSequence, log.clean);
     m_allocator.Import(log.highs, log.ring, log.clean);
-    if (!log.clean) {
+    const bool hasWork = log.end.offset != static_cast<ssize_t>(header.startOffset) ||
+                         log.end.slot != static_cast<ssize_t>(header.startSlot);
+    if (!log.clean && (hasWork || !IsMutant(EMutant::NO_FRESH_SEGMENT))) {
         m_core->m_counters.numRecoveries.fetch_add(1, std::memory_order_relaxed);
         m_log.OpenFresh(log.clock, log.end.sequence);
         m_checkpoint.Run(Checkpoint::EReason::RUNNING);
@@ -100,6 +101,13 @@ void LssStore::Recover(const CheckpointHeader& header) {
 void LssStore::AttachArchive() {
     if (m_archive->Attach(m_space.NumSlots(), m_log.Position(), m_log.LastTransaction()))
         m_checkpoint.Run(Checkpoint::EReason::RUNNING);
+}
+
+void LssStore::BecomeReadOnly(const CheckpointHeader& header, RecoveredLog log) {
+    m_origin = std::make_unique<CopyOrigin>(CopyOrigin{header, std::move(log), m_core->m_counters.liveHead.load()});
+    m_overlayTransaction = std::make_unique<OverlayTransaction>(
+        m_overlay, m_log.Turn(), m_core->m_file.Path().c_str(), [this](Seid seid) { return m_index.Get(seid) != 0; },
+        [this](int64 delta) { m_core->m_counters.liveHead.fetch_add(delta, std::memory_order_relaxed); });
 }
 
 void LssStore::StartThreads() {
@@ -144,6 +152,7 @@ void LssStore::FinishArchive() {
 void LssStore::Close() {
     m_core->ThrowIfForked();
     QX_ASSERT(!m_log.Turn().IsOwnedByThisThread());
+    m_copies.Shut();
     StopThreads();
     if (m_archive) FinishArchive();
     if (!m_core->m_readOnly && !m_core->HasFailed()) {
@@ -158,6 +167,7 @@ void LssStore::Close() {
 }
 
 void LssStore::Abandon() {
+    m_copies.Shut();
     StopThreads();
     delete this;
 }
@@ -252,7 +262,7 @@ void LssStore::MakeRoomForTransaction() {
 }
 
 void LssStore::OnTransactionClosed(bool unwinding) {
-    if (m_checkpoint.IsBeingCreated() && !unwinding &&
+    if (m_checkpoint.IsBeingCreated() && !unwinding && !IsMutant(EMutant::CREATING_FLAG_KEPT) &&
         m_core->m_counters.numTransactions.load(std::memory_order_relaxed) > 0) [[unlikely]] {
         try {
             HandOverBuffered();

@@ -3,12 +3,13 @@
 
 #include "qxLss/ILogStructuredStore.h"
 #include "qxLss/src/AllocRing.h"
-#include "qxLss/src/Archive.h"
 #include "qxLss/src/Checkpoint.h"
 #include "qxLss/src/CleanThread.h"
 #include "qxLss/src/Cleaner.h"
+#include "qxLss/src/CopyGate.h"
 #include "qxLss/src/Flusher.h"
 #include "qxLss/src/Index.h"
+#include "qxLss/src/LogArchive.h"
 #include "qxLss/src/Overlay.h"
 #include "qxLss/src/Recovery.h"
 #include "qxLss/src/SeidAllocator.h"
@@ -26,6 +27,8 @@
 #include <vector>
 
 namespace quna {
+
+struct CopyOrigin;
 
 // Ownership: owns all parts and the two threads; ends by Close or Abandon.
 // Threads:   as ILogStructuredStore says. Locks from outermost to innermost: Checkpoint::m_mutex, the turn of the log,
@@ -55,6 +58,8 @@ public:
     void GetStats(LssStats& stats) override;
     void Flush() override;
     void Abandon() override;
+    BackupResult Backup(ConstStringZ path, const BackupOptions& options) override;
+    BackupResult CopyCompacted(ConstStringZ path, const BackupOptions& options) override;
 
     // --- for RestoreLss, which has the store for itself
 
@@ -97,11 +102,22 @@ public:
     StoreCore& CoreForTest() { return *m_core; }
     SpaceManager& SpaceForTest() { return m_space; }
     UserLog& LogForTest() { return m_log; }
-    Archive* ArchiverForTest() { return m_archive.get(); }
+    LogArchive* ArchiverForTest() { return m_archive.get(); }
     Index& IndexForTest() { return m_index; }
 
 private:
     ~LssStore();
+
+    void BecomeReadOnly(const CheckpointHeader& header, RecoveredLog log);
+    // --- of LssStoreCopies.cpp
+    struct Abandoner;
+    using StorePtr = std::unique_ptr<LssStore, Abandoner>;
+    void CheckMayCopy();
+    CheckpointImage CheckpointForCopy();
+    StorePtr OpenCheckpoint(const CheckpointHeader& header);
+    void LayDownCopy(const LssStore& source);
+    void FinishCopy(const LssStore& source);
+    // ---
 
     void StopThreads();
     void AttachArchive();
@@ -128,7 +144,9 @@ private:
     Transaction m_transaction;
     Overlay m_overlay; // of a read-only store
     std::unique_ptr<OverlayTransaction> m_overlayTransaction;
-    std::unique_ptr<Archive> m_archive; // null: none
+    std::unique_ptr<const CopyOrigin> m_origin; // of a read-only store
+    CopyGate m_copies;
+    std::unique_ptr<LogArchive> m_archive; // null: none
     CleanThread m_cleanThread;
     uint64 m_clockSeen = 0;  // by Shrink; the thread "Lss clean"
     bool m_canShrink = true; // likewise
@@ -140,9 +158,10 @@ enum class EBackground {
     NONE
 };
 
-// CreateOrOpenLSS with another table of system calls, and segments down to 4 KiB.
+// CreateOrOpenLSS with another table of system calls, and segments down to 4 KiB. `stampShift` is the unit of the segments'
+// log stamps, as a power of two: with a small one the data of a small store has ages. A store keeps its own.
 QX_API ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ deltasDirPath,
                                            bool& createdNew, EOpenMode openMode, const LssSettings& settings,
-                                           EBackground background = EBackground::THREADS);
+                                           EBackground background = EBackground::THREADS, int stampShift = STAMP_SHIFT);
 
 } // namespace quna

@@ -47,6 +47,10 @@ void OverlayTransaction::Open() {
 }
 
 void OverlayTransaction::Close() {
+    struct TurnRelease {
+        TurnLock& turn;
+        ~TurnRelease() { turn.Release(); }
+    } const release{m_turn}; // also when there is no memory
     m_stream.m_isOpen = false;
     if (m_dropWhenUnwinding && std::uncaught_exceptions() > m_uncaughtAtOpen) m_changes.clear();
     if (!m_changes.empty()) {
@@ -62,7 +66,6 @@ void OverlayTransaction::Close() {
             TracerX() << "LSS: the store '" << m_path
                       << "' is open read-only; changes are kept in memory and dropped at its close\n";
     }
-    m_turn.Release();
 }
 
 void OverlayTransaction::RequestFlushToDisk() {
@@ -72,6 +75,7 @@ void OverlayTransaction::RequestFlushToDisk() {
 ICloseableOutputStream* OverlayTransaction::WriteSerialElement(Seid seid) {
     QX_ASSERT(!m_stream.m_isOpen);
     QX_ASSERT(seid);
+    static_cast<void>(m_existsInFile(seid)); // Close asks again; a damaged page of the index shows itself here
     m_stream.m_seid = seid;
     m_stream.m_isOpen = true;
     m_stream.m_uncaughtAtOpen = std::uncaught_exceptions();

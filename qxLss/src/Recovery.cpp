@@ -1,6 +1,7 @@
 #include "qxLss/src/Recovery.h"
 
 #include "qxLss/CorruptLSSException.h"
+#include "qxLss/src/Mutants.h"
 
 #include <algorithm>
 #include <cstring>
@@ -31,9 +32,10 @@ EHeaderState ReadHeader(File& file, int64 offset, CheckpointHeader& header) {
     if (n < static_cast<ssize_t>(sizeof header.magic) + 4) return EHeaderState::MISSING;
     if (std::memcmp(header.magic, CHECKPOINT_MAGIC, sizeof header.magic) != 0) return EHeaderState::FOREIGN;
     if (header.version > FORMAT_VERSION) return EHeaderState::NEWER;
-    if (n < static_cast<ssize_t>(sizeof header) || header.crc != Crc32c(&header, offsetof(CheckpointHeader, crc)) ||
-        header.version != FORMAT_VERSION || !IsValidSegmentSize(header.segmentSize) ||
-        HeaderOffset(header.checkpointSequence) != offset)
+    const bool verifies = header.crc == Crc32c(&header, offsetof(CheckpointHeader, crc)) ||
+                          IsMutant(EMutant::CHECKPOINT_CHECKSUM_IGNORED);
+    if (n < static_cast<ssize_t>(sizeof header) || !verifies || header.version != FORMAT_VERSION ||
+        !IsValidSegmentSize(header.segmentSize) || HeaderOffset(header.checkpointSequence) != offset)
         return EHeaderState::BROKEN;
     return EHeaderState::VALID;
 }
@@ -53,8 +55,8 @@ EHeaderState ChooseHeader(File& file, CheckpointHeader& newest) {
     CheckpointHeader b{};
     const EHeaderState stateA = ReadHeader(file, 0, a);
     const EHeaderState stateB = ReadHeader(file, 4096, b);
-    const bool useB =
-        stateB == EHeaderState::VALID && (stateA != EHeaderState::VALID || b.checkpointSequence > a.checkpointSequence);
+    const bool isNewer = (b.checkpointSequence > a.checkpointSequence) != IsMutant(EMutant::OLDER_HEADER_TAKEN);
+    const bool useB = stateB == EHeaderState::VALID && (stateA != EHeaderState::VALID || isNewer);
     newest = useB ? b : a;
     if (stateA == EHeaderState::NEWER || stateB == EHeaderState::NEWER) {
         newest = stateA == EHeaderState::NEWER ? a : b;
@@ -94,9 +96,6 @@ Recovery::Recovery(StoreCore& core, SpaceManager& space, Index& index, AllocRing
 
 RecoveredLog Recovery::Run(const CheckpointHeader& header) {
     CheckHeader(header);
-    m_segments.RaiseLimit(std::clamp<int64>(
-        (m_core.m_file.Size() - m_segments.DataStartOffset() + m_core.m_segmentSize - 1) / m_core.m_segmentSize, 0,
-        m_segments.MaxSlots()));
     m_result.ring = m_ring.Read();
     if (m_result.ring.newestCheckpoint > header.checkpointSequence)
         ThrowCorrupt(m_core, "the newest checkpoint header is lost: checkpoint " +
@@ -107,6 +106,18 @@ RecoveredLog Recovery::Run(const CheckpointHeader& header) {
     // A clean mark on the disk says that every byte before it was synced: then the cache tells the truth and stays warm.
     // Without it a failed sync may have left pages there that the disk does not have.
     if (!m_result.clean) m_core.m_file.DropCache(0, 0);
+    return RunFrom(header);
+}
+
+RecoveredLog Recovery::RunAt(const CheckpointHeader& header) {
+    m_result.clean = true;
+    return RunFrom(header);
+}
+
+RecoveredLog Recovery::RunFrom(const CheckpointHeader& header) {
+    m_segments.RaiseLimit(std::clamp<int64>(
+        (m_core.m_file.Size() - m_segments.DataStartOffset() + m_core.m_segmentSize - 1) / m_core.m_segmentSize, 0,
+        m_segments.MaxSlots()));
     m_result.end = {static_cast<ssize_t>(header.startSlot), static_cast<ssize_t>(header.startOffset),
                     header.startSequence};
     m_result.clock = header.logClock;
@@ -116,7 +127,7 @@ RecoveredLog Recovery::Run(const CheckpointHeader& header) {
         (!m_result.ring.horizons.empty() && m_result.ring.horizons.rbegin()->first >= m_result.nextHigh))
         ThrowCorrupt(m_core, "the allocation ring holds a number that no store can reach", AllocRing::FILE_OFFSET);
     m_result.nextSequence = header.nextSegmentSequence;
-    if (!m_result.clean)
+    if (!m_result.clean && !IsMutant(EMutant::NO_SEQUENCE_JUMP))
         m_result.nextSequence = std::max(header.nextSegmentSequence, m_result.ring.sequenceBase) + SEQUENCE_JUMP;
     LoadTables(header);
     Walk(header);
@@ -283,7 +294,7 @@ bool Recovery::ReadSegmentHeader(ssize_t slot, SegmentHeader& header) {
         return false;
     return std::memcmp(header.magic, SEGMENT_MAGIC, sizeof header.magic) == 0 &&
            header.slot == static_cast<uint32>(slot) && header.storeIdStart == StoreIdStart(m_core.m_storeId) &&
-           header.crc == Crc32c(&header, offsetof(SegmentHeader, crc));
+           (header.crc == Crc32c(&header, offsetof(SegmentHeader, crc)) || IsMutant(EMutant::SEGMENT_CHECKSUM_IGNORED));
 }
 
 bool Recovery::IsHeaderOf(const SegmentHeader& header, ssize_t slot, uint64 sequence, ESegmentKind kind) const {
@@ -304,7 +315,8 @@ bool Recovery::PacketAt(const Segment& segment, ssize_t pos, PacketHeader& packe
     const octet_t* const bytes = segment.bytes.data() + pos;
     packet = ReadPod<PacketHeader>(bytes);
     return pos + PacketBytes(packet.info) <= segment.size &&
-           PacketCrc(segment.crcSeed, static_cast<uint32>(pos), bytes, PayloadBytes(packet.info)) == packet.crc;
+           (PacketCrc(segment.crcSeed, static_cast<uint32>(pos), bytes, PayloadBytes(packet.info)) == packet.crc ||
+            IsMutant(EMutant::PACKET_CHECKSUM_IGNORED));
 }
 
 // The walk meets a segment that was begun after the checkpoint.
@@ -318,8 +330,8 @@ void Recovery::EnterSegment(ssize_t slot, const SegmentHeader& header) {
     entry.sequence = header.sequence;
     entry.kind = static_cast<uint8>(header.kind);
     entry.ageClass = static_cast<uint8>(header.ageClass);
-    entry.writtenAt = static_cast<uint32>(header.clockAtOpening >> STAMP_SHIFT);
-    entry.dataStamp = static_cast<uint32>(header.dataStamp >> STAMP_SHIFT);
+    entry.writtenAt = static_cast<uint32>(header.clockAtOpening >> m_core.m_stampShift);
+    entry.dataStamp = static_cast<uint32>(header.dataStamp >> m_core.m_stampShift);
     m_segments.SetEntry(slot, entry);
     s.crcSeed = SegmentCrcSeed(m_core.m_storeId, header.sequence);
     s.base.store(m_core.m_map->At(m_segments.OffsetOf(slot)), std::memory_order_relaxed);
@@ -331,6 +343,7 @@ void Recovery::EnterSegment(ssize_t slot, const SegmentHeader& header) {
 // Behind the break, in its segment and the next two, a COMMIT that names a durable clock beyond the break proves that
 // durable bytes are damaged. COMMIT and LINK have fixed lengths, so that each multiple of 8 can be tried.
 void Recovery::LookForDamage() {
+    if (IsMutant(EMutant::DAMAGE_TAKEN_FOR_THE_END)) return;
     std::optional<LinkPayload> link;
     uint64 linkSequence = 0;
     LookThrough(m_segment, m_pos, link, linkSequence);

@@ -50,6 +50,9 @@ public:
 
     // Fills segment table, space, index and counters. Throws CorruptLSSException or FileException.
     RecoveredLog Run(const CheckpointHeader& header);
+    // The state at the header's position, whatever the log holds behind it and the ring says. Requires: what the header
+    // names is not freed meanwhile.
+    RecoveredLog RunAt(const CheckpointHeader& header);
 
 private:
     // A segment as it is in the file.
@@ -76,6 +79,7 @@ private:
     };
     struct Reloc;
 
+    RecoveredLog RunFrom(const CheckpointHeader& header);
     void CheckHeader(const CheckpointHeader& header) const;
     void LoadTables(const CheckpointHeader& header);
     std::vector<Location> TableLocations(const CheckpointHeader& header);

@@ -1,4 +1,5 @@
 // The walk along the user chain: Recovery's second half.
+#include "qxLss/src/Mutants.h"
 #include "qxLss/src/Recovery.h"
 #include "qxLss/src/SerialElement.h"
 
@@ -46,7 +47,13 @@ void Recovery::Walk(const CheckpointHeader& header) {
 
 Recovery::EStep Recovery::ReadStep() {
     PacketHeader packet{};
-    if (!PacketAt(m_segment, m_pos, packet)) return EStep::END;
+    if (!PacketAt(m_segment, m_pos, packet)) {
+        const bool hasLength = PayloadBytes(packet.info) && m_pos + PacketBytes(packet.info) < m_segment.size;
+        if (!IsMutant(EMutant::BAD_FRAME_SKIPPED) || !hasLength) return EStep::END;
+        CountSinceCommit(PacketBytes(packet.info));
+        m_pos += PacketBytes(packet.info);
+        return EStep::NEXT;
+    }
     const ssize_t n = PayloadBytes(packet.info);
     const octet_t* const payload = m_segment.bytes.data() + m_pos + PACKET_HEADER_BYTES;
     const EStep step = TakePacket(packet, payload, n);
@@ -61,7 +68,9 @@ Recovery::EStep Recovery::TakePacket(const PacketHeader& packet, const octet_t* 
     case EPacketType::REMOVE:
     case EPacketType::DROP: return TakeElement(packet, payload - PACKET_HEADER_BYTES);
     case EPacketType::COMMIT: return TakeCommit(packet, payload, n);
-    case EPacketType::ABORT: ResetPending(); return EStep::NEXT;
+    case EPacketType::ABORT:
+        if (!IsMutant(EMutant::ABORT_IGNORED)) ResetPending();
+        return EStep::NEXT;
     case EPacketType::LINK: return TakeLink(packet, payload, n);
     case EPacketType::RELOC: return TakeReloc(payload, n);
     case EPacketType::PAD: return EStep::NEXT;
@@ -151,7 +160,7 @@ void Recovery::Apply() {
 
 void Recovery::ApplyOne(const Operation& operation, uint64 mark) {
     if (operation.type == EPacketType::DROP) {
-        ApplyDrop(operation);
+        if (!IsMutant(EMutant::DROP_IGNORED)) ApplyDrop(operation);
         return;
     }
     const size_t s = static_cast<size_t>(operation.slot.index);
@@ -200,6 +209,7 @@ Recovery::EStep Recovery::TakeLink(const PacketHeader& packet, const octet_t* pa
     m_pos += LINK_BYTES;
     if (link.slot >= m_segments.Limit() || !ReadSegmentHeader(link.slot, header) ||
         !IsHeaderOf(header, link.slot, packet.key, ESegmentKind::USER)) {
+        if (IsMutant(EMutant::LOST_HEADER_CALLED_DAMAGE)) ThrowCorrupt(m_core, "the log leads to no segment");
         m_brokenLink = link; // the header was lost with the power: a healthy end
         m_brokenLinkSequence = packet.key;
         return EStep::END;
@@ -340,8 +350,10 @@ bool Recovery::VerifyRange(const RelocRange& range, Reloc& reloc) {
         const PacketHeader packet = ReadPod<PacketHeader>(bytes.data() + pos);
         const ssize_t packetBytes = PacketBytes(packet.info);
         if (pos + packetBytes > n || PacketCrc(crcSeed, range.from + static_cast<uint32>(pos), bytes.data() + pos,
-                                               PayloadBytes(packet.info)) != packet.crc)
+                                               PayloadBytes(packet.info)) != packet.crc) {
+            if (IsMutant(EMutant::REST_OF_RANGE_LEFT_OUT)) break;
             return false;
+        }
         if (PacketType(packet.info) == EPacketType::HEAD) {
             const bool isLong = PacketFlags(packet.info) & PACKET_FLAG_LONG;
             reloc.moved.push_back({Seid(packet.key), MakeLocation(fileOffset + pos, packetBytes, isLong)});

@@ -18,9 +18,9 @@ constexpr ssize_t MAX_MOVES = 2048;
 constexpr ssize_t MOVES_A_STEP = 8; // between looks at the stop flag
 
 // Memory is asked for ahead of need: what is moved comes from all over the victims.
-constexpr ssize_t NUM_WALKS = 8;            // at once
-constexpr size_t MOVES_AHEAD = 6;           // of copying and publishing
-constexpr ssize_t MAX_BYTES_AHEAD = 1024;   // of each packet; then the processor has seen where it goes
+constexpr ssize_t NUM_WALKS = 8;          // at once
+constexpr size_t MOVES_AHEAD = 6;         // of copying and publishing
+constexpr ssize_t MAX_BYTES_AHEAD = 1024; // of each packet; then the processor has seen where it goes
 constexpr ssize_t CACHE_LINE_BYTES = 64;
 
 ssize_t LongEntryBytes(ssize_t numPairs) {

@@ -1,5 +1,6 @@
 #include "qxLss/src/SeidAllocator.h"
 
+#include "qxLss/src/Mutants.h"
 #include "qxLss/src/SeidFamilies.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/Exceptions.h"
@@ -148,7 +149,7 @@ void SeidAllocator::Import(const std::vector<HighAllocation>& highs, const Alloc
             state.m_block.store(PackBlock(entry.nextIncremental, entry.nextIncremental + entry.incrementalLeft),
                                 std::memory_order_relaxed);
     }
-    if (clean) return;
+    if (clean || IsMutant(EMutant::RING_NOT_ASKED)) return;
     for (const auto& [high, horizon] : ring.horizons) {
         HighState& state = FindOrAdd(high);
         const std::lock_guard lock(state.m_mutex);

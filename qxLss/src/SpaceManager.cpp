@@ -1,5 +1,6 @@
 #include "qxLss/src/SpaceManager.h"
 
+#include "qxLss/src/Mutants.h"
 #include "qxUtils/Exceptions.h"
 
 #include <algorithm>
@@ -53,7 +54,7 @@ ssize_t SpaceManager::Take(ESegmentKind kind, uint8 ageClass, uint64 clock, ECla
     const int64 offset = m_core.m_segments->OffsetOf(slot);
     SutEntry entry{};
     entry.sequence = sequence;
-    entry.writtenAt = entry.dataStamp = static_cast<uint32>(clock >> STAMP_SHIFT);
+    entry.writtenAt = entry.dataStamp = static_cast<uint32>(clock >> m_core.m_stampShift);
     entry.kind = static_cast<uint8>(kind);
     entry.ageClass = ageClass;
     m_core.m_segments->SetEntry(slot, entry);
@@ -70,7 +71,26 @@ void SpaceManager::Free(ssize_t slot) {
     m_core.m_counters.usedBytes.fetch_sub(s.usedBytes, std::memory_order_relaxed);
     m_core.m_segments->SetEntry(slot, SutEntry{});
     std::lock_guard lock(m_mutex);
-    m_ready.insert(slot);
+    (m_held.contains(slot) ? m_freedHeld : m_ready).insert(slot);
+    UpdateReadyCount();
+}
+
+void SpaceManager::Hold(const std::vector<ssize_t>& slots) {
+    std::lock_guard lock(m_mutex);
+    m_held.insert(slots.begin(), slots.end());
+}
+
+void SpaceManager::Release(ssize_t slot) {
+    std::lock_guard lock(m_mutex);
+    m_held.erase(slot);
+    if (m_freedHeld.erase(slot)) m_ready.insert(slot);
+    UpdateReadyCount();
+}
+
+void SpaceManager::ReleaseAll() {
+    std::lock_guard lock(m_mutex);
+    m_held.clear();
+    m_ready.merge(m_freedHeld);
     UpdateReadyCount();
 }
 
@@ -117,6 +137,7 @@ void SpaceManager::TrimEnd(ssize_t keep) {
         if (numSlots == NumSlots() && keep > 0) return;
         m_numSlots.store(numSlots, std::memory_order_relaxed);
     }
+    if (IsMutant(EMutant::TRIMMED_TOO_FAR) && numSlots > 0) --numSlots;
     m_core.m_file.Truncate(m_core.m_segments->OffsetOf(numSlots));
 }
 
@@ -133,7 +154,8 @@ bool SpaceManager::PunchOne(ssize_t keep) {
         UpdateReadyCount();
     }
     try {
-        m_canPunch = m_core.m_file.PunchHole(m_core.m_segments->OffsetOf(slot), m_core.m_segmentSize);
+        const ssize_t punched = IsMutant(EMutant::NEIGHBOUR_PUNCHED) && slot > 0 ? slot - 1 : slot;
+        m_canPunch = m_core.m_file.PunchHole(m_core.m_segments->OffsetOf(punched), m_core.m_segmentSize);
     } catch (const FileException&) {
         m_canPunch = false; // the slot may have its blocks or not
     }

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <mutex>
 #include <set>
+#include <vector>
 
 namespace quna {
 
@@ -25,7 +26,7 @@ enum class EClaim {
 // Ownership: borrows the core.
 // Threads:   all methods from any thread. m_fileMutex is held across fallocate, truncating and punching, m_mutex (a leaf,
 //            inside it) never: whoever finds a ready slot does not wait for the file.
-// Invariant: a slot is in exactly one of m_ready, m_unready, m_hollow and the segment table's used slots.
+// Invariant: a slot is in exactly one of m_ready, m_unready, m_hollow, m_freedHeld and the segment table's used slots.
 class QX_API SpaceManager {
 public:
     explicit SpaceManager(StoreCore& core) : m_core(core) {}
@@ -44,6 +45,12 @@ public:
     // The segment's packets are dead and nothing on the disk needs it. Readers may still have it pinned: it is not
     // taken before they are done.
     void Free(ssize_t slot);
+
+    // From now on these slots keep their bytes until they are released: freed meanwhile, they are neither taken, nor cut off
+    // nor punched. For copies of the store; one at a time.
+    void Hold(const std::vector<ssize_t>& slots);
+    void Release(ssize_t slot);
+    void ReleaseAll();
 
     // Makes sure that `n` slots are ready beside the reserve. Throws FileException and changes nothing that anyone could
     // see.
@@ -80,12 +87,14 @@ private:
     void UpdateReadyCount() { m_numReady.store(static_cast<ssize_t>(m_ready.size()), std::memory_order_relaxed); }
 
     StoreCore& m_core;
-    std::mutex m_fileMutex;      // one change of the file's blocks at a time
-    bool m_canPunch = true;      // guarded by m_fileMutex
-    mutable std::mutex m_mutex;  // guards all below; the atomics are written under it
-    std::set<ssize_t> m_ready;   // free, with blocks in the file
-    std::set<ssize_t> m_unready; // free, perhaps without
-    std::set<ssize_t> m_hollow;  // free, without
+    std::mutex m_fileMutex;        // one change of the file's blocks at a time
+    bool m_canPunch = true;        // guarded by m_fileMutex
+    mutable std::mutex m_mutex;    // guards all below; the atomics are written under it
+    std::set<ssize_t> m_ready;     // free, with blocks in the file
+    std::set<ssize_t> m_unready;   // free, perhaps without
+    std::set<ssize_t> m_hollow;    // free, without
+    std::set<ssize_t> m_held;      // keep their bytes, used or free
+    std::set<ssize_t> m_freedHeld; // of these: free, but for that
     std::atomic<ssize_t> m_numSlots{0};
     std::atomic<ssize_t> m_numReady{0};
     std::atomic<ssize_t> m_lowWater{0}; // ready slots below which growing ahead is worth it

@@ -31,16 +31,16 @@ struct StoreCounters {
     std::atomic<int64> liveIndex{0};
     std::atomic<int64> packets{0}; // HEAD, OVERFLOW, DELETE and INDEX packets in segments that have not been freed
     std::atomic<int64> liveBytes{0};
-    std::atomic<int64> indexBytes{0};     // of them, in pages of the index
-    std::atomic<int64> usedBytes{0};      // of packets in sealed log segments that have not been freed, dead ones too
-    std::atomic<int64> movingBytes{0};    // of them, moved by the cleaner's running batch: dead in segments it will free
+    std::atomic<int64> indexBytes{0};  // of them, in pages of the index
+    std::atomic<int64> usedBytes{0};   // of packets in sealed log segments that have not been freed, dead ones too
+    std::atomic<int64> movingBytes{0}; // of them, moved by the cleaner's running batch: dead in segments it will free
     std::atomic<uint64> survivorBytes{0}; // written by the cleaner since the open
     std::atomic<int64> numCheckpoints{0};
     std::atomic<int64> numRecoveries{0};
     std::atomic<int64> numTransactions{0};
 };
 
-// How far the user stream has been copied into the archive (Archive).
+// How far the user stream has been copied into the archive (LogArchive).
 struct ArchiveProgress {
     static constexpr uint64 NOTHING = ~uint64{0};
 
@@ -86,6 +86,7 @@ public:
     ssize_t m_segmentSize = 0; // bytes
     bool m_readOnly = false;
     LssSettings m_settings;
+    int m_stampShift = STAMP_SHIFT; // log clock to log stamp; tests make it smaller
     StoreCounters m_counters;
     ArchiveProgress m_archive;
 

@@ -26,7 +26,7 @@ bool SurvivorStreams::Begin(Stream& stream, int ageClass, uint64 dataStamp, uint
     }
     SegmentSlot& s = (*m_core.m_segments)[slot];
     s.isOpen = true;
-    s.dataStamp = static_cast<uint32>(dataStamp >> STAMP_SHIFT);
+    s.dataStamp = static_cast<uint32>(dataStamp >> m_core.m_stampShift);
     stream.writer->Begin(slot, clock, stream.previousSequence, dataStamp);
     stream.previousSequence = stream.writer->Sequence();
     stream.from = SEGMENT_HEADER_BYTES;
@@ -74,7 +74,7 @@ std::vector<SurvivorStreams::Range> SurvivorStreams::TakeRanges() {
         stream.packets = 0;
         const double mean = stream.stamps / static_cast<double>(stream.numStamps);
         (*m_core.m_segments)[stream.writer->Slot()].dataStamp =
-            static_cast<uint32>(static_cast<uint64>(mean) >> STAMP_SHIFT);
+            static_cast<uint32>(static_cast<uint64>(mean) >> m_core.m_stampShift);
     }
     for (const Range& range : ranges) {
         SegmentSlot& s = (*m_core.m_segments)[range.slot];

@@ -1,5 +1,6 @@
 #include "qxLss/src/Transaction.h"
 
+#include "qxLss/src/Mutants.h"
 #include "qxLss/src/SeidAllocator.h"
 #include "qxLss/src/SerialElement.h"
 #include "qxUtils/Assert.h"
@@ -122,6 +123,10 @@ void Transaction::AddElement(Location l, const std::vector<Location>& parts) {
 }
 
 void Transaction::AddChange(Location l, uint32 parts) {
+    if (IsMutant(EMutant::GROUP_IN_TWO_FRAMES) && m_changes.size() == 1) {
+        m_log.AppendCommit(0);
+        m_log.NoteCommitted();
+    }
     m_changes.push_back({m_preparedSlot, l, parts});
     IndexLeaf& leaf = *m_preparedSlot.leaf;
     if (leaf.transaction != m_number) {
@@ -170,7 +175,7 @@ void Transaction::Close() {
         if (!unwinding) throw;
         return;
     }
-    const bool sync = WantsSync();
+    const bool sync = WantsSync() && !IsMutant(EMutant::COMMIT_WITHOUT_SYNC);
     const uint64 clock = m_log.HandedClock();
     m_log.Turn().Release();
     // From here on the object may be in use by the next transaction.

@@ -66,7 +66,7 @@ void UserLog::LinkToNext(EClaim claim) {
     const LinkPayload payload{static_cast<uint32>(next), 0};
     m_writer.Append(EPacketType::LINK, (*m_core.m_segments)[next].sequence, &payload, sizeof payload);
     HandOver();
-    Usage().writtenAt = static_cast<uint32>(clock >> STAMP_SHIFT);
+    Usage().writtenAt = static_cast<uint32>(clock >> m_core.m_stampShift);
     Usage().usedBytes = static_cast<uint32>(m_writer.Position() - SEGMENT_HEADER_BYTES);
     m_core.m_counters.usedBytes.fetch_add(Usage().usedBytes, std::memory_order_relaxed);
     m_flusher.QueueWriteBack(m_core.m_segments->OffsetOf(m_writer.Slot()), m_core.m_segmentSize);

@@ -11,11 +11,11 @@ namespace {
 
 constexpr double MAX_UTILISATION = 0.95;
 constexpr ssize_t SPARE_SEGMENTS = 4; // dead space that is left alone, so that small stores are not cleaned for ever
-constexpr int64 BANDS = 256;                // of pressure in the allowance
+constexpr int64 BANDS = 256;          // of pressure in the allowance
 constexpr int64 LEAST_BAND = int64{2} << 20; // bytes
 constexpr double MILLISEC_A_BAND = 0.5;
-constexpr double QUIET_MILLISEC = 2;         // of waiting, to which it rises
-constexpr double QUIET_BANDS = 32;           // up to which it stays there
+constexpr double QUIET_MILLISEC = 2; // of waiting, to which it rises
+constexpr double QUIET_BANDS = 32;   // up to which it stays there
 constexpr double MAX_MILLISEC = 100;
 constexpr double AGE_EXPONENT = 0.75;
 constexpr ssize_t MIN_BATCH = 4;

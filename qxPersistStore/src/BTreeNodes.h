@@ -78,6 +78,8 @@ static_assert(sizeof(prefbase) == sizeof(OID) + sizeof(AnyInterface));
 template <class Node>
 void AssertTypes(const CalculatedBTreeTypeInfo& bi, const Node* node) {
     const CalculatedBTreeTypeInfo& types = node->GetCalculatedBTreeTypeInfo();
+    if (&types == &bi) [[likely]]
+        return;
     QX_ASSERT_IN("src/BPlusTree2", types.m_keyType == bi.m_keyType && types.m_payloadType == bi.m_payloadType);
 }
 // The node that a reference beside `node` leads to, null for none.
@@ -109,10 +111,9 @@ template <class Node>
 Node* FollowNeighbour(const CalculatedBTreeTypeInfo& bi, const void* place) {
     const AnyInterface words = LoadEvictableWords(
         reinterpret_cast<const AnyInterface*>(static_cast<const char*>(place) + PREF_POINTER_OFFSET));
-    const bool isBound =
-        words.m_self && static_cast<const void*>(words.m_table) == IPersistable::Stubs<Node>::GetTable();
-    Node* const node =
-        static_cast<Node*>(isBound ? words.m_self : detail::LoadChild(place, IPersistable::Stubs<Node>::GetTable()));
+    if (words.m_self && static_cast<const void*>(words.m_table) == IPersistable::Stubs<Node>::GetTable()) [[likely]]
+        return static_cast<Node*>(words.m_self);
+    Node* const node = static_cast<Node*>(detail::LoadChild(place, IPersistable::Stubs<Node>::GetTable()));
     if (node) AssertTypes(bi, node);
     return node;
 }

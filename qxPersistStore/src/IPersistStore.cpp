@@ -180,6 +180,12 @@ TypeOpsId GetTypeOpsId(PersistStore* _self, ReflectionByteCodeValue const& rbcv,
 BcTypeOps GetTypeOps(PersistStore* _self, TypeOpsId tid) { return _self->GetTypeOps(tid); }
 void Disable(PersistStore* _self) { _self->Disable(); }
 bool Enabled(PersistStore const* _self) { return _self->Enabled(); }
+BackupResult Backup(PersistStore* _self, ConstStringZ path, BackupOptions const& options) {
+    return _self->GetLss()->Backup(path, options);
+}
+BackupResult CopyCompacted(PersistStore* _self, ConstStringZ path, BackupOptions const& options) {
+    return _self->GetLss()->CopyCompacted(path, options);
+}
 
 void Close(PersistStoreTxn* _self) { _self->Close(); }
 PersistStore* GetPersistStore(PersistStoreTxn const* _self) { return _self->GetPersistStore(); }

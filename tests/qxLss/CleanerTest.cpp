@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <set>
 #include <vector>
 
 #include <fcntl.h>
@@ -303,6 +304,30 @@ TEST_F(CleanerTest, AFailedWriteOfTheCleanerIsFinalAndReadingGoesOn) {
     m_lss->Close();
     Open();
     ExpectModel();
+}
+
+// The age classes that survivor segments have after old elements, and others overwritten again and again, were cleaned.
+std::set<int> AgeClassesWith(int stampShift) {
+    SimSys sys;
+    TestLss lss(sys, WithCleaner(), OM_OPEN_ALWAYS, nullptr, "d/store", EBackground::NONE, stampShift);
+    std::vector<Seid> seids;
+    for (int i = 0; i < 60; ++i) seids.push_back(lss.Put(Pattern(300)));
+    for (int i = 0; i < 400; ++i) lss.Put(seids[static_cast<size_t>(i % 20)], Pattern(300));
+    std::set<int> classes;
+    for (int round = 0; round < 10; ++round) {
+        lss->CheckpointForTest();
+        lss->CleanForTest(5);
+        for (ssize_t slot = 0; slot < lss->SpaceForTest().NumSlots(); ++slot) {
+            const SegmentSlot& s = (*lss->CoreForTest().m_segments)[slot];
+            if (s.sequence && s.kind == ESegmentKind::SURVIVORS) classes.insert(s.ageClass);
+        }
+    }
+    return classes;
+}
+
+TEST(CleanerAges, SurvivorsOfDifferentAgesLieApart) {
+    EXPECT_GE(AgeClassesWith(8).size(), 2u);  // stamps of 256 bytes
+    EXPECT_EQ(AgeClassesWith(20).size(), 1u); // of a MiB, of which this log has not one
 }
 
 class NoCleanerTest : public CleanerTest {

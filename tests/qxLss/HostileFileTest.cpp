@@ -10,6 +10,7 @@
 #include <functional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -66,6 +67,23 @@ protected:
             if (PacketType(header.info) == type && PayloadBytes(header.info) >= leastBytes) found = at;
         });
         return found;
+    }
+
+    // The entries of the usage table in force, of segments that are used.
+    std::vector<std::pair<ssize_t, SutEntry*>> UsedEntries() {
+        const CheckpointHeader& header = Header();
+        const Location l =
+            ReadPod<Location>(reinterpret_cast<const octet_t*>(&header) + offsetof(CheckpointHeader, locations) +
+                              header.numHighsPackets * sizeof(Location));
+        std::vector<std::pair<ssize_t, SutEntry*>> entries;
+        const ssize_t n =
+            PayloadBytes(At<PacketHeader>(LocationOffset(l))->info) / static_cast<ssize_t>(sizeof(SutEntry));
+        for (ssize_t slot = 0; slot < n; ++slot) {
+            auto* const entry =
+                At<SutEntry>(LocationOffset(l) + PACKET_HEADER_BYTES + slot * static_cast<int64>(sizeof(SutEntry)));
+            if (entry->sequence != 0) entries.emplace_back(slot, entry);
+        }
+        return entries;
     }
 
     LssStore& Open(bool readOnly = false) {
@@ -141,11 +159,7 @@ TEST_F(HostileFile, NumbersThatNoStoreReachesAreRefused) {
 TEST_F(HostileFile, AnElementInAFreeSegmentCantBeRead) {
     Take(CLEANED_CLOSED);
     // The usage table forgets its log segments, but for the one that goes on.
-    const int64 table = LastPacket(EPacketType::SUT);
-    ASSERT_NE(0, table);
-    const ssize_t n = PayloadBytes(At<PacketHeader>(table)->info) / static_cast<ssize_t>(sizeof(SutEntry));
-    for (ssize_t slot = 0; slot < n; ++slot) {
-        auto* const entry = At<SutEntry>(table + PACKET_HEADER_BYTES + slot * static_cast<int64>(sizeof(SutEntry)));
+    for (const auto& [slot, entry] : UsedEntries()) {
         if (slot != static_cast<ssize_t>(Header().startSlot) && entry->kind != static_cast<uint8>(ESegmentKind::INDEX))
             *entry = SutEntry{};
     }
@@ -166,12 +180,10 @@ TEST_F(HostileFile, AnElementInAFreeSegmentCantBeRead) {
 
 TEST_F(HostileFile, AUsageTableOfImpossibleSegmentsIsRefused) {
     Take(CLOSED);
-    const int64 table = LastPacket(EPacketType::SUT);
-    ASSERT_NE(0, table);
-    At<SutEntry>(table + PACKET_HEADER_BYTES)->kind = 9;
+    UsedEntries().front().second->kind = 9;
     ExpectRefused("the usage table is not well formed");
     Take(CLOSED);
-    At<SutEntry>(table + PACKET_HEADER_BYTES)->liveBytes = 5000;
+    UsedEntries().front().second->liveBytes = 5000;
     ExpectRefused("the usage table is not well formed");
 }
 
@@ -228,6 +240,22 @@ TEST_F(HostileFile, ALongElementLongerThanTheFileTakesNoMemory) {
     for (const Seid seid : seids) {
         const AutoCloser<IContiguousSerialElement> element(store.OpenSerialElement(seid));
         EXPECT_THROW(element->GetBuffer(), CorruptLSSException);
+    }
+}
+
+// Found by OpenOpsFuzz: the transaction's close met the page, and the turn of the log was never given back.
+TEST_F(HostileFile, ADamagedPageOfTheIndexEndsOneTransactionOfAReadOnlyStoreAndNoMore) {
+    Take(CLEANED_CLOSED);
+    ForEachPacket([&](int64, int64 at, PacketHeader header) {
+        if (PacketType(header.info) == EPacketType::INDEX) At<IndexPrefix>(at + PACKET_HEADER_BYTES)->form = 1;
+    });
+    LssStore& store = Open(true);
+    const Seid seid(3, 1);
+    for (int i = 0; i < 2; ++i) {
+        AutoCloser<ILssTransaction> transaction(store.OpenTransaction());
+        EXPECT_THROW(transaction->WriteSerialElement(seid), CorruptLSSException);
+        EXPECT_THROW(transaction->DeleteSerialElement(seid), CorruptLSSException);
+        transaction.Close();
     }
 }
 

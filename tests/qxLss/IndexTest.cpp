@@ -22,6 +22,7 @@ public:
         entry.sequence = 1;
         entry.kind = static_cast<uint8>(ESegmentKind::INDEX);
         m_core.m_segments->SetEntry(0, entry);
+        m_core.m_segments->RaiseLimit(1);
         SegmentSlot& slot = (*m_core.m_segments)[0];
         slot.crcSeed = SegmentCrcSeed(StoreId{}, 1);
         slot.base.store(m_core.m_map->At(131072));

@@ -5,6 +5,7 @@
 #include "qxUtils/Exceptions.h"
 #include "tests/support/SimSys.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <set>
 #include <string>
@@ -91,6 +92,120 @@ TEST_F(DiskTest, ASectorNeverShowsALaterWriteWithoutAnEarlierOne) {
         seen.insert(found.substr(0, 2) + found[600]);
     }
     EXPECT_EQ(seen, (std::set<std::string>{"aaa", "baa", "bca", "aad", "bad", "bcd"}));
+}
+
+TEST_F(DiskTest, EveryNumberIsAnotherSubsetOfFewCalls) {
+    Write(0, "abc");
+    m_file.SyncData();
+    Write(0, "X");
+    m_file.WriteDurable(1, "Y", 1);
+    Write(2, "Z");
+    SimDisk disk(m_sys.InitialImage());
+    for (const SimCall& call : m_sys.Record()) disk.Apply(call);
+    ASSERT_EQ(disk.NumSubsets(nullptr), 4u); // of the two that are uncertain
+    std::set<std::string> seen;
+    for (uint64 i = 0; i < 4; ++i) {
+        const FileBytes bytes = disk.Image({EChoice::SUBSET, 0, i}).at("d/f");
+        seen.emplace(bytes.begin(), bytes.end());
+    }
+    EXPECT_EQ(seen, (std::set<std::string>{"aYc", "XYc", "aYZ", "XYZ"}));
+    const SimCall next{.kind = SimCall::EKind::WRITE, .file = 0, .offset = 3, .data = {'!'}, .name = {}, .name2 = {}};
+    EXPECT_EQ(disk.NumSubsets(&next), 8u);
+    for (int i = 0; i < 7; ++i) disk.Apply(next);
+    EXPECT_EQ(disk.NumSubsets(nullptr), 0u); // too many to count them all
+}
+
+TEST_F(DiskTest, EveryNumberTearsOneWriteInAnotherWay) {
+    Write(0, std::string(2048, 'a'));
+    m_file.SyncData();
+    Write(0, std::string(1536, 'b'));
+    SimDisk disk(m_sys.InitialImage());
+    for (const SimCall& call : m_sys.Record()) disk.Apply(call);
+    ASSERT_EQ(disk.NumTears(nullptr), 3u * (2 + 2)); // two boundaries, and two places inside a sector
+    std::set<std::string> atBoundaries;
+    for (uint64 i = 0; i < 6; ++i) {
+        const FileBytes bytes = disk.Image({EChoice::TEAR, 5, i}).at("d/f");
+        std::string sectors;
+        for (size_t at = 0; at < 2048; at += 512) sectors += static_cast<char>(bytes[at]);
+        atBoundaries.insert(sectors);
+    }
+    EXPECT_EQ(atBoundaries, (std::set<std::string>{"baaa", "bbaa", "abba", "aaba", "baba"}));
+    bool inside = false;
+    for (uint64 i = 6; i < 12; ++i) {
+        const FileBytes bytes = disk.Image({EChoice::TEAR, 5, i}).at("d/f");
+        for (size_t at = 1; at < 2048; ++at) inside = inside || (bytes[at] != bytes[at - 1] && at % 512 != 0);
+    }
+    EXPECT_TRUE(inside);
+}
+
+TEST_F(DiskTest, NewSpaceMayShowWhatWasThereBefore) {
+    Write(0, std::string(1024, 'a'));
+    m_file.SyncData();
+    m_file.Truncate(512);
+    m_file.SyncData();
+    m_file.Allocate(512, 512);
+    std::set<char> seen;
+    for (uint64 seed = 0; seed < 200; ++seed) {
+        const std::string found = After(EChoice::NEW_SPACE, seed);
+        EXPECT_EQ(found.substr(0, 512), std::string(512, 'a'));
+        if (found.size() == 1024) seen.insert(found[512]);
+    }
+    EXPECT_TRUE(seen.contains('a'));
+    EXPECT_TRUE(seen.contains('\0'));
+    EXPECT_GT(seen.size(), 2u); // and random bytes
+}
+
+TEST_F(DiskTest, TheSizeMayBeShortOfTheDataAndBeyond) {
+    Write(0, std::string(512, 'a'));
+    m_file.SyncData();
+    Write(512, std::string(512, 'b'));
+    bool isShort = false;
+    bool isLong = false;
+    for (uint64 seed = 0; seed < 100; ++seed) {
+        const std::string found = After(EChoice::SIZE, seed);
+        ASSERT_GE(found.size(), 512u); // which the sync covers
+        isShort = isShort || found.size() < 1024;
+        isLong = isLong || found.size() > 1024;
+    }
+    EXPECT_TRUE(isShort && isLong);
+}
+
+TEST_F(DiskTest, GarbageIsOnlyWhereSomethingWasBeingWritten) {
+    Write(0, std::string(512, 'a'));
+    m_file.SyncData();
+    Write(512, std::string(512, 'b'));
+    for (uint64 seed = 0; seed < 50; ++seed) {
+        const std::string found = After(EChoice::GARBLED, seed);
+        ASSERT_EQ(found.size() % 512, 0u);
+        EXPECT_EQ(found.substr(0, 512), std::string(512, 'a'));
+        if (found.size() > 512) {
+            EXPECT_NE(found.substr(512), std::string(512, 'b'));
+        }
+    }
+}
+
+TEST_F(DiskTest, AnArenaHoldsWhatAMemoryFileHolds) {
+    for (const ESimMemory kind : {ESimMemory::ARENA, ESimMemory::SHARED, ESimMemory::ARENA}) {
+        SimSys sys({{"d/f", FileBytes(100, octet_t{'x'})}}, kind);
+        File file(sys);
+        file.Open("d/f", EFileAccess::READ_WRITE);
+        file.Allocate(0, 8192);
+        file.Write(8000, "abcdef", 6);
+        const octet_t* base = nullptr;
+        ASSERT_EQ(sys.Map(file.Descriptor(), 1 << 20, base), 0);
+        EXPECT_EQ(base[99], 'x');
+        EXPECT_EQ(base[100], 0);
+        EXPECT_EQ(base[8001], 'b');
+        EXPECT_EQ(sys.Unmap(base, 1 << 20), 0);
+        file.PunchHole(4096, 4096);
+        file.Truncate(50);
+        file.Allocate(0, 8192);
+        FileBytes bytes(8192);
+        file.Read(0, bytes.data(), 8192);
+        FileBytes expected(8192);
+        std::fill_n(expected.begin(), 50, octet_t{'x'});
+        EXPECT_EQ(bytes, expected);
+    }
 }
 
 TEST_F(DiskTest, AFailedSyncLosesWhatWasPendingWhileReadsStillShowIt) {

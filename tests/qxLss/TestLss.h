@@ -29,9 +29,11 @@ using ElementMap = std::map<uint64, std::string>;
 class TestLss {
 public:
     explicit TestLss(SimSys& sys, LssSettings settings = SmallSegments(), EOpenMode mode = OM_OPEN_ALWAYS,
-                     ConstStringZ deltasDirPath = nullptr, ConstStringZ path = "d/store") {
+                     ConstStringZ deltasDirPath = nullptr, ConstStringZ path = "d/store",
+                     EBackground background = EBackground::THREADS, int stampShift = STAMP_SHIFT) {
         bool createdNew = false;
-        m_lss = static_cast<LssStore*>(OpenLssForTest(sys, path, deltasDirPath, createdNew, mode, settings));
+        m_lss = static_cast<LssStore*>(
+            OpenLssForTest(sys, path, deltasDirPath, createdNew, mode, settings, background, stampShift));
         m_createdNew = createdNew;
         if (createdNew) m_lss->AllocateSeidHigh();
     }

@@ -9,9 +9,9 @@
 namespace quna {
 namespace {
 
-// At scale 1 three workloads, every second point, four variants; larger scales have more of all.
+// At scale 1 three workloads, every third point, four variants; larger scales have more of all.
 constexpr double WORKLOADS = 3;
-constexpr int64 STRIDE = 2;
+constexpr int64 STRIDE = 3;
 constexpr uint64 VARIANTS = 4;
 constexpr uint64 MAX_VARIANTS = 36;
 

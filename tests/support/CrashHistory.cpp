@@ -14,20 +14,18 @@ void CrashHistory::NoteDurable(ssize_t upTo, ssize_t calls) {
 }
 
 ssize_t CrashHistory::Floor(ssize_t calls, bool processDeathOnly) const {
-    ssize_t floor = 0;
-    for (ssize_t i = 0; i < std::ssize(transactions); ++i) {
+    for (ssize_t i = std::ssize(transactions) - 1; i >= 0; --i) {
         const Transaction& t = transactions[static_cast<size_t>(i)];
         const ssize_t known = processDeathOnly ? t.closed : t.durable;
-        if (known >= 0 && known <= calls) floor = i + 1;
+        if (known >= 0 && known <= calls) return i + 1;
     }
-    return floor;
+    return 0;
 }
 
 ssize_t CrashHistory::Ceiling(ssize_t calls) const {
-    ssize_t ceiling = 0;
-    for (ssize_t i = 0; i < std::ssize(transactions); ++i)
-        if (transactions[static_cast<size_t>(i)].closeBegan <= calls) ceiling = i + 1;
-    return ceiling;
+    for (ssize_t i = std::ssize(transactions) - 1; i >= 0; --i)
+        if (transactions[static_cast<size_t>(i)].closeBegan <= calls) return i + 1;
+    return 0;
 }
 
 bool CrashHistory::IsInMaintenance(ssize_t calls) const {

@@ -14,6 +14,7 @@
 #include "tests/support/TestObjects.h"
 #include "tests/support/TestTreeTypes.h"
 
+#include <filesystem>
 #include <utility>
 
 namespace quna {
@@ -63,6 +64,8 @@ FuzzSpace::FuzzSpace() {
     m_lock.emplace(cspace, Exclusive);
     RegisterIds();
     m_lss = std::exchange(m_store->m_lss, &m_fuzzLss);
+    // Nobody closes the store of the process, and the open file needs no name.
+    std::filesystem::remove_all(m_dir.Path());
 }
 
 FuzzSpace::~FuzzSpace() noexcept(false) = default;

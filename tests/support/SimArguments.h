@@ -1,8 +1,9 @@
-// The command line of a reliability program: --seed N, --scale N, --replay seed,k,v.
+// The command line of a reliability program: --seed N, --scale N, --replay seed,k,v, --jobs N.
 #pragma once
 
 #include "qxUtils/BasicTypes.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +14,7 @@ namespace quna {
 struct ReliabilityArguments {
     uint64 seed = 1;
     double scale = 1;
+    int jobs = 1; // processes that share the work, where a program can share it
     bool replay = false;
     uint64 replaySeed = 0;
     int64 replayPoint = 0;
@@ -27,6 +29,8 @@ struct ReliabilityArguments {
                 seed = std::strtoull(value, nullptr, 10);
             } else if (value && name == "--scale") {
                 scale = std::strtod(value, nullptr);
+            } else if (value && name == "--jobs") {
+                jobs = std::max(1, std::atoi(value));
             } else if (value && name == "--replay") {
                 unsigned long long s = 0;
                 long long k = 0;
@@ -45,7 +49,7 @@ struct ReliabilityArguments {
 
 private:
     [[noreturn]] static void Usage(const char* program) {
-        std::fprintf(stderr, "usage: %s [--seed N] [--scale N] [--replay seed,k,v]\n", program);
+        std::fprintf(stderr, "usage: %s [--seed N] [--scale N] [--replay seed,k,v] [--jobs N]\n", program);
         std::exit(2);
     }
 };

@@ -4,7 +4,6 @@
 #include "qxUtils/BasicTypes.h"
 
 #include <map>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -38,7 +37,7 @@ struct SimCall {
 using FileBytes = std::vector<octet_t>;
 using DiskImage = std::map<std::string, FileBytes>; // name -> content
 
-// How to choose among what has not been synced.
+// How to choose among what has not been synced. Call: a write or a change of size, one entry of the record.
 struct CrashVariant {
     enum class EChoice {
         NONE, // only what completed syncs cover
@@ -47,10 +46,16 @@ struct CrashVariant {
         ONLY_LAST,
         RANDOM_SUBSET, // each call whole or not, in order
         TORN,          // each call whole, not, or torn at a sector boundary or inside a sector
-        SECTORS        // each sector of 512 bytes as of some moment after the last sync; new space zero or garbage
+        SECTORS,       // each sector of 512 bytes as of some moment after the last sync; new space zero or garbage
+        SUBSET,        // up to 8 calls: those whose bit is set in `index`; of more a random subset in random order
+        TEAR,          // the `index`-th way to tear one call: at each sector a prefix, a suffix, all but a middle; inside one
+        NEW_SPACE,     // sectors that were never written durably hold zeros, random bytes, or what was there or elsewhere before
+        SIZE,          // the file is shorter than the data, or longer
+        GARBLED        // what was being written within a block of 4096 bytes is random
     };
     EChoice choice = EChoice::NONE;
-    uint64 seed = 0; // of the random ones
+    uint64 seed = 0;  // of the random ones
+    uint64 index = 0; // of SUBSET and TEAR; taken modulo their number
 };
 
 // The base is what completed syncs cover; the rest is pending. Calls are fed in order; an image can be taken after each.
@@ -71,6 +76,9 @@ public:
     FileBytes Content(int file) const;
 
     ssize_t NumPending() const;
+    // How many subsets, or ways to tear one call, there are. A number of subsets beyond 2^8 is not given: 0.
+    uint64 NumSubsets(const SimCall* inFlight) const;
+    uint64 NumTears(const SimCall* inFlight) const;
 
 private:
     struct Pending {
@@ -80,11 +88,20 @@ private:
     struct File {
         FileBytes base;
         std::vector<Pending> pending;
+        FileBytes old; // what was cut off or punched
     };
+    // One call that may be on the disk, in the order in which they were made.
+    struct Candidate {
+        const SimCall* call;
+        bool durable;
+    };
+    using Candidates = std::vector<Candidate>;
 
     static void ApplyTo(FileBytes& bytes, const SimCall& call);
     static void ApplyName(std::map<std::string, int>& names, const SimCall& call);
-    FileBytes FileImage(const File& file, const CrashVariant& variant, std::mt19937_64& random) const;
+    static void ApplyToBase(File& file, const SimCall& call);
+    Candidates CandidatesOf(int file, const SimCall* inFlight) const;
+    FileBytes FileImage(int file, const SimCall* inFlight, const CrashVariant& variant) const;
 
     std::vector<File> m_files;
     std::map<std::string, int> m_names; // durable

@@ -25,7 +25,24 @@ uint64 DigestOf(const LssState& state);
 
 // What a workload did.
 struct LssHistory : CrashHistory {
-    std::vector<LssState> states; // S0, S1...; one more than transactions
+    std::vector<LssState> states;    // S0, S1...; one more than transactions
+    std::vector<uint64> digests;     // of states
+    ssize_t opened = 0;              // calls recorded when the first open had returned
+    std::vector<ssize_t> operations; // calls recorded when each operation of a script began
+
+    void AddState(LssState state);
+};
+
+// Operations of a scripted workload.
+enum class ELssOperation {
+    WRITE_SMALL,
+    WRITE_LONG, // longer than a segment
+    REMOVE,     // the element written first
+    FLUSH,
+    CHECKPOINT,
+    CLEAN,
+    REOPEN, // close and open
+    COUNT
 };
 
 struct LssWorkload {
@@ -38,12 +55,27 @@ struct LssWorkload {
     bool clean = true;    // batches of the cleaner, with transactions between its steps
     // A batch between the steps of a checkpoint, which the store itself never allows.
     bool cleanInsideCheckpoint = false;
+    bool uniform = false;    // every transaction has the same length
+    bool manyHighs = false;  // three steps in four allocate a high half; others do between the steps of a checkpoint
+    bool checkpoints = true; // now and then
+    bool killAtEnd = false;  // is not closed
+    int maintenance = 5;     // of 20 steps: a checkpoint or a batch of the cleaner
+    int liveElements = 40;   // about so many, then more is deleted
+    int stampShift = 9;      // of log stamps: 512 bytes, so that data of these short lives has ages
+    std::vector<ELssOperation> script; // in place of `steps` random ones
+};
+
+// What a store is when a driver begins: nothing, or what a crash has left.
+struct LssBeginning {
+    LssState state;
+    bool mayBeMissing = true;                // the crash may have left no store
+    const std::set<uint64>* spent = nullptr; // identifiers not to be handed out again
 };
 
 // Opens the store "d/store" and works on it. One thread.
 class LssDriver {
 public:
-    LssDriver(SimSys& sys, const LssWorkload& workload);
+    LssDriver(SimSys& sys, const LssWorkload& workload, LssBeginning beginning = {});
     ~LssDriver();
 
     // Runs to the end, or to the first exception of the store, and closes it.
@@ -58,16 +90,29 @@ public:
     static LssSettings Settings(int segmentSize, bool clean);
 
 private:
+    struct Unwound {};
+
     uint64 Pick(uint64 limit) { return m_random() % limit; }
     void Open();
     void Step();
+    void Do(ELssOperation operation);
     void RunTransaction();
+    template <class Change>
+    void RunTransaction(bool flush, Change change);
+    void Checkpoint();
+    void Clean();
+    void Background();
+    void Reopen(bool kill);
+    SeidHigh NewHigh();
+    Seid Given(Seid seid);
     template <class Action>
     void Maintain(bool isCheckpoint, Action action);
     void BetweenSteps(bool isCheckpoint);
     void ChangeAtRandom(ILssTransaction& transaction, LssState& state, bool& changed);
     void NoteCloseBegins(LssState state);
-    void Write(ILssTransaction& transaction, LssState& state, Seid seid);
+    int64 PickSize();
+    void Write(ILssTransaction& transaction, LssState& state, Seid seid, int64 size);
+    void WriteInPart(ILssTransaction& transaction, Seid seid);
     Seid SomeSeid(const LssState& state);
     Seid NewSeid();
     void NoteDurable();
@@ -81,7 +126,11 @@ private:
     LssStore* m_store = nullptr;
     SeidHigh m_highs = 0;
     LssHistory m_history;
+    LssBeginning m_beginning;
     std::vector<uint64> m_known;
+    std::set<uint64> m_given; // by this driver
+    // Has the first transaction without an exception been closed? Before that the store counts as never created.
+    bool m_isCreated = false;
     bool m_isBetween = false;
     std::exception_ptr m_failedBetween; // by a transaction between steps
     int m_closedAfterFailure = 0;
@@ -94,10 +143,12 @@ struct LssCheck {
     const LssHistory* history;
     ssize_t floor;
     ssize_t ceiling;
+    bool mayBeMissing = true; // while the floor is 0
     // Identifiers that may not be handed out again.
     const std::set<uint64>* spent = nullptr;
     // Also commit a further transaction and open twice more.
     bool thorough = true;
+    int stampShift = 20; // of the workload
 };
 std::string CheckLssImage(SimSys& sys, const LssCheck& check, ssize_t& found);
 

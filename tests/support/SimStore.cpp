@@ -58,8 +58,8 @@ OpenSimStore::OpenSimStore(SimSys& sys, EOpenMode mode, const LssSettings& setti
     storeSettings.startObjectDeletion = false;
     m_store = OpenPersistStoreForTest(
         [&](bool& createdNew) {
-            m_inner = static_cast<LssStore*>(OpenLssForTest(sys, PATH, nullptr, createdNew, mode, settings));
-            m_inner->StopThreadsForTest();
+            m_inner = static_cast<LssStore*>(
+                OpenLssForTest(sys, PATH, nullptr, createdNew, mode, settings, EBackground::NONE));
             m_lss = std::make_unique<WatchedLss>(m_inner);
             return m_lss.get();
         },
@@ -185,7 +185,9 @@ void StoreDriver::Run() {
 }
 
 void StoreDriver::Open() {
-    m_open = std::make_unique<OpenSimStore>(m_sys, OM_OPEN_ALWAYS, OpenSimStore::Settings(m_workload.segmentSize));
+    LssSettings settings = OpenSimStore::Settings(m_workload.segmentSize);
+    settings.enableWriteThrough = m_workload.writeThrough;
+    m_open = std::make_unique<OpenSimStore>(m_sys, OM_OPEN_ALWAYS, settings);
     if (m_history.transactions.empty()) { // of the creation, which nobody could watch
         m_history.states.emplace_back();
         m_history.transactions.push_back({0, m_sys.NumRecorded(), -1});
@@ -253,7 +255,7 @@ void StoreDriver::Step() {
 
 void StoreDriver::ChangeSomething() {
     const size_t space = PickSpace();
-    switch (Pick(8)) {
+    switch (Pick(9)) {
     case 0:
     case 1: Transfer(); break;
     case 2: ChangeAccounts(space); break;
@@ -261,6 +263,7 @@ void StoreDriver::ChangeSomething() {
     case 4: Plant(space); break;
     case 5:
     case 6: DeleteBranch(space); break;
+    case 7: MoveBranch(space); break;
     default:
         if (m_history.transactions.size() > 8) ChangeNotes(space); // not before: its class is to be new then
         break;
@@ -401,13 +404,8 @@ void StoreDriver::Plant(size_t space) {
     const uint64 number = m_nextNumber++;
     SimBranch* branch = NewBranch(space, number, 0);
     if (parent) {
-        SimBranch* above = Branch(space, parent);
-        above->MarkAsDirtyWithoutTrace();
-        above->m_children.push_back(cref<SimBranch>(branch));
-        branch->m_parent = cref<SimBranch>(above);
-        m_models[space].branches[parent].children.push_back(number);
-        m_models[space].branches[number].parent = parent;
-        DeclareReachable(above, branch, true);
+        Link(space, branch, parent);
+        DeclareReachable(Branch(space, parent), branch, true);
     } else {
         home->m_forest.push_back(cref<SimBranch>(branch));
         m_models[space].forest.push_back(number);
@@ -420,6 +418,17 @@ void StoreDriver::Plant(size_t space) {
         m_branches[space][made->m_number] = GetOid(made);
         for (const cref<SimBranch>& child : made->m_children) stack.push_back(child.GetNotNull());
     }
+}
+
+// Puts a branch below another one.
+void StoreDriver::Link(size_t space, SimBranch* branch, uint64 parent) {
+    SimBranch* above = Branch(space, parent);
+    above->MarkAsDirtyWithoutTrace();
+    above->m_children.push_back(cref<SimBranch>(branch));
+    branch->MarkAsDirtyWithoutTrace();
+    branch->m_parent = cref<SimBranch>(above);
+    m_models[space].branches[parent].children.push_back(branch->m_number);
+    m_models[space].branches[branch->m_number].parent = parent;
 }
 
 // Takes a branch off the list of its parent, if that still exists.
@@ -435,6 +444,18 @@ void StoreDriver::Unlink(size_t space, uint64 number) {
     xvector<cref<SimBranch>>& references = above ? above->m_children : HomeOf(*m_open->m_spaces[space])->m_forest;
     references.erase(references.begin() + (at - numbers.begin()));
     numbers.erase(at);
+}
+
+void StoreDriver::MoveBranch(size_t space) {
+    const uint64 number = SomeBranch(space);
+    const uint64 parent = SomeBranch(space);
+    if (number == 0) return;
+    const std::vector<uint64> below = m_models[space].SubTreeOf(number);
+    if (std::find(below.begin(), below.end(), parent) != below.end()) return;
+    const One one(*this, space);
+    Changed(space);
+    Unlink(space, number);
+    Link(space, Branch(space, number), parent);
 }
 
 void StoreDriver::DeleteBranch(size_t space) {
@@ -551,6 +572,7 @@ void StoreDriver::OnCloseBegins() {
 
 void StoreDriver::OnClosed() {
     if (m_noted) m_history.transactions.back().closed = m_sys.NumRecorded();
+    if (m_workload.writeThrough) NoteDurable();
 }
 
 } // namespace quna

@@ -31,10 +31,11 @@ struct StoreHistory : CrashHistory {
 
 struct StoreWorkload {
     uint64 seed = 1;
-    int steps = 60;
+    int steps = 80;
     int segmentSize = 4096;
-    uint64 numKeys = 150; // about so many in each tree
+    uint64 numKeys = 300; // about so many in each tree
     bool reopen = true;   // close the store in order, now and then and at the end
+    bool writeThrough = false;
 };
 
 // A store over a SimSys with its two spaces, nothing running in the background.
@@ -110,10 +111,12 @@ private:
     void ChangeAccounts(size_t space);
     void ChangeNumbers(size_t space);
     void Plant(size_t space);
+    void MoveBranch(size_t space);
     void DeleteBranch(size_t space);
     void ChangeNotes(size_t space);
     SimBranch* NewBranch(size_t space, uint64 number, int depth);
     SimBranch* Branch(size_t space, uint64 number);
+    void Link(size_t space, SimBranch* branch, uint64 parent);
     void Unlink(size_t space, uint64 number);
     uint64 SomeBranch(size_t space);
     SimHome* Changed(size_t space);

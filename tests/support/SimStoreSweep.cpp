@@ -84,9 +84,10 @@ void SimStoreSweep::Report(const StoreFault& fault, int64 k, uint64 v, int depth
 StoreWorkload SimStoreSweep::WorkloadOf(uint64 seed) {
     StoreWorkload workload;
     workload.seed = seed;
-    workload.steps = seed % 3 == 0 ? 120 : 60;
+    workload.steps = seed % 3 == 0 ? 160 : 80;
     workload.segmentSize = seed % 4 == 3 ? 16384 : seed % 16 == 10 ? 65536 : 4096;
-    workload.numKeys = seed % 8 == 5 ? 1000 : seed % 64 == 38 ? 10000 : 150;
+    workload.numKeys = seed % 8 == 5 ? 1000 : seed % 64 == 38 ? 10000 : 300;
+    workload.writeThrough = seed % 7 == 6;
     return workload;
 }
 

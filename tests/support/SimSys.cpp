@@ -8,8 +8,6 @@
 #include <utility>
 
 #include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 namespace quna {
 namespace {
@@ -25,18 +23,8 @@ std::string DirectoryOf(const std::string& path) {
 
 } // namespace
 
-SimSys::SimSys(const DiskImage& image) : m_initial(image), m_wallClock(0) {
-    for (const auto& [name, bytes] : image) m_names[name] = NewFile(bytes);
-    // Another process draws other numbers.
-    uint64 sum = 1;
-    for (const auto& [name, bytes] : image)
-        for (size_t i = 0; i < bytes.size(); i += 61) sum = sum * 31 + bytes[i];
-    m_identity.seed(sum);
-}
-
-SimSys::~SimSys() {
-    for (const Inode& inode : m_files)
-        if (inode.memory >= 0) ::close(inode.memory);
+SimSys::SimSys(DiskImage image, ESimMemory kind) : m_initial(std::move(image)), m_kind(kind) {
+    for (const auto& [name, bytes] : m_initial) m_names[name] = NewFile(bytes);
 }
 
 // --- disturbing and looking
@@ -85,14 +73,20 @@ std::vector<SimCall> SimSys::Record() const {
     return m_record;
 }
 
+std::vector<SimCall> SimSys::TakeRecord() {
+    const std::lock_guard lock(m_mutex);
+    m_recording = false;
+    return std::exchange(m_record, {});
+}
+
 DiskImage SimSys::CachedImage() const {
     const std::lock_guard lock(m_mutex);
     DiskImage image;
     for (const auto& [name, file] : m_names) {
         const Inode& inode = m_files[static_cast<size_t>(file)];
-        FileBytes bytes(static_cast<size_t>(inode.size));
-        if (::pread(inode.memory, bytes.data(), bytes.size(), 0) != inode.size)
-            throw std::runtime_error("SimSys: memory file is shorter than its size");
+        FileBytes bytes(static_cast<size_t>(inode.memory->Size()));
+        if (inode.memory->Read(bytes.data(), bytes.size(), 0) != inode.memory->Size())
+            throw std::runtime_error("SimSys: a file is shorter than its size");
         image[name] = std::move(bytes);
     }
     return image;
@@ -155,25 +149,18 @@ SimSys::Inode& SimSys::FileOf(int fd) {
 
 int SimSys::NewFile(const FileBytes& bytes) {
     Inode inode;
-    inode.memory = ::memfd_create("simulated", MFD_CLOEXEC);
-    if (inode.memory < 0) throw std::runtime_error("SimSys: memfd_create failed");
-    SetSize(inode, std::ssize(bytes));
+    inode.memory = std::make_unique<SimMemory>(m_kind);
+    inode.memory->Resize(std::ssize(bytes));
     // Zero blocks are left out: a store's file begins with many.
     constexpr size_t BLOCK = 4096;
     static const std::array<octet_t, BLOCK> zeros{};
     for (size_t at = 0; at < bytes.size(); at += BLOCK) {
         const size_t n = std::min(BLOCK, bytes.size() - at);
         if (std::memcmp(bytes.data() + at, zeros.data(), n) == 0) continue;
-        if (::pwrite(inode.memory, bytes.data() + at, n, static_cast<off_t>(at)) != static_cast<ssize_t>(n))
-            throw std::runtime_error("SimSys: can't fill a memory file");
+        inode.memory->Write(bytes.data() + at, static_cast<ssize_t>(n), static_cast<int64>(at));
     }
-    m_files.push_back(inode);
+    m_files.push_back(std::move(inode));
     return static_cast<int>(m_files.size()) - 1;
-}
-
-void SimSys::SetSize(Inode& inode, int64 size) {
-    if (::ftruncate(inode.memory, size) != 0) throw std::runtime_error("SimSys: can't size a memory file");
-    inode.size = size;
 }
 
 void SimSys::Note(SimCall call) {
@@ -206,7 +193,7 @@ int SimSys::Open(const char* path, int flags, int) {
 ssize_t SimSys::Read(int fd, void* p, size_t n, off_t at) {
     const std::lock_guard lock(m_mutex);
     if (const int error = Begin(ESimCall::READ)) return error;
-    return ::pread(FileOf(fd).memory, p, Shortened(n), at);
+    return FileOf(fd).memory->Read(p, Shortened(n), at);
 }
 
 ssize_t SimSys::WriteTo(int fd, const void* p, size_t n, off_t at, EKind kind, ESimCall call) {
@@ -215,9 +202,7 @@ ssize_t SimSys::WriteTo(int fd, const void* p, size_t n, off_t at, EKind kind, E
     Inode& inode = FileOf(fd);
     if (!Find(fd)->writable) return -EBADF;
     n = Shortened(n);
-    if (::pwrite(inode.memory, p, n, at) != static_cast<ssize_t>(n))
-        throw std::runtime_error("SimSys: can't write a memory file");
-    inode.size = std::max<int64>(inode.size, at + static_cast<off_t>(n));
+    inode.memory->Write(p, static_cast<ssize_t>(n), at);
     const octet_t* bytes = static_cast<const octet_t*>(p);
     Note({.kind = kind,
           .file = Find(fd)->file,
@@ -269,7 +254,7 @@ int SimSys::Allocate(int fd, off_t at, off_t n) {
     if (const int error = BeginChange(ESimCall::ALLOCATE, fd)) return error;
     Inode& inode = FileOf(fd);
     if (!Find(fd)->writable) return -EBADF;
-    if (at + n > inode.size) SetSize(inode, at + n);
+    if (at + n > inode.memory->Size()) inode.memory->Resize(at + n);
     Note({.kind = EKind::ALLOCATE,
           .file = Find(fd)->file,
           .offset = at,
@@ -284,7 +269,7 @@ int SimSys::Truncate(int fd, off_t n) {
     const std::lock_guard lock(m_mutex);
     if (const int error = BeginChange(ESimCall::TRUNCATE, fd)) return error;
     if (!Find(fd)->writable) return -EBADF;
-    SetSize(FileOf(fd), n);
+    FileOf(fd).memory->Resize(n);
     Note({.kind = EKind::TRUNCATE, .file = Find(fd)->file, .size = n, .data = {}, .name = {}, .name2 = {}});
     return 0;
 }
@@ -294,7 +279,7 @@ int SimSys::PunchHole(int fd, off_t at, off_t n) {
     if (const int error = BeginChange(ESimCall::PUNCH, fd)) return error;
     Inode& inode = FileOf(fd);
     if (!Find(fd)->writable) return -EBADF;
-    if (::fallocate(inode.memory, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, at, n) != 0) return -errno;
+    inode.memory->Zero(at, n);
     Note({.kind = EKind::PUNCH, .file = Find(fd)->file, .offset = at, .size = n, .data = {}, .name = {}, .name2 = {}});
     return 0;
 }
@@ -302,7 +287,7 @@ int SimSys::PunchHole(int fd, off_t at, off_t n) {
 int64 SimSys::Size(int fd) {
     const std::lock_guard lock(m_mutex);
     if (const int error = Begin(ESimCall::SIZE)) return error;
-    return FileOf(fd).size;
+    return FileOf(fd).memory->Size();
 }
 
 int SimSys::RenameTo(const char* from, const char* to, bool replace) {
@@ -404,31 +389,37 @@ int SimSys::DropCache(int fd, off_t at, off_t n) {
     const FileBytes bytes = Disk().Content(Find(fd)->file);
     const bool whole = at == 0 && n == 0;
     if (whole) {
-        SetSize(inode, 0);
-        SetSize(inode, std::ssize(bytes));
+        inode.memory->Resize(0);
+        inode.memory->Resize(std::ssize(bytes));
     }
     const off_t end = n == 0 ? std::ssize(bytes) : std::min<off_t>(at + n, std::ssize(bytes));
-    if (end > at && ::pwrite(inode.memory, bytes.data() + at, static_cast<size_t>(end - at), at) != end - at)
-        throw std::runtime_error("SimSys: can't fill a memory file");
+    if (end > at) inode.memory->Write(bytes.data() + at, end - at, at);
     if (whole) inode.lostWrites = false;
     return 0;
 }
 
 int SimSys::Map(int fd, size_t n, const octet_t*& base) {
     const std::lock_guard lock(m_mutex);
-    if (const int error = Begin(ESimCall::MAP)) return error;
-    void* p = ::mmap(nullptr, n, PROT_READ, MAP_SHARED | MAP_NORESERVE, FileOf(fd).memory, 0);
-    if (p == MAP_FAILED) return -errno;
-    base = static_cast<const octet_t*>(p);
-    return 0;
+    if (const int begin = Begin(ESimCall::MAP)) return begin;
+    const int file = Find(fd)->file;
+    const int error = m_files[static_cast<size_t>(file)].memory->Map(n, base);
+    if (error == 0) m_mapped[base] = file;
+    return error;
 }
 
-int SimSys::Unmap(const octet_t* base, size_t n) { return ::munmap(const_cast<octet_t*>(base), n) == 0 ? 0 : -errno; }
+int SimSys::Unmap(const octet_t* base, size_t n) {
+    const std::lock_guard lock(m_mutex);
+    const auto mapped = m_mapped.find(base);
+    if (mapped == m_mapped.end()) return -EINVAL;
+    const int file = mapped->second;
+    m_mapped.erase(mapped);
+    return m_files[static_cast<size_t>(file)].memory->Unmap(base, n);
+}
 
 int SimSys::Load(int fd, const octet_t*, off_t at, size_t n) {
     const std::lock_guard lock(m_mutex);
     if (const int error = Begin(ESimCall::LOAD)) return error;
-    const int64 end = (FileOf(fd).size + 4095) / 4096 * 4096;
+    const int64 end = (FileOf(fd).memory->Size() + 4095) / 4096 * 4096;
     return at + static_cast<int64>(n) <= end ? 0 : -EFAULT;
 }
 
@@ -455,7 +446,14 @@ uint64 SimSys::WallClock100ns() {
 
 int SimSys::RandomBytes(void* p, size_t n) {
     const std::lock_guard lock(m_mutex);
-    for (size_t i = 0; i < n; ++i) static_cast<octet_t*>(p)[i] = static_cast<octet_t>(m_identity());
+    if (!m_identity) {
+        // Another process draws other numbers.
+        uint64 sum = 1;
+        for (const auto& [name, bytes] : m_initial)
+            for (size_t i = 0; i < bytes.size(); i += 61) sum = sum * 31 + bytes[i];
+        m_identity.emplace(sum);
+    }
+    for (size_t i = 0; i < n; ++i) static_cast<octet_t*>(p)[i] = static_cast<octet_t>((*m_identity)());
     return 0;
 }
 

@@ -3,10 +3,13 @@
 
 #include "qxLss/src/SysCalls.h"
 #include "tests/support/SimDisk.h"
+#include "tests/support/SimMemory.h"
 
 #include <array>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <set>
 #include <string>
@@ -39,8 +42,8 @@ enum class ESimCall {
     COUNT
 };
 
-// Files in memory. Each one's cached content is a memory file, so that it can be mapped; what would be on the disk is
-// kept as the list of all changing calls, from which SimDisk makes images.
+// Files in memory. Each one's cached content can be mapped; what would be on the disk is kept as the list of all changing
+// calls, from which SimDisk makes images.
 //
 // Ownership: every File and FileMap that uses it ends first.
 // Threads:   all calls from any thread; one mutex.
@@ -48,8 +51,7 @@ class SimSys final : public SysCalls {
 public:
     SimSys() = default;
     // The files that a crash left.
-    explicit SimSys(const DiskImage& image);
-    ~SimSys() override;
+    explicit SimSys(DiskImage image, ESimMemory kind = ESimMemory::SHARED);
 
     // --- disturbing
 
@@ -71,6 +73,8 @@ public:
     ssize_t NumRecorded() const;
     // A copy of the record; with what was there at the beginning it says all.
     std::vector<SimCall> Record() const;
+    // The record itself, when no more calls come.
+    std::vector<SimCall> TakeRecord();
     const DiskImage& InitialImage() const { return m_initial; }
     // All files as a killed process leaves them.
     DiskImage CachedImage() const;
@@ -110,8 +114,7 @@ public:
 
 private:
     struct Inode {
-        int memory = -1; // descriptor of the memory file
-        int64 size = 0;
+        std::unique_ptr<SimMemory> memory;
         bool lostWrites = false; // a sync has failed: the cache shows more than the disk has
     };
     struct Descriptor {
@@ -136,7 +139,6 @@ private:
     Inode& FileOf(int fd);
     Descriptor* Find(int fd);
     int NewFile(const FileBytes& bytes);
-    void SetSize(Inode& inode, int64 size);
     ssize_t WriteTo(int fd, const void* p, size_t n, off_t at, SimCall::EKind kind, ESimCall call);
     int RenameTo(const char* from, const char* to, bool replace);
     void Note(SimCall call);
@@ -144,10 +146,12 @@ private:
 
     mutable std::mutex m_mutex; // guards all below
     DiskImage m_initial;
+    const ESimMemory m_kind = ESimMemory::SHARED;
     std::vector<Inode> m_files;
     std::map<std::string, int> m_names;
     std::set<std::string> m_directories; // made by MakeDirectory; those that files lie in exist as well
     std::map<int, Descriptor> m_open;
+    std::map<const octet_t*, int> m_mapped; // address -> file
     int m_nextDescriptor = 1000;
     std::vector<SimCall> m_record;
     bool m_recording = true;
@@ -159,7 +163,7 @@ private:
     int m_directoryError = 0; // 0: no directory fails
     int m_oneIn = 0;          // 0: nothing is disturbed
     std::mt19937_64 m_random{1};
-    std::mt19937_64 m_identity{1}; // of RandomBytes
+    std::optional<std::mt19937_64> m_identity; // of RandomBytes
     uint64 m_wallClock = 0;
 };
 

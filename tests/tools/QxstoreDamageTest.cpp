@@ -14,9 +14,9 @@ class QxstoreDamageTest : public ToolTest {
 protected:
     QxstoreDamageTest() {
         ImportPackages();
-        m_good = ContentOf(Path("packages.store"));
+        m_good = ContentOf("packages.store");
     }
-    void Damage(const std::string& content) const { WriteFile(Path("bad.store"), content); }
+    void Damage(const std::string& content) const { WriteFile("bad.store", content); }
 
     // With status 1, and the file is as before.
     void ExpectVerifyFinds(const std::string& content, const std::string& what) const {
@@ -27,7 +27,7 @@ protected:
                     result.err.find("is damaged: ") != std::string::npos)
             << what << "\n"
             << result.out << result.err;
-        EXPECT_EQ(ContentOf(Path("bad.store")), content) << what;
+        EXPECT_EQ(ContentOf("bad.store"), content) << what;
     }
 
     std::string m_good;
@@ -39,8 +39,9 @@ TEST_F(QxstoreDamageTest, WhatIsNoStoreIsRefusedWithASentence) {
     ExpectRefusal("verify .", "none", 3, "Can't open the store '.': it is a folder; name the file of a store.");
     ExpectRefusal("spaces /dev/null", "none", 3,
                   "Can't open the store '/dev/null': it is no regular file; name the file of a store.");
-    ExpectRefusal("roots sample", "sample", 3,
-                  "Can't open the store 'sample': the file does not begin as a store does, so it is none; check the "
+    WriteFile("letter", std::string(10000, 'x'));
+    ExpectRefusal("roots letter", "letter", 3,
+                  "Can't open the store 'letter': the file does not begin as a store does, so it is none; check the "
                   "path.");
     Damage("");
     ExpectRefusal("classes bad.store", "bad.store", 3,
@@ -58,7 +59,7 @@ TEST_F(QxstoreDamageTest, AStoreThatIsInUseIsRefusedAndOneThatIsReadIsNot) {
     ILogStructuredStore* lss = nullptr;
     const auto open = [&](EOpenMode mode) {
         bool createdNew = false;
-        lss = CreateOrOpenLSS(Path("packages.store").c_str(), nullptr, createdNew, mode, LssSettings());
+        lss = CreateOrOpenLSS("packages.store", nullptr, createdNew, mode, LssSettings());
     };
     open(OM_OPEN_EXISTING);
     ExpectRefusal("stats packages.store", "packages.store", 3,
@@ -101,7 +102,7 @@ TEST_F(QxstoreDamageTest, WrongArgumentsAndHelp) {
 TEST_F(QxstoreDamageTest, AStoreWhoseProcessWasKilledIsSoundAndStaysAsItIs) {
     bool createdNew = false;
     ILogStructuredStore* const lss =
-        CreateOrOpenLSS(Path("packages.store").c_str(), nullptr, createdNew, OM_OPEN_EXISTING, LssSettings());
+        CreateOrOpenLSS("packages.store", nullptr, createdNew, OM_OPEN_EXISTING, LssSettings());
     {
         AutoCloser<ILssTransaction> txn(lss->OpenTransaction());
         AutoCloser<ICloseableOutputStream> os(txn->WriteSerialElement(lss->AllocateSeid(1)));
@@ -110,12 +111,12 @@ TEST_F(QxstoreDamageTest, AStoreWhoseProcessWasKilledIsSoundAndStaysAsItIs) {
         txn.Close();
     }
     lss->Abandon();
-    const std::string before = ContentOf(Path("packages.store"));
+    const std::string before = ContentOf("packages.store");
     const ToolResult result = Qxstore("verify packages.store");
     EXPECT_EQ(result.status, 0) << result.out << result.err;
     EXPECT_NE(Qxstore("info packages.store").out.find("closed cleanly     no\n"), std::string::npos);
     EXPECT_NE(Qxstore("info packages.store").out.find("objects            319\n"), std::string::npos);
-    EXPECT_EQ(ContentOf(Path("packages.store")), before);
+    EXPECT_EQ(ContentOf("packages.store"), before);
 }
 
 TEST_F(QxstoreDamageTest, EveryTruncationIsFound) {
@@ -148,8 +149,19 @@ TEST_F(QxstoreDamageTest, OtherCommandsShowWhatCanStillBeRead) {
     const ToolResult verify = Qxstore("verify bad.store");
     EXPECT_NE(verify.out.find("segment 0 (offset 524288): no valid packet at offset "), std::string::npos)
         << verify.out;
+    EXPECT_NE(verify.out.find(", expected "), std::string::npos) << verify.out;
     EXPECT_NE(verify.out.find("\n  element 00000001:"), std::string::npos) << verify.out;
-    EXPECT_EQ(ContentOf(Path("bad.store")), content);
+    EXPECT_EQ(ContentOf("bad.store"), content);
+
+    // The page of the index that names the store's own records.
+    content = m_good;
+    content[1572864 + 70] = static_cast<char>(content[1572864 + 70] ^ 1);
+    Damage(content);
+    const ToolResult dump = Qxstore("dump bad.store catalogue");
+    EXPECT_EQ(dump.status, 1);
+    EXPECT_NE(dump.err.find("; so the root 'catalogue' was not found, but an OID, spelled 1:2a, can be dumped.\n"),
+              std::string::npos)
+        << dump.err;
 }
 
 } // namespace

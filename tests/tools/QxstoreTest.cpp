@@ -1,4 +1,5 @@
 // What each command of qxstore prints about a sound store.
+#include "qxPersistStore/OidSpaceMap.h"
 #include "qxPersistStore/PMap.h"
 #include "tests/support/TestStore.h"
 #include "tests/tools/ToolRun.h"
@@ -28,6 +29,20 @@ protected:
     }
     Json JsonOf(const std::string& arguments) const { return Json::parse(Out(arguments + " --json")); }
 };
+
+TEST_F(QxstoreTest, TheProgramIsWhatTheTestsRun) {
+    ImportPackages();
+    const ToolResult good = Run(QXSTORE_PROGRAM, "spaces packages.store");
+    EXPECT_EQ(good.status, 0);
+    EXPECT_EQ(good.out, Out("spaces packages.store"));
+    EXPECT_EQ(good.err, "");
+    const ToolResult bad = Run(QXSTORE_PROGRAM, "spaces none.store");
+    EXPECT_EQ(bad.status, 3);
+    EXPECT_EQ(bad.out, "");
+    EXPECT_EQ(bad.err, Qxstore("spaces none.store").err);
+    EXPECT_EQ(Run("/bin/sh", "-c '\"" QXSTORE_PROGRAM "\" spaces packages.store >/dev/full'").err,
+              "qxstore: Can't write the output; see whether there is room for it.\n");
+}
 
 // --- the package graph: classes that only its application knows
 
@@ -157,7 +172,7 @@ TEST_F(QxstoreTest, DumpFindsRootsByNameAndGivesBytesAndJson) {
 
 TEST_F(QxstoreTest, VerifySaysWhatItCouldNotFollow) {
     ImportPackages();
-    const std::string before = ContentOf(Path("packages.store"));
+    const std::string before = ContentOf("packages.store");
     EXPECT_EQ(Masked(Out("verify packages.store")).substr(0, 9), "segments ");
     const Json json = JsonOf("verify packages.store");
     EXPECT_EQ(json["sound"], true);
@@ -170,7 +185,50 @@ TEST_F(QxstoreTest, VerifySaysWhatItCouldNotFollow) {
               Json::array({"306 objects of classes that only the application knows: their references were not "
                            "followed, so orphans can't be told"}));
     EXPECT_TRUE(json["problems"].empty());
-    EXPECT_EQ(ContentOf(Path("packages.store")), before);
+    EXPECT_EQ(ContentOf("packages.store"), before);
+}
+
+// --- the map of identifier spaces
+
+TEST_F(QxstoreTest, AMapOfIdentifierSpacesIsDecodedAndChecked) {
+    const Guid one = {.Data1 = 1};
+    const Guid two = {.Data1 = 2};
+    TestStore store;
+    PSpace* const space = store.OpenSpace("moved", OM_OPEN_ALWAYS, CreateCSpace());
+    OidHigh first = 0;
+    OID oid;
+    {
+        const SpaceScope scope(space);
+        auto* const map = NewObject<OidSpaceMap>();
+        space->AddRoot("map", map);
+        oid = GetOid(static_cast<const OidSpaceMap*>(map));
+        first = map->GetOrCreateOidHigh(one);
+        map->GetOrCreateOidHigh(two);
+    }
+    store.CloseSpace(space);
+    Bytes record = ElementOf(*store->m_lss, oid);
+    store.Close();
+    std::filesystem::copy_file(store.Path(), "moved.store");
+    const Json json = JsonOf("dump moved.store map");
+    EXPECT_EQ(json["class"], "quna::OidSpaceMap");
+    EXPECT_EQ(json["schema"], 1);
+    ASSERT_EQ(json["oidSpaces"].size(), 2u);
+    EXPECT_EQ(json["oidSpaces"][0]["high"], first);
+    EXPECT_EQ(json["oidSpaces"][0]["guid"], "00000001-0000-0000-0000-000000000000");
+    EXPECT_EQ(json["oidSpaces"][1]["guid"], "00000002-0000-0000-0000-000000000000");
+    EXPECT_EQ(JsonOf("verify moved.store")["orphansKnown"], true); // it refers to nothing
+
+    // The second space gets the name of the first: no application could read that.
+    record[record.size() - 16] = 1;
+    store.Open();
+    PutElement(*store->m_lss, oid, record);
+    store.Close();
+    std::filesystem::copy_file(store.Path(), "moved.store", std::filesystem::copy_options::overwrite_existing);
+    const ToolResult verify = Qxstore("verify moved.store");
+    EXPECT_EQ(verify.status, 1);
+    EXPECT_NE(verify.out.find("an identifier space has the number 0 or the name of another one"), std::string::npos)
+        << verify.out;
+    EXPECT_NE(Out("dump moved.store map").find("not well formed"), std::string::npos);
 }
 
 // --- trees alone: everything can be followed

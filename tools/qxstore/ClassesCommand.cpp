@@ -36,10 +36,10 @@ void CountObject(OpenedStore& store, Seid seid, Sums& sums) {
     }
 }
 
-Sums CountAll(OpenedStore& store, const Directory& directory, bool quiet) {
+Sums CountAll(OpenedStore& store, const Directory& directory, Console& console) {
     Sums sums;
     sums.classes.resize(directory.Root().classes.size() + 1);
-    Progress progress("objects", store.Stats().numLiveHeadPackets, quiet);
+    Progress progress("objects", store.Stats().numLiveHeadPackets, console);
     store.Lss().VisitElements([&](Seid seid, Location) {
         if (!directory.IsOwnRecord(seid)) CountObject(store, seid, sums);
         progress.Advance(1);
@@ -76,11 +76,11 @@ void AddTypes(const Directory& directory, Report& report) {
 
 } // namespace
 
-EExit RunClasses(const Options& options) {
+EExit RunClasses(const Options& options, Console& console) {
     OpenedStore store(options.store);
     const Directory directory(store);
     directory.Root();
-    const Sums sums = CountAll(store, directory, options.quiet);
+    const Sums sums = CountAll(store, directory, console);
     Report report("classes", options.store);
     AddClasses(directory, sums, report);
     AddTypes(directory, report);
@@ -88,7 +88,7 @@ EExit RunClasses(const Options& options) {
         report.Add("unreadable", "objects that can't be read", Count(sums.unreadable));
         report.conclusion = "The store is damaged: 'qxstore verify' says where.";
     }
-    Print(report, options);
+    Print(report, options, console);
     return sums.unreadable ? EXIT_DAMAGED : EXIT_GOOD;
 }
 

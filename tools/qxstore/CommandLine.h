@@ -7,7 +7,7 @@
 
 namespace quna::qxstore {
 
-using Command = EExit (*)(const Options& options);
+using Command = EExit (*)(const Options& options, Console& console);
 
 struct CommandLine {
     Command command = nullptr; // null: there is nothing to do but to exit
@@ -17,6 +17,6 @@ struct CommandLine {
 };
 
 // Prints help, version or what is wrong with the arguments.
-CommandLine ParseCommandLine(int argc, char** argv);
+CommandLine ParseCommandLine(int argc, const char* const* argv, Console& console);
 
 } // namespace quna::qxstore

@@ -116,7 +116,9 @@ void Decoder::ObjectOf(const ReadOnlyBuffer& record) {
 }
 
 void Decoder::OidSpacesOf(const ReadOnlyBuffer& body) {
-    const std::vector<OidSpace> spaces = ParseOidSpaceMap(body);
+    const OidSpaceMapRecord map = ParseOidSpaceMap(body);
+    const std::vector<OidSpace>& spaces = map.spaces;
+    m_report.Add("schema", "schema", Count(map.schema));
     Table& table = NewTable("oidSpaces", "Spaces of identifiers", {{"high", "high half"}, {"guid", "space"}});
     for (size_t i = 0; i < spaces.size() && !IsFull(table, spaces.size()); ++i)
         table.rows.push_back({Count(spaces[i].high), Text(GuidText(spaces[i].guid))});

@@ -11,7 +11,7 @@ namespace {
 
 Directory::OnProblem Thrower(const std::string& path) {
     return [path](const std::string& problem) {
-        throw ToolError(EXIT_DAMAGED, "The store '" + path + "' is damaged: " + problem +
+        throw ToolError(EXIT_DAMAGED, DamagePrefix(path) + problem +
                                           "; 'qxstore verify' says what else is, a backup can take its place");
     };
 }
@@ -46,7 +46,7 @@ bool Directory::Read(OID oid, EElement kind, const std::string& what, Parse&& pa
         if (m_store.WithElement(oid, parse)) return true;
         problem = what + " (" + OidText(oid) + ") is missing";
     } catch (const std::exception& e) {
-        problem = what + " (" + OidText(oid) + ") can't be read: " + e.what();
+        problem = what + " (" + OidText(oid) + ") can't be read: " + WithoutDamagePrefix(e.what(), m_path);
     }
     m_onProblem(problem);
     return false;

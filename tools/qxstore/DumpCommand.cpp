@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <optional>
 #include <string_view>
 
@@ -47,7 +46,7 @@ void FindRootsWithSpace(const Directory& directory, const std::string& path, std
 }
 
 // A name goes before an OID that is spelled like it only with --space.
-OID FindObject(const Directory& directory, const Options& options) {
+OID FindObject(const Directory& directory, const Options& options, const std::string& problem) {
     if (options.space.empty()) {
         if (const std::optional<OID> oid = ParseOid(options.object)) return *oid;
     }
@@ -59,6 +58,9 @@ OID FindObject(const Directory& directory, const Options& options) {
         if (found.empty()) FindRootsWithSpace(directory, options.object, found);
     }
     if (found.size() == 1) return found[0];
+    if (found.empty() && !problem.empty())
+        throw ToolError(EXIT_DAMAGED, DamagePrefix(options.store) + problem + "; so the root '" + options.object +
+                                          "' was not found, but an OID, spelled 1:2a, can be dumped");
     if (found.empty())
         throw ToolError(EXIT_NOT_FOUND, "The store '" + options.store + "' has no root '" + options.object +
                                             "'; 'qxstore roots' lists those that it has, an OID is spelled 1:2a");
@@ -78,15 +80,18 @@ void AddHex(const ReadOnlyBuffer& record, int64 maxBytes, Report& report) {
 
 } // namespace
 
-EExit RunDump(const Options& options) {
+EExit RunDump(const Options& options, Console& console) {
     OpenedStore store(options.store);
-    const Directory directory(store, [](const std::string&) {}); // of a damaged store each record can be looked at
-    const OID oid = FindObject(directory, options);
+    std::string problem; // the first; of a damaged store each record can be looked at all the same
+    const Directory directory(store, [&problem](const std::string& text) {
+        if (problem.empty()) problem = text;
+    });
+    const OID oid = FindObject(directory, options, problem);
     Report report("dump", options.store);
     report.Add("oid", "element", Text(OidText(oid)));
     const bool exists = store.WithElement(oid, [&](const ReadOnlyBuffer& record) {
         if (options.raw) {
-            std::fwrite(record.buffer, 1, static_cast<size_t>(record.size), stdout);
+            WriteOut({reinterpret_cast<const char*>(record.buffer), static_cast<size_t>(record.size)}, console);
             return;
         }
         report.Add("bytes", "size", Bytes(record.size));
@@ -96,7 +101,7 @@ EExit RunDump(const Options& options) {
     if (!exists)
         throw ToolError(EXIT_NOT_FOUND, "The store '" + options.store + "' has no element " + OidText(oid) +
                                             "; 'qxstore roots' lists objects to begin with");
-    if (!options.raw) Print(report, options);
+    if (!options.raw) Print(report, options, console);
     return EXIT_GOOD;
 }
 

@@ -1,5 +1,7 @@
 #include "tools/qxstore/Findings.h"
 
+#include "tools/qxstore/ToolError.h"
+
 namespace quna::qxstore {
 
 namespace {
@@ -9,8 +11,7 @@ constexpr size_t MAX_KEPT = 100; // of each kind; the others are counted
 } // namespace
 
 void Findings::Problem(const std::string& where, const std::exception& e) {
-    std::string text = e.what();
-    if (text.compare(0, m_prefix.size(), m_prefix) == 0) text.erase(0, m_prefix.size());
+    const std::string text = WithoutDamagePrefix(e.what(), m_storePath);
     Problem(where.empty() ? text : where + ": " + text);
 }
 

@@ -12,7 +12,7 @@ namespace quna::qxstore {
 // A problem means that the store is damaged; a note is something to know that harms nothing.
 class Findings {
 public:
-    explicit Findings(const std::string& storePath) : m_prefix("The store '" + storePath + "' is damaged: ") {}
+    explicit Findings(const std::string& storePath) : m_storePath(storePath) {}
 
     void Problem(const std::string& text) { Add(m_problems, text); }
     // `where` may be empty. The exception's text begins with the store's name, which is said once.
@@ -29,7 +29,7 @@ private:
     static void Add(List& list, const std::string& text);
     static int64 CountOf(const List& list) { return static_cast<int64>(list.items.size()) + list.numOmitted; }
 
-    const std::string m_prefix;
+    const std::string m_storePath;
     List m_problems{"problems", "Problems", {}, 0};
     List m_notes{"notes", "Notes", {}, 0};
     List m_orphans{"orphans", "Orphans: no root and no other object refers to them", {}, 0};

@@ -30,6 +30,10 @@ void AddFile(OpenedStore& store, Report& report) {
     report.Add("closedCleanly", "closed cleanly", YesNo(store.WasClosedCleanly()));
     report.Add("checkpoint", "newest checkpoint", Count(static_cast<int64>(header.checkpointSequence)));
     report.Add("transactions", "transactions", Count(store.Stats().numTransactions));
+    report.Add("lastTransaction", "last transaction", Count(static_cast<int64>(store.LastTransaction())));
+    report.Add("archived", "archived", YesNo(header.archivedUpTo != 0));
+    if (header.archivedUpTo)
+        report.Add("archivedUpTo", "archived up to transaction", Count(static_cast<int64>(header.archivedUpTo)));
 }
 
 void AddObjects(OpenedStore& store, const Directory& directory, Report& report) {
@@ -49,7 +53,7 @@ void AddObjects(OpenedStore& store, const Directory& directory, Report& report) 
 
 } // namespace
 
-EExit RunInfo(const Options& options) {
+EExit RunInfo(const Options& options, Console& console) {
     OpenedStore store(options.store);
     const Directory directory(store);
     const LssStats stats = store.Stats();
@@ -58,7 +62,7 @@ EExit RunInfo(const Options& options) {
     report.Add("liveBytes", "live data", Bytes(stats.utilisation));
     report.Add("livePercent", "share of the file", Share(stats.utilisation, stats.fileSize));
     AddObjects(store, directory, report);
-    Print(report, options);
+    Print(report, options, console);
     return EXIT_GOOD;
 }
 

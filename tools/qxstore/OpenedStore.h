@@ -25,6 +25,8 @@ public:
     const SegmentTable& Segments() { return *Core().m_segments; }
     ssize_t NumSlots() { return m_lss->SpaceForTest().NumSlots(); }
     LssStats Stats();
+    // Its number, 0 before the first.
+    uint64 LastTransaction() { return m_lss->LogForTest().LastTransaction(); }
 
     // The newest checkpoint, from which opening rolls forward.
     const CheckpointHeader& Header() const { return m_header; }

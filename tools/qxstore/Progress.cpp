@@ -1,9 +1,7 @@
 #include "tools/qxstore/Progress.h"
 
 #include <algorithm>
-#include <cstdio>
-
-#include <unistd.h>
+#include <utility>
 
 namespace quna::qxstore {
 
@@ -13,19 +11,20 @@ constexpr int64 BAR_COLUMNS = 40;
 
 } // namespace
 
-Progress::Progress(std::string what, int64 total, bool quiet)
-    : m_what(std::move(what)), m_total(total), m_isShown(!quiet && ::isatty(STDERR_FILENO)) {
-    Advance(0);
+Progress::Progress(std::string what, int64 total, Console& console)
+    : m_what(std::move(what)), m_console(console), m_total(total) {
+    Set(0, total);
 }
 
 Progress::~Progress() {
-    if (m_isShown) std::fputs("\r\x1b[K", stderr);
+    if (m_console.showsProgress) m_console.err << "\r\x1b[K" << std::flush;
 }
 
-void Progress::Advance(int64 n) {
-    m_done += n;
-    if (!m_isShown) return;
-    const int64 percent = m_total > 0 ? std::min<int64>(100, m_done * 100 / m_total) : 100;
+void Progress::Set(int64 done, int64 total) {
+    m_done = done;
+    m_total = total;
+    if (!m_console.showsProgress) return;
+    const int64 percent = total > 0 ? std::min<int64>(100, done * 100 / total) : 0;
     if (percent == m_percent) return;
     m_percent = percent;
     Draw();
@@ -33,9 +32,9 @@ void Progress::Advance(int64 n) {
 
 void Progress::Draw() const {
     const size_t full = static_cast<size_t>(m_percent * BAR_COLUMNS / 100);
-    const std::string bar = std::string(full, '#') + std::string(static_cast<size_t>(BAR_COLUMNS) - full, '.');
-    std::fprintf(stderr, "\r%s [%s] %3d%%", m_what.c_str(), bar.c_str(), static_cast<int>(m_percent));
-    std::fflush(stderr);
+    m_console.err << '\r' << m_what << " [" << std::string(full, '#')
+                  << std::string(static_cast<size_t>(BAR_COLUMNS) - full, '.') << "] " << m_percent << '%'
+                  << std::flush;
 }
 
 } // namespace quna::qxstore

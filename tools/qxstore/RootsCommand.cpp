@@ -17,7 +17,7 @@ void AddRoots(OpenedStore& store, const Directory& directory, const Space& space
 
 } // namespace
 
-EExit RunRoots(const Options& options) {
+EExit RunRoots(const Options& options, Console& console) {
     OpenedStore store(options.store);
     const Directory directory(store);
     directory.Root();
@@ -31,7 +31,7 @@ EExit RunRoots(const Options& options) {
     } else {
         for (const Space& space : directory.Spaces()) AddRoots(store, directory, space, table);
     }
-    Print(report, options);
+    Print(report, options, console);
     return EXIT_GOOD;
 }
 

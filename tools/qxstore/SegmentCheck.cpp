@@ -4,6 +4,7 @@
 #include "tools/qxstore/Units.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 namespace quna::qxstore {
@@ -27,9 +28,9 @@ bool LooksLikeInfo(uint32 info) {
 SegmentCheck::SegmentCheck(OpenedStore& store, Findings& findings)
     : m_store(store), m_findings(findings), m_bytes(static_cast<size_t>(store.Segments().SegmentSize())) {}
 
-void SegmentCheck::Run(bool quiet) {
+void SegmentCheck::Run(Console& console) {
     ReadHeaders();
-    Progress progress("segments", static_cast<int64>(m_segments.size()), quiet);
+    Progress progress("segments", static_cast<int64>(m_segments.size()), console);
     for (Segment& segment : m_segments) {
         try {
             CheckSegment(segment);
@@ -47,27 +48,34 @@ void SegmentCheck::ReadHeaders() {
         segment.slot = slot;
         segment.entry = m_store.Segments().Entry(slot);
         if (!segment.entry.sequence) continue;
-        segment.hasHeader = ReadHeader(segment);
+        segment.headerDamage = ReadHeader(segment);
         const SegmentHeader& header = segment.header;
-        if (segment.hasHeader && header.kind == static_cast<uint32>(ESegmentKind::USER))
+        if (segment.headerDamage.empty() && header.kind == static_cast<uint32>(ESegmentKind::USER))
             m_nextClock[header.previousSequence] = header.clockAtOpening;
         m_segments.push_back(segment);
     }
 }
 
-// False if it is not that of the segment that the usage table knows.
-bool SegmentCheck::ReadHeader(Segment& segment) const {
+// What makes it another one than that of the segment that the usage table knows; empty: nothing.
+std::string SegmentCheck::ReadHeader(Segment& segment) const {
     StoreCore& core = m_store.Core();
     SegmentHeader& header = segment.header;
     try {
         core.m_file.Read(m_store.Segments().OffsetOf(segment.slot), &header, sizeof header);
-    } catch (const FileException&) {
-        return false;
+    } catch (const FileException& e) {
+        return e.what();
     }
-    return std::memcmp(header.magic, SEGMENT_MAGIC, sizeof header.magic) == 0 &&
-           header.slot == static_cast<uint32>(segment.slot) && header.storeIdStart == StoreIdStart(core.m_storeId) &&
-           header.crc == Crc32c(&header, offsetof(SegmentHeader, crc)) && header.sequence == segment.entry.sequence &&
-           header.kind == segment.entry.kind;
+    if (std::memcmp(header.magic, SEGMENT_MAGIC, sizeof header.magic) != 0) return "it does not begin as one";
+    const uint32 crc = Crc32c(&header, offsetof(SegmentHeader, crc));
+    if (header.crc != crc) return "the checksum is wrong, " + Mismatch(header.crc, crc);
+    if (header.storeIdStart != StoreIdStart(core.m_storeId)) return "it is that of another store";
+    if (header.slot != static_cast<uint32>(segment.slot))
+        return "it is that of another slot, " + Mismatch(uint64{header.slot}, static_cast<uint64>(segment.slot));
+    if (header.sequence != segment.entry.sequence)
+        return "it is that of another segment, " + Mismatch(header.sequence, segment.entry.sequence);
+    if (header.kind != segment.entry.kind)
+        return "it is of another kind, " + Mismatch(uint64{header.kind}, uint64{segment.entry.kind});
+    return {};
 }
 
 std::string SegmentCheck::NameOf(const Segment& segment) const {
@@ -76,7 +84,8 @@ std::string SegmentCheck::NameOf(const Segment& segment) const {
 }
 
 void SegmentCheck::CheckSegment(Segment& segment) {
-    if (!segment.hasHeader) m_findings.Problem(NameOf(segment) + ": its header is not valid");
+    if (!segment.headerDamage.empty())
+        m_findings.Problem(NameOf(segment) + ": its header is not valid: " + segment.headerDamage);
     segment.size = m_store.Core().m_file.ReadUpTo(m_store.Segments().OffsetOf(segment.slot), m_bytes.data(),
                                                   m_store.Segments().SegmentSize());
     FindEnd(segment);
@@ -88,7 +97,7 @@ void SegmentCheck::CheckSegment(Segment& segment) {
 
 void SegmentCheck::FindEnd(Segment& segment) const {
     const SegmentHeader& header = segment.header;
-    if (!segment.hasHeader || header.kind != static_cast<uint32>(ESegmentKind::USER)) return;
+    if (!segment.headerDamage.empty() || header.kind != static_cast<uint32>(ESegmentKind::USER)) return;
     const auto next = m_nextClock.find(header.sequence);
     if (next != m_nextClock.end() && next->second >= header.clockAtOpening &&
         next->second - header.clockAtOpening <= static_cast<uint64>(m_store.Segments().SegmentSize()))
@@ -98,13 +107,34 @@ void SegmentCheck::FindEnd(Segment& segment) const {
         segment.leastEnd = static_cast<ssize_t>(checkpoint.startOffset);
 }
 
-bool SegmentCheck::IsPacketAt(const Segment& segment, ssize_t pos) const {
+// With a type and a length that a packet can have here.
+bool SegmentCheck::HasPlausibleHeader(const Segment& segment, ssize_t pos) const {
     if (pos + PACKET_HEADER_BYTES > segment.size) return false;
+    const uint32 info = ReadPod<PacketHeader>(m_bytes.data() + pos).info;
+    return LooksLikeInfo(info) && pos + PacketBytes(info) <= segment.size;
+}
+
+// Requires: HasPlausibleHeader.
+uint32 SegmentCheck::ExpectedCrc(const Segment& segment, ssize_t pos) const {
     const octet_t* const packet = m_bytes.data() + pos;
-    const PacketHeader header = ReadPod<PacketHeader>(packet);
-    return LooksLikeInfo(header.info) && pos + PacketBytes(header.info) <= segment.size &&
-           PacketCrc(SegmentCrcSeed(m_store.Core().m_storeId, segment.entry.sequence), static_cast<uint32>(pos), packet,
-                     PayloadBytes(header.info)) == header.crc;
+    return PacketCrc(SegmentCrcSeed(m_store.Core().m_storeId, segment.entry.sequence), static_cast<uint32>(pos), packet,
+                     PayloadBytes(ReadPod<PacketHeader>(packet).info));
+}
+
+bool SegmentCheck::IsPacketAt(const Segment& segment, ssize_t pos) const {
+    return HasPlausibleHeader(segment, pos) &&
+           ExpectedCrc(segment, pos) == ReadPod<PacketHeader>(m_bytes.data() + pos).crc;
+}
+
+std::string SegmentCheck::DamageAt(const Segment& segment, ssize_t pos) const {
+    if (pos + PACKET_HEADER_BYTES > segment.size) return "the file ends here";
+    const PacketHeader header = ReadPod<PacketHeader>(m_bytes.data() + pos);
+    if (!HasPlausibleHeader(segment, pos)) {
+        char info[48];
+        std::snprintf(info, sizeof info, "found %08x as type and length", header.info);
+        return info;
+    }
+    return "the checksum is wrong, " + Mismatch(header.crc, ExpectedCrc(segment, pos));
 }
 
 // There is no packet at `pos`: should there be one?
@@ -123,9 +153,11 @@ ssize_t SegmentCheck::FindNextPacket(const Segment& segment, ssize_t pos) const 
 void SegmentCheck::CheckPadding(const Segment& segment, ssize_t pos, uint32 info) const {
     const octet_t* const begin = m_bytes.data() + pos + PACKET_HEADER_BYTES + PayloadBytes(info);
     const octet_t* const end = m_bytes.data() + pos + PacketBytes(info);
-    if (std::any_of(begin, end, [](octet_t byte) { return byte != 0; }))
-        m_findings.Problem(NameOf(segment) + ": the bytes that fill up the packet at offset " +
-                           std::to_string(m_store.Segments().OffsetOf(segment.slot) + pos) + " are not zero");
+    const octet_t* const bad = std::find_if(begin, end, [](octet_t byte) { return byte != 0; });
+    if (bad == end) return;
+    m_findings.Problem(NameOf(segment) + ": a byte that fills up a packet at offset " +
+                       std::to_string(m_store.Segments().OffsetOf(segment.slot) + (bad - m_bytes.data())) + ": " +
+                       Mismatch(uint64{*bad}, uint64{0}));
 }
 
 void SegmentCheck::WalkPackets(Segment& segment) {
@@ -149,7 +181,7 @@ void SegmentCheck::WalkPackets(Segment& segment) {
         hasGap = true;
         m_findings.Problem(
             NameOf(segment) + ": no valid packet at offset " +
-            std::to_string(m_store.Segments().OffsetOf(segment.slot) + pos) +
+            std::to_string(m_store.Segments().OffsetOf(segment.slot) + pos) + ": " + DamageAt(segment, pos) +
             (isLast ? ", and none behind it" : ", " + Counted(next - pos, "byte", "bytes") + " before the next"));
         if (isLast) return;
         pos = next;

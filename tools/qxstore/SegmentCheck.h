@@ -7,6 +7,7 @@
 #include "tools/qxstore/Progress.h"
 
 #include <map>
+#include <string>
 #include <vector>
 
 namespace quna::qxstore {
@@ -19,7 +20,7 @@ class SegmentCheck {
 public:
     SegmentCheck(OpenedStore& store, Findings& findings);
 
-    void Run(bool quiet);
+    void Run(Console& console);
     int64 NumSegments() const { return m_numSegments; }
     int64 NumPackets() const { return m_numPackets; }
 
@@ -29,19 +30,22 @@ private:
         ssize_t slot = 0;
         SutEntry entry{};
         SegmentHeader header{};
-        bool hasHeader = false; // a valid one
-        ssize_t size = 0;       // bytes that the file has of it
-        ssize_t knownEnd = -1;  // where its packets end; -1: not known
-        ssize_t leastEnd = 0;   // they reach at least as far
-        int64 numCounted = 0;   // packets of the kinds that the usage table counts
+        std::string headerDamage; // why the header is not valid; empty: it is
+        ssize_t size = 0;         // bytes that the file has of it
+        ssize_t knownEnd = -1;    // where its packets end; -1: not known
+        ssize_t leastEnd = 0;     // they reach at least as far
+        int64 numCounted = 0;     // packets of the kinds that the usage table counts
     };
 
     void ReadHeaders();
-    bool ReadHeader(Segment& segment) const;
+    std::string ReadHeader(Segment& segment) const;
     void CheckSegment(Segment& segment);
     void FindEnd(Segment& segment) const;
     void WalkPackets(Segment& segment);
+    bool HasPlausibleHeader(const Segment& segment, ssize_t pos) const;
+    uint32 ExpectedCrc(const Segment& segment, ssize_t pos) const;
     bool IsPacketAt(const Segment& segment, ssize_t pos) const;
+    std::string DamageAt(const Segment& segment, ssize_t pos) const;
     void CheckPadding(const Segment& segment, ssize_t pos, uint32 info) const;
     bool MustGoOn(const Segment& segment, ssize_t pos) const;
     ssize_t FindNextPacket(const Segment& segment, ssize_t pos) const;

@@ -4,7 +4,7 @@
 
 namespace quna::qxstore {
 
-EExit RunSpaces(const Options& options) {
+EExit RunSpaces(const Options& options, Console& console) {
     OpenedStore store(options.store);
     const Directory directory(store);
     directory.Root();
@@ -24,7 +24,7 @@ EExit RunSpaces(const Options& options) {
                               Count(static_cast<int64>(space.deletion.subTrees.size())),
                               Count(static_cast<int64>(space.deletion.objects.size()))});
     }
-    Print(report, options);
+    Print(report, options, console);
     return EXIT_GOOD;
 }
 

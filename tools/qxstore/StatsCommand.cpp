@@ -95,13 +95,13 @@ void AddSizes(OpenedStore& store, Report& report) {
 
 } // namespace
 
-EExit RunStats(const Options& options) {
+EExit RunStats(const Options& options, Console& console) {
     OpenedStore store(options.store);
     Report report("stats", options.store);
     AddCounters(store, report);
     AddSegments(store, report);
     AddSizes(store, report);
-    Print(report, options);
+    Print(report, options, console);
     return EXIT_GOOD;
 }
 

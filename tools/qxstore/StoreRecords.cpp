@@ -6,6 +6,8 @@
 #include "qxUtils/Schema.h"
 #include "qxUtils/xostream.h"
 
+#include <set>
+
 namespace quna::qxstore {
 
 namespace {
@@ -93,13 +95,19 @@ DeletionRecord ParseDeletionRecord(const ReadOnlyBuffer& record) {
     return queue;
 }
 
-std::vector<OidSpace> ParseOidSpaceMap(const ReadOnlyBuffer& body) {
-    std::vector<OidSpace> spaces;
-    ParseWhole(body, [&spaces](InputArchive ar) {
-        return ReadAll(ReadSchema(ar, MAP_SCHEMA), spaces,
+OidSpaceMapRecord ParseOidSpaceMap(const ReadOnlyBuffer& body) {
+    OidSpaceMapRecord map;
+    ParseWhole(body, [&map](InputArchive ar) {
+        ar = DeserialiseSchema(ar, MAP_SCHEMA, map.schema);
+        return ReadAll(ar, map.spaces,
                        [](InputArchive from, OidSpace& space) { return from >> space.high >> space.guid; });
     });
-    return spaces;
+    std::set<Guid> names;
+    for (const OidSpace& space : map.spaces) {
+        if (space.high == 0 || !names.insert(space.guid).second)
+            throw RecordException("an identifier space has the number 0 or the name of another one");
+    }
+    return map;
 }
 
 ObjectRecord ParseObjectRecord(const ReadOnlyBuffer& record) {

@@ -53,6 +53,10 @@ struct OidSpace {
     OidHigh high = 0;
     Guid guid{};
 };
+struct OidSpaceMapRecord {
+    int schema = 0;
+    std::vector<OidSpace> spaces;
+};
 // The class of the library whose objects hold such; they refer to nothing.
 inline constexpr const char* OID_SPACE_MAP_CLASS = "quna::OidSpaceMap";
 
@@ -62,7 +66,7 @@ std::vector<NamedOid> ParseSpaceMap(const ReadOnlyBuffer& record);
 RootsRecord ParseRootsRecord(const ReadOnlyBuffer& record);
 DeletionRecord ParseDeletionRecord(const ReadOnlyBuffer& record);
 // `body` is the record behind the class id.
-std::vector<OidSpace> ParseOidSpaceMap(const ReadOnlyBuffer& body);
+OidSpaceMapRecord ParseOidSpaceMap(const ReadOnlyBuffer& body);
 // Looks at the class id only.
 ObjectRecord ParseObjectRecord(const ReadOnlyBuffer& record);
 

@@ -9,11 +9,13 @@ namespace quna::qxstore {
 // The exit status of the program. docs/qxstore.md lists them.
 enum EExit {
     EXIT_GOOD = 0,
-    EXIT_DAMAGED = 1,   // the store is damaged
-    EXIT_USAGE = 2,     // wrong arguments
-    EXIT_NO_OPEN = 3,   // the store can't be opened, for another reason than damage
-    EXIT_NOT_FOUND = 4, // what was asked for is not in the store
-    EXIT_INTERNAL = 5   // a failure that is not foreseen
+    EXIT_DAMAGED = 1,      // the store is damaged
+    EXIT_USAGE = 2,        // wrong arguments
+    EXIT_NO_OPEN = 3,      // the store can't be opened, for another reason than damage
+    EXIT_NOT_FOUND = 4,    // what was asked for is not in the store
+    EXIT_INTERNAL = 5,     // a failure that is not foreseen
+    EXIT_NO_TARGET = 6,    // the file that the command makes can't be made
+    EXIT_INTERRUPTED = 130 // Ctrl-C, as shells count it
 };
 
 // One sentence for the user: what failed, where, and what can be done.
@@ -25,5 +27,12 @@ public:
 private:
     const EExit m_exitCode;
 };
+
+// How the library begins the text of a CorruptLSSException. A longer text says it once.
+inline std::string DamagePrefix(const std::string& path) { return "The store '" + path + "' is damaged: "; }
+inline std::string WithoutDamagePrefix(const std::string& text, const std::string& path) {
+    const std::string prefix = DamagePrefix(path);
+    return text.starts_with(prefix) ? text.substr(prefix.size()) : text;
+}
 
 } // namespace quna::qxstore

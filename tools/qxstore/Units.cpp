@@ -63,6 +63,16 @@ std::string Counted(int64 n, std::string_view one, std::string_view many) {
     return GroupedNumber(n).append(" ").append(n == 1 ? one : many);
 }
 
+std::string Mismatch(uint32 found, uint32 expected) {
+    char text[48];
+    std::snprintf(text, sizeof text, "found %08x, expected %08x", found, expected);
+    return text;
+}
+
+std::string Mismatch(uint64 found, uint64 expected) {
+    return std::string("found ").append(std::to_string(found)).append(", expected ").append(std::to_string(expected));
+}
+
 std::string Printable(std::string_view text) {
     std::string result;
     while (!text.empty()) {

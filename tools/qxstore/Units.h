@@ -19,6 +19,11 @@ std::string Percentage(int64 tenths);
 // "3 roots", "1 root".
 std::string Counted(int64 n, std::string_view one, std::string_view many);
 
+// "found 0badf00d, expected 1234abcd".
+std::string Mismatch(uint32 found, uint32 expected);
+// "found 3, expected 4".
+std::string Mismatch(uint64 found, uint64 expected);
+
 // Control characters and bytes that are no UTF-8 as \xNN, so that a name can't disturb the terminal.
 std::string Printable(std::string_view text);
 // The columns that a printable text takes, with one for each code point.

@@ -33,9 +33,9 @@ void CheckElement(OpenedStore& store, Seid seid, ObjectCheck& objects, Findings&
 }
 
 // Loads every page and reads every element that the pages name.
-IndexSums CheckIndex(OpenedStore& store, ObjectCheck& objects, Findings& findings, bool quiet) {
+IndexSums CheckIndex(OpenedStore& store, ObjectCheck& objects, Findings& findings, Console& console) {
     IndexSums sums;
-    Progress progress("elements", store.Stats().numLiveHeadPackets, quiet);
+    Progress progress("elements", store.Stats().numLiveHeadPackets, console);
     bool isWhole = true;
     store.Lss().IndexForTest().VisitAll(
         [&](uint64 seid, Location) {
@@ -83,15 +83,15 @@ void AddFigures(const SegmentCheck& segments, const IndexSums& sums, const Objec
 
 } // namespace
 
-EExit RunVerify(const Options& options) {
+EExit RunVerify(const Options& options, Console& console) {
     OpenedStore store(options.store);
     Findings findings(options.store);
     CheckFront(store, findings);
     SegmentCheck segments(store, findings);
-    segments.Run(options.quiet);
+    segments.Run(console);
     const Directory directory(store, [&](const std::string& problem) { findings.Problem(problem); });
     ObjectCheck objects(store, directory, findings);
-    const IndexSums sums = CheckIndex(store, objects, findings, options.quiet);
+    const IndexSums sums = CheckIndex(store, objects, findings, console);
     objects.CheckSpaces();
     objects.FindOrphans();
 
@@ -101,7 +101,7 @@ EExit RunVerify(const Options& options) {
     const int64 numProblems = findings.NumProblems();
     report.conclusion = numProblems ? "The store is DAMAGED: " + Counted(numProblems, "problem", "problems") + "."
                                     : "The store is sound.";
-    Print(report, options);
+    Print(report, options, console);
     return numProblems ? EXIT_DAMAGED : EXIT_GOOD;
 }
 
