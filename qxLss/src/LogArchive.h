@@ -97,8 +97,8 @@ private:
 
     // The place up to which everything is archived, or belongs to no transaction.
     ChainPosition m_position;
-    uint64 m_nameTaken =
-        0; // first transaction of a delta that has its name, though its directory could not be synced; 0: none
+    // First transaction of a delta that has its name, though its directory could not be synced; 0: none.
+    uint64 m_nameTaken = 0;
 
     std::atomic<uint64> m_positionClock{0};
     std::atomic<uint64> m_wakeAt{0}; // clock from which on the thread is to be told
