@@ -15,7 +15,8 @@ using Json = nlohmann::json;
 
 // What differs from run to run: the store's id, and what the background writer's timing decides.
 std::string Masked(const std::string& text) {
-    static const std::regex varying("(store id|newest checkpoint|transactions|live data|share of the file)( +)[^\n]*");
+    static const std::regex varying(
+        "(store id|newest checkpoint|transactions|last transaction|live data|share of the file)( +)[^\n]*");
     return std::regex_replace(text, varying, "$1$2*");
 }
 
@@ -56,6 +57,8 @@ segment size       512 KiB (524,288 bytes)
 closed cleanly     yes
 newest checkpoint  *
 transactions       *
+last transaction   *
+archived           no
 live data          *
 share of the file  *
 object store       yes
