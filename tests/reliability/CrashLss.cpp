@@ -3,7 +3,8 @@
 // process death there may leave the disk; each opened and compared with the model, and from some the life goes on.
 //
 // A failure prints "seed,k,v": the workload, the number of calls before the crash, the variant. --replay runs that one.
-// At scale 1 all scripts are swept and every point of 40 random workloads; below only a share of both.
+// At scale 1 all scripts are swept and every point of 40 random workloads, with 40 variants each; below only a share of both.
+// --part i,n does only one n-th of it.
 #include "tests/support/SimArguments.h"
 #include "tests/support/SimCrashImage.h"
 #include "tests/support/SimJobs.h"
@@ -18,9 +19,9 @@ namespace quna {
 namespace {
 
 constexpr uint64 NUM_OPERATIONS = static_cast<uint64>(ELssOperation::COUNT);
-constexpr uint64 NUM_SCRIPTS = 7 + 49 + 343 + 2401; // of 1 to 4 operations
-constexpr uint64 ALWAYS = 7 + 49;                   // those of up to 2 are in every run that is not tiny
-constexpr uint64 FIRST_SCRIPT_SEED = uint64{1} << 40;   // so that replay numbers tell them apart
+constexpr uint64 NUM_SCRIPTS = 7 + 49 + 343 + 2401;   // of 1 to 4 operations
+constexpr uint64 ALWAYS = 7 + 49;                     // those of up to 2 are in every run that is not tiny
+constexpr uint64 FIRST_SCRIPT_SEED = uint64{1} << 40; // so that replay numbers tell them apart
 constexpr int RANDOM_WORKLOADS = 40;
 constexpr int LEAST_RANDOM_WORKLOADS = 6;
 
@@ -69,10 +70,13 @@ void SweepOne(uint64 seed, double scale, SweepTotals& totals, int64 point = -1, 
 
 SweepTotals Sweep(const ReliabilityArguments& arguments, int job, int jobs) {
     SweepTotals totals;
-    const auto isMine = [&](uint64 i) { return i % static_cast<uint64>(jobs) == static_cast<uint64>(job); };
+    const uint64 shares = static_cast<uint64>(arguments.parts * jobs);
+    const uint64 mine = static_cast<uint64>(arguments.part * jobs + job);
+    const auto isMine = [&](uint64 i) { return i % shares == mine; };
     const uint64 share = static_cast<uint64>(std::min(1.0, arguments.scale) * 10000);
     for (uint64 i = 0; i < NUM_SCRIPTS; ++i) {
-        const bool isChosen = (i < ALWAYS && arguments.scale >= 0.005) || MixBits(arguments.seed * 10007 + i) % 10000 < share;
+        const bool isChosen =
+            (i < ALWAYS && arguments.scale >= 0.005) || MixBits(arguments.seed * 10007 + i) % 10000 < share;
         if (isChosen && isMine(i)) SweepOne(FIRST_SCRIPT_SEED + i, arguments.scale, totals);
     }
     const int workloads =

@@ -1,4 +1,4 @@
-// The command line of a reliability program: --seed N, --scale N, --replay seed,k,v, --jobs N.
+// The command line of a reliability program: --seed N, --scale N, --replay seed,k,v, --jobs N, --part i,n.
 #pragma once
 
 #include "qxUtils/BasicTypes.h"
@@ -15,6 +15,8 @@ struct ReliabilityArguments {
     uint64 seed = 1;
     double scale = 1;
     int jobs = 1; // processes that share the work, where a program can share it
+    int part = 0; // of `parts`: only that of the work, likewise
+    int parts = 1;
     bool replay = false;
     uint64 replaySeed = 0;
     int64 replayPoint = 0;
@@ -31,6 +33,8 @@ struct ReliabilityArguments {
                 scale = std::strtod(value, nullptr);
             } else if (value && name == "--jobs") {
                 jobs = std::max(1, std::atoi(value));
+            } else if (value && name == "--part") {
+                if (std::sscanf(value, "%d,%d", &part, &parts) != 2 || part < 0 || part >= parts) Usage(argv[0]);
             } else if (value && name == "--replay") {
                 unsigned long long s = 0;
                 long long k = 0;
@@ -49,7 +53,7 @@ struct ReliabilityArguments {
 
 private:
     [[noreturn]] static void Usage(const char* program) {
-        std::fprintf(stderr, "usage: %s [--seed N] [--scale N] [--replay seed,k,v] [--jobs N]\n", program);
+        std::fprintf(stderr, "usage: %s [--seed N] [--scale N] [--replay seed,k,v] [--jobs N] [--part i,n]\n", program);
         std::exit(2);
     }
 };
