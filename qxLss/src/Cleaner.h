@@ -11,9 +11,9 @@
 #include "qxLss/src/VictimPolicy.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <mutex>
 #include <vector>
 
@@ -99,8 +99,8 @@ private:
     std::atomic<uint64> m_notBefore{0};  // log clock before which there is nothing to win
     std::atomic<uint64> m_nextWaitAt{0}; // log clock at which writers look at the excess again
 
-    std::mutex m_roundMutex; // leaf
-    std::condition_variable m_roundEnded;
+    Mutex m_roundMutex{"Cleaner::m_roundMutex"}; // leaf
+    ConditionVariable m_roundEnded;
     uint64 m_numRounds = 0; // guarded by m_roundMutex
 };
 

@@ -112,7 +112,10 @@ private:
 };
 
 // Has a store threads of its own? Without them nothing happens in the background, so that a run depends on its calls alone.
-enum class EBackground { THREADS, NONE };
+enum class EBackground {
+    THREADS,
+    NONE
+};
 
 // CreateOrOpenLSS with another table of system calls, and segments down to 4 KiB.
 QX_API ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ deltasDirPath,

@@ -1,8 +1,8 @@
 // Each kind of system call fails at its n-th use, for every n, once and for ever, with EIO and with ENOSPC, under a random
 // workload. The failure must reach the caller, nothing may be acknowledged after a failed write or sync, and the disk must
 // hold a state that was allowed.
-#include "tests/support/SimArguments.h"
 #include "qxUtils/Tracer.h"
+#include "tests/support/SimArguments.h"
 #include "tests/support/SimLss.h"
 
 #include <algorithm>
