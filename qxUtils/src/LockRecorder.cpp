@@ -10,6 +10,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <execinfo.h>
@@ -35,36 +36,55 @@ public:
         return *s_instance;
     }
 
+    // A pair that the thread has made before costs no lock of all threads.
     void Wants(const void* lock, ConstStringZ name) {
-        std::lock_guard guard(m_mutex);
-        for (const Held& held : Mine()) {
-            if (held.lock != lock) AddPair(held.name, name);
+        Thread& mine = Mine();
+        std::vector<ConstStringZ> newlyBefore;
+        {
+            std::lock_guard guard(mine.mutex);
+            for (const Held& held : mine.held) {
+                if (held.lock != lock && mine.pairs.insert({held.name, name}).second) newlyBefore.push_back(held.name);
+            }
         }
+        for (const ConstStringZ held : newlyBefore) AddPair(held, name);
     }
 
     void Holds(const void* lock, ConstStringZ name) {
-        std::lock_guard guard(m_mutex);
-        Mine().push_back({lock, name});
+        Thread& mine = Mine();
+        std::lock_guard guard(mine.mutex);
+        mine.held.push_back({lock, name});
     }
 
     void Releases(const void* lock) {
-        std::lock_guard guard(m_mutex);
         if (Remove(Mine(), lock)) return;
-        for (std::vector<Held>* const other : m_threads) {
+        std::lock_guard guard(m_mutex);
+        for (Thread* const other : m_threads) {
             if (Remove(*other, lock)) return;
         }
     }
 
 private:
-    // The list of a thread lives as long as the process, since another thread may give back what this one took.
-    std::vector<Held>& Mine() {
-        thread_local std::vector<Held>* t_held = nullptr;
-        if (!t_held) m_threads.push_back(t_held = new std::vector<Held>);
-        return *t_held;
+    // Lives as long as the process, since another thread may give back what this one took. Others only remove.
+    struct Thread {
+        std::mutex mutex; // guards `held` against others
+        std::vector<Held> held;
+        std::set<std::pair<ConstStringZ, ConstStringZ>> pairs;
+    };
+
+    Thread& Mine() {
+        thread_local Thread* t_mine = nullptr;
+        if (!t_mine) {
+            t_mine = new Thread;
+            std::lock_guard guard(m_mutex);
+            m_threads.push_back(t_mine);
+        }
+        return *t_mine;
     }
 
     // The last one taken, as with recursion.
-    static bool Remove(std::vector<Held>& list, const void* lock) {
+    static bool Remove(Thread& thread, const void* lock) {
+        std::lock_guard guard(thread.mutex);
+        std::vector<Held>& list = thread.held;
         const auto i = std::find_if(list.rbegin(), list.rend(), [&](const Held& held) { return held.lock == lock; });
         if (i == list.rend()) return false;
         list.erase(std::next(i).base());
@@ -72,6 +92,7 @@ private:
     }
 
     void AddPair(const std::string& held, const std::string& wanted) {
+        std::lock_guard guard(m_mutex);
         if (!m_after[held].insert(wanted).second) return;
         std::vector<std::string> way;
         if (held == wanted ? MayNest(held) : !FindWay(wanted, held, way)) return;
@@ -123,8 +144,8 @@ private:
         ::close(fd);
     }
 
-    std::mutex m_mutex; // innermost of all; not recorded
-    std::vector<std::vector<Held>*> m_threads;
+    std::mutex m_mutex; // not recorded; outside those of the threads' lists
+    std::vector<Thread*> m_threads;
     std::map<std::string, std::set<std::string>> m_after; // wanted while holding
 };
 
