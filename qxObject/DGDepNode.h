@@ -3,6 +3,7 @@
 
 #include "qxObject/DGNode.h"
 #include "qxUtils/BasicTypes.h"
+#include "qxUtils/Mutex.h"
 
 #include <functional>
 #include <memory>
@@ -98,27 +99,27 @@ public:
 
 private:
     std::shared_ptr<const T> CurrentValue() const {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        std::lock_guard guard(m_mutex);
         return m_valueVersion == Version() ? m_value : nullptr;
     }
     void Keep(const std::shared_ptr<const T>& value, uint64 version) const {
         if (version == 0) return;
-        std::lock_guard<std::mutex> guard(m_mutex);
+        std::lock_guard guard(m_mutex);
         m_value = value;
         m_valueVersion = version;
     }
     // Only frees the value's memory: an outdated version hides it already.
     void Drop() const {
         std::shared_ptr<const T> old;
-        std::lock_guard<std::mutex> guard(m_mutex);
+        std::lock_guard guard(m_mutex);
         if (m_valueVersion != Version()) old.swap(m_value);
     }
 
     const xstring m_name;
     const std::function<T()> m_calculate;
-    mutable std::mutex m_mutex;               // leaf lock
-    mutable std::shared_ptr<const T> m_value; // guarded by m_mutex
-    mutable uint64 m_valueVersion = 0;        // guarded by m_mutex
+    mutable Mutex m_mutex{"DGDepNode::m_mutex"}; // leaf lock
+    mutable std::shared_ptr<const T> m_value;    // guarded by m_mutex
+    mutable uint64 m_valueVersion = 0;           // guarded by m_mutex
 };
 
 } // namespace quna

@@ -12,8 +12,8 @@
 #include "qxObject/DGDepNode.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -50,8 +50,8 @@ private:
     void Push(const DGWatcher& watcher);
     void Remove(const DGWatcher& watcher);
 
-    std::mutex m_mutex;                     // taken under the graph's calls; nothing is called while it is held
-    std::condition_variable m_changed;      // m_waiting has grown, or m_running has changed
+    Mutex m_mutex{"DGWatcher::m_mutex"};    // taken under the graph's calls; nothing is called while it is held
+    ConditionVariable m_changed;            // m_waiting has grown, or m_running has changed
     std::deque<const DGWatcher*> m_waiting; // each once; guarded by m_mutex
     const DGWatcher* m_running = nullptr;   // whose callback runs; guarded by m_mutex
     bool m_delivering = false;              // guarded by m_mutex

@@ -11,6 +11,7 @@
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
 #include "qxUtils/Guid.h"
+#include "qxUtils/Mutex.h"
 #include "qxUtils/xvector.h"
 
 #include <map>
@@ -88,7 +89,7 @@ public:
     void Write(xostream& os) const;
 
     NAME_MAP m_nameMap;
-    mutable std::mutex mutex_; // not recursive
+    mutable Mutex mutex_{"OidSpaceMap::mutex_"}; // not recursive
     ID_MAP m_idMap;
     xvector<uint32> newOidHighsDelta_; // not stored
 };

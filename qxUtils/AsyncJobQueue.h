@@ -2,6 +2,7 @@
 #pragma once
 
 #include "qxUtils/Event.h"
+#include "qxUtils/Mutex.h"
 #include "qxUtils/Thread.h"
 #include "qxUtils/xdeque.h"
 
@@ -85,7 +86,7 @@ private:
     bool finished_ = false; // guarded by mutex_ while the thread runs
     QUEUE queue_;           // guarded by mutex_
     ManualResetEvent evtQueueNonEmpty_;
-    std::mutex mutex_; // its own event's mutex is taken under it
+    Mutex mutex_{"AsyncJobQueue::mutex_"}; // its own event's mutex is taken under it
 };
 
 } // namespace quna

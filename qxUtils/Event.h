@@ -3,8 +3,8 @@
 
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
-#include <condition_variable>
 #include <mutex>
 
 namespace quna {
@@ -19,8 +19,8 @@ public:
     bool Wait(uint32 milliSecs);
 
 private:
-    std::mutex mutex_; // leaf lock
-    std::condition_variable condition_;
+    Mutex mutex_{"Event::mutex_"}; // leaf lock
+    ConditionVariable condition_;
     bool signaled_ = false; // guarded by mutex_
 };
 
@@ -34,8 +34,8 @@ public:
     bool Wait(uint32 milliSecs);
 
 private:
-    std::mutex mutex_; // leaf lock
-    std::condition_variable condition_;
+    Mutex mutex_{"Event::mutex_"}; // leaf lock
+    ConditionVariable condition_;
     bool signaled_ = false; // guarded by mutex_
 };
 

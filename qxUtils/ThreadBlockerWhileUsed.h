@@ -3,8 +3,8 @@
 
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
-#include <condition_variable>
 #include <mutex>
 
 namespace quna {
@@ -26,8 +26,8 @@ public:
     [[nodiscard]] bool Wait(uint32 milliSecs);
 
 private:
-    std::mutex mutex_; // leaf lock
-    std::condition_variable condition_;
+    Mutex mutex_{"ThreadBlockerWhileUsed::mutex_"}; // leaf lock
+    ConditionVariable condition_;
     int count_ = 0; // guarded by mutex_
 };
 

@@ -1,6 +1,8 @@
 // Small values that several threads read and write.
 #pragma once
 
+#include "qxUtils/Mutex.h"
+
 #include <atomic>
 #include <mutex>
 
@@ -21,8 +23,8 @@ public:
     }
 
 private:
-    mutable std::mutex mutex_; // leaf lock
-    T value_;                  // guarded by mutex_
+    mutable Mutex mutex_{"ThreadSafeValue::mutex_"}; // leaf lock
+    T value_;                                        // guarded by mutex_
 };
 
 // An atomic reference count.

@@ -4,6 +4,7 @@
 #include "qxLss/src/FileIo.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <array>
 #include <atomic>
@@ -154,7 +155,7 @@ private:
     const StoreId m_storeId;
     const std::function<void()> m_wakeCheckpoint;
 
-    mutable std::mutex m_mutex; // guards all below; held across the write of a block
+    mutable Mutex m_mutex{"AllocRing::m_mutex"}; // guards all below; held across the write of a block
     std::array<Slot, NUM_BLOCKS> m_slots;
     int m_current = -1;             // slot that holds m_set, or -1: none does
     std::map<uint32, uint32> m_set; // high -> horizon, at most MAX_ENTRIES

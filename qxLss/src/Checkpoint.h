@@ -11,6 +11,7 @@
 #include "qxLss/src/UserLog.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <mutex>
 #include <set>
@@ -55,7 +56,7 @@ public:
     CheckpointImage RunForCopy();
     // While the lock is held no checkpoint runs. For the cleaner's batches: a checkpoint would take a victim that is freed
     // during it for used, or an index segment for a victim.
-    std::unique_lock<std::mutex> Exclude() { return std::unique_lock(m_mutex); }
+    std::unique_lock<Mutex> Exclude() { return std::unique_lock(m_mutex); }
     // Recounts the usage table while nothing is written; see CheckUsage. Requires: the caller has no transaction open.
     void Validate();
     // The store's first transaction has been closed: from now on it counts as created.
@@ -107,7 +108,7 @@ private:
     AllocRing& m_ring;
     SeidAllocator& m_allocator;
 
-    std::mutex m_mutex; // guards all below
+    Mutex m_mutex{"Checkpoint::m_mutex"}; // guards all below
     SegmentWriter m_writer;
     CheckpointHeader m_header{};     // the newest durable one
     std::vector<SutEntry> m_copy;    // of the usage table, of the running checkpoint

@@ -3,8 +3,8 @@
 
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
-#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -31,9 +31,9 @@ private:
     void ThreadMain();
 
     std::function<int()> m_work;
-    std::function<void()> m_failed; // called inside the catch block
-    std::mutex m_mutex;             // leaf
-    std::condition_variable m_wake;
+    std::function<void()> m_failed;        // called inside the catch block
+    Mutex m_mutex{"CleanThread::m_mutex"}; // leaf
+    ConditionVariable m_wake;
     bool m_woken = false; // guarded by m_mutex
     bool m_stop = false;  // guarded by m_mutex
     std::thread m_thread;

@@ -2,6 +2,7 @@
 
 #include "qxLss/src/Mutants.h"
 #include "qxLss/src/Relocation.h"
+#include "qxUtils/Mutex.h"
 
 #include <algorithm>
 #include <chrono>
@@ -90,7 +91,7 @@ Cleaner::EOutcome Cleaner::CleanOnce(bool urgent) {
 }
 
 ssize_t Cleaner::CleanForTest(ssize_t maxVictims) {
-    std::unique_lock<std::mutex> maintenance;
+    std::unique_lock<Mutex> maintenance;
     if (!IsMutant(EMutant::BATCH_INSIDE_CHECKPOINT)) maintenance = m_checkpoint.Exclude();
     m_core.ThrowIfUnwritable();
     VictimLimits limits{};

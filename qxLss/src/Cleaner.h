@@ -11,9 +11,9 @@
 #include "qxLss/src/VictimPolicy.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <mutex>
 #include <vector>
 
@@ -105,8 +105,8 @@ private:
     std::atomic<uint64> m_notBefore{0};  // log clock before which there is nothing to win
     std::atomic<uint64> m_lastWaitAt{0}; // log clock at which a writer last looked whether it should wait
 
-    std::mutex m_roundMutex; // leaf
-    std::condition_variable m_roundEnded;
+    Mutex m_roundMutex{"Cleaner::m_roundMutex"}; // leaf
+    ConditionVariable m_roundEnded;
     uint64 m_numRounds = 0; // guarded by m_roundMutex
 };
 

@@ -3,9 +3,9 @@
 
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -35,8 +35,8 @@ public:
     bool IsShut() const { return m_isShut.load(std::memory_order_relaxed); }
 
 private:
-    std::mutex m_mutex; // leaf
-    std::condition_variable m_ended;
+    Mutex m_mutex{"CopyGate::m_mutex"}; // leaf
+    ConditionVariable m_ended;
     std::thread::id m_owner; // of the pass, none if nobody has it; guarded by m_mutex
     std::atomic<bool> m_isShut{false};
 };

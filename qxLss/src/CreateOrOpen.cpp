@@ -157,8 +157,8 @@ ConstStringZ OrEmpty(ConstStringZ path) { return path ? path : ""; }
 ILogStructuredStore* CreateOrOpenLSS(ConstStringZ path, ConstStringZ deltasDirPath, bool& createdNew,
                                      EOpenMode openMode, const LssSettings& settings) {
     CheckArguments(path);
-    return Open({RealSysCalls(), path, OrEmpty(deltasDirPath), openMode, settings, MIN_SEGMENT_SIZE, STAMP_SHIFT}, createdNew,
-                EBackground::THREADS);
+    return Open({RealSysCalls(), path, OrEmpty(deltasDirPath), openMode, settings, MIN_SEGMENT_SIZE, STAMP_SHIFT},
+                createdNew, EBackground::THREADS);
 }
 
 ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ deltasDirPath, bool& createdNew,

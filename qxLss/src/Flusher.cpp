@@ -1,5 +1,6 @@
 #include "qxLss/src/Flusher.h"
 
+#include "qxUtils/Mutex.h"
 #include "qxUtils/Thread.h"
 
 #include <algorithm>
@@ -84,7 +85,7 @@ void Flusher::SyncUntil(Served served) {
     }
 }
 
-void Flusher::RunSync(std::unique_lock<std::mutex>& lock) {
+void Flusher::RunSync(std::unique_lock<Mutex>& lock) {
     m_syncing = true;
     m_numBegun.store(NumSyncsBegun() + 1, std::memory_order_release);
     const uint64 clock = m_handedClock.load(std::memory_order_acquire);

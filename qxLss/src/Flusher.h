@@ -4,9 +4,9 @@
 #include "qxLss/src/StoreCore.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -63,7 +63,7 @@ public:
 private:
     template <class Served>
     void SyncUntil(Served served);
-    void RunSync(std::unique_lock<std::mutex>& lock);
+    void RunSync(std::unique_lock<Mutex>& lock);
     void ArmTimer();
     void ThreadMain();
     void DoDueWork();
@@ -74,8 +74,8 @@ private:
     std::atomic<uint64> m_durableClock{0};
     std::atomic<uint64> m_numBegun{0};
 
-    std::mutex m_syncMutex;
-    std::condition_variable m_syncEnded;
+    Mutex m_syncMutex{"Flusher::m_syncMutex"};
+    ConditionVariable m_syncEnded;
     bool m_syncing = false; // guarded by m_syncMutex
     uint64 m_numEnded = 0;  // guarded by m_syncMutex
 
@@ -83,8 +83,8 @@ private:
         int64 offset;
         int64 n;
     };
-    std::mutex m_wakeMutex; // leaf
-    std::condition_variable m_wake;
+    Mutex m_wakeMutex{"Flusher::m_wakeMutex"}; // leaf
+    ConditionVariable m_wake;
     std::vector<Range> m_writeBack;        // guarded by m_wakeMutex
     int64 m_deadline = 0;                  // ns, monotonic; guarded by m_wakeMutex
     bool m_topUp = false;                  // guarded by m_wakeMutex

@@ -6,6 +6,7 @@
 #include "qxLss/src/StoreCore.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <array>
 #include <atomic>
@@ -142,20 +143,23 @@ private:
     void MarkDirty(IndexLeaf& leaf);
     void WriteNode(IndexNode& node, IIndexPageSink& sink, std::vector<IndexInner*>& parents);
     static ssize_t Encode(const IndexNode& node, const std::array<Location, LEAF_SLOTS>* copy, octet_t* payload);
-    std::mutex& LoadMutex(uint32 page) const { return m_loadMutexes[page & 15]; }
+    Mutex& LoadMutex(uint32 page) const { return m_loadMutexes[page & 15]; }
 
     StoreCore& m_core;
     const uint64 m_number; // no other index of the process has it, or has had it
     std::unique_ptr<Directory> m_directory;
-    mutable std::array<std::mutex, 16> m_loadMutexes;          // leaves of the lock order, by page
-    mutable std::mutex m_nodesMutex;                           // innermost: guards m_nodes and m_highs
+    struct LoadingMutex : Mutex {
+        LoadingMutex() noexcept : Mutex("Index::m_loadMutexes") {}
+    };
+    mutable std::array<LoadingMutex, 16> m_loadMutexes;        // leaves of the lock order, by page
+    mutable Mutex m_nodesMutex{"Index::m_nodesMutex"};         // innermost: guards m_nodes and m_highs
     mutable std::vector<std::unique_ptr<IndexLeaf>> m_leaves;  // ownership only
     mutable std::vector<std::unique_ptr<IndexInner>> m_inners; // ownership only
     std::vector<std::unique_ptr<HighIndex>> m_highs;
 
-    std::mutex m_snapshotMutex;               // guards parent, own, copy and marked -> unmarked
-    std::vector<IndexLeaf*> m_dirtyLeaves;    // under the turn
-    std::vector<IndexLeaf*> m_snapshotLeaves; // of the running snapshot; the checkpoint's
+    Mutex m_snapshotMutex{"Index::m_snapshotMutex"}; // guards parent, own, copy and marked -> unmarked
+    std::vector<IndexLeaf*> m_dirtyLeaves;           // under the turn
+    std::vector<IndexLeaf*> m_snapshotLeaves;        // of the running snapshot; the checkpoint's
     uint64 m_snapshotNumber = 0;
     IndexLeaf* m_lastLeaf = nullptr; // of Prepare; under the turn
     HighIndex* m_lastHigh = nullptr;

@@ -8,9 +8,9 @@
 #include "qxLss/src/UserLog.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -101,10 +101,10 @@ private:
     uint64 m_nameTaken = 0;
 
     std::atomic<uint64> m_positionClock{0};
-    std::atomic<uint64> m_wakeAt{0}; // clock from which on the thread is to be told
-    std::mutex m_wakeMutex;          // leaf; guards all below
-    std::condition_variable m_wake;
-    std::condition_variable m_passEnded;
+    std::atomic<uint64> m_wakeAt{0};              // clock from which on the thread is to be told
+    Mutex m_wakeMutex{"LogArchive::m_wakeMutex"}; // leaf; guards all below
+    ConditionVariable m_wake;
+    ConditionVariable m_passEnded;
     uint64 m_numPasses = 0;
     uint64 m_notedClock = 0;
     int64 m_deadline = 0;   // ns, monotonic; 0: nothing waits

@@ -5,6 +5,7 @@
 #include "qxLss/src/TurnLock.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <atomic>
 #include <functional>
@@ -31,7 +32,7 @@ public:
     void Apply(const std::map<uint64, Bytes>& changes);
 
 private:
-    mutable std::shared_mutex m_mutex; // leaf; guards m_elements
+    mutable SharedMutex m_mutex{"Overlay::m_mutex"}; // leaf; guards m_elements
     std::unordered_map<uint64, Bytes> m_elements;
     std::atomic<bool> m_isEmpty{true};
 };

@@ -4,6 +4,7 @@
 #include "qxLss/src/SeidFamilies.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/Exceptions.h"
+#include "qxUtils/Mutex.h"
 
 #include <algorithm>
 #include <array>
@@ -54,9 +55,9 @@ struct SeidAllocator::HighState {
     std::atomic<bool> m_queued{false};          // for TopUp
     alignas(64) std::atomic<uint64> m_block{0}; // the incremental block; refilled under m_mutex
 
-    alignas(64) std::mutex m_mutex; // guards all below
-    uint32 m_frontier = 0;          // lows from here on belong to no extent
-    uint32 m_smallNext = 0;         // [m_smallNext, m_smallEnd) of a leaf are for small extents
+    alignas(64) Mutex m_mutex{"SeidAllocator, a high half"}; // guards all below
+    uint32 m_frontier = 0;                                   // lows from here on belong to no extent
+    uint32 m_smallNext = 0; // [m_smallNext, m_smallEnd) of a leaf are for small extents
     uint32 m_smallEnd = 0;
     uint32 m_nextBlock = FIRST_INCREMENTAL_BLOCK;
     uint32 m_horizonStep = FIRST_HORIZON_STEP; // of the next raise
@@ -126,7 +127,7 @@ private:
     std::array<std::atomic<HighState*>, NUM_FIRST> m_first{};
     std::array<std::atomic<Inner*>, 4096> m_top{};
 
-    mutable std::mutex m_mutex; // leaf; guards m_states and additions
+    mutable Mutex m_mutex{"SeidAllocator, its highs"}; // leaf; guards m_states and additions
     std::vector<std::unique_ptr<HighState>> m_states;
 };
 

@@ -5,6 +5,7 @@
 #include "qxLss/src/AllocRing.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <atomic>
 #include <functional>
@@ -105,8 +106,8 @@ private:
     const std::function<void()> m_wakeTopUp;
     std::unique_ptr<Directory> m_directory;
 
-    std::mutex m_topUpMutex;         // leaf
-    std::vector<HighState*> m_topUp; // states that wait for TopUp; guarded by m_topUpMutex
+    Mutex m_topUpMutex{"SeidAllocator::m_topUpMutex"}; // leaf
+    std::vector<HighState*> m_topUp;                   // states that wait for TopUp; guarded by m_topUpMutex
 };
 
 } // namespace quna

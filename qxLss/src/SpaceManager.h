@@ -4,6 +4,7 @@
 #include "qxLss/src/StoreCore.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <atomic>
 #include <mutex>
@@ -87,14 +88,14 @@ private:
     void UpdateReadyCount() { m_numReady.store(static_cast<ssize_t>(m_ready.size()), std::memory_order_relaxed); }
 
     StoreCore& m_core;
-    std::mutex m_fileMutex;        // one change of the file's blocks at a time
-    bool m_canPunch = true;        // guarded by m_fileMutex
-    mutable std::mutex m_mutex;    // guards all below; the atomics are written under it
-    std::set<ssize_t> m_ready;     // free, with blocks in the file
-    std::set<ssize_t> m_unready;   // free, perhaps without
-    std::set<ssize_t> m_hollow;    // free, without
-    std::set<ssize_t> m_held;      // keep their bytes, used or free
-    std::set<ssize_t> m_freedHeld; // of these: free, but for that
+    Mutex m_fileMutex{"SpaceManager::m_fileMutex"}; // one change of the file's blocks at a time
+    bool m_canPunch = true;                         // guarded by m_fileMutex
+    mutable Mutex m_mutex{"SpaceManager::m_mutex"}; // guards all below; the atomics are written under it
+    std::set<ssize_t> m_ready;                      // free, with blocks in the file
+    std::set<ssize_t> m_unready;                    // free, perhaps without
+    std::set<ssize_t> m_hollow;                     // free, without
+    std::set<ssize_t> m_held;                       // keep their bytes, used or free
+    std::set<ssize_t> m_freedHeld;                  // of these: free, but for that
     std::atomic<ssize_t> m_numSlots{0};
     std::atomic<ssize_t> m_numReady{0};
     std::atomic<ssize_t> m_lowWater{0}; // ready slots below which growing ahead is worth it

@@ -8,6 +8,7 @@
 #include "qxLss/src/SegmentTable.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <atomic>
 #include <functional>
@@ -103,7 +104,7 @@ private:
 
     const uint32 m_forkGeneration = ForkGeneration();
     std::atomic<bool> m_hasFailed{false};
-    mutable std::mutex m_failureMutex;
+    mutable Mutex m_failureMutex{"StoreCore::m_failureMutex"};
     std::string m_failure; // guarded by m_failureMutex
 };
 

@@ -3,6 +3,7 @@
 
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/LockRecorder.h"
 
 #include <atomic>
 
@@ -12,12 +13,14 @@ namespace quna {
 class QX_API TurnLock {
 public:
     void Acquire() {
+        LockRecorder::Wants(this, NAME);
         const uint32 ticket = m_nextTicket.fetch_add(1, std::memory_order_relaxed);
         for (;;) {
             const uint32 served = m_served.load(std::memory_order_acquire);
             if (served == ticket) break;
             m_served.wait(served, std::memory_order_acquire);
         }
+        LockRecorder::Holds(this, NAME);
         m_owner.store(ThisThread(), std::memory_order_relaxed);
     }
 
@@ -25,11 +28,13 @@ public:
     bool TryAcquire() {
         uint32 served = m_served.load(std::memory_order_acquire);
         if (!m_nextTicket.compare_exchange_strong(served, served + 1, std::memory_order_acquire)) return false;
+        LockRecorder::Holds(this, NAME);
         m_owner.store(ThisThread(), std::memory_order_relaxed);
         return true;
     }
 
     void Release() {
+        LockRecorder::Releases(this);
         m_owner.store(0, std::memory_order_relaxed);
         m_served.fetch_add(1, std::memory_order_release);
         m_served.notify_all();
@@ -39,6 +44,8 @@ public:
     bool IsOwnedByThisThread() const { return m_owner.load(std::memory_order_relaxed) == ThisThread(); }
 
 private:
+    static constexpr ConstStringZ NAME = "TurnLock";
+
     // Never 0, never used again after the thread's end.
     static uint64 ThisThread();
 

@@ -117,10 +117,10 @@ private:
     SegmentWriter m_writer;
     uint64 m_lastTransaction = 0;  // number of the last committed
     uint64 m_timeOfNextCommit = 0; // 100 ns since 1970; 0: the present
-    uint64 m_bytesSince = 0;      // since the last COMMIT, ABORT or RELOC
-    uint32 m_packetsSince = 0;    // likewise
-    int64 m_packetsAdded = 0;     // not yet in the store's counter
-    uint64 m_syncsSeen = 0;       // syncs begun when bytes were last handed over
+    uint64 m_bytesSince = 0;       // since the last COMMIT, ABORT or RELOC
+    uint32 m_packetsSince = 0;     // likewise
+    int64 m_packetsAdded = 0;      // not yet in the store's counter
+    uint64 m_syncsSeen = 0;        // syncs begun when bytes were last handed over
     std::atomic<uint64> m_handedClock{0};
 };
 

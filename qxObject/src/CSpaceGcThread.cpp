@@ -37,17 +37,17 @@ CSpaceGcThread::CSpaceGcThread(CSpace& cspace, int period, GCThreadFn fn)
 
 void CSpaceGcThread::Start() {
     QX_ASSERT(!IsCurrentThread());
-    std::lock_guard<std::mutex> starting(m_startMutex);
+    std::lock_guard starting(m_startMutex);
     if (m_thread.joinable()) {
         {
-            std::lock_guard<std::mutex> guard(m_mutex);
+            std::lock_guard guard(m_mutex);
             m_stop = m_stop && m_leaving;
             if (!m_leaving) return;
         }
         m_thread.join();
     }
     {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        std::lock_guard guard(m_mutex);
         m_stop = false;
         m_leaving = false;
     }
@@ -56,7 +56,7 @@ void CSpaceGcThread::Start() {
 }
 
 bool CSpaceGcThread::HasThread() {
-    std::lock_guard<std::mutex> starting(m_startMutex);
+    std::lock_guard starting(m_startMutex);
     return m_thread.joinable();
 }
 
@@ -68,13 +68,13 @@ void CSpaceGcThread::Run() {
     else
         CollectPeriodically(&m_cspace);
     m_tid.store(0, std::memory_order_relaxed);
-    std::lock_guard<std::mutex> guard(m_mutex);
+    std::lock_guard guard(m_mutex);
     m_leaving = true;
     m_wanted.store(false, std::memory_order_relaxed);
 }
 
 void CSpaceGcThread::RequestStop() {
-    std::lock_guard<std::mutex> guard(m_mutex);
+    std::lock_guard guard(m_mutex);
     m_stop = true;
     m_wanted.store(false, std::memory_order_relaxed);
     m_changed.notify_all();
@@ -83,14 +83,14 @@ void CSpaceGcThread::RequestStop() {
 void CSpaceGcThread::StopAndJoin() {
     QX_ASSERT(!IsCurrentThread());
     RequestStop();
-    std::lock_guard<std::mutex> starting(m_startMutex);
+    std::lock_guard starting(m_startMutex);
     if (m_thread.joinable()) m_thread.join();
 }
 
 bool CSpaceGcThread::WaitUntilDue() {
     const bool ownThread = IsCurrentThread();
     const Clock::time_point start = Clock::now();
-    std::unique_lock<std::mutex> guard(m_mutex);
+    std::unique_lock guard(m_mutex);
     for (;;) {
         if (m_stop) {
             m_leaving = m_leaving || ownThread;
@@ -109,14 +109,14 @@ bool CSpaceGcThread::WaitUntilDue() {
 void CSpaceGcThread::Calm() {
     m_wake.store(false, std::memory_order_relaxed);
     if (!IsWanted()) return;
-    std::lock_guard<std::mutex> guard(m_mutex);
+    std::lock_guard guard(m_mutex);
     m_wanted.store(false, std::memory_order_relaxed);
     m_changed.notify_all(); // nobody comes any more: let those who stood back go on
 }
 
 void CSpaceGcThread::Wake() {
     if (m_wake.load(std::memory_order_relaxed)) return;
-    std::lock_guard<std::mutex> guard(m_mutex);
+    std::lock_guard guard(m_mutex);
     m_wake.store(true, std::memory_order_relaxed);
     m_wanted.store(m_started.load(std::memory_order_relaxed) && !m_leaving && !m_stop, std::memory_order_relaxed);
     m_changed.notify_all();
@@ -124,20 +124,20 @@ void CSpaceGcThread::Wake() {
 
 void CSpaceGcThread::AwaitArrival() {
     if (IsCurrentThread()) return;
-    std::unique_lock<std::mutex> guard(m_mutex);
+    std::unique_lock guard(m_mutex);
     if (!m_changed.wait_for(guard, MAX_STAND_BACK, [this] { return !IsWanted(); }))
         m_wanted.store(false, std::memory_order_relaxed);
 }
 
 void CSpaceGcThread::Arrived() {
     if (!IsWanted()) return;
-    std::lock_guard<std::mutex> guard(m_mutex);
+    std::lock_guard guard(m_mutex);
     m_wanted.store(false, std::memory_order_relaxed);
     m_changed.notify_all();
 }
 
 void CSpaceGcThread::SetPeriod(int milliSecs) {
-    std::lock_guard<std::mutex> guard(m_mutex);
+    std::lock_guard guard(m_mutex);
     m_period = PeriodOrDefault(milliSecs);
     m_changed.notify_all();
 }

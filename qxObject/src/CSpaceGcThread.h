@@ -3,9 +3,9 @@
 
 #include "qxObject/CSpace.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <mutex>
 #include <thread>
 
@@ -49,17 +49,17 @@ private:
 
     CSpace& m_cspace;
     const GCThreadFn m_fn;
-    std::mutex m_startMutex;            // serialises Start and StopAndJoin; outside m_mutex
-    std::thread m_thread;               // guarded by m_startMutex
-    std::mutex m_mutex;                 // leaf lock
-    std::condition_variable m_changed;  // m_stop, m_wake or m_period has changed
-    int m_period;                       // milliseconds, below 1 for no sleep; guarded by m_mutex
-    bool m_stop = false;                // guarded by m_mutex
-    bool m_leaving = false;             // the thread has been told to end, or has; guarded by m_mutex
-    std::atomic<bool> m_started{false}; // a thread was started at least once
-    std::atomic<bool> m_wake{false};    // set under m_mutex
-    std::atomic<bool> m_wanted{false};  // set under m_mutex
-    std::atomic<int32> m_tid{0};        // of the collector thread while it runs
+    Mutex m_startMutex{"CSpaceGcThread::m_startMutex"}; // serialises Start and StopAndJoin; outside m_mutex
+    std::thread m_thread;                               // guarded by m_startMutex
+    Mutex m_mutex{"CSpaceGcThread::m_mutex"};           // leaf lock
+    ConditionVariable m_changed;                        // m_stop, m_wake or m_period has changed
+    int m_period;                                       // milliseconds, below 1 for no sleep; guarded by m_mutex
+    bool m_stop = false;                                // guarded by m_mutex
+    bool m_leaving = false;                             // the thread has been told to end, or has; guarded by m_mutex
+    std::atomic<bool> m_started{false};                 // a thread was started at least once
+    std::atomic<bool> m_wake{false};                    // set under m_mutex
+    std::atomic<bool> m_wanted{false};                  // set under m_mutex
+    std::atomic<int32> m_tid{0};                        // of the collector thread while it runs
 };
 
 } // namespace quna

@@ -24,7 +24,7 @@ void ObjectPages::Shrink(ssize_t size) noexcept {
 
 // Under an exclusive lock nobody else is here; the mutex is for the others.
 void CSpaceObjects::Register(ptr<IObject> object) {
-    std::unique_lock<std::mutex> guard(m_mutex, std::defer_lock);
+    std::unique_lock guard(m_mutex, std::defer_lock);
     if (!HaveExclusiveLock(&m_cspace)) guard.lock();
     Adopt(object);
     m_objects.Append(object);
@@ -32,7 +32,7 @@ void CSpaceObjects::Register(ptr<IObject> object) {
 }
 
 void CSpaceObjects::RegisterOwn(ptr<IObject> object) {
-    std::unique_lock<std::mutex> guard(m_mutex, std::defer_lock);
+    std::unique_lock guard(m_mutex, std::defer_lock);
     if (!HaveExclusiveLock(&m_cspace)) guard.lock();
     m_own.Reserve(1);
     if (object->GetSysState().m_cspace == &m_cspace) {
@@ -67,12 +67,12 @@ bool CSpaceObjects::TakeOffList(ptr<IObject> object) {
 }
 
 void CSpaceObjects::AddRoot(ptr<const IObject> object) {
-    std::lock_guard<std::mutex> guard(m_mutex);
+    std::lock_guard guard(m_mutex);
     m_roots.emplace(object.m_self, object);
 }
 
 void CSpaceObjects::RemoveRoot(ptr<const IObject> object) {
-    std::lock_guard<std::mutex> guard(m_mutex);
+    std::lock_guard guard(m_mutex);
     m_roots.erase(object.m_self);
 }
 

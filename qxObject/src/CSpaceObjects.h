@@ -4,6 +4,7 @@
 #include "qxObject/IObject.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <atomic>
 #include <memory>
@@ -88,7 +89,7 @@ private:
     bool TakeOffList(ptr<IObject> object);
 
     CSpace& m_cspace;
-    std::mutex m_mutex; // leaf lock: taken by shared holders, and for roots
+    Mutex m_mutex{"CSpaceObjects::m_mutex"}; // leaf lock: taken by shared holders, and for roots
     ObjectPages m_objects;
     ObjectPages m_own;                                           // the domain's own, which are roots and don't move
     std::unordered_map<const void*, ptr<const IObject>> m_roots; // by self pointer

@@ -103,7 +103,7 @@ bool CSpaceRwLock::EnterOrMarkWaiting(bool exclusive) {
 }
 
 bool CSpaceRwLock::EnterOrJoinQueue(Waiter& waiter) {
-    std::lock_guard<std::mutex> guard(m_mutex);
+    std::lock_guard guard(m_mutex);
     if (EnterOrMarkWaiting(waiter.exclusive)) return true;
     (m_last ? m_last->next : m_first) = &waiter;
     m_last = &waiter;
@@ -127,6 +127,7 @@ bool CSpaceRwLock::LockFor(bool exclusive, int32 tid, uint32 milliSecs) {
         RecordWait(MicrosSince(start));
         if (!granted) return false;
     }
+    LockRecorder::Holds(this, NAME); // who gives up after a time can't wait in a circle
     m_holderTid.store(tid, std::memory_order_relaxed);
     return true;
 }
@@ -134,7 +135,7 @@ bool CSpaceRwLock::LockFor(bool exclusive, int32 tid, uint32 milliSecs) {
 // False when the lock has been granted after all. When the queue becomes empty the lock is an ordinary one again; a
 // thread that is on its way to hand it over finds that out.
 bool CSpaceRwLock::LeaveQueue(Waiter& waiter) {
-    std::lock_guard<std::mutex> guard(m_mutex);
+    std::lock_guard guard(m_mutex);
     if (waiter.state.load(std::memory_order_acquire) == Waiter::GRANTED) return false;
     Waiter* previous = nullptr;
     for (Waiter* w = m_first; w != &waiter; w = w->next) previous = w;
@@ -168,7 +169,7 @@ CSpaceRwLock::Waiter* CSpaceRwLock::TakeNextFromQueue() {
 void CSpaceRwLock::HandOver(uint64 owner) {
     // Granted under the mutex: whoever holds the lock exclusively and passes through the mutex once (WaitUntilQuiet)
     // knows that no thread is in here any more.
-    std::lock_guard<std::mutex> guard(m_mutex);
+    std::lock_guard guard(m_mutex);
     // The last waiter may have given up since, and another thread have entered: then it hands over.
     if ((m_state.load(std::memory_order_relaxed) & ~WAITERS) != owner) return;
     if (!m_first) {
@@ -187,17 +188,19 @@ bool CSpaceRwLock::TryLockExclusive(int32 tid) {
     uint64 expected = 0;
     if (!m_state.compare_exchange_strong(expected, WRITER, std::memory_order_acquire, std::memory_order_relaxed))
         return false;
+    LockRecorder::Holds(this, NAME);
     m_holderTid.store(tid, std::memory_order_relaxed);
     return true;
 }
 
 bool CSpaceRwLock::TryLockShared(int32 tid) {
     if (!TryEnterAsReader()) return false;
+    LockRecorder::Holds(this, NAME);
     m_holderTid.store(tid, std::memory_order_relaxed);
     return true;
 }
 
-void CSpaceRwLock::WaitUntilQuiet() { std::lock_guard<std::mutex> guard(m_mutex); }
+void CSpaceRwLock::WaitUntilQuiet() { std::lock_guard guard(m_mutex); }
 
 void CSpaceRwLock::RecordWait(int64 micros) {
     m_totalWaits.fetch_add(1, std::memory_order_relaxed);
@@ -216,7 +219,7 @@ CSpaceLockFigures CSpaceRwLock::GetFigures() const {
 }
 
 ssize_t CSpaceRwLock::NumWaitingForTest() const {
-    std::lock_guard<std::mutex> guard(m_mutex);
+    std::lock_guard guard(m_mutex);
     ssize_t count = 0;
     for (const Waiter* waiter = m_first; waiter; waiter = waiter->next) ++count;
     return count;

@@ -3,6 +3,7 @@
 
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <atomic>
 #include <mutex>
@@ -34,15 +35,19 @@ public:
 
     // `tid` is the calling thread's id in the system, for the figures.
     void LockExclusive(int32 tid) {
+        LockRecorder::Wants(this, NAME);
         uint64 expected = 0;
         if (!m_state.compare_exchange_strong(expected, WRITER, std::memory_order_acquire, std::memory_order_relaxed))
             [[unlikely]]
             WaitInQueue(true);
+        LockRecorder::Holds(this, NAME);
         m_holderTid.store(tid, std::memory_order_relaxed);
     }
     void LockShared(int32 tid) {
+        LockRecorder::Wants(this, NAME);
         if (!TryEnterAsReader()) [[unlikely]]
             WaitInQueue(false);
+        LockRecorder::Holds(this, NAME);
         m_holderTid.store(tid, std::memory_order_relaxed);
     }
 
@@ -54,12 +59,14 @@ public:
     [[nodiscard]] bool LockFor(bool exclusive, int32 tid, uint32 milliSecs);
 
     void UnlockExclusive() {
+        LockRecorder::Releases(this);
         uint64 expected = WRITER;
         if (!m_state.compare_exchange_strong(expected, 0, std::memory_order_release, std::memory_order_relaxed))
             [[unlikely]]
             HandOver(WRITER);
     }
     void UnlockShared() {
+        LockRecorder::Releases(this);
         // The last reader must see what all the others did, since it passes the lock on in their name.
         const uint64 before = m_state.fetch_sub(READER, std::memory_order_acq_rel);
         if (before == (READER | WAITERS)) [[unlikely]]
@@ -76,6 +83,7 @@ public:
 private:
     struct Waiter;
 
+    static constexpr ConstStringZ NAME = "CSpace";
     static constexpr uint64 WRITER = 1;  // held exclusively
     static constexpr uint64 WAITERS = 2; // the queue is not empty
     static constexpr uint64 READER = 4;  // one reader; the upper 62 bits count them
@@ -100,9 +108,9 @@ private:
     std::atomic<uint64> m_state{0};
     std::atomic<int32> m_holderTid{0}; // of the last thread that entered; for the figures only
 
-    mutable std::mutex m_mutex; // leaf lock: guards the queue
-    Waiter* m_first = nullptr;  // guarded by m_mutex; the elements are on their threads' stacks
-    Waiter* m_last = nullptr;   // guarded by m_mutex
+    mutable Mutex m_mutex{"CSpaceRwLock::m_mutex"}; // leaf lock: guards the queue
+    Waiter* m_first = nullptr;                      // guarded by m_mutex; the elements are on their threads' stacks
+    Waiter* m_last = nullptr;                       // guarded by m_mutex
 
     std::atomic<int64> m_totalWaits{0};
     std::atomic<int64> m_longestWaitMicros{0};

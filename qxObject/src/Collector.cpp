@@ -282,7 +282,7 @@ void Collector::PutBack(const Going& going) {
 void Collector::NoteCollection(const GcMarker& marker, const Going& going, int64 pauseMicros) {
     const ssize_t bytes = m_objects.Bytes();
     const ssize_t budget = m_budget.load(std::memory_order_relaxed);
-    std::lock_guard<std::mutex> guard(m_mutex);
+    std::lock_guard guard(m_mutex);
     m_pressureThreshold.store(SaturatedSum(std::max(bytes, budget), budget / 4), std::memory_order_relaxed);
     ++m_stats.collections;
     m_stats.lastPauseMicros = pauseMicros;
@@ -325,7 +325,7 @@ void Collector::DestroyAll() {
 
 void Collector::SetBudget(ssize_t bytes) {
     QX_ASSERT(bytes >= 0);
-    std::lock_guard<std::mutex> guard(m_mutex);
+    std::lock_guard guard(m_mutex);
     m_budget.store(bytes, std::memory_order_relaxed);
     m_pressureThreshold.store(SaturatedSum(bytes, bytes / 4), std::memory_order_relaxed);
 }
@@ -333,7 +333,7 @@ void Collector::SetBudget(ssize_t bytes) {
 CSpaceGcStats Collector::GetStats() const {
     CSpaceGcStats stats;
     {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        std::lock_guard guard(m_mutex);
         stats = m_stats;
     }
     stats.bytesResident = m_objects.Bytes();

@@ -5,6 +5,7 @@
 #include "qxObject/src/CSpaceObjects.h"
 #include "qxObject/src/PageSequence.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <mutex>
 #include <string>
@@ -58,8 +59,8 @@ private:
     std::atomic<ssize_t> m_budget{DEFAULT_EVICTION_BUDGET};
     std::atomic<ssize_t> m_pressureThreshold{DEFAULT_EVICTION_BUDGET + DEFAULT_EVICTION_BUDGET / 4};
 
-    mutable std::mutex m_mutex; // leaf lock
-    CSpaceGcStats m_stats;      // guarded by m_mutex
+    mutable Mutex m_mutex{"Collector::m_mutex"}; // leaf lock
+    CSpaceGcStats m_stats;                       // guarded by m_mutex
 };
 
 } // namespace quna

@@ -3,9 +3,9 @@
 #include "qxObject/CSpace.h"
 #include "qxObject/src/CSpaceImpl.h"
 #include "qxUtils/Assert.h"
+#include "qxUtils/Mutex.h"
 #include "qxUtils/Tracer.h"
 
-#include <condition_variable>
 #include <exception>
 #include <mutex>
 #include <string>
@@ -33,12 +33,12 @@ namespace {
 
 constexpr ConstStringZ SOURCE_PATH = "src/DGGraph";
 
-std::mutex& GraphMutex() {
-    static std::mutex* const mutex = new std::mutex; // never destroyed: nodes may outlive static objects
+Mutex& GraphMutex() {
+    static Mutex* const mutex = new Mutex("DGGraph"); // never destroyed: nodes may outlive static objects
     return *mutex;
 }
 
-using Guard = std::lock_guard<std::mutex>;
+using Guard = std::lock_guard<Mutex>;
 
 std::atomic<uint64> s_numCalculations{0};
 
@@ -95,7 +95,7 @@ private:
 class NodeInUse {
 public:
     // Requires: `guard` holds the graph's mutex, here and at each Set. It need not at the end of the scope.
-    explicit NodeInUse(std::unique_lock<std::mutex>& guard) : m_guard(guard), m_next(std::exchange(s_first, this)) {}
+    explicit NodeInUse(std::unique_lock<Mutex>& guard) : m_guard(guard), m_next(std::exchange(s_first, this)) {}
     NodeInUse(const NodeInUse&) = delete;
     NodeInUse& operator=(const NodeInUse&) = delete;
     ~NodeInUse() {
@@ -111,7 +111,7 @@ public:
     }
 
     // Sleeps until no other thread uses the node.
-    static void WaitForOthers(std::unique_lock<std::mutex>& guard, const DGBaseNode& node) {
+    static void WaitForOthers(std::unique_lock<Mutex>& guard, const DGBaseNode& node) {
         const auto isInUse = [&] {
             for (const NodeInUse* use = s_first; use; use = use->m_next)
                 if (use->m_node == &node && use->m_thread != std::this_thread::get_id()) return true;
@@ -123,14 +123,14 @@ public:
     }
 
 private:
-    static std::condition_variable& Changed() { // with the graph's mutex
-        static std::condition_variable* const changed = new std::condition_variable;
+    static ConditionVariable& Changed() { // with the graph's mutex
+        static ConditionVariable* const changed = new ConditionVariable;
         return *changed;
     }
     static NodeInUse* s_first; // of all threads; guarded by the graph
     static int s_numWaiting;   // guarded by the graph
 
-    std::unique_lock<std::mutex>& m_guard;
+    std::unique_lock<Mutex>& m_guard;
     NodeInUse* m_next;
     const DGBaseNode* m_node = nullptr;
     const std::thread::id m_thread = std::this_thread::get_id();
@@ -180,7 +180,7 @@ void DGGraph::Unlist(const DGBaseNode& node) noexcept {
 }
 
 void DGGraph::EvictAll(CSpace& cspace) {
-    std::unique_lock<std::mutex> guard(GraphMutex());
+    std::unique_lock guard(GraphMutex());
     WorkList work(cspace.m_graph.nodes);
     NodeInUse inUse(guard);
     while (const DGBaseNode* const node = work.Next()) {
@@ -203,7 +203,7 @@ bool DGGraph::MayBeCollected(const DGBaseNode& node, bool all) {
 // Under an exclusive hold of the domain's lock. A node is listed when it is first read, a calculation before its
 // inputs: so one pass mostly finds inputs without their dependents.
 void DGGraph::OfferToCollector(CSpace& cspace, bool all) {
-    std::unique_lock<std::mutex> guard(GraphMutex());
+    std::unique_lock guard(GraphMutex());
     if (IsAlone(cspace.m_graph.nodes)) return;
     WorkList work(cspace.m_graph.nodes);
     NodeInUse inUse(guard);
@@ -287,7 +287,7 @@ bool DGGraph::CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept
 }
 
 void DGGraph::NotifyPending(DGNodeLink& pending) {
-    std::unique_lock<std::mutex> guard(GraphMutex());
+    std::unique_lock guard(GraphMutex());
     // An exception of a node must not leave links to this stack behind.
     struct Emptying {
         ~Emptying() {
@@ -308,7 +308,7 @@ void DGGraph::NotifyPending(DGNodeLink& pending) {
 }
 
 void DGGraph::Detach(const DGDepNode& node) {
-    std::unique_lock<std::mutex> guard(GraphMutex());
+    std::unique_lock guard(GraphMutex());
     MakeStale(node);
     Unlink(node.m_pending);
     Unlist(node);
@@ -407,7 +407,7 @@ void DGGraph::ReadSource(CSpace& cspace, const void* source) {
 
 void DGGraph::EvictSource(CSpace& cspace, const void* source) {
     if (!cspace.m_graph.haveSources.load(std::memory_order_relaxed)) return;
-    std::unique_lock<std::mutex> guard(GraphMutex());
+    std::unique_lock guard(GraphMutex());
     NodeInUse inUse(guard);
     for (;;) {
         const auto i = cspace.m_graph.sources.find(source);

@@ -7,6 +7,7 @@
 #include "qxObject/ReflectedInterface.h"
 #include "qxObject/ReflectedTypedef.h"
 #include "qxObject/ReflectionByteCodeValue.h"
+#include "qxUtils/Mutex.h"
 
 #include <deque>
 #include <mutex>
@@ -41,7 +42,8 @@ struct DescriptionHash {
 //
 // Invariant: every prefix of a name that ends before a "::" is a namespace of m_items.
 struct Names {
-    std::shared_mutex m_mutex; // leaf lock, guards all that follows; exclusive to register, shared to look up
+    SharedMutex m_mutex{
+        "Registry::m_mutex"}; // leaf lock, guards all that follows; exclusive to register, shared to look up
 
     std::deque<std::string> m_storage; // what the keys refer to
     std::unordered_map<std::string_view, Item> m_items;

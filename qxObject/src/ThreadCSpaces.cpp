@@ -1,6 +1,7 @@
 #include "qxObject/ThreadCSpaces.h"
 
 #include "qxObject/CSpace.h"
+#include "qxUtils/Mutex.h"
 
 #include <mutex>
 
@@ -10,8 +11,8 @@ constinit thread_local ThreadCSpace ThreadCSpace::t_own;
 
 namespace {
 
-std::mutex& ListMutex() {
-    static std::mutex* const mutex = new std::mutex; // never destroyed: threads may end after static objects
+Mutex& ListMutex() {
+    static Mutex* const mutex = new Mutex("ThreadCSpaces"); // never destroyed: threads may end after static objects
     return *mutex;
 }
 
@@ -21,7 +22,7 @@ ThreadCSpace* s_first = nullptr; // guarded by ListMutex
 // current domain needs no guard.
 struct Unlister {
     ~Unlister() {
-        std::lock_guard<std::mutex> guard(ListMutex());
+        std::lock_guard guard(ListMutex());
         ThreadCSpace& own = ThreadCSpace::Own();
         (own.prev ? own.prev->next : s_first) = own.next;
         if (own.next) own.next->prev = own.prev;
@@ -36,7 +37,7 @@ thread_local Unlister t_unlister;
 
 void ListThread() {
     t_unlister.armed = true;
-    std::lock_guard<std::mutex> guard(ListMutex());
+    std::lock_guard guard(ListMutex());
     ThreadCSpace& own = ThreadCSpace::Own();
     own.next = s_first;
     if (s_first) s_first->prev = &own;
@@ -56,7 +57,7 @@ void SetThreadCSpace(CSpace* cs) {
 }
 
 void ForgetInThreadCSpaces(const CSpace* cspace) noexcept {
-    std::lock_guard<std::mutex> guard(ListMutex());
+    std::lock_guard guard(ListMutex());
     for (ThreadCSpace* thread = s_first; thread; thread = thread->next) {
         CSpace* expected = const_cast<CSpace*>(cspace);
         thread->current.compare_exchange_strong(expected, nullptr, std::memory_order_relaxed);

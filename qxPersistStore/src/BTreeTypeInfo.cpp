@@ -3,6 +3,7 @@
 #include "qxPersistStore/TypeInfo.h"
 #include "qxPersistStore/pref.h"
 #include "qxUtils/Assert.h"
+#include "qxUtils/Mutex.h"
 #include "qxUtils/VariableLengthSerialise.h"
 
 #include <mutex>
@@ -14,8 +15,8 @@ namespace {
 constexpr ConstStringZ SOURCE_PATH = "src/BPlusTree2";
 
 // One for all descriptors: each is resolved once in its life.
-std::mutex& ResolutionMutex() {
-    static std::mutex& mutex = *new std::mutex;
+Mutex& ResolutionMutex() {
+    static Mutex& mutex = *new Mutex("BTreeTypeInfo");
     return mutex;
 }
 
@@ -43,7 +44,7 @@ const CalculatedBTreeTypeInfo& BTreeTypeInfo::Resolve() const {
     bi.m_keyType = &GetPersistStoreTypeOps(m_keyTid);
     if (m_payloadTid) bi.m_payloadType = &GetPersistStoreTypeOps(m_payloadTid);
     CalculateSizes(bi);
-    const std::lock_guard<std::mutex> lock(ResolutionMutex());
+    const std::lock_guard lock(ResolutionMutex());
     if (!IsResolved()) {
         m_bi.m_payloadType = bi.m_payloadType;
         m_bi.m_keyAndCrefSize = bi.m_keyAndCrefSize;

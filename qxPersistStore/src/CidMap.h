@@ -5,6 +5,7 @@
 #include "qxPersistStore/ClassNameTranslation.h"
 #include "qxUtils/Archive.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 #include "qxUtils/xstring.h"
 
 #include <array>
@@ -76,7 +77,7 @@ private:
     std::array<std::atomic<const ReflectedClass*>, NUM_QUICK> m_quickClasses{};
     std::array<std::atomic<const Known*>, NUM_QUICK> m_quickCids{};
 
-    mutable std::mutex mutex_;
+    mutable Mutex mutex_{"CidMap::mutex_"};
     std::deque<Known> m_known;  // those in m_quickCids
     std::deque<Entry> m_entrys; // by CID - 1
     NAME_MAP m_nameToCid;

@@ -8,6 +8,7 @@
 #include "qxPersistStore/src/ThreadPSpaceScope.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/Exceptions.h"
+#include "qxUtils/Mutex.h"
 #include "qxUtils/Tracer.h"
 #include "qxUtils/xostream.h"
 
@@ -80,7 +81,7 @@ DGIndepNodeForAsyncPref::~DGIndepNodeForAsyncPref() {
     rot_.blockUntilNoMoreAsyncNodes_.Decrement(); // the table may be gone from here on
 }
 
-std::mutex& DGIndepNodeForAsyncPref::Mutex() const { return rot_.GetMutexForOid(oid_); }
+Mutex& DGIndepNodeForAsyncPref::LoadMutex() const { return rot_.GetMutexForOid(oid_); }
 
 void DGIndepNodeForAsyncPref::DecRef() const {
     if (--refCount_ == 0) delete this;
@@ -150,7 +151,7 @@ bool DGIndepNodeForAsyncPref::AsyncDeserialise() {
 bool DGIndepNodeForAsyncPref::HandleAsyncLoad(ptr<IPersistable> po) {
     bool waiting = false;
     {
-        const std::lock_guard lock(Mutex());
+        const std::lock_guard lock(LoadMutex());
         asyncobj_ = po;
         readyToUpdateRot_ = true;
         waiting = waiting_;
@@ -176,7 +177,7 @@ void DGIndepNodeForAsyncPref::PushUpdateJob() {
 // Inside a catch block.
 std::optional<bool> DGIndepNodeForAsyncPref::NoteFailedLoad() noexcept {
     TraceFailure("loading");
-    const std::lock_guard lock(Mutex());
+    const std::lock_guard lock(LoadMutex());
     if (readyToUpdateRot_) return std::nullopt;
     readyToUpdateRot_ = true;
     loadFailed_ = true;
@@ -238,7 +239,7 @@ void DGIndepNodeForAsyncPref::UpdateRot() {
     bool failed = false;
     bool entered = false;
     {
-        const std::lock_guard lock(Mutex());
+        const std::lock_guard lock(LoadMutex());
         QX_ASSERT(readyToUpdateRot_);
         if (updatedRot_.load(std::memory_order_relaxed) != UR_PENDING) return;
         failed = loadFailed_;
@@ -277,7 +278,7 @@ void DGIndepNodeForAsyncPref::AskHandler() {
         break;
     case EAsyncBindResult::Pending: {
         // Also when the handler has settled the node meanwhile: each Pending is answered by an End.
-        const std::lock_guard lock(Mutex());
+        const std::lock_guard lock(LoadMutex());
         needEndAsyncBindRequest_ = true;
         break;
     }
@@ -290,7 +291,7 @@ void DGIndepNodeForAsyncPref::AskHandler() {
 void DGIndepNodeForAsyncPref::TakeFromHandler(ptr<IPersistable> po) {
     CSpace* const cspace = rot_.pspace_.GetCSpace();
     {
-        const std::lock_guard lock(Mutex());
+        const std::lock_guard lock(LoadMutex());
         // A new object is the collector's in any case: it ends one that is not wanted.
         if (!GetAssociatedCSpace(po)) RegisterGcObject(cspace, po);
         // The handler may have made the object persistent itself, or evicted the node.
@@ -307,7 +308,7 @@ void DGIndepNodeForAsyncPref::TakeFromHandler(ptr<IPersistable> po) {
 
 void DGIndepNodeForAsyncPref::DeclareMissing() {
     {
-        const std::lock_guard lock(Mutex());
+        const std::lock_guard lock(LoadMutex());
         if (updatedRot_.load(std::memory_order_relaxed) != UR_PENDING) return;
         updatedRot_.store(UR_OBJECT_DOES_NOT_EXIST, std::memory_order_relaxed);
     }
@@ -333,7 +334,7 @@ void DGIndepNodeForAsyncPref::SetObject(ptr<IPersistable> po) {
 bool DGIndepNodeForAsyncPref::SetObjectAmongReaders(ptr<IPersistable> po) {
     bool wake = false;
     {
-        const std::lock_guard lock(Mutex());
+        const std::lock_guard lock(LoadMutex());
         if (IsSettled()) return false;
         rot_.ReplacePlaceholder(*this, po);
         updatedRot_.store(UR_OBJECT_FOUND, std::memory_order_relaxed);
@@ -352,7 +353,7 @@ void DGIndepNodeForAsyncPref::OnEvict() const {
     QX_ASSERT(updatedRot_ != UR_NODE_EVICTED);
     if (updatedRot_.load(std::memory_order_relaxed) == UR_PENDING) {
         // The load may be over just now: the object isn't to be wasted.
-        const std::lock_guard lock(Mutex());
+        const std::lock_guard lock(LoadMutex());
         if (asyncobj_) EnterLoadedObject();
     }
     if (updatedRot_.load(std::memory_order_relaxed) != UR_OBJECT_FOUND) rot_.ErasePlaceholder(*this);

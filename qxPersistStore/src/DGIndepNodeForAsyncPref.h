@@ -7,6 +7,7 @@
 #include "qxPersistStore/OID.h"
 #include "qxUtils/Export.h"
 #include "qxUtils/Magic.h"
+#include "qxUtils/Mutex.h"
 #include "qxUtils/ThreadSafeValue.h"
 #include "qxUtils/xstring.h"
 
@@ -119,7 +120,7 @@ public:
 private:
     class JobReference;
 
-    std::mutex& Mutex() const;
+    Mutex& LoadMutex() const;
     bool LoadElement();
     void CloseElement();
     // What waiting_ was; nothing when the load is over already.

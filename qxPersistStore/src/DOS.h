@@ -5,6 +5,7 @@
 #include "qxObject/IObjectVisitor.h"
 #include "qxPersistStore/IPersistable.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 #include "qxUtils/xdeque.h"
 
 #include <atomic>
@@ -54,7 +55,7 @@ private:
     PSpace& m_pspace;
     mutable std::atomic<bool> m_dirty = false;
     DIRTY_OBJECT_SET m_dirtyObjectSet;
-    mutable std::mutex mutex_; // after the CSpace lock; of two sets, the target's first
+    mutable Mutex mutex_{"DOS::mutex_"}; // after the CSpace lock; of two sets, the target's first
 };
 
 } // namespace quna

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 #include "qxUtils/xdeque.h"
 
 #include <mutex>
@@ -43,7 +44,7 @@ public:
     bool empty() const { return !Front(); }
 
 private:
-    mutable std::mutex mutex_;
+    mutable Mutex mutex_{"DirtyPSpaceList::mutex_"};
     PSpace* m_first = nullptr;
     PSpace* m_last = nullptr;
 };

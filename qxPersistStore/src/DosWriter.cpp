@@ -7,6 +7,7 @@
 #include "qxPersistStore/src/ThreadPSpaceScope.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/AutoCloser.h"
+#include "qxUtils/Mutex.h"
 #include "qxUtils/Thread.h"
 #include "qxUtils/Tracer.h"
 
@@ -43,7 +44,7 @@ public:
     }
 
 private:
-    std::unique_lock<std::mutex> m_lock;
+    std::unique_lock<Mutex> m_lock;
 };
 
 // The CSpace locks of a group, exclusive.

@@ -8,6 +8,7 @@
 #include "qxUtils/Event.h"
 #include "qxUtils/Export.h"
 #include "qxUtils/HPTime.h"
+#include "qxUtils/Mutex.h"
 #include "qxUtils/ThreadSafeValue.h"
 #include "qxUtils/xdeque.h"
 #include "qxUtils/xvector.h"
@@ -67,7 +68,7 @@ public:
     std::atomic<bool> requestShutDown_ = false;
     AutoResetEvent m_wakeThreadEvent;
     std::thread thread_;
-    std::mutex mutex_;
+    Mutex mutex_{"DosWriter::mutex_"};
     ThreadSafeValue<int> m_sleepTime{1000}; // the period, milliseconds
     NedqList m_nedqList;
     PSpaceTxnGroupMgr m_grpMgr;
@@ -95,7 +96,7 @@ private:
     void WriteGroup(const GROUP& group, bool flush);
     void WriteMember(PSpace* pspace, ILssTransaction& txn);
 
-    std::mutex turnstile_; // held only while waiting for mutex_
+    Mutex turnstile_{"DosWriter::turnstile_"}; // held only while waiting for mutex_
 };
 
 } // namespace quna

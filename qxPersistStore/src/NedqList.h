@@ -2,6 +2,7 @@
 #pragma once
 
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <mutex>
 
@@ -41,7 +42,7 @@ public:
     bool empty() const { return !Front(); }
 
 private:
-    mutable std::mutex mutex_;
+    mutable Mutex mutex_{"NedqList::mutex_"};
     PSpace* m_first = nullptr;
     PSpace* m_last = nullptr;
 };

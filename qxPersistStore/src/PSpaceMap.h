@@ -6,6 +6,7 @@
 #include "qxPersistStore/OID.h"
 #include "qxUtils/Archive.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 #include "qxUtils/xstring.h"
 
 #include <atomic>
@@ -69,7 +70,7 @@ private:
     OID ReserveName(const xstring& name, EOpenMode openMode);
 
     PersistStore& m_ps;
-    mutable std::mutex mutex_;
+    mutable Mutex mutex_{"PSpaceMap::mutex_"};
     mutable std::atomic<bool> m_dirty = true; // the record differs from the one in the LSS
     MAP map_;
     std::set<xstring> m_opening; // names whose spaces are under construction

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 #include "qxUtils/xvector.h"
 
 #include <mutex>
@@ -30,7 +31,7 @@ public:
     void RetrieveGroup(xvector<PSpace*>& grp);
 
 private:
-    std::mutex mutex_;
+    Mutex mutex_{"PSpaceTxnGroupMgr::mutex_"};
 };
 
 } // namespace quna

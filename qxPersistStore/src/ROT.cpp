@@ -5,6 +5,7 @@
 #include "qxPersistStore/src/PSpace.h"
 #include "qxPersistStore/src/PersistStore.h"
 #include "qxUtils/Assert.h"
+#include "qxUtils/Mutex.h"
 
 #include <algorithm>
 #include <utility>
@@ -50,7 +51,7 @@ MAsyncBind AnswerFor(const Node* node) {
 class ROT::LoadInFlight {
 public:
     // Requires: `lock` holds rot.tableMutex_, here and at the end of the scope.
-    LoadInFlight(ROT& rot, OID oid, std::unique_lock<std::mutex>& lock) : m_rot(rot), m_oid(oid), m_lock(lock) {
+    LoadInFlight(ROT& rot, OID oid, std::unique_lock<Mutex>& lock) : m_rot(rot), m_oid(oid), m_lock(lock) {
         rot.loading_.push_back(oid);
     }
     LoadInFlight(const LoadInFlight&) = delete;
@@ -64,7 +65,7 @@ public:
 private:
     ROT& m_rot;
     OID m_oid;
-    std::unique_lock<std::mutex>& m_lock;
+    std::unique_lock<Mutex>& m_lock;
 };
 
 bool ROT::HasLock() const { return pspace_.HaveWriteAccess(); }

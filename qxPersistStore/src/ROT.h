@@ -7,9 +7,9 @@
 #include "qxPersistStore/src/ResidentTable.h"
 #include "qxUtils/Event.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 #include "qxUtils/ThreadBlockerWhileUsed.h"
 
-#include <condition_variable>
 #include <mutex>
 #include <vector>
 
@@ -69,7 +69,7 @@ public:
     void EvictPlaceholder(OID oid);
 
     // One of 16, by the low four bits of the OID's low half.
-    std::mutex& GetMutexForOid(OID oid) { return mutex_[oid.low_ & 15]; }
+    Mutex& GetMutexForOid(OID oid) { return mutex_[oid.low_ & 15]; }
 
     // Waits until no placeholder of an asynchronous load is alive. The caller holds no CSpace lock.
     void Close();
@@ -84,7 +84,7 @@ public:
 private:
     friend class DGIndepNodeForAsyncPref;
     class LoadInFlight;
-    using TableLock = std::unique_lock<std::mutex>;
+    using TableLock = std::unique_lock<Mutex>;
 
     bool HasAnyLock() const;
     bool HaveSharedLockOnly() const;
@@ -116,13 +116,16 @@ private:
     PSpace& pspace_;
     ThreadBlockerWhileUsed blockUntilNoMoreAsyncNodes_; // counts the placeholders that are alive
     AutoResetEvent blockSyncThreadWaitingOnAsyncLoad_;  // one binder sleeps on it at a time
-    std::mutex mutex_[16];
+    struct OidMutex : Mutex {
+        OidMutex() noexcept : Mutex("ROT::mutex_") {}
+    };
+    OidMutex mutex_[16];
     MAP map_;
 
-    mutable std::mutex tableMutex_;     // leaf lock; taken by holders of a shared CSpace lock only
-    std::condition_variable loadEnded_; // with tableMutex_
-    std::vector<OID> loading_;          // loads under way among readers; guarded by tableMutex_
-    std::mutex sleeperMutex_;           // held by the reader that sleeps on the event; outside mutex_[]
+    mutable Mutex tableMutex_{"ROT::tableMutex_"}; // leaf lock; taken by holders of a shared CSpace lock only
+    ConditionVariable loadEnded_;                  // with tableMutex_
+    std::vector<OID> loading_;                     // loads under way among readers; guarded by tableMutex_
+    Mutex sleeperMutex_{"ROT::sleeperMutex_"};     // held by the reader that sleeps on the event; outside mutex_[]
 };
 
 } // namespace quna

@@ -5,6 +5,7 @@
 #include "qxPersistStore/TypeOpsId.h"
 #include "qxUtils/Archive.h"
 #include "qxUtils/Export.h"
+#include "qxUtils/Mutex.h"
 
 #include <deque>
 #include <map>
@@ -50,7 +51,7 @@ private:
         const TypeOps* m_typeOps = nullptr; // null until looked up
     };
 
-    mutable std::mutex mutex_;
+    mutable Mutex mutex_{"TypeOpsMap::mutex_"};
     std::deque<Entry> m_entrys; // by id - 1; a deque, since the descriptions handed out must not move
     RBCV_MAP m_rbcvToTypeOpsId;
 };

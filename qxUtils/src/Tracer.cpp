@@ -1,6 +1,7 @@
 #include "qxUtils/Tracer.h"
 
 #include "qxUtils/Exceptions.h"
+#include "qxUtils/Mutex.h"
 
 #include <cstdio>
 #include <exception>
@@ -13,8 +14,8 @@ namespace {
 constexpr ssize_t TRACE_CAPACITY = 4096; // bytes
 
 struct TraceLog {
-    std::mutex m_mutex; // leaf lock, but for the sink that runs under it
-    TraceSink m_sink;   // guarded by m_mutex
+    Mutex m_mutex{"Tracer::m_mutex"}; // leaf lock, but for the sink that runs under it
+    TraceSink m_sink;                 // guarded by m_mutex
 };
 
 // Never destroyed: threads and static destructors may trace until the very end.

@@ -48,10 +48,10 @@ struct CrashVariant {
         TORN,          // each call whole, not, or torn at a sector boundary or inside a sector
         SECTORS,       // each sector of 512 bytes as of some moment after the last sync; new space zero or garbage
         SUBSET,        // up to 8 calls: those whose bit is set in `index`; of more a random subset in random order
-        TEAR,          // the `index`-th way to tear one call: at each sector a prefix, a suffix, all but a middle; inside one
-        NEW_SPACE,     // sectors that were never written durably hold zeros, random bytes, or what was there or elsewhere before
-        SIZE,          // the file is shorter than the data, or longer
-        GARBLED        // what was being written within a block of 4096 bytes is random
+        TEAR, // the `index`-th way to tear one call: at each sector a prefix, a suffix, all but a middle; inside one
+        NEW_SPACE, // sectors that were never written durably hold zeros, random bytes, or what was there or elsewhere before
+        SIZE,      // the file is shorter than the data, or longer
+        GARBLED // what was being written within a block of 4096 bytes is random
     };
     EChoice choice = EChoice::NONE;
     uint64 seed = 0;  // of the random ones

@@ -23,8 +23,8 @@ constexpr EChoice TURN[] = {EChoice::SUBSET,  EChoice::TEAR,      EChoice::SECTO
                             EChoice::SUBSET,  EChoice::TEAR,      EChoice::SIZE,    EChoice::TORN};
 constexpr uint64 TURNS = std::size(TURN);
 
-constexpr const char* NAMES[] = {"none", "all",    "all but the last", "only the last", "random subset", "torn",
-                                 "sectors", "subset", "one torn",       "new space",     "size",          "garbled"};
+constexpr const char* NAMES[] = {"none",    "all",    "all but the last", "only the last", "random subset", "torn",
+                                 "sectors", "subset", "one torn",         "new space",     "size",          "garbled"};
 
 // The variant is a function of the workload's seed, the point and its number there. Enough numbers give every subset of
 // few calls and every tear, from a start that differs from point to point.
@@ -37,7 +37,8 @@ CrashVariant VariantOf(const SimDisk& disk, const SimCall* next, uint64 seed, in
     const uint64 all = static_cast<uint64>(std::count(TURN, TURN + TURNS, choice));
     const uint64 rank = (start % TURNS + v - NUM_FIXED) / TURNS * all + before;
     CrashVariant variant{choice, MixBits(start + v), 0};
-    if (choice == EChoice::SUBSET && disk.NumSubsets(next) != 0) variant = {choice, 0, (start + rank) % disk.NumSubsets(next)};
+    if (choice == EChoice::SUBSET && disk.NumSubsets(next) != 0)
+        variant = {choice, 0, (start + rank) % disk.NumSubsets(next)};
     if (choice == EChoice::TEAR) variant.index = (start + rank) % disk.NumTears(next);
     return variant;
 }
@@ -100,8 +101,9 @@ void SimSweep::Run() {
     ++m_totals.workloads;
     m_totals.transactions += std::ssize(history.transactions);
     if (!history.fault.empty() || (!history.failure.empty() && sys.NumFailures() == 0))
-        return Report({-1, 0, 0, {}}, history.fault.empty() ? "refused: the undisturbed workload failed: " + history.failure
-                                                        : history.fault);
+        return Report({-1, 0, 0, {}}, history.fault.empty()
+                                          ? "refused: the undisturbed workload failed: " + history.failure
+                                          : history.fault);
     if (!history.failure.empty() && driver.NumClosedAfterFailure() > 0)
         return Report({-1, 0, 0, {}}, "acked_after: a transaction was closed after: " + history.failure);
     sys.Heal();
@@ -113,7 +115,8 @@ void SimSweep::Run() {
         if (k > 0) disk.Apply(record[static_cast<size_t>(k - 1)]);
         for (; given < history.identifiers.size() && history.identifiers[given].given <= k; ++given)
             spent.insert(history.identifiers[given].seid);
-        if ((m_plan.onlyPoint >= 0 && k != m_plan.onlyPoint) || k % m_plan.stride != 0 || k < m_plan.fromPoint) continue;
+        if ((m_plan.onlyPoint >= 0 && k != m_plan.onlyPoint) || k % m_plan.stride != 0 || k < m_plan.fromPoint)
+            continue;
         ++m_totals.points;
         m_totals.scripted += !m_workload.script.empty();
         if (m_workload.script.empty()) m_totals.inMaintenance += history.IsInMaintenance(k);
@@ -124,13 +127,18 @@ void SimSweep::Run() {
 void SimSweep::CheckPoint(const SimDisk& disk, const SimCall* next, const LssHistory& history,
                           const std::set<uint64>& spent, int64 k) {
     m_seen.clear();
-    const bool isSettled = disk.NumPending() == 0 && (!next || next->kind == EKind::SYNC || next->kind == EKind::SYNC_DIR);
+    const bool isSettled =
+        disk.NumPending() == 0 && (!next || next->kind == EKind::SYNC || next->kind == EKind::SYNC_DIR);
     for (uint64 v = 0; v < (isSettled ? 1 : m_plan.variants) && !IsOver(); ++v) {
         if (m_plan.onlyVariant >= 0 && v != static_cast<uint64>(m_plan.onlyVariant)) continue;
         // The call under way counts from v = NUM_FIXED on.
         const SimCall* const inFlight = v >= NUM_FIXED ? next : nullptr;
         const CrashVariant variant = VariantOf(disk, inFlight, m_workload.seed, k, v);
-        Crash crash{{k, v, 0, std::string(" ") + NAMES[static_cast<size_t>(variant.choice)]}, v == 0, disk.Image(variant, inFlight), v == 0 && !m_plan.disturb ? &spent : nullptr, true};
+        Crash crash{{k, v, 0, std::string(" ") + NAMES[static_cast<size_t>(variant.choice)]},
+                    v == 0,
+                    disk.Image(variant, inFlight),
+                    v == 0 && !m_plan.disturb ? &spent : nullptr,
+                    true};
         if (!m_seen.insert(HashOf(crash.image)).second) continue;
         const uint64 chance = MixBits(m_workload.seed * 31 + static_cast<uint64>(k) * 1009 + v);
         const bool lives = m_plan.depth > 0 && chance % m_plan.oneLifeIn == 0 && !m_plan.disturb;
@@ -227,7 +235,8 @@ void SimSweep::CrashLife(SimSys& sys, const LssHistory& history, const LssBeginn
 void SimSweep::Report(Place place, const std::string& text) {
     ++m_totals.faults[FaultOf(text)];
     const std::string line = "--replay " + std::to_string(m_workload.seed) + "," + std::to_string(place.k) + "," +
-                             std::to_string(place.v) + " depth " + std::to_string(place.depth) + place.trail + ": " + text;
+                             std::to_string(place.v) + " depth " + std::to_string(place.depth) + place.trail + ": " +
+                             text;
     if (m_firstFault.empty()) m_firstFault = line;
     if (m_plan.stopAtFirstFault || m_totals.Sum() > 20) return;
     std::printf("FAULT %s\n", line.c_str());

@@ -38,14 +38,14 @@ struct SweepTotals {
 
 // How one workload is swept.
 struct SweepPlan {
-    uint64 variants = 16;  // images at each point, equal ones counted once
-    int64 stride = 1;      // only every n-th point
-    int64 fromPoint = 0;   // only points from here on
-    uint64 oneLifeIn = 6;  // images from which the life goes on
-    int lifeSteps = 8;     // of a later life
-    int lifePoints = 4;    // crashes of a later life, half of them in its recovery
-    int depth = 3;         // lives after the first
-    bool stopAtFirstFault = false; // which is kept, and not printed
+    uint64 variants = 16;              // images at each point, equal ones counted once
+    int64 stride = 1;                  // only every n-th point
+    int64 fromPoint = 0;               // only points from here on
+    uint64 oneLifeIn = 6;              // images from which the life goes on
+    int lifeSteps = 8;                 // of a later life
+    int lifePoints = 4;                // crashes of a later life, half of them in its recovery
+    int depth = 3;                     // lives after the first
+    bool stopAtFirstFault = false;     // which is kept, and not printed
     int64 mostStates = int64{1} << 60; // then the sweep ends
     // Of a store that fails: what it is made to suffer. A failure that the store reports is no fault then.
     std::function<void(SimSys&)> disturb;
