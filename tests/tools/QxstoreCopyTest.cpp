@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 #include <streambuf>
+#include <utility>
 
 namespace quna {
 
@@ -81,12 +82,14 @@ TEST_F(QxstoreCopyTest, ATargetIsReplacedOnlyByForce) {
     }
 }
 
-// Takes what is written and interrupts the process when a progress bar comes.
+// Takes what is written and interrupts the process when a progress bar comes, once: a second time ends it.
 class InterruptingBuffer : public std::streambuf {
     int overflow(int c) override {
-        if (c == '[') std::raise(SIGINT);
+        if (c == '[' && !std::exchange(m_hasInterrupted, true)) std::raise(SIGINT);
         return c;
     }
+
+    bool m_hasInterrupted = false;
 };
 
 TEST_F(QxstoreCopyTest, CtrlCLeavesNothingBehind) {

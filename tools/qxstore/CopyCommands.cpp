@@ -25,8 +25,9 @@ BackupResult Copy(OpenedStore& store, const Options& options, const CopyKind& ki
     how.replaceExisting = options.force;
     how.verify = !options.asIs;
     how.progress = [&](const BackupProgress& at) {
+        if (interrupt.WasInterrupted()) return false;
         progress.Set(at.bytesDone, at.bytesTotal);
-        return !interrupt.WasInterrupted();
+        return true;
     };
     try {
         const BackupResult result = (store.Lss().*kind.copy)(options.target.c_str(), how);
