@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <bit>
-#include <cstdlib>
 #include <new>
+
+#include <sys/mman.h>
 
 namespace quna {
 
@@ -11,13 +12,15 @@ namespace {
 
 constexpr size_t DIRECTORY_SLOTS = 65536;
 
-// Zero pages that cost nothing before they are touched.
+// Zero pages that cost nothing before they are touched. Not from the heap, which may clear memory that was in use before.
 template <class T>
 struct LazyArray {
-    LazyArray() : p(static_cast<T*>(std::calloc(DIRECTORY_SLOTS, sizeof(T)))) {
-        if (!p) throw std::bad_alloc();
+    LazyArray()
+        : p(static_cast<T*>(::mmap(nullptr, DIRECTORY_SLOTS * sizeof(T), PROT_READ | PROT_WRITE,
+                                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0))) {
+        if (p == MAP_FAILED) throw std::bad_alloc();
     }
-    ~LazyArray() { std::free(p); }
+    ~LazyArray() { ::munmap(p, DIRECTORY_SLOTS * sizeof(T)); }
     LazyArray(const LazyArray&) = delete;
     LazyArray& operator=(const LazyArray&) = delete;
     T* const p;
@@ -45,9 +48,14 @@ struct Index::Directory {
     using Entry = std::atomic<HighIndex*>;
     using Chunk = LazyArray<Entry>;
     LazyArray<std::atomic<Chunk*>> top;
+    std::vector<std::unique_ptr<Chunk>> chunks; // those in `top`; guarded by the index's m_nodesMutex
 
-    ~Directory() {
-        for (size_t i = 0; i < DIRECTORY_SLOTS; ++i) delete top.p[i].load(std::memory_order_relaxed);
+    Chunk& FindOrAdd(size_t i) {
+        if (!top.p[i].load(std::memory_order_relaxed)) {
+            chunks.push_back(std::make_unique<Chunk>());
+            top.p[i].store(chunks.back().get(), std::memory_order_release);
+        }
+        return *top.p[i].load(std::memory_order_relaxed);
     }
 };
 
@@ -65,10 +73,9 @@ HighIndex* Index::FindHigh(uint32 high) const {
 HighIndex& Index::FindOrAddHigh(uint32 high) {
     if (HighIndex* const found = FindHigh(high)) return *found;
     std::lock_guard lock(m_nodesMutex);
-    std::atomic<Directory::Chunk*>& top = m_directory->top.p[high >> 16];
-    if (!top.load(std::memory_order_relaxed)) top.store(new Directory::Chunk, std::memory_order_release);
+    Directory::Chunk& chunk = m_directory->FindOrAdd(high >> 16);
     m_highs.push_back(std::make_unique<HighIndex>(high));
-    top.load(std::memory_order_relaxed)->p[high & 0xFFFF].store(m_highs.back().get(), std::memory_order_release);
+    chunk.p[high & 0xFFFF].store(m_highs.back().get(), std::memory_order_release);
     return *m_highs.back();
 }
 

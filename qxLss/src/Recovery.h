@@ -10,6 +10,7 @@
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
 
+#include <map>
 #include <optional>
 #include <vector>
 
@@ -94,9 +95,11 @@ private:
     bool ParseReloc(const octet_t* payload, ssize_t n, Reloc& reloc) const;
     bool VerifyRange(const RelocRange& range, Reloc& reloc);
     void ApplyReloc(const Reloc& reloc);
+    void NoteSpent(Seid seid);
     void CountSinceCommit(ssize_t packetBytes);
     void ResetPending();
 
+    ssize_t SlotsInFile() const;
     bool ReadSegment(ssize_t slot, Segment& segment);
     bool ReadSegmentHeader(ssize_t slot, SegmentHeader& header);
     bool IsHeaderOf(const SegmentHeader& header, ssize_t slot, uint64 sequence, ESegmentKind kind) const;
@@ -104,9 +107,7 @@ private:
     void EnterSegment(ssize_t slot, const SegmentHeader& header);
 
     void LookForDamage();
-    void LookThrough(const Segment& segment, ssize_t from, std::optional<LinkPayload>& link,
-                     uint64& linkSequence) const;
-    bool FindSuccessor(uint64 sequence, ssize_t& slot, uint64& successor);
+    void LookThrough(const Segment& segment, ssize_t from, std::map<ssize_t, uint64>& linked) const;
 
     StoreCore& m_core;
     SpaceManager& m_space;
@@ -116,6 +117,7 @@ private:
 
     RecoveredLog m_result;
     ssize_t m_numSlots = 0;
+    int64 m_tableBytes = 0;           // of the checkpoint's tables, as far as read
     Segment m_segment;                // being walked
     ssize_t m_pos = 0;                // in it
     std::vector<Operation> m_pending; // since the last COMMIT, ABORT or RELOC
@@ -124,6 +126,9 @@ private:
     uint64 m_applyNumber = 0;                // marks in leaves, see Apply
     std::optional<LinkPayload> m_brokenLink; // a LINK whose target did not verify
     uint64 m_brokenLinkSequence = 0;
+    SeidHigh m_spentHigh = 0;
+    uint32* m_spent = nullptr;                 // the horizon of m_spentHigh, once one was asked for
+    std::map<ssize_t, RelocRange> m_relocated; // by slot: the range that was named last
 };
 
 } // namespace quna

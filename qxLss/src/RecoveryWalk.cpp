@@ -76,6 +76,7 @@ Recovery::EStep Recovery::TakeElement(const PacketHeader& packet, const octet_t*
     if (seid.high_ == 0 || seid.high_ >= m_result.nextHigh)
         ThrowCorrupt(m_core, "the log holds an element under a high half that was never allocated",
                      m_segments.OffsetOf(m_segment.slot) + m_pos);
+    if (isElement) NoteSpent(seid);
     CountSinceCommit(packetBytes);
     if (type != EPacketType::DROP) {
         ++m_segments[m_segment.slot].packets;
@@ -180,6 +181,15 @@ void Recovery::NoteUsedUpTo(ssize_t slot, ssize_t offset) {
     m_segments[slot].usedBytes = static_cast<uint32>(offset - SEGMENT_HEADER_BYTES);
 }
 
+// The ring says so already, unless the block that does is damaged.
+void Recovery::NoteSpent(Seid seid) {
+    if (!m_spent || seid.high_ != m_spentHigh) {
+        m_spentHigh = seid.high_;
+        m_spent = &m_result.ring.horizons[seid.high_];
+    }
+    if (seid.low_ >= *m_spent && seid.low_ < SeidAllocator::LOW_LIMIT) *m_spent = seid.low_ + 1;
+}
+
 void Recovery::CountSinceCommit(ssize_t packetBytes) {
     m_bytesSince += static_cast<uint64>(packetBytes);
     ++m_packetsSince;
@@ -253,9 +263,14 @@ bool Recovery::ParseReloc(const octet_t* payload, ssize_t n, Reloc& reloc) const
     return p == end;
 }
 
+// A segment's ranges follow one another, so that together they are no longer than the file.
 bool Recovery::VerifyRange(const RelocRange& range, Reloc& reloc) {
     SegmentHeader header{};
     Segment segment;
+    const auto last = m_relocated.find(range.slot);
+    if (last != m_relocated.end() && last->second.sequence == range.sequence && range.from < last->second.to)
+        return false;
+    m_relocated[range.slot] = range;
     if (range.slot >= m_segments.MaxSlots() || !ReadSegmentHeader(range.slot, header) ||
         !IsHeaderOf(header, range.slot, range.sequence, ESegmentKind::SURVIVORS) || !ReadSegment(range.slot, segment))
         return false;

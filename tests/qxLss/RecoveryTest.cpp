@@ -199,7 +199,8 @@ TEST(Recovery, ANewerFormatVersionIsRefusedByNumberAndTheFileKept) {
     }
     SimSys after(ImageOf(file));
     ExpectException<CorruptLSSException>(
-        "The store 'd/store' is damaged: the file has format version 2, this library reads versions up to 1",
+        "The store 'd/store' is damaged: the file has format version 2, this library reads versions up to 1: "
+        "open it with a newer library",
         [&] { TestLss lss(after); });
     EXPECT_EQ(StoreFile(after), file);
 }

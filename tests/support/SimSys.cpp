@@ -101,6 +101,64 @@ ssize_t SimSys::NumOpen() const {
     return std::ssize(m_open);
 }
 
+int64 SimSys::NumAllCalls() const {
+    const std::lock_guard lock(m_mutex);
+    int64 sum = 0;
+    for (const int64 n : m_calls) sum += n;
+    return sum;
+}
+
+void SimSys::TrackReads() {
+    const std::lock_guard lock(m_mutex);
+    m_trackingReads = true;
+    m_reads.clear();
+}
+
+std::vector<std::pair<int64, int64>> SimSys::TakeReads() {
+    const std::lock_guard lock(m_mutex);
+    m_trackingReads = false;
+    return std::exchange(m_reads, {});
+}
+
+// --- behind the store's back
+
+SimSys::Inode& SimSys::FileNamed(const std::string& name) { return m_files[static_cast<size_t>(m_names.at(name))]; }
+
+const SimSys::Inode& SimSys::FileNamed(const std::string& name) const {
+    return m_files[static_cast<size_t>(m_names.at(name))];
+}
+
+void SimSys::Poke(const std::string& name, int64 at, const octet_t* bytes, size_t n) {
+    const std::lock_guard lock(m_mutex);
+    Inode& inode = FileNamed(name);
+    if (at + static_cast<int64>(n) > inode.size) throw std::logic_error("SimSys: Poke beyond the end of the file");
+    if (::pwrite(inode.memory, bytes, n, at) != static_cast<ssize_t>(n))
+        throw std::runtime_error("SimSys: can't write a memory file");
+}
+
+void SimSys::PokeSize(const std::string& name, int64 size) {
+    const std::lock_guard lock(m_mutex);
+    SetSize(FileNamed(name), size);
+}
+
+FileBytes SimSys::Peek(const std::string& name, int64 at, size_t n) const {
+    const std::lock_guard lock(m_mutex);
+    FileBytes bytes(n);
+    if (::pread(FileNamed(name).memory, bytes.data(), n, at) != static_cast<ssize_t>(n))
+        throw std::logic_error("SimSys: Peek beyond the end of the file");
+    return bytes;
+}
+
+int64 SimSys::SizeOf(const std::string& name) const {
+    const std::lock_guard lock(m_mutex);
+    return FileNamed(name).size;
+}
+
+std::vector<SimCall> SimSys::TakeRecord() {
+    const std::lock_guard lock(m_mutex);
+    return std::exchange(m_record, {});
+}
+
 // --- helpers
 
 // Counts the call; 0, or the error with which it is to end before it does anything.
@@ -186,6 +244,7 @@ int SimSys::Open(const char* path, int flags, int) {
 ssize_t SimSys::Read(int fd, void* p, size_t n, off_t at) {
     const std::lock_guard lock(m_mutex);
     if (const int error = Begin(ESimCall::READ)) return error;
+    if (m_trackingReads) m_reads.emplace_back(at, static_cast<int64>(n));
     return ::pread(FileOf(fd).memory, p, Shortened(n), at);
 }
 
@@ -364,6 +423,7 @@ int SimSys::Unmap(const octet_t* base, size_t n) { return ::munmap(const_cast<oc
 int SimSys::Load(int fd, const octet_t*, off_t at, size_t n) {
     const std::lock_guard lock(m_mutex);
     if (const int error = Begin(ESimCall::LOAD)) return error;
+    if (m_trackingReads) m_reads.emplace_back(at, static_cast<int64>(n));
     const int64 end = (FileOf(fd).size + 4095) / 4096 * 4096;
     return at + static_cast<int64>(n) <= end ? 0 : -EFAULT;
 }
