@@ -122,11 +122,20 @@ IndexNode* Index::LoadPage(uint32 high, int level, uint32 page, Location l) cons
     const octet_t* const payload = packet + PACKET_HEADER_BYTES;
     IndexPrefix prefix{};
     if (payloadBytes >= static_cast<ssize_t>(sizeof prefix)) prefix = ReadPod<IndexPrefix>(payload);
+    if (prefix.form != 0)
+        ThrowCorrupt(m_core,
+                     "an index page has form " + std::to_string(prefix.form) + ", this library reads form 0: open the "
+                                                                               "store with a newer library",
+                     LocationOffset(l));
     ssize_t n = 0;
     for (const uint64 bits : prefix.bitmap) n += std::popcount(bits);
-    if (payloadBytes != static_cast<ssize_t>(sizeof prefix) + n * 8 || prefix.level != level || prefix.form != 0 ||
+    if (payloadBytes != static_cast<ssize_t>(sizeof prefix) + n * 8 || prefix.level != level ||
         prefix.n != n)
-        ThrowCorrupt(m_core, "an index page is not well formed", LocationOffset(l));
+        ThrowCorrupt(m_core,
+                     "an index page of level " + std::to_string(prefix.level) + " with " + std::to_string(prefix.n) +
+                         " entries in " + std::to_string(payloadBytes) + " bytes was found, expected is level " +
+                         std::to_string(level) + " with " + std::to_string(n),
+                     LocationOffset(l));
 
     IndexNode* const node = MakeNode(high, level, page);
     node->own = l;

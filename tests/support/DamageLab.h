@@ -51,16 +51,20 @@ public:
 
     void Flip(int64 at, int bit);
     void Replace(int64 at, const FileBytes& bytes); // what goes beyond the end of the file is left out
+    // Bytes in place of those that Resize has cut off and extended, which counts as damaged already.
+    void Fill(int64 at, const FileBytes& bytes) { m_sys->Poke("d/store", at, bytes.data(), bytes.size()); }
+    // Cut, or extended with zeros.
     void Resize(int64 size);
-    // Appends to the end.
-    void Append(const FileBytes& bytes);
+    // Cuts the file at `size`, which is no more than now; what stands behind `size` counts as damaged.
+    void CutAt(int64 size);
     void Undo();
     const std::vector<LabRange>& Touched() const { return m_touched; }
 
     // --- trials, of the file as it is now. `where` is for the report and tells how to replay
 
-    // Opens for reading only; reads all elements, unless only the front of the file differs and all are where they were.
-    ELabVerdict TryReading(LabTotals& totals, const std::string& where);
+    // Opens for reading only; reads all elements, unless no packet is damaged and all are where they were. Not thorough: of
+    // elements that are where they were, only those near an edge of the damage; if pages of the index are gone, some.
+    ELabVerdict TryReading(LabTotals& totals, const std::string& where, bool thorough = true);
     // Opens for writing as an application that creates what is missing; identifiers of elements are not given again.
     // Undoes the damage. Requires: not shared.
     ELabVerdict TryWriting(LabTotals& totals, const std::string& where);
@@ -80,9 +84,13 @@ public:
     // What is read later: elements, their parts and pages, sorted.
     const std::vector<Packet>& ReadLater() const { return m_packets; }
 
-private:
+    SimSys& Sys() { return *m_sys; }
     LssStore* Open(EOpenMode mode, bool& createdNew);
-    ELabVerdict Judge(LssStore& store, std::string& text);
+
+private:
+    ELabVerdict Judge(LssStore& store, bool thorough, std::string& text);
+    size_t IndexOf(uint64 seid) const;
+    bool IsNearEdge(const Packet& packet) const;
     ELabVerdict Compare(const std::vector<std::optional<uint64>>& found, bool detected, std::string& text);
     void LookUp(LssStore& store, uint64 seid, std::optional<uint64>& hash, std::string& error);
     uint64 PlacesOf(LssStore& store) const;
@@ -97,6 +105,7 @@ private:
     std::unique_ptr<SimSys> m_sys;
     std::vector<LabRange> m_touched;
     int64 m_size;
+    uint64 m_sample = 0; // which elements are read when not all are
     LssStore* m_shared = nullptr; // the undamaged file, open for reading only; null before Share
     uint64 m_places = 0;
     std::vector<Packet> m_packets;

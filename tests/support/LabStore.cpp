@@ -32,12 +32,14 @@ public:
         m_store->AllocateSeidHigh();
         m_store->AllocateSeidHigh();
         const bool isNew = m_kind == ELabKind::NEW;
-        const int64 tail = isNew ? 0 : std::max<int64>(m_bytes / 8, 3 * m_segmentSize);
+        const int64 tail = isNew ? 0 : std::max<int64>(m_bytes / 32, 6 * m_segmentSize);
         while (Size() < m_bytes - tail) {
             Transaction(Pick(4) == 0);
             if (!isNew && Pick(40) == 0) Maintain();
         }
+        Keep();
         if (!isNew) Maintain();
+        Keep();
         if (m_kind == ELabKind::KILLED || m_kind == ELabKind::LONG_TRANSACTIONS) Tail(tail);
         if (isNew || m_kind == ELabKind::KILLED) {
             for (int i = 0; i < 4; ++i) Transaction(i == 1);
@@ -61,6 +63,8 @@ private:
         m_store->GetStats(stats);
         return stats.fileSize;
     }
+
+    void Keep() { m_result.earlier.push_back(m_sys.CachedImage().at(PATH)); }
 
     void Maintain() {
         m_store->CleanForTest(4);
@@ -234,6 +238,7 @@ uint64 LabStore::Floor(const std::vector<LabRange>& touched) const {
     const auto isTouched = [&](const LabRange& range) {
         return std::any_of(touched.begin(), touched.end(), [&](const LabRange& t) { return t.Meets(range); });
     };
+    if (isTouched(headerRange) && std::all_of(vouching.begin(), vouching.end(), isTouched)) return 0;
     if (clean) return numTransactions;
     uint64 mark = 0;
     for (const LabCommit& commit : commits) {

@@ -47,6 +47,7 @@ struct LabStore {
     uint64 seed = 0;
     ssize_t segmentSize = 0;
     FileBytes file;
+    std::vector<FileBytes> earlier;     // the file at moments before
     CheckpointHeader header{};          // the newest
     LabRange headerRange{};             // its place
     bool clean = false;                 // closed
@@ -58,7 +59,7 @@ struct LabStore {
     std::vector<uint64> seids;          // every key that ever had an element, ascending
 
     // The number of the transaction up to which nothing may be missing if what lies in `touched` has been destroyed and the
-    // rest stands.
+    // rest stands. 0 if nothing is left that tells of the newest checkpoint.
     uint64 Floor(const std::vector<LabRange>& touched) const;
 };
 
