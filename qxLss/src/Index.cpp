@@ -124,9 +124,8 @@ IndexNode* Index::LoadPage(uint32 high, int level, uint32 page, Location l) cons
     if (payloadBytes >= static_cast<ssize_t>(sizeof prefix)) prefix = ReadPod<IndexPrefix>(payload);
     if (prefix.form != 0)
         ThrowCorrupt(m_core,
-                     "an index page has form " + std::to_string(prefix.form) + ", this library reads form 0: open the "
-                                                                               "store with a newer library",
-                     LocationOffset(l));
+                     "an index page has form " + std::to_string(prefix.form) + ", this library reads form 0",
+                     LocationOffset(l), ADVICE_NEWER);
     ssize_t n = 0;
     for (const uint64 bits : prefix.bitmap) n += std::popcount(bits);
     if (payloadBytes != static_cast<ssize_t>(sizeof prefix) + n * 8 || prefix.level != level ||

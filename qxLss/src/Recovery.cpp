@@ -64,10 +64,11 @@ EHeaderState ChooseHeader(File& file, CheckpointHeader& newest) {
 }
 
 [[noreturn]] void ThrowOtherVersion(const StoreCore& core, uint32 found) {
-    const std::string expected = std::to_string(FORMAT_VERSION);
-    ThrowCorrupt(core, "the file has format version " + std::to_string(found) + ", this library reads " +
-                           (found > FORMAT_VERSION ? "versions up to " + expected + ": open it with a newer library"
-                                                   : "versions from " + expected + " on"));
+    const bool isNewer = found > FORMAT_VERSION;
+    ThrowCorrupt(core,
+                 "the file has format version " + std::to_string(found) + ", this library reads versions " +
+                     (isNewer ? "up to " : "from ") + std::to_string(FORMAT_VERSION),
+                 -1, isNewer ? ADVICE_NEWER : ADVICE_RESTORE);
 }
 
 } // namespace
@@ -211,7 +212,13 @@ std::vector<octet_t> Recovery::ReadTablePacket(Location l, EPacketType type) {
     if (PacketType(header.info) != type || PacketBytes(header.info) != LocationBytes(l) ||
         PacketCrc(SegmentCrcSeed(m_core.m_storeId, segment.sequence), m_segments.OffsetIn(l), packet.data(), n) !=
             header.crc)
-        ThrowCorrupt(m_core, "a table of the checkpoint is not valid", LocationOffset(l));
+        ThrowCorrupt(m_core,
+                     "a table of the checkpoint is not valid: found a packet of type " +
+                         std::to_string(static_cast<uint32>(PacketType(header.info))) + " and " +
+                         std::to_string(PacketBytes(header.info)) + " bytes, expected type " +
+                         std::to_string(static_cast<uint32>(type)) + ", " + std::to_string(LocationBytes(l)) +
+                         " bytes and the right checksum",
+                     LocationOffset(l));
     m_result.held.push_back(slot);
     return {packet.begin() + PACKET_HEADER_BYTES, packet.begin() + PACKET_HEADER_BYTES + n};
 }

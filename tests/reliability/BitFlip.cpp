@@ -146,7 +146,7 @@ int Main(int argc, char** argv) {
         Sweep one(store, totals);
         one.Read(share);
         idle += one.NumIdleBits();
-        Sweep(store, writing).Write({share.part, share.of * (full ? 8 : 32)});
+        Sweep(store, writing).Write({share.part, share.of * (full ? 32 : 2)});
     };
     if (arguments.replay && !full) {
         const auto kind = static_cast<ELabKind>(arguments.replayVariant / 8);
@@ -156,7 +156,7 @@ int Main(int argc, char** argv) {
         sweep(static_cast<ELabKind>(arguments.replayVariant),
               {static_cast<int64>(arguments.replaySeed), arguments.replayPoint});
     } else {
-        const int64 of = full || arguments.scale >= 10 ? 1 : 251;
+        const int64 of = full || arguments.scale >= 10 ? 1 : 997;
         for (int kind = 0; kind < static_cast<int>(ELabKind::COUNT); ++kind)
             sweep(static_cast<ELabKind>(kind), {static_cast<int64>(arguments.seed % static_cast<uint64>(of)), of});
     }

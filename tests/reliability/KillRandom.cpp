@@ -26,11 +26,13 @@ namespace quna {
 namespace {
 
 constexpr int NUM_THREADS = 4;
+
 LssSettings Settings(uint64 seed) {
     LssSettings settings;
     settings.segmentSize = 65536;
     settings.flushTimeMilliSec = 20;
     settings.numSegmentsPerCheckPoint = seed % 2 ? 4 : 128;
+    settings.cleanerUtilisationPercent = 85;
     return settings;
 }
 

@@ -92,7 +92,7 @@ int Main(int argc, char** argv) {
         const LabStore store = build(arguments.replaySeed, static_cast<int>(arguments.replayVariant / 4));
         Sweep(store, totals).One(arguments.replayPoint, arguments.replayVariant % 4);
     } else {
-        const int64 of = arguments.scale > 1 ? 1 : 127;
+        const int64 of = arguments.scale > 1 ? 1 : 251;
         for (int kind = 0; kind < static_cast<int>(ELabKind::COUNT); ++kind) {
             const LabStore store = build(arguments.seed, kind);
             Sweep(store, totals).Run(static_cast<int64>(arguments.seed) % of, of, of == 1 ? 64 : 16);
