@@ -99,6 +99,9 @@ public:
     virtual Seid AllocateSeid(SeidHigh high) = 0;
     // Replaces `seid` by an unused identifier of the same high half that lies near it. False if there is none left.
     virtual bool AllocateAffiliateSeid(Seid& seid) = 0;
+    // Has the store given `seid` out, in this or an earlier life? Counts as given out what it took over from another store,
+    // and what a crash has spent. Always true where nothing can be given out.
+    virtual bool IsAllocated(Seid /*seid*/) { return true; }
     // Null if there is no such element.
     virtual IContiguousSerialElement* OpenSerialElement(Seid seid) = 0;
     virtual ILssTransaction* OpenTransaction() = 0;

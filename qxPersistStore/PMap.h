@@ -290,7 +290,9 @@ protected:
         else
             return GetPersistStoreTypeOpsId(DescriptionOf<Payload>());
     }
-    static BPlusTree* NewTree() { return DollarNew<BPlusTree>(BTreeTypeInfo(KeyTypeId(), PayloadTypeId())); }
+    // The key's type goes first where both get their ids here: braces order it, so that every compiler's program writes
+    // the same records.
+    static BPlusTree* NewTree() { return DollarNew<BPlusTree>(BTreeTypeInfo{KeyTypeId(), PayloadTypeId()}); }
 
     static const _Key* AsKey(key_argument key) { return reinterpret_cast<const _Key*>(&key.Get()); }
     static Key KeyAt(iterator where) {

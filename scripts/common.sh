@@ -51,6 +51,11 @@ need_build_tools() {
     need cmake=cmake ninja=ninja-build g++=g++
 }
 
+# What the command line tool stands on; a build without them leaves it out.
+need_tool_libraries() {
+    need /usr/include/CLI/CLI.hpp=libcli11-dev /usr/include/nlohmann/json.hpp=nlohmann-json3-dev
+}
+
 need_clang() {
     need clang++=clang llvm-symbolizer=llvm '/usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.asan-x86_64.a=libclang-rt-dev'
 }

@@ -88,4 +88,9 @@ fi
 grep -qF "has no package '$package'" "$folder/gone"
 "$program" info "$store"
 
+if [[ -x $1/bin/qxstore ]]; then
+    say "A tool that knows none of the example's classes: is the file sound?"
+    "$1/bin/qxstore" verify "$store"
+fi
+
 say "The change outlived the process that made it"

@@ -18,6 +18,8 @@ constexpr ssize_t ENTRIES_OFFSET = 56;
 constexpr ssize_t ENTRY_BYTES = 8;
 constexpr ssize_t CRC_OFFSET = AllocRingBlock::BYTES - 4;
 
+constexpr uint64 MAX_SEQUENCE = uint64{1} << 62; // no store lives so long
+
 static_assert(ENTRIES_OFFSET + AllocRingBlock::MAX_ENTRIES * ENTRY_BYTES <= CRC_OFFSET);
 static_assert(AllocRing::FILE_OFFSET + AllocRing::NUM_BLOCKS * AllocRingBlock::BYTES == 131072);
 static_assert(AllocRing::MAX_SET_BLOCKS * AllocRingBlock::MAX_ENTRIES == 14112);
@@ -87,7 +89,8 @@ AllocRing::Contents AllocRing::Read() {
         octet_t bytes[AllocRingBlock::BYTES] = {};
         m_file.ReadUpTo(FILE_OFFSET + i * AllocRingBlock::BYTES, bytes, AllocRingBlock::BYTES);
         AllocRingBlock block;
-        if (!block.Decode(bytes) || block.storeId != m_storeId || block.ringSequence == 0) {
+        if (!block.Decode(bytes) || block.storeId != m_storeId || block.ringSequence == 0 ||
+            block.ringSequence > MAX_SEQUENCE) {
             m_slots[static_cast<size_t>(i)] = Slot();
             continue;
         }

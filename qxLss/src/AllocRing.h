@@ -32,7 +32,7 @@ struct AllocHorizon {
 //   48    8      base of the segment sequences
 //   56    n x 8  high u32, horizon u32: the highs whose horizon has moved since the set was begun
 //   4092  4      CRC32C of bytes 0..4091
-struct AllocRingBlock {
+struct QX_API AllocRingBlock {
     static constexpr ssize_t BYTES = 4096;
     static constexpr ssize_t MAX_ENTRIES = 504;
     static constexpr uint16 FLAG_RUNNING = 1;

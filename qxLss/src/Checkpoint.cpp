@@ -1,10 +1,14 @@
 #include "qxLss/src/Checkpoint.h"
 
+#include "qxLss/CorruptLSSException.h"
 #include "qxLss/src/Mutants.h"
 #include "qxLss/src/UsageCheck.h"
+#include "qxUtils/Exceptions.h"
+#include "qxUtils/Tracer.h"
 
 #include <algorithm>
 #include <cstring>
+#include <exception>
 
 namespace quna {
 
@@ -148,8 +152,23 @@ void Checkpoint::TouchPagesOf(ssize_t slot) {
             return; // the end of what was written
         if (PacketType(header.info) == EPacketType::INDEX &&
             PayloadBytes(header.info) >= static_cast<ssize_t>(sizeof(IndexPrefix)))
-            m_index.TouchPage(header.key, packet[PACKET_HEADER_BYTES], MakeLocation(fileOffset + pos, packetBytes));
+            TouchPage(header.key, packet[PACKET_HEADER_BYTES], MakeLocation(fileOffset + pos, packetBytes));
         pos += packetBytes;
+    }
+}
+
+// A page on the way to it may be damaged. Then its segment stays as it is, and what can still be read of the store can be.
+void Checkpoint::TouchPage(uint64 key, int level, Location l) {
+    const auto leaveAlone = [&](const std::exception& e) {
+        TracerX() << "A checkpoint of the store '" << m_core.m_file.Path() << "' leaves a page as it is: " << e.what()
+                  << "\n";
+    };
+    try {
+        m_index.TouchPage(key, level, l);
+    } catch (const CorruptLSSException& e) {
+        leaveAlone(e);
+    } catch (const FileException& e) {
+        leaveAlone(e);
     }
 }
 
@@ -368,7 +387,8 @@ void Checkpoint::ClearCreatingFlag() {
     m_core.m_file.WriteDurable(HeaderOffset(h.checkpointSequence), &h, sizeof h);
     m_header = h;
     m_isBeingCreated.store(false, std::memory_order_relaxed);
-    m_ring.EndCheckpoint(h.checkpointSequence, h.ringSequence, true); // should this header be damaged, it will be missed
+    m_ring.EndCheckpoint(h.checkpointSequence, h.ringSequence,
+                         true); // should this header be damaged, it will be missed
 }
 
 } // namespace quna

@@ -73,6 +73,7 @@ private:
     void TakePosition(State& state, EReason reason);
     void TouchSparseSegments();
     void TouchPagesOf(ssize_t slot);
+    void TouchPage(uint64 key, int level, Location l);
     void ReserveForTables(ssize_t numHighs);
     ssize_t TablePackets() const;
     void WriteTables(State& state);

@@ -13,8 +13,6 @@ namespace {
 constexpr ssize_t SLOTS_A_LOOK = 4096;  // of the usage table read in one hold of the turn, about 20 us
 constexpr ssize_t REST_SEGMENTS = 4;    // of log after which a fruitless look is worth another
 constexpr ssize_t MANY_FREE_SLOTS = 64; // beyond these and 5 % of the file its end is cleaned first, to be cut
-constexpr uint64 BYTES_A_WAIT = 256 * 1024;
-constexpr int64 EXCESS_A_MILLISECOND = int64{16} << 20;
 constexpr auto LONGEST_WAIT = std::chrono::milliseconds(100);
 
 } // namespace
@@ -120,16 +118,18 @@ void Cleaner::Rest() {
 void Cleaner::WaitForRoom() {
     if (!IsEnabled() || m_stop.load(std::memory_order_relaxed)) return;
     const uint64 clock = m_log.HandedClock();
-    uint64 next = m_nextWaitAt.load(std::memory_order_relaxed);
-    if (clock < next || !m_nextWaitAt.compare_exchange_strong(next, clock + BYTES_A_WAIT, std::memory_order_relaxed))
+    uint64 last = m_lastWaitAt.load(std::memory_order_relaxed);
+    if (clock < last + WAIT_QUANTUM || !m_lastWaitAt.compare_exchange_strong(last, clock, std::memory_order_relaxed))
         return;
-    const int64 excess = m_goal.Excess(Used(), Live());
-    if (excess <= 0) return;
-    const std::chrono::microseconds wait(1000 + excess / (EXCESS_A_MILLISECOND / 1000));
+    const double perQuantum = WaitMilliseconds(Pressure());
+    if (perQuantum <= 0) return;
+    // A large transaction has written many at once. Nothing was counted before the store was opened.
+    const double quanta = last ? static_cast<double>(clock - last) / WAIT_QUANTUM : 1;
+    const std::chrono::duration<double, std::milli> wait(perQuantum * quanta);
     std::unique_lock lock(m_roundMutex);
     const uint64 rounds = m_numRounds;
-    m_roundEnded.wait_for(lock, std::min<std::chrono::microseconds>(wait, LONGEST_WAIT),
-                          [&] { return m_numRounds != rounds && m_goal.Excess(Used(), Live()) <= 0; });
+    m_roundEnded.wait_for(lock, std::min<std::chrono::duration<double, std::milli>>(wait, LONGEST_WAIT),
+                          [&] { return m_numRounds != rounds && Pressure() <= 0; });
 }
 
 uint64 Cleaner::NumRounds() {

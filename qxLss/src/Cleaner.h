@@ -52,8 +52,8 @@ public:
     void RequestUrgently() { m_urgent.store(true, std::memory_order_relaxed); }
     bool TakeUrgent() { return m_urgent.exchange(false, std::memory_order_relaxed); }
 
-    // Before a transaction: if dead space has outgrown the goal by far, waits for the cleaner, a little at every so many
-    // bytes of log, so that writers are slowed down to its pace without ever standing still for long.
+    // Before a transaction: if dead space has outgrown the goal, waits for the cleaner, a little at every so many bytes of
+    // log, so that writers are slowed down to its pace without ever standing still for long.
     void WaitForRoom();
     // Returns when more than `rounds` rounds have ended, or after 100 ms.
     void WaitForRound(uint64 rounds);
@@ -73,6 +73,10 @@ private:
     int64 Live() const {
         const StoreCounters& c = m_core.m_counters;
         return c.liveBytes.load(std::memory_order_relaxed) - c.indexBytes.load(std::memory_order_relaxed);
+    }
+    // Packets that have been moved count once: their victims will be freed.
+    double Pressure() const {
+        return m_goal.Pressure(Used() - m_core.m_counters.movingBytes.load(std::memory_order_relaxed), Live());
     }
     struct Survey {
         std::vector<VictimCandidate> candidates;
@@ -97,7 +101,7 @@ private:
     std::atomic<bool> m_stop{false};
     std::atomic<bool> m_urgent{false};
     std::atomic<uint64> m_notBefore{0};  // log clock before which there is nothing to win
-    std::atomic<uint64> m_nextWaitAt{0}; // log clock at which writers look at the excess again
+    std::atomic<uint64> m_lastWaitAt{0}; // log clock at which a writer last looked whether it should wait
 
     std::mutex m_roundMutex; // leaf
     std::condition_variable m_roundEnded;

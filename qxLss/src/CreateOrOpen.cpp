@@ -131,13 +131,13 @@ StorePtr TryOnce(const OpenRequest& request, bool& createdNew) {
     return createdNew ? Create(request, true) : OpenFile(std::move(core));
 }
 
-ILogStructuredStore* Open(const OpenRequest& request, bool& createdNew) {
+ILogStructuredStore* Open(const OpenRequest& request, bool& createdNew, EBackground background) {
     InstallForkGuard();
     for (;;) {
         bool created = false;
         StorePtr store = TryOnce(request, created);
         if (!store) continue;
-        store->StartThreads();
+        if (background == EBackground::THREADS) store->StartThreads();
         createdNew = created;
         return store.release();
     }
@@ -153,13 +153,13 @@ void CheckArguments(ConstStringZ path) {
 ILogStructuredStore* CreateOrOpenLSS(ConstStringZ path, ConstStringZ /*deltasDirPath*/, bool& createdNew,
                                      EOpenMode openMode, const LssSettings& settings) {
     CheckArguments(path);
-    return Open({RealSysCalls(), path, openMode, settings, MIN_SEGMENT_SIZE}, createdNew);
+    return Open({RealSysCalls(), path, openMode, settings, MIN_SEGMENT_SIZE}, createdNew, EBackground::THREADS);
 }
 
 ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ /*deltasDirPath*/, bool& createdNew,
-                                    EOpenMode openMode, const LssSettings& settings) {
+                                    EOpenMode openMode, const LssSettings& settings, EBackground background) {
     CheckArguments(path);
-    return Open({sys, path, openMode, settings, MIN_TEST_SEGMENT_SIZE}, createdNew);
+    return Open({sys, path, openMode, settings, MIN_TEST_SEGMENT_SIZE}, createdNew, background);
 }
 
 } // namespace quna

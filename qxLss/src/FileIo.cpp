@@ -158,11 +158,13 @@ bool File::PunchHole(int64 offset, int64 n) {
     return true;
 }
 
-int64 File::Size() {
+int64 File::Size() const {
     const int64 size = m_sys.Size(m_fd);
     if (size < 0) ThrowFileError("get the size of", m_path, static_cast<int>(-size));
     return size;
 }
+
+void File::ReadAhead(int64 offset, int64 n) noexcept { m_sys.ReadAhead(m_fd, offset, n); }
 
 void File::DropCache(int64 offset, int64 n) noexcept { m_sys.DropCache(m_fd, offset, n); }
 

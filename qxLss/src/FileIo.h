@@ -70,9 +70,11 @@ public:
     void Truncate(int64 size);
     // Gives the blocks of the range back. False where the file system cannot.
     bool PunchHole(int64 offset, int64 n);
-    int64 Size();
+    int64 Size() const;
     // Drops the clean cached pages of a range, so that later reads see the disk. n = 0: to the end. Only advice.
     void DropCache(int64 offset, int64 n) noexcept;
+    // Begins to read the range, in the hope that it is there when it is needed.
+    void ReadAhead(int64 offset, int64 n) noexcept;
 
     const std::string& Path() const { return m_path; }
     int Descriptor() const { return m_fd; }

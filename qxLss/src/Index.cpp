@@ -48,15 +48,7 @@ struct Index::Directory {
     using Entry = std::atomic<HighIndex*>;
     using Chunk = LazyArray<Entry>;
     LazyArray<std::atomic<Chunk*>> top;
-    std::vector<std::unique_ptr<Chunk>> chunks; // those in `top`; guarded by the index's m_nodesMutex
-
-    Chunk& FindOrAdd(size_t i) {
-        if (!top.p[i].load(std::memory_order_relaxed)) {
-            chunks.push_back(std::make_unique<Chunk>());
-            top.p[i].store(chunks.back().get(), std::memory_order_release);
-        }
-        return *top.p[i].load(std::memory_order_relaxed);
-    }
+    std::vector<std::unique_ptr<Chunk>> chunks; // owns those in `top`, so that nobody has to walk through all of it
 };
 
 Index::Index(StoreCore& core)
@@ -73,9 +65,13 @@ HighIndex* Index::FindHigh(uint32 high) const {
 HighIndex& Index::FindOrAddHigh(uint32 high) {
     if (HighIndex* const found = FindHigh(high)) return *found;
     std::lock_guard lock(m_nodesMutex);
-    Directory::Chunk& chunk = m_directory->FindOrAdd(high >> 16);
+    std::atomic<Directory::Chunk*>& top = m_directory->top.p[high >> 16];
+    if (!top.load(std::memory_order_relaxed)) {
+        m_directory->chunks.push_back(std::make_unique<Directory::Chunk>());
+        top.store(m_directory->chunks.back().get(), std::memory_order_release);
+    }
     m_highs.push_back(std::make_unique<HighIndex>(high));
-    chunk.p[high & 0xFFFF].store(m_highs.back().get(), std::memory_order_release);
+    top.load(std::memory_order_relaxed)->p[high & 0xFFFF].store(m_highs.back().get(), std::memory_order_release);
     return *m_highs.back();
 }
 
@@ -123,13 +119,11 @@ IndexNode* Index::LoadPage(uint32 high, int level, uint32 page, Location l) cons
     IndexPrefix prefix{};
     if (payloadBytes >= static_cast<ssize_t>(sizeof prefix)) prefix = ReadPod<IndexPrefix>(payload);
     if (prefix.form != 0)
-        ThrowCorrupt(m_core,
-                     "an index page has form " + std::to_string(prefix.form) + ", this library reads form 0",
+        ThrowCorrupt(m_core, "an index page has form " + std::to_string(prefix.form) + ", this library reads form 0",
                      LocationOffset(l), ADVICE_NEWER);
     ssize_t n = 0;
     for (const uint64 bits : prefix.bitmap) n += std::popcount(bits);
-    if (payloadBytes != static_cast<ssize_t>(sizeof prefix) + n * 8 || prefix.level != level ||
-        prefix.n != n)
+    if (payloadBytes != static_cast<ssize_t>(sizeof prefix) + n * 8 || prefix.level != level || prefix.n != n)
         ThrowCorrupt(m_core,
                      "an index page of level " + std::to_string(prefix.level) + " with " + std::to_string(prefix.n) +
                          " entries in " + std::to_string(payloadBytes) + " bytes was found, expected is level " +
@@ -143,7 +137,7 @@ IndexNode* Index::LoadPage(uint32 high, int level, uint32 page, Location l) cons
         if (!(prefix.bitmap[i / 64] >> (i % 64) & 1)) continue;
         const Location child = ReadPod<Location>(p);
         p += sizeof child;
-        if (!m_core.m_segments->IsInside(child, m_core.m_segments->MaxSlots()))
+        if (!m_core.m_segments->IsInside(child))
             ThrowCorrupt(m_core, "an index page holds a location outside the segments", LocationOffset(l));
         node->slots[i].store(child, std::memory_order_relaxed);
     }
@@ -248,6 +242,21 @@ void Index::MarkDirty(IndexLeaf& leaf) {
     if (leaf.dirty) return;
     leaf.dirty = true;
     m_dirtyLeaves.push_back(&leaf);
+}
+
+Location Index::MissingPageOf(Seid seid) const {
+    HighIndex* const high = FindHigh(seid.high_);
+    if (!high) return 0;
+    IndexNode* node = high->root.load(std::memory_order_acquire);
+    if (!node) return high->rootLocation.load(std::memory_order_relaxed);
+    if (PageAt(seid.low_, node->level) != 0) return 0;
+    while (!node->IsLeaf()) {
+        IndexInner& inner = static_cast<IndexInner&>(*node);
+        const size_t i = SlotAt(seid.low_, node->level);
+        node = inner.children[i].load(std::memory_order_acquire);
+        if (!node) return inner.slots[i].load(std::memory_order_relaxed);
+    }
+    return 0;
 }
 
 // --- snapshots

@@ -76,7 +76,10 @@ public:
         return slot ? slot->load(std::memory_order_acquire) : 0;
     }
 
-    // The same for a change; makes the leaf if there is none.
+    // The page that would have to be read before the location of `seid` is known; 0 if it is in memory or there is none.
+    Location MissingPageOf(Seid seid) const;
+
+    // The same as Find for a change; makes the leaf if there is none.
     IndexSlot Prepare(Seid seid) {
         IndexLeaf* const leaf = m_lastLeaf;
         if (leaf && leaf->high == seid.high_ && leaf->page == seid.low_ >> LEAF_SHIFT) [[likely]]
@@ -109,10 +112,16 @@ public:
     // Makes the page dirty if the packet at `l` is its current one, so that the next checkpoint moves it. With the turn.
     void TouchPage(uint64 key, int level, Location l);
 
-    // Calls visit(seid value, location) for every element and page(location) for every page. Loads everything; nothing
+    // Calls element(seid value, location) for every element and page(location) for every page. Loads everything; nothing
     // may be published meanwhile.
     template <class ElementVisitor, class PageVisitor>
-    void VisitAll(ElementVisitor&& element, PageVisitor&& page);
+    void VisitAll(ElementVisitor&& element, PageVisitor&& page) {
+        VisitAll(element, page, [] { throw; });
+    }
+    // The same; damaged() is called inside the handler of the exception that loading a page has thrown. When it returns,
+    // the visit goes on without the page and what is below it.
+    template <class ElementVisitor, class PageVisitor, class DamageHandler>
+    void VisitAll(ElementVisitor&& element, PageVisitor&& page, DamageHandler&& damaged);
 
     std::vector<uint32> AllHighs() const;
     ssize_t NumHighs() const;
@@ -152,19 +161,25 @@ private:
     HighIndex* m_lastHigh = nullptr;
 };
 
-template <class ElementVisitor, class PageVisitor>
-void Index::VisitAll(ElementVisitor&& element, PageVisitor&& page) {
+template <class ElementVisitor, class PageVisitor, class DamageHandler>
+void Index::VisitAll(ElementVisitor&& element, PageVisitor&& page, DamageHandler&& damaged) {
+    std::vector<IndexNode*> stack;
+    const auto load = [&](auto&& node) {
+        try {
+            if (IndexNode* const loaded = node()) stack.push_back(loaded);
+        } catch (...) {
+            damaged();
+        }
+    };
     for (const uint32 h : AllHighs()) {
-        IndexNode* const root = Root(*FindHigh(h));
-        std::vector<IndexNode*> stack;
-        if (root) stack.push_back(root);
+        load([&] { return Root(*FindHigh(h)); });
         while (!stack.empty()) {
             IndexNode* const node = stack.back();
             stack.pop_back();
             if (node->own) page(node->own);
             for (size_t i = 0; i < static_cast<size_t>(LEAF_SLOTS); ++i) {
                 if (!node->IsLeaf()) {
-                    if (IndexNode* const child = Child(static_cast<IndexInner&>(*node), i)) stack.push_back(child);
+                    load([&] { return Child(static_cast<IndexInner&>(*node), i); });
                 } else if (const Location l = node->slots[i].load(std::memory_order_relaxed)) {
                     element(static_cast<uint64>(h) << 32 | node->page << LEAF_SHIFT | static_cast<uint32>(i), l);
                 }

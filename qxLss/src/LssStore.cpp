@@ -63,6 +63,8 @@ void LssStore::Recover(const CheckpointHeader& header) {
             [this](int64 delta) { m_core->m_counters.liveHead.fetch_add(delta, std::memory_order_relaxed); });
         return;
     }
+    // The first checkpoint would find it, but by then the file has been written to.
+    if (!log.clean && m_core->m_settings.validateSUTDuringCheckPoint) m_checkpoint.Validate();
     std::vector<AllocHorizon> known;
     for (const HighAllocation& high : log.highs) known.push_back({high.high, high.horizon});
     m_ring.BeginOwner(header.checkpointSequence, known, log.nextHigh, log.nextSequence, log.clean);
@@ -154,6 +156,9 @@ Seid LssStore::AllocateSeid(SeidHigh high) {
 bool LssStore::AllocateAffiliateSeid(Seid& seid) {
     return Allocate([this, &seid] { return m_allocator.AllocateAffiliateSeid(seid); });
 }
+
+// A read-only store knows no horizons, and writes nothing that could meet one.
+bool LssStore::IsAllocated(Seid seid) { return m_core->m_readOnly || m_allocator.IsAllocated(seid); }
 
 // --- elements and transactions
 

@@ -45,6 +45,7 @@ public:
     SeidHigh AllocateSeidHigh() override;
     Seid AllocateSeid(SeidHigh high) override;
     bool AllocateAffiliateSeid(Seid& seid) override;
+    bool IsAllocated(Seid seid) override;
     IContiguousSerialElement* OpenSerialElement(Seid seid) override;
     ILssTransaction* OpenTransaction() override;
     void GetStats(LssStats& stats) override;
@@ -111,8 +112,15 @@ private:
     bool m_canShrink = true; // likewise
 };
 
+// Has a store threads of its own? Without them nothing happens in the background, so that a run depends on its calls alone.
+enum class EBackground {
+    THREADS,
+    NONE
+};
+
 // CreateOrOpenLSS with another table of system calls, and segments down to 4 KiB.
 QX_API ILogStructuredStore* OpenLssForTest(SysCalls& sys, ConstStringZ path, ConstStringZ deltasDirPath,
-                                           bool& createdNew, EOpenMode openMode, const LssSettings& settings);
+                                           bool& createdNew, EOpenMode openMode, const LssSettings& settings,
+                                           EBackground background = EBackground::THREADS);
 
 } // namespace quna

@@ -10,6 +10,7 @@ namespace quna {
 namespace {
 
 constexpr uint64 SEQUENCE_JUMP = uint64{1} << 32;
+constexpr uint64 MAX_NUMBER = uint64{1} << 62; // of anything that is counted: no store lives so long
 
 bool IsValidSegmentSize(uint64 n) {
     return n >= static_cast<uint64>(MIN_TEST_SEGMENT_SIZE) && n <= static_cast<uint64>(MAX_SEGMENT_SIZE) &&
@@ -104,14 +105,15 @@ Recovery::Recovery(StoreCore& core, SpaceManager& space, Index& index, AllocRing
     : m_core(core), m_space(space), m_index(index), m_ring(ring), m_segments(*core.m_segments) {}
 
 RecoveredLog Recovery::Run(const CheckpointHeader& header) {
+    CheckHeader(header);
+    m_segments.RaiseLimit(std::min(SlotsInFile(), m_segments.MaxSlots()));
     m_result.ring = m_ring.Read();
     if (m_result.ring.newestCheckpoint > header.checkpointSequence)
-        ThrowCorrupt(m_core,
-                     "the newest checkpoint header is lost: checkpoint " +
-                         std::to_string(m_result.ring.newestCheckpoint) +
-                         " was completed, the newest valid header is of checkpoint " +
-                         std::to_string(header.checkpointSequence),
-                     HeaderOffset(m_result.ring.newestCheckpoint));
+        ThrowCorrupt(
+            m_core,
+            "the newest checkpoint header is lost: checkpoint " + std::to_string(m_result.ring.newestCheckpoint) +
+                " was completed, the newest valid header is of checkpoint " + std::to_string(header.checkpointSequence),
+            HeaderOffset(m_result.ring.newestCheckpoint));
     m_result.clean = (header.flags & HEADER_FLAG_CLEAN) && m_ring.VouchesForCleanClose(header.checkpointSequence);
     // A clean mark on the disk says that every byte before it was synced: then the cache tells the truth and stays warm.
     // Without it a failed sync may have left pages there that the disk does not have.
@@ -121,6 +123,9 @@ RecoveredLog Recovery::Run(const CheckpointHeader& header) {
     m_result.clock = header.logClock;
     m_result.lastTransaction = header.lastTransaction;
     m_result.nextHigh = std::max(header.nextHigh, m_result.ring.nextHigh);
+    if (m_result.ring.sequenceBase > MAX_NUMBER ||
+        (!m_result.ring.horizons.empty() && m_result.ring.horizons.rbegin()->first >= m_result.nextHigh))
+        ThrowCorrupt(m_core, "the allocation ring holds a number that no store can reach", AllocRing::FILE_OFFSET);
     m_result.nextSequence = header.nextSegmentSequence;
     if (!m_result.clean)
         m_result.nextSequence = std::max(header.nextSegmentSequence, m_result.ring.sequenceBase) + SEQUENCE_JUMP;
@@ -132,12 +137,25 @@ RecoveredLog Recovery::Run(const CheckpointHeader& header) {
 
 // --- the checkpoint's tables
 
+// A right checksum says that the header is what was written, not that a store wrote it.
+void Recovery::CheckHeader(const CheckpointHeader& header) const {
+    for (const uint64 number :
+         {header.checkpointSequence, header.nextSegmentSequence, header.logClock, header.lastTransaction,
+          header.liveHead, header.liveOverflow, header.liveIndex, header.numCheckpoints, header.numRecoveries,
+          header.numTransactions, header.liveBytes}) {
+        if (number > MAX_NUMBER)
+            ThrowCorrupt(m_core,
+                         "the checkpoint header holds a number that no store can reach: " + std::to_string(number),
+                         HeaderOffset(header.checkpointSequence));
+    }
+}
+
 void Recovery::LoadTables(const CheckpointHeader& header) {
     const std::vector<Location> locations = TableLocations(header);
     const size_t numHighsPackets = header.numHighsPackets;
     const auto split = locations.begin() + static_cast<std::ptrdiff_t>(numHighsPackets);
-    const std::vector<octet_t> highs = ReadTable({locations.begin(), split}, EPacketType::HIGHS);
-    const std::vector<octet_t> sut = ReadTable({split, locations.end()}, EPacketType::SUT);
+    const std::vector<octet_t> highs = ReadTable({locations.begin(), split}, EPacketType::HIGHS, sizeof(HighsEntry));
+    const std::vector<octet_t> sut = ReadTable({split, locations.end()}, EPacketType::SUT, sizeof(SutEntry));
 
     FillSegments(header, EntriesOf<SutEntry>(sut));
     const std::vector<HighsEntry> highsEntries = EntriesOf<HighsEntry>(highs);
@@ -151,12 +169,9 @@ void Recovery::LoadTables(const CheckpointHeader& header) {
 
 std::vector<Location> Recovery::TableLocations(const CheckpointHeader& header) {
     const ssize_t n = static_cast<ssize_t>(header.numHighsPackets) + header.numSutPackets;
-    if (n > m_core.m_file.Size() / PACKET_HEADER_BYTES)
-        ThrowCorrupt(m_core,
-                     "the checkpoint header names " + std::to_string(n) + " packets, more than the file has room for",
-                     HeaderOffset(header.checkpointSequence));
     const octet_t* const stored = reinterpret_cast<const octet_t*>(&header) + offsetof(CheckpointHeader, locations);
     std::vector<Location> locations;
+    std::vector<octet_t> list;
     if (!(header.flags & HEADER_FLAG_LIST)) {
         if (n > CheckpointHeader::MAX_LOCATIONS)
             ThrowCorrupt(m_core,
@@ -169,37 +184,28 @@ std::vector<Location> Recovery::TableLocations(const CheckpointHeader& header) {
     for (ssize_t i = 0; i < CheckpointHeader::MAX_LOCATIONS; ++i) {
         const Location l = ReadPod<Location>(stored + i * 8);
         if (!l) break;
-        const std::vector<octet_t> list = ReadTablePacket(l, EPacketType::LIST);
-        for (size_t at = 0; at + sizeof(Location) <= list.size(); at += sizeof(Location))
-            locations.push_back(ReadPod<Location>(list.data() + at));
-        if (std::ssize(locations) > n) break;
+        AppendTablePacket(l, EPacketType::LIST, sizeof(Location), list);
     }
+    locations = EntriesOf<Location>(list);
     if (std::ssize(locations) != n)
         ThrowCorrupt(m_core,
-                     "the list of a checkpoint's packets has at least " + std::to_string(locations.size()) +
+                     "the list of a checkpoint's packets has " + std::to_string(locations.size()) +
                          " entries, expected are " + std::to_string(n),
                      HeaderOffset(header.checkpointSequence));
     return locations;
 }
 
-std::vector<octet_t> Recovery::ReadTable(const std::vector<Location>& packets, EPacketType type) {
+std::vector<octet_t> Recovery::ReadTable(const std::vector<Location>& packets, EPacketType type, ssize_t entryBytes) {
     std::vector<octet_t> table;
-    for (const Location l : packets) {
-        const std::vector<octet_t> part = ReadTablePacket(l, type);
-        table.insert(table.end(), part.begin(), part.end());
-    }
+    for (const Location l : packets) AppendTablePacket(l, type, entryBytes, table);
     return table;
 }
 
-// The usage table is not known yet, so the segment's own header gives the sequence.
-std::vector<octet_t> Recovery::ReadTablePacket(Location l, EPacketType type) {
-    if (!m_segments.IsInside(l, m_segments.MaxSlots()))
-        ThrowCorrupt(m_core, "the checkpoint header names a packet outside the segments");
+// The usage table is not known yet, so the segment's own header gives the sequence. The key is the number of the first
+// entry: so no packet is taken twice, and the table is no larger than the file.
+void Recovery::AppendTablePacket(Location l, EPacketType type, ssize_t entryBytes, std::vector<octet_t>& table) {
+    if (!m_segments.IsInside(l)) ThrowCorrupt(m_core, "the checkpoint header names a packet outside the segments");
     const ssize_t slot = m_segments.SlotOf(l);
-    // A packet has one place in one table, so all together are no longer than the file.
-    m_tableBytes += LocationBytes(l);
-    if (m_tableBytes > m_core.m_file.Size())
-        ThrowCorrupt(m_core, "the tables of the checkpoint are longer than the file", LocationOffset(l));
     SegmentHeader segment{};
     if (!ReadSegmentHeader(slot, segment))
         ThrowCorrupt(m_core, "the header of a segment with the checkpoint's tables is not valid",
@@ -219,18 +225,26 @@ std::vector<octet_t> Recovery::ReadTablePacket(Location l, EPacketType type) {
                          std::to_string(static_cast<uint32>(type)) + ", " + std::to_string(LocationBytes(l)) +
                          " bytes and the right checksum",
                      LocationOffset(l));
+    if (n == 0 || n % entryBytes != 0 || header.key != table.size() / static_cast<size_t>(entryBytes) ||
+        std::ssize(table) + n > m_core.m_file.Size())
+        ThrowCorrupt(m_core,
+                     "a table of the checkpoint is not well formed: found " + std::to_string(n) + " bytes from entry " +
+                         std::to_string(header.key) + " on, expected entries of " + std::to_string(entryBytes) +
+                         " bytes from " + std::to_string(table.size() / static_cast<size_t>(entryBytes)) + " on",
+                     LocationOffset(l));
     m_result.held.push_back(slot);
-    return {packet.begin() + PACKET_HEADER_BYTES, packet.begin() + PACKET_HEADER_BYTES + n};
+    table.insert(table.end(), packet.begin() + PACKET_HEADER_BYTES, packet.begin() + PACKET_HEADER_BYTES + n);
 }
 
 void Recovery::FillSegments(const CheckpointHeader& header, const std::vector<SutEntry>& entries) {
-    // Free segments behind the table and the end of the file need not be counted.
-    m_numSlots = std::max(std::min<ssize_t>(header.numSlots, SlotsInFile()), std::ssize(entries));
-    if (m_numSlots > m_segments.MaxSlots())
+    if (std::ssize(entries) > m_segments.MaxSlots())
         ThrowCorrupt(m_core,
-                     "the checkpoint names " + std::to_string(m_numSlots) + " segments, a store can have " +
+                     "the checkpoint names " + std::to_string(entries.size()) + " segments, a store can have " +
                          std::to_string(m_segments.MaxSlots()),
                      HeaderOffset(header.checkpointSequence));
+    // Free slots behind the end of the file need no memory.
+    m_segments.RaiseLimit(std::ssize(entries));
+    m_numSlots = std::max(std::min<ssize_t>(header.numSlots, m_segments.Limit()), std::ssize(entries));
     StoreCounters& c = m_core.m_counters;
     c.liveHead.store(static_cast<int64>(header.liveHead));
     c.liveOverflow.store(static_cast<int64>(header.liveOverflow));
@@ -243,6 +257,11 @@ void Recovery::FillSegments(const CheckpointHeader& header, const std::vector<Su
     int64 indexBytes = 0;
     for (ssize_t slot = 0; slot < static_cast<ssize_t>(entries.size()); ++slot) {
         const SutEntry& entry = entries[static_cast<size_t>(slot)];
+        if (entry.sequence &&
+            (entry.sequence > MAX_NUMBER || entry.kind < static_cast<uint8>(ESegmentKind::USER) ||
+             entry.kind > static_cast<uint8>(ESegmentKind::INDEX) || entry.liveBytes > m_core.m_segmentSize ||
+             entry.livePackets > m_core.m_segmentSize / PACKET_HEADER_BYTES))
+            ThrowCorrupt(m_core, "the usage table is not well formed for the segment", m_segments.OffsetOf(slot));
         m_segments.SetEntry(slot, entry);
         if (!entry.sequence) continue;
         packets += entry.packets;
@@ -257,14 +276,18 @@ void Recovery::FillSegments(const CheckpointHeader& header, const std::vector<Su
 }
 
 void Recovery::FillIndex(const std::vector<HighsEntry>& entries) {
+    uint32 previous = 0;
     for (const HighsEntry& entry : entries) {
         const Location root = entry.root;
-        if (entry.rootLevel > MAX_INDEX_LEVEL || (root && !m_segments.IsInside(root, m_segments.MaxSlots())))
+        if (entry.rootLevel > MAX_INDEX_LEVEL || (root && !m_segments.IsInside(root)) || entry.high <= previous ||
+            entry.high >= m_result.nextHigh || entry.liveElements > MAX_NUMBER)
             ThrowCorrupt(m_core,
-                         "in the table of high halves the root of " + std::to_string(entry.high) +
-                             " is of level " + std::to_string(entry.rootLevel) + ", expected is a packet of level 0 to " +
-                             std::to_string(MAX_INDEX_LEVEL),
+                         "the table of high halves is not well formed: found high " + std::to_string(entry.high) +
+                             " behind " + std::to_string(previous) + " with a root of level " +
+                             std::to_string(entry.rootLevel) + ", expected are ascending highs below " +
+                             std::to_string(m_result.nextHigh) + " and levels up to " + std::to_string(MAX_INDEX_LEVEL),
                          LocationOffset(root));
+        previous = entry.high;
         m_result.highs.push_back({entry.high, entry.horizon, entry.nextIncremental, entry.incrementalLeft});
         m_index.Import(entry.high, root, entry.rootLevel, static_cast<int64>(entry.liveElements));
     }
@@ -282,7 +305,13 @@ void Recovery::Finish() {
     }
     int64 usedBytes = 0;
     for (ssize_t slot = 0; slot < m_numSlots; ++slot) usedBytes += m_segments[slot].usedBytes;
-    m_core.m_counters.usedBytes.store(usedBytes);
+    StoreCounters& c = m_core.m_counters;
+    c.usedBytes.store(usedBytes);
+    c.liveHead += m_change.liveHead;
+    c.liveOverflow += m_change.liveOverflow;
+    c.packets += m_change.packets;
+    c.liveBytes += m_change.liveBytes;
+    c.numTransactions += m_change.numTransactions;
     m_space.Import(m_numSlots, m_result.nextSequence);
 }
 
@@ -309,7 +338,7 @@ bool Recovery::IsHeaderOf(const SegmentHeader& header, ssize_t slot, uint64 sequ
 }
 
 bool Recovery::ReadSegment(ssize_t slot, Segment& segment) {
-    if (slot < 0 || slot >= m_segments.MaxSlots()) return false;
+    if (slot < 0 || slot >= m_segments.Limit()) return false;
     segment.slot = slot;
     segment.bytes.resize(static_cast<size_t>(m_core.m_segmentSize));
     segment.size = m_core.m_file.ReadUpTo(m_segments.OffsetOf(slot), segment.bytes.data(), m_core.m_segmentSize);
@@ -330,7 +359,7 @@ void Recovery::EnterSegment(ssize_t slot, const SegmentHeader& header) {
     if (s.sequence == header.sequence) return;
     if (s.livePackets)
         ThrowCorrupt(m_core, "a segment was used again although packets in it are live", m_segments.OffsetOf(slot));
-    m_core.m_counters.packets.fetch_sub(s.packets, std::memory_order_relaxed);
+    m_change.packets -= s.packets;
     SutEntry entry{};
     entry.sequence = header.sequence;
     entry.kind = static_cast<uint8>(header.kind);

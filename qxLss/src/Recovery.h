@@ -12,6 +12,7 @@
 
 #include <map>
 #include <optional>
+#include <span>
 #include <vector>
 
 namespace quna {
@@ -63,8 +64,10 @@ private:
     struct Operation {
         EPacketType type;
         Seid seid;
-        Location location;           // of a HEAD, else 0
-        std::vector<Location> parts; // of a LONG head or DROP
+        Location location; // of a HEAD, else 0
+        uint32 firstPart;  // of a LONG head or DROP: in m_parts
+        uint32 numParts;
+        IndexSlot slot; // set by Apply
     };
     enum class EStep {
         NEXT,
@@ -73,10 +76,11 @@ private:
     };
     struct Reloc;
 
+    void CheckHeader(const CheckpointHeader& header) const;
     void LoadTables(const CheckpointHeader& header);
     std::vector<Location> TableLocations(const CheckpointHeader& header);
-    std::vector<octet_t> ReadTable(const std::vector<Location>& packets, EPacketType type);
-    std::vector<octet_t> ReadTablePacket(Location l, EPacketType type);
+    std::vector<octet_t> ReadTable(const std::vector<Location>& packets, EPacketType type, ssize_t entryBytes);
+    void AppendTablePacket(Location l, EPacketType type, ssize_t entryBytes, std::vector<octet_t>& table);
     void FillSegments(const CheckpointHeader& header, const std::vector<SutEntry>& entries);
     void FillIndex(const std::vector<HighsEntry>& entries);
     void Finish();
@@ -90,8 +94,12 @@ private:
     EStep TakeLink(const PacketHeader& packet, const octet_t* payload, ssize_t n);
     EStep TakeReloc(const octet_t* payload, ssize_t n);
     void Apply();
+    void ApplyOne(const Operation& operation, uint64 mark);
     void ApplyDrop(const Operation& drop);
     void Move(const IndexSlot& slot, Location to);
+    std::span<const Location> PartsOf(const Operation& operation) const {
+        return std::span(m_parts).subspan(operation.firstPart, operation.numParts);
+    }
     bool ParseReloc(const octet_t* payload, ssize_t n, Reloc& reloc) const;
     bool VerifyRange(const RelocRange& range, Reloc& reloc);
     void ApplyReloc(const Reloc& reloc);
@@ -100,7 +108,10 @@ private:
     void ResetPending();
 
     ssize_t SlotsInFile() const;
+    bool IsKnownHigh(SeidHigh high) const { return high != 0 && high < m_result.nextHigh; }
     bool ReadSegment(ssize_t slot, Segment& segment);
+    void ReadOn(ssize_t slot);
+    void ReadPagesAhead(Seid seid);
     bool ReadSegmentHeader(ssize_t slot, SegmentHeader& header);
     bool IsHeaderOf(const SegmentHeader& header, ssize_t slot, uint64 sequence, ESegmentKind kind) const;
     bool PacketAt(const Segment& segment, ssize_t pos, PacketHeader& packet) const;
@@ -117,18 +128,29 @@ private:
 
     RecoveredLog m_result;
     ssize_t m_numSlots = 0;
-    int64 m_tableBytes = 0;           // of the checkpoint's tables, as far as read
-    Segment m_segment;                // being walked
-    ssize_t m_pos = 0;                // in it
+    Segment m_segment;           // being walked
+    ssize_t m_readOnFrom = 0;    // slots before it have been asked for, see ReadOn
+    ssize_t m_lastAdvised = -1;  // segment of the index, see ReadPagesAhead
+    std::vector<bool> m_advised; // likewise, by slot
+    ssize_t m_pos = 0;           // in it
+    struct Change {
+        int64 liveHead = 0;
+        int64 liveOverflow = 0;
+        int64 packets = 0;
+        int64 liveBytes = 0;
+        int64 numTransactions = 0;
+    };
+    Change m_change;                  // what the log adds to the checkpoint's counts
     std::vector<Operation> m_pending; // since the last COMMIT, ABORT or RELOC
+    std::vector<Location> m_parts;    // of the pending operations
     uint64 m_bytesSince = 0;
     uint32 m_packetsSince = 0;
     uint64 m_applyNumber = 0;                // marks in leaves, see Apply
     std::optional<LinkPayload> m_brokenLink; // a LINK whose target did not verify
     uint64 m_brokenLinkSequence = 0;
     SeidHigh m_spentHigh = 0;
-    uint32* m_spent = nullptr;                 // the horizon of m_spentHigh, once one was asked for
-    std::map<ssize_t, RelocRange> m_relocated; // by slot: the range that was named last
+    uint32* m_spent = nullptr;            // the horizon of m_spentHigh, once one was asked for
+    std::map<uint64, uint32> m_rangeEnds; // segment sequence -> where the last range of a RELOC in it ended
 };
 
 } // namespace quna

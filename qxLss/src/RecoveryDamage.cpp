@@ -13,7 +13,7 @@ void Recovery::LookForDamage() {
     std::map<ssize_t, uint64> linked;
     LookThrough(m_segment, m_pos, linked);
     if (m_brokenLink) linked.emplace(static_cast<ssize_t>(m_brokenLink->slot), m_brokenLinkSequence);
-    const ssize_t numSlots = std::min(SlotsInFile(), m_segments.MaxSlots());
+    const ssize_t numSlots = m_segments.Limit();
     std::vector<bool> seen(static_cast<size_t>(numSlots));
     const auto look = [&](ssize_t slot, uint64 sequence) {
         Segment segment;

@@ -16,13 +16,20 @@ constexpr uint64 APPLY_MARK = uint64{1} << 63; // in leaves, apart from the numb
 
 void Recovery::Walk(const CheckpointHeader& header) {
     SegmentHeader start{};
-    if (m_result.end.slot >= m_segments.MaxSlots() || m_result.end.offset < SEGMENT_HEADER_BYTES ||
-        m_result.end.offset > m_core.m_segmentSize || !ReadSegmentHeader(m_result.end.slot, start) ||
+    if (m_result.end.slot >= m_segments.Limit() || m_result.end.offset < SEGMENT_HEADER_BYTES ||
+        m_result.end.offset > m_core.m_segmentSize || m_result.end.offset % PACKET_ALIGNMENT != 0 ||
+        !ReadSegmentHeader(m_result.end.slot, start) ||
         !IsHeaderOf(start, m_result.end.slot, header.startSequence, ESegmentKind::USER))
         ThrowCorrupt(m_core, "the segment where the log continues behind the checkpoint is not valid",
                      m_segments.OffsetOf(std::min(m_result.end.slot, m_segments.MaxSlots() - 1)));
-    if (m_result.clean) return;
+    if (m_result.clean) {
+        if (m_segments[m_result.end.slot].sequence != start.sequence)
+            ThrowCorrupt(m_core, "the usage table does not know the segment where the log continues",
+                         m_segments.OffsetOf(m_result.end.slot));
+        return;
+    }
     EnterSegment(m_result.end.slot, start);
+    ReadOn(m_result.end.slot);
     ReadSegment(m_result.end.slot, m_segment);
     m_segment.sequence = start.sequence;
     m_segment.crcSeed = SegmentCrcSeed(m_core.m_storeId, start.sequence);
@@ -73,25 +80,32 @@ Recovery::EStep Recovery::TakeElement(const PacketHeader& packet, const octet_t*
     const bool isElement = type == EPacketType::HEAD || type == EPacketType::LONG_PART;
     const Seid seid(packet.key);
     if (isElement && m_pos + packetBytes > m_core.m_segmentSize - USER_TAIL_BYTES) return EStep::END;
-    if (seid.high_ == 0 || seid.high_ >= m_result.nextHigh)
+    if (!IsKnownHigh(seid.high_))
         ThrowCorrupt(m_core, "the log holds an element under a high half that was never allocated",
                      m_segments.OffsetOf(m_segment.slot) + m_pos);
     if (isElement) NoteSpent(seid);
     CountSinceCommit(packetBytes);
     if (type != EPacketType::DROP) {
         ++m_segments[m_segment.slot].packets;
-        m_core.m_counters.packets.fetch_add(1, std::memory_order_relaxed);
+        ++m_change.packets;
     }
-    Operation operation{type, seid, 0, {}};
+    if (type == EPacketType::LONG_PART) return EStep::NEXT;
+    if (type != EPacketType::DROP) ReadPagesAhead(seid);
+    Location location = 0;
+    const size_t firstPart = m_parts.size();
     if (type == EPacketType::HEAD) {
         const bool isLong = PacketFlags(packet.info) & PACKET_FLAG_LONG;
-        operation.location = MakeLocation(m_segments.OffsetOf(m_segment.slot) + m_pos, packetBytes, isLong);
-        if (isLong) operation.parts = ParseLongHead(m_core, bytes, operation.location).parts;
+        location = MakeLocation(m_segments.OffsetOf(m_segment.slot) + m_pos, packetBytes, isLong);
+        if (isLong) {
+            const std::vector<Location> parts = ParseLongHead(m_core, bytes, location).parts;
+            m_parts.insert(m_parts.end(), parts.begin(), parts.end());
+        }
     } else if (type == EPacketType::DROP) {
         for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(Location)) <= payloadBytes; at += sizeof(Location))
-            operation.parts.push_back(ReadPod<Location>(bytes + PACKET_HEADER_BYTES + at));
+            m_parts.push_back(ReadPod<Location>(bytes + PACKET_HEADER_BYTES + at));
     }
-    if (type != EPacketType::LONG_PART) m_pending.push_back(std::move(operation));
+    m_pending.push_back(
+        {type, seid, location, static_cast<uint32>(firstPart), static_cast<uint32>(m_parts.size() - firstPart), {}});
     return EStep::NEXT;
 }
 
@@ -102,57 +116,79 @@ Recovery::EStep Recovery::TakeCommit(const PacketHeader& packet, const octet_t* 
     if (commit.bytes != m_bytesSince || commit.packets != m_packetsSince) return EStep::END;
     Apply();
     ++m_result.lastTransaction;
-    m_core.m_counters.numTransactions.fetch_add(1, std::memory_order_relaxed);
+    ++m_change.numTransactions;
     ResetPending();
     return EStep::NEXT;
 }
 
 // Backwards, so that the last operation on a Seid comes first; a bit in the leaf marks that it has been seen.
+//
+// Where an element was and where its leaf lies is as good as random, so each operation misses the cache three times. What
+// they need is asked for some operations ahead, first the leaf, then the usage of the segment that the old packet is in.
 void Recovery::Apply() {
+    constexpr size_t LEAF_AHEAD = 16;
+    constexpr size_t USAGE_AHEAD = 8;
     const uint64 mark = APPLY_MARK | ++m_applyNumber;
-    for (size_t i = m_pending.size(); i-- > 0;) {
-        const Operation& operation = m_pending[i];
-        if (operation.type == EPacketType::DROP) {
-            ApplyDrop(operation);
-            continue;
+    const size_t n = m_pending.size();
+    for (size_t i = 0; i < n + LEAF_AHEAD; ++i) {
+        if (i < n) {
+            Operation& operation = m_pending[n - 1 - i];
+            if (operation.type != EPacketType::DROP) {
+                operation.slot = m_index.Prepare(operation.seid);
+                __builtin_prefetch(&operation.slot.leaf->slots[static_cast<size_t>(operation.slot.index)], 1);
+                __builtin_prefetch(&operation.slot.leaf->transaction, 1);
+            }
         }
-        const IndexSlot slot = m_index.Prepare(operation.seid);
-        const size_t s = static_cast<size_t>(slot.index);
-        IndexLeaf& leaf = *slot.leaf;
-        if (leaf.transaction != mark) {
-            leaf.transaction = mark;
-            for (uint64& bits : leaf.written) bits = 0;
+        if (i >= USAGE_AHEAD && i - USAGE_AHEAD < n) {
+            const Operation& operation = m_pending[n - 1 - (i - USAGE_AHEAD)];
+            if (operation.type != EPacketType::DROP) {
+                if (const Location old = operation.slot.Get())
+                    __builtin_prefetch(&m_segments[m_segments.SlotOf(old)].liveBytes, 1);
+            }
         }
-        const uint64 bit = uint64{1} << (s % 64);
-        if (leaf.written[s / 64] & bit) continue;
-        leaf.written[s / 64] |= bit;
-        Move(slot, operation.location);
-        for (const Location part : operation.parts) {
-            m_core.m_counters.liveBytes.fetch_add(m_segments.Credit(part), std::memory_order_relaxed);
-            m_core.m_counters.liveOverflow.fetch_add(1, std::memory_order_relaxed);
-        }
+        if (i >= LEAF_AHEAD) ApplyOne(m_pending[n - 1 - (i - LEAF_AHEAD)], mark);
+    }
+}
+
+void Recovery::ApplyOne(const Operation& operation, uint64 mark) {
+    if (operation.type == EPacketType::DROP) {
+        ApplyDrop(operation);
+        return;
+    }
+    const size_t s = static_cast<size_t>(operation.slot.index);
+    IndexLeaf& leaf = *operation.slot.leaf;
+    if (leaf.transaction != mark) {
+        leaf.transaction = mark;
+        for (uint64& bits : leaf.written) bits = 0;
+    }
+    const uint64 bit = uint64{1} << (s % 64);
+    if (leaf.written[s / 64] & bit) return;
+    leaf.written[s / 64] |= bit;
+    Move(operation.slot, operation.location);
+    for (const Location part : PartsOf(operation)) {
+        m_change.liveBytes += m_segments.Credit(part);
+        ++m_change.liveOverflow;
     }
 }
 
 void Recovery::ApplyDrop(const Operation& drop) {
-    for (const Location part : drop.parts) {
-        if (!m_segments.IsInside(part, m_segments.MaxSlots()))
+    for (const Location part : PartsOf(drop)) {
+        if (!m_segments.IsInside(part))
             ThrowCorrupt(m_core, "the log drops a packet outside the segments", LocationOffset(part));
-        m_core.m_counters.liveBytes.fetch_sub(m_segments.Debit(part), std::memory_order_relaxed);
-        m_core.m_counters.liveOverflow.fetch_sub(1, std::memory_order_relaxed);
+        m_change.liveBytes -= m_segments.Debit(part);
+        --m_change.liveOverflow;
     }
 }
 
 void Recovery::Move(const IndexSlot& slot, Location to) {
-    StoreCounters& c = m_core.m_counters;
     const Location old = m_index.Publish(slot, to);
     if (old) {
-        c.liveBytes.fetch_sub(m_segments.Debit(old), std::memory_order_relaxed);
-        c.liveHead.fetch_sub(1, std::memory_order_relaxed);
+        m_change.liveBytes -= m_segments.Debit(old);
+        --m_change.liveHead;
     }
     if (to) {
-        c.liveBytes.fetch_add(m_segments.Credit(to), std::memory_order_relaxed);
-        c.liveHead.fetch_add(1, std::memory_order_relaxed);
+        m_change.liveBytes += m_segments.Credit(to);
+        ++m_change.liveHead;
     }
 }
 
@@ -160,8 +196,10 @@ Recovery::EStep Recovery::TakeLink(const PacketHeader& packet, const octet_t* pa
     if (n != static_cast<ssize_t>(sizeof(LinkPayload))) return EStep::END;
     const LinkPayload link = ReadPod<LinkPayload>(payload);
     SegmentHeader header{};
+    if (packet.key <= m_segment.sequence) // sequences ascend along the chain, or it might have no end
+        ThrowCorrupt(m_core, "the log leads back to a segment before", m_segments.OffsetOf(m_segment.slot) + m_pos);
     m_pos += LINK_BYTES;
-    if (link.slot >= m_segments.MaxSlots() || !ReadSegmentHeader(link.slot, header) ||
+    if (link.slot >= m_segments.Limit() || !ReadSegmentHeader(link.slot, header) ||
         !IsHeaderOf(header, link.slot, packet.key, ESegmentKind::USER)) {
         m_brokenLink = link; // the header was lost with the power: a healthy end
         m_brokenLinkSequence = packet.key;
@@ -169,12 +207,38 @@ Recovery::EStep Recovery::TakeLink(const PacketHeader& packet, const octet_t* pa
     }
     NoteUsedUpTo(m_segment.slot, m_pos);
     EnterSegment(link.slot, header);
+    ReadOn(link.slot);
     ReadSegment(link.slot, m_segment);
     m_segment.sequence = header.sequence;
     m_segment.crcSeed = m_segments[link.slot].crcSeed;
     m_segment.clock = header.clockAtOpening;
     m_pos = SEGMENT_HEADER_BYTES;
     return EStep::FOLLOW;
+}
+
+// The log goes on in free slots, the lowest first: the next ones are probably those that were free at the checkpoint.
+void Recovery::ReadOn(ssize_t slot) {
+    constexpr ssize_t LOG_AHEAD = int64{16} << 20;
+    const ssize_t end = std::min(slot + 1 + LOG_AHEAD / m_core.m_segmentSize, m_segments.MaxSlots());
+    for (ssize_t next = std::max(slot + 1, m_readOnFrom); next < end; ++next) {
+        if (next >= m_numSlots || m_segments[next].livePackets == 0)
+            m_core.m_file.ReadAhead(m_segments.OffsetOf(next), m_core.m_segmentSize);
+    }
+    m_readOnFrom = end;
+}
+
+// A page is read when its transaction is applied, a little later. Pages of one checkpoint lie together and a log touches
+// most of those around it, so the whole segment is asked for.
+void Recovery::ReadPagesAhead(Seid seid) {
+    const Location page = m_index.MissingPageOf(seid);
+    if (!page || !m_segments.IsInside(page)) return;
+    const ssize_t slot = m_segments.SlotOf(page);
+    if (slot == m_lastAdvised) return;
+    m_lastAdvised = slot;
+    if (static_cast<size_t>(slot) >= m_advised.size()) m_advised.resize(static_cast<size_t>(slot) + 1);
+    if (m_advised[static_cast<size_t>(slot)]) return;
+    m_advised[static_cast<size_t>(slot)] = true;
+    m_core.m_file.ReadAhead(m_segments.OffsetOf(slot), m_core.m_segmentSize);
 }
 
 void Recovery::NoteUsedUpTo(ssize_t slot, ssize_t offset) {
@@ -197,6 +261,7 @@ void Recovery::CountSinceCommit(ssize_t packetBytes) {
 
 void Recovery::ResetPending() {
     m_pending.clear();
+    m_parts.clear();
     m_bytesSince = 0;
     m_packetsSince = 0;
 }
@@ -228,7 +293,7 @@ Recovery::EStep Recovery::TakeReloc(const octet_t* payload, ssize_t n) {
         if (!VerifyRange(range, reloc)) return EStep::END; // it was not yet synced
     }
     for (const RelocVictim& victim : reloc.victims) {
-        if (victim.slot >= m_segments.MaxSlots() || m_segments[victim.slot].sequence != victim.sequence)
+        if (victim.slot >= m_segments.Limit() || m_segments[victim.slot].sequence != victim.sequence)
             ThrowCorrupt(m_core, "the log names a cleaned segment that is not there",
                          m_segments.OffsetOf(m_segment.slot) + m_pos);
     }
@@ -255,43 +320,49 @@ bool Recovery::ParseReloc(const octet_t* payload, ssize_t n, Reloc& reloc) const
     }
     for (uint32 i = 0; i < reloc.head.numLong; ++i) {
         Reloc::LongMove& move = reloc.longMoves.emplace_back();
-        if (!take(move.entry)) return false;
+        if (!take(move.entry) || !IsKnownHigh(Seid(move.entry.seid).high_) || !m_segments.IsInside(move.entry.newHead))
+            return false;
         for (uint32 k = 0; k < move.entry.numPairs; ++k) {
             if (!take(move.pairs.emplace_back().first) || !take(move.pairs.back().second)) return false;
+            if (!m_segments.IsInside(move.pairs.back().first) || !m_segments.IsInside(move.pairs.back().second))
+                return false;
         }
     }
     return p == end;
 }
 
-// A segment's ranges follow one another, so that together they are no longer than the file.
+// A range lies behind those of its segment that came before it, so that each byte of the file is read for one RELOC only.
 bool Recovery::VerifyRange(const RelocRange& range, Reloc& reloc) {
     SegmentHeader header{};
-    Segment segment;
-    const auto last = m_relocated.find(range.slot);
-    if (last != m_relocated.end() && last->second.sequence == range.sequence && range.from < last->second.to)
+    if (range.slot >= m_segments.Limit() || range.from < SEGMENT_HEADER_BYTES || range.from % PACKET_ALIGNMENT != 0 ||
+        range.from > range.to || range.to > m_core.m_segmentSize || range.from < m_rangeEnds[range.sequence] ||
+        !ReadSegmentHeader(range.slot, header) ||
+        !IsHeaderOf(header, range.slot, range.sequence, ESegmentKind::SURVIVORS))
         return false;
-    m_relocated[range.slot] = range;
-    if (range.slot >= m_segments.MaxSlots() || !ReadSegmentHeader(range.slot, header) ||
-        !IsHeaderOf(header, range.slot, range.sequence, ESegmentKind::SURVIVORS) || !ReadSegment(range.slot, segment))
-        return false;
-    segment.crcSeed = SegmentCrcSeed(m_core.m_storeId, range.sequence);
+    const ssize_t n = static_cast<ssize_t>(range.to) - range.from;
+    const int64 fileOffset = m_segments.OffsetOf(range.slot) + range.from;
+    std::vector<octet_t> bytes(static_cast<size_t>(n));
+    if (m_core.m_file.ReadUpTo(fileOffset, bytes.data(), n) != n) return false;
+    const uint32 crcSeed = SegmentCrcSeed(m_core.m_storeId, range.sequence);
     uint32 packets = 0;
-    ssize_t pos = range.from;
-    while (pos < range.to) {
-        PacketHeader packet{};
-        if (pos < SEGMENT_HEADER_BYTES || pos % PACKET_ALIGNMENT != 0 || !PacketAt(segment, pos, packet)) return false;
-        const ssize_t bytes = PacketBytes(packet.info);
+    for (ssize_t pos = 0; pos < n;) {
+        if (pos + PACKET_HEADER_BYTES > n) return false;
+        const PacketHeader packet = ReadPod<PacketHeader>(bytes.data() + pos);
+        const ssize_t packetBytes = PacketBytes(packet.info);
+        if (pos + packetBytes > n || PacketCrc(crcSeed, range.from + static_cast<uint32>(pos), bytes.data() + pos,
+                                               PayloadBytes(packet.info)) != packet.crc)
+            return false;
         if (PacketType(packet.info) == EPacketType::HEAD) {
             const bool isLong = PacketFlags(packet.info) & PACKET_FLAG_LONG;
-            reloc.moved.push_back(
-                {Seid(packet.key), MakeLocation(m_segments.OffsetOf(range.slot) + pos, bytes, isLong)});
+            reloc.moved.push_back({Seid(packet.key), MakeLocation(fileOffset + pos, packetBytes, isLong)});
         }
         ++packets;
-        pos += bytes;
+        pos += packetBytes;
     }
+    m_rangeEnds[range.sequence] = range.to;
     reloc.segments.push_back(header);
     reloc.packets.push_back(packets);
-    return pos == range.to;
+    return true;
 }
 
 // Long entries come first: they say exactly what moved, and the old head may have been overwritten since. Then every head
@@ -303,7 +374,7 @@ void Recovery::ApplyReloc(const Reloc& reloc) {
         EnterSegment(reloc.ranges[i].slot, reloc.segments[i]);
         m_segments[reloc.ranges[i].slot].packets += reloc.packets[i];
         NoteUsedUpTo(reloc.ranges[i].slot, reloc.ranges[i].to);
-        m_core.m_counters.packets.fetch_add(reloc.packets[i], std::memory_order_relaxed);
+        m_change.packets += reloc.packets[i];
     }
     std::unordered_set<uint64> longSeids;
     for (const Reloc::LongMove& move : reloc.longMoves) {
@@ -312,8 +383,8 @@ void Recovery::ApplyReloc(const Reloc& reloc) {
         if (slot.Get() != move.entry.oldHead) continue;
         Move(slot, move.entry.newHead);
         for (const auto& [from, to] : move.pairs) {
-            m_core.m_counters.liveBytes.fetch_sub(m_segments.Debit(from), std::memory_order_relaxed);
-            m_core.m_counters.liveBytes.fetch_add(m_segments.Credit(to), std::memory_order_relaxed);
+            m_change.liveBytes -= m_segments.Debit(from);
+            m_change.liveBytes += m_segments.Credit(to);
         }
     }
     for (const Reloc::Moved& moved : reloc.moved) {
@@ -326,7 +397,7 @@ void Recovery::ApplyReloc(const Reloc& reloc) {
     for (const uint32 slot : victims) {
         if (m_segments[slot].livePackets)
             ThrowCorrupt(m_core, "a cleaned segment still holds live packets", m_segments.OffsetOf(slot));
-        m_core.m_counters.packets.fetch_sub(m_segments[slot].packets, std::memory_order_relaxed);
+        m_change.packets -= m_segments[slot].packets;
         m_segments.SetEntry(slot, SutEntry{});
     }
 }

@@ -17,6 +17,12 @@ namespace {
 constexpr ssize_t MAX_MOVES = 2048;
 constexpr ssize_t MOVES_A_STEP = 8; // between looks at the stop flag
 
+// Memory is asked for ahead of need: what is moved comes from all over the victims.
+constexpr ssize_t NUM_WALKS = 8;            // at once
+constexpr size_t MOVES_AHEAD = 6;           // of copying and publishing
+constexpr ssize_t MAX_BYTES_AHEAD = 1024;   // of each packet; then the processor has seen where it goes
+constexpr ssize_t CACHE_LINE_BYTES = 64;
+
 ssize_t LongEntryBytes(ssize_t numPairs) {
     return static_cast<ssize_t>(sizeof(RelocLong)) + numPairs * 2 * static_cast<ssize_t>(sizeof(Location));
 }
@@ -31,62 +37,94 @@ void Put(std::vector<octet_t>& to, const void* p, size_t n) {
 RelocationResult Relocation::Run(const std::vector<VictimCandidate>& victims, const std::atomic<bool>& stop) {
     m_victims = victims;
     for (const VictimCandidate& victim : victims) m_slots.insert(static_cast<uint32>(victim.slot));
-    for (const VictimCandidate& victim : victims) {
-        if (stop.load(std::memory_order_relaxed)) return m_result;
-        if (victim.liveBytes == 0) continue;
-        const Location begin = MakeLocation(m_core.m_segments->OffsetOf(victim.slot) + SEGMENT_HEADER_BYTES, 0);
-        try {
-            Collect(victim);
-        } catch (const CorruptLSSException& e) {
-            LeaveAlone(begin, e.what());
-        } catch (const FileException& e) {
-            LeaveAlone(begin, e.what());
-        }
-    }
+    CollectAll(stop);
+    if (stop.load(std::memory_order_relaxed)) return m_result;
     m_core.Step();
     CopyAll(stop);
     FreeEmptied();
+    m_core.m_counters.movingBytes.store(0, std::memory_order_relaxed);
     return m_result;
 }
 
 // --- what is live
 
-// Dead packets are stepped over by their length. If damage leads astray, the live packets that are missed keep their segment
-// from being freed.
-void Relocation::Collect(const VictimCandidate& victim) {
-    const int64 offset = m_core.m_segments->OffsetOf(victim.slot);
-    const octet_t* const bytes = m_core.m_map->Load(offset, m_core.m_segmentSize);
-    const uint64 clock = m_log.HandedClock();
-    const int ageClass = AgeClassOf(clock - std::min(clock, victim.dataStamp),
-                                    m_core.m_counters.liveBytes.load(std::memory_order_relaxed));
-    for (ssize_t pos = SEGMENT_HEADER_BYTES; pos + PACKET_HEADER_BYTES <= m_core.m_segmentSize;) {
-        const PacketHeader header = ReadPod<PacketHeader>(bytes + pos);
-        const ssize_t packetBytes = PacketBytes(header.info);
-        if (PacketType(header.info) < EPacketType::HEAD || PacketType(header.info) > EPacketType::LIST ||
-            pos + packetBytes > m_core.m_segmentSize)
-            return;
-        if (PacketType(header.info) == EPacketType::HEAD) {
-            const bool isLong = PacketFlags(header.info) & PACKET_FLAG_LONG;
-            const Location l = MakeLocation(offset + pos, packetBytes, isLong);
-            if (m_index.Get(Seid(header.key)) == l) {
-                if (isLong)
-                    CollectLong(header.key, victim);
-                else
-                    m_plan.push_back({header.key, l, 0, ageClass, victim.dataStamp});
-            }
-        } else if (PacketType(header.info) == EPacketType::LONG_PART && IsLong(m_index.Get(Seid(header.key)))) {
-            CollectLong(header.key, victim);
+void Relocation::CollectAll(const std::atomic<bool>& stop) {
+    auto next = m_victims.begin();
+    for (;;) {
+        while (next != m_victims.end() && static_cast<ssize_t>(m_walks.size()) < NUM_WALKS) {
+            if (stop.load(std::memory_order_relaxed)) return;
+            BeginWalk(*next++);
         }
-        pos += packetBytes;
+        if (m_walks.empty()) return;
+        for (size_t i = 0; i < m_walks.size();) {
+            if (TryStep(m_walks[i])) {
+                ++i;
+            } else {
+                m_walks[i] = m_walks.back();
+                m_walks.pop_back();
+            }
+        }
     }
 }
 
-void Relocation::CollectLong(uint64 seid, const VictimCandidate& victim) {
-    if (!m_longs.insert(seid).second) return;
+void Relocation::BeginWalk(const VictimCandidate& victim) {
+    if (victim.liveBytes == 0) return;
+    const int64 offset = m_core.m_segments->OffsetOf(victim.slot);
     const uint64 clock = m_log.HandedClock();
     const int ageClass = AgeClassOf(clock - std::min(clock, victim.dataStamp),
                                     m_core.m_counters.liveBytes.load(std::memory_order_relaxed));
-    m_longPlan.push_back({seid, 0, 0, ageClass, victim.dataStamp});
+    try {
+        m_walks.push_back({&victim, offset, m_core.m_map->Load(offset, m_core.m_segmentSize), ageClass});
+    } catch (const FileException& e) {
+        LeaveAlone(MakeLocation(offset + SEGMENT_HEADER_BYTES, 0), e.what());
+    }
+}
+
+bool Relocation::TryStep(Walk& walk) {
+    try {
+        return Step(walk);
+    } catch (const CorruptLSSException& e) { // a page of the index
+        LeaveAlone(MakeLocation(walk.offset + SEGMENT_HEADER_BYTES, 0), e.what());
+    } catch (const FileException& e) {
+        LeaveAlone(MakeLocation(walk.offset + SEGMENT_HEADER_BYTES, 0), e.what());
+    }
+    return false;
+}
+
+// False at the end. Dead packets are stepped over by their length. If damage leads astray, the live packets that are missed
+// keep their segment from being freed.
+bool Relocation::Step(Walk& walk) {
+    Decide(walk);
+    if (walk.pos + PACKET_HEADER_BYTES > m_core.m_segmentSize) return false;
+    const PacketHeader header = ReadPod<PacketHeader>(walk.bytes + walk.pos);
+    const ssize_t packetBytes = PacketBytes(header.info);
+    if (PacketType(header.info) < EPacketType::HEAD || PacketType(header.info) > EPacketType::LIST ||
+        walk.pos + packetBytes > m_core.m_segmentSize)
+        return false;
+    if (PacketType(header.info) == EPacketType::HEAD) {
+        walk.key = header.key;
+        walk.location = MakeLocation(walk.offset + walk.pos, packetBytes, PacketFlags(header.info) & PACKET_FLAG_LONG);
+        walk.place = m_index.Find(Seid(header.key));
+        __builtin_prefetch(walk.place);
+    } else if (PacketType(header.info) == EPacketType::LONG_PART && IsLong(m_index.Get(Seid(header.key)))) {
+        CollectLong(header.key, walk);
+    }
+    walk.pos += packetBytes;
+    __builtin_prefetch(walk.bytes + walk.pos);
+    return true;
+}
+
+void Relocation::Decide(Walk& walk) {
+    const std::atomic<Location>* const place = std::exchange(walk.place, nullptr);
+    if (!place || place->load(std::memory_order_acquire) != walk.location) return;
+    if (IsLong(walk.location))
+        CollectLong(walk.key, walk);
+    else
+        m_plan.push_back({walk.key, walk.location, 0, place, walk.ageClass, walk.victim->dataStamp});
+}
+
+void Relocation::CollectLong(uint64 seid, const Walk& walk) {
+    if (m_longs.insert(seid).second) m_longPlan.push_back({seid, 0, 0, nullptr, walk.ageClass, walk.victim->dataStamp});
 }
 
 void Relocation::LeaveAlone(Location l, const char* what) {
@@ -121,9 +159,10 @@ void Relocation::CopyAll(const std::atomic<bool>& stop) {
         if (++step % MOVES_A_STEP == 0) m_core.Step();
         return !m_result.lacksRoom && !stop.load(std::memory_order_relaxed);
     };
-    for (Move& move : m_plan) {
+    for (size_t i = 0; i < m_plan.size(); ++i) {
         if (!mayGoOn()) break;
-        if (!CopyMove(move)) continue;
+        if (i + MOVES_AHEAD < m_plan.size()) Prefetch(m_plan[i + MOVES_AHEAD]);
+        if (!CopyMove(m_plan[i])) continue;
         if (static_cast<ssize_t>(m_moved.size()) >= MAX_MOVES ||
             RelocBytes() + static_cast<ssize_t>(sizeof(RelocRange)) > m_log.MaxRelocBytes())
             Emit();
@@ -135,8 +174,15 @@ void Relocation::CopyAll(const std::atomic<bool>& stop) {
     Emit();
 }
 
+void Relocation::Prefetch(const Move& move) const {
+    __builtin_prefetch(move.place);
+    const octet_t* const packet = m_core.m_map->At(LocationOffset(move.from));
+    const ssize_t n = std::min(LocationBytes(move.from), MAX_BYTES_AHEAD);
+    for (ssize_t i = 0; i < n; i += CACHE_LINE_BYTES) __builtin_prefetch(packet + i);
+}
+
 bool Relocation::CopyMove(Move& move) {
-    if (m_index.Get(Seid(move.seid)) != move.from) return false; // overwritten since
+    if (move.place->load(std::memory_order_acquire) != move.from) return false; // overwritten since
     const octet_t* const packet = Load(move.from, EPacketType::HEAD, move.seid);
     if (!packet) return false;
     const uint32 info = ReadPod<PacketHeader>(packet).info;
@@ -271,13 +317,17 @@ void Relocation::Emit() {
 
 void Relocation::Publish() {
     const SegmentTable& segments = *m_core.m_segments;
-    for (const Move& move : m_moved) {
+    int64 moving = 0;
+    for (size_t i = 0; i < m_moved.size(); ++i) {
+        if (i + MOVES_AHEAD < m_moved.size()) __builtin_prefetch(m_moved[i + MOVES_AHEAD].place, 1);
+        const Move& move = m_moved[i];
         const IndexSlot slot = m_index.Prepare(Seid(move.seid));
         if (slot.Get() != move.from && !IsMutant(EMutant::PUBLISH_WITHOUT_LOOKING)) continue; // overwritten since
         const Location old = m_index.Publish(slot, move.to);
-        if (old) segments.Debit(old);
+        if (old) moving += segments.Debit(old);
         segments.Credit(move.to);
     }
+    m_core.m_counters.movingBytes.fetch_add(moving, std::memory_order_relaxed);
     for (const LongMove& move : m_movedLongs) PublishLong(move);
 }
 

@@ -51,9 +51,23 @@ private:
     struct Move {
         uint64 seid;
         Location from;
-        Location to; // 0: not copied yet
+        Location to;                        // 0: not copied yet
+        const std::atomic<Location>* place; // in the index, which never gives it up
         int ageClass;
         uint64 dataStamp;
+    };
+    // On its way through a victim. Several are on their way at once, in turns: each step of one asks for memory that its
+    // next step needs, and the others' steps hide the wait.
+    struct Walk {
+        const VictimCandidate* victim;
+        int64 offset; // of the segment
+        const octet_t* bytes;
+        int ageClass;
+        ssize_t pos = SEGMENT_HEADER_BYTES; // of the packet to be looked at
+        // The HEAD packet looked at before, null if it was none: is it current?
+        const std::atomic<Location>* place = nullptr;
+        uint64 key = 0;
+        Location location = 0;
     };
     struct LongMove {
         uint64 seid;
@@ -62,8 +76,13 @@ private:
         std::vector<std::pair<Location, Location>> pairs;
     };
 
-    void Collect(const VictimCandidate& victim);
-    void CollectLong(uint64 seid, const VictimCandidate& victim);
+    void CollectAll(const std::atomic<bool>& stop);
+    void BeginWalk(const VictimCandidate& victim);
+    bool TryStep(Walk& walk);
+    bool Step(Walk& walk);
+    void Decide(Walk& walk);
+    void CollectLong(uint64 seid, const Walk& walk);
+    void Prefetch(const Move& move) const;
     bool CopyMove(Move& move);
     bool CopyLong(const Move& source);
     void CopyAll(const std::atomic<bool>& stop);
@@ -89,6 +108,7 @@ private:
 
     std::vector<VictimCandidate> m_victims;
     std::unordered_set<uint32> m_slots; // of the victims
+    std::vector<Walk> m_walks;          // on their way
     std::vector<Move> m_plan;           // HEAD packets
     std::vector<Move> m_longPlan;       // elements with parts in victims; `from` is the head
     std::unordered_set<uint64> m_longs; // their keys

@@ -46,6 +46,12 @@ public:
     ~SegmentTable();
 
     ssize_t MaxSlots() const { return m_maxSlots; }
+    // The slots that the file has or has had: nothing that it holds names another one. Bounds what a damaged file makes us
+    // touch of the table.
+    ssize_t Limit() const { return m_limit.load(std::memory_order_relaxed); }
+    void RaiseLimit(ssize_t numSlots) {
+        if (numSlots > Limit()) m_limit.store(numSlots, std::memory_order_relaxed);
+    }
     ssize_t SegmentSize() const { return m_segmentSize; }
     int64 DataStartOffset() const { return m_dataStart; }
 
@@ -59,6 +65,7 @@ public:
     }
     // Does the location name a packet inside one of the first `numSlots` segments, behind its header?
     bool IsInside(Location l, ssize_t numSlots) const;
+    bool IsInside(Location l) const { return IsInside(l, Limit()); }
 
     // The packet is current: counts it as live. Returns its bytes.
     ssize_t Credit(Location l) const {
@@ -90,6 +97,7 @@ private:
     const int64 m_dataStart;
     const int m_shift; // log2 of the segment size
     const ssize_t m_maxSlots;
+    std::atomic<ssize_t> m_limit{0}; // raised by whoever opens or lengthens the file, one at a time
     SegmentSlot* m_slots = nullptr;
     size_t m_reservedBytes = 0;
 };

@@ -21,13 +21,13 @@ LongHead ParseLongHead(const StoreCore& core, const octet_t* head, Location l) {
     if (n == 0 || result.tailBytes < 0 || result.totalBytes != n * OverflowBytes(core.m_segmentSize) + result.tailBytes)
         ThrowCorrupt(core,
                      "the head of a long element names " + std::to_string(result.totalBytes) + " bytes, expected are " +
-                         std::to_string(n) + " parts of " + std::to_string(OverflowBytes(core.m_segmentSize)) + " and " +
-                         std::to_string(result.tailBytes) + " bytes more",
+                         std::to_string(n) + " parts of " + std::to_string(OverflowBytes(core.m_segmentSize)) +
+                         " and " + std::to_string(result.tailBytes) + " bytes more",
                      LocationOffset(l));
     result.parts.resize(static_cast<size_t>(n));
     std::memcpy(result.parts.data(), payload + sizeof prefix, static_cast<size_t>(listBytes));
     for (const Location part : result.parts) {
-        if (!core.m_segments->IsInside(part, core.m_segments->MaxSlots()))
+        if (!core.m_segments->IsInside(part))
             ThrowCorrupt(core, "a long element has a part outside the segments", LocationOffset(l));
     }
     return result;
@@ -138,6 +138,9 @@ ReadOnlyBuffer SerialElement::GetBuffer() {
 
 void SerialElement::Assemble() {
     const ssize_t partBytes = OverflowBytes(m_core.m_segmentSize);
+    // Its parts are packets of the file, each only once: checked before the memory is taken.
+    if (m_size > m_core.m_file.Size())
+        ThrowCorrupt(m_core, "a long element is longer than the file", LocationOffset(m_location));
     auto buffer = std::make_unique_for_overwrite<octet_t[]>(static_cast<size_t>(m_size + ELEMENT_TAIL_BYTES));
     octet_t* to = buffer.get();
     uint32 ordinal = 0;

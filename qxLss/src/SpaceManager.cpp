@@ -16,6 +16,7 @@ constexpr ssize_t MAX_GROWTH = 256; // slots
 void SpaceManager::Import(ssize_t numSlots, uint64 nextSequence) {
     std::lock_guard lock(m_mutex);
     m_numSlots.store(numSlots, std::memory_order_relaxed);
+    m_core.m_segments->RaiseLimit(numSlots);
     m_nextSequence = nextSequence;
     for (ssize_t slot = 0; slot < numSlots; ++slot) {
         if ((*m_core.m_segments)[slot].sequence == 0) m_unready.insert(m_unready.end(), slot);
@@ -26,6 +27,7 @@ void SpaceManager::NoteUsed(ssize_t slot) {
     std::lock_guard lock(m_mutex);
     ssize_t numSlots = NumSlots();
     for (; numSlots <= slot; ++numSlots) m_unready.insert(numSlots);
+    m_core.m_segments->RaiseLimit(numSlots);
     m_numSlots.store(numSlots, std::memory_order_relaxed);
     m_unready.erase(slot);
     m_ready.erase(slot);
@@ -207,6 +209,7 @@ void SpaceManager::Grow() {
     std::lock_guard lock(m_mutex);
     for (ssize_t slot = numSlots; slot < numSlots + n; ++slot) m_ready.insert(slot);
     UpdateReadyCount();
+    m_core.m_segments->RaiseLimit(numSlots + n);
     m_numSlots.store(numSlots + n, std::memory_order_relaxed);
 }
 

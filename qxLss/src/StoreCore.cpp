@@ -81,10 +81,11 @@ void ThrowCorrupt(const StoreCore& core, const std::string& what, int64 offset, 
 
 const octet_t* TouchPacket(const StoreCore& core, Location l, ssize_t loadBehind) {
     const SegmentTable& segments = *core.m_segments;
-    if (!segments.IsInside(l, segments.MaxSlots()))
-        ThrowCorrupt(core, "a location points outside the segments", LocationOffset(l));
+    if (!segments.IsInside(l)) ThrowCorrupt(core, "a location points outside the segments", LocationOffset(l));
     const ssize_t slot = segments.SlotOf(l);
     const octet_t* const base = segments[slot].base.load(std::memory_order_acquire);
+    if (!base) [[unlikely]]
+        ThrowCorrupt(core, "a location points into a free segment", LocationOffset(l));
     if (base == core.m_map->At(segments.OffsetOf(slot)))
         core.m_map->Load(LocationOffset(l), LocationBytes(l) + loadBehind);
     return base + segments.OffsetIn(l);
@@ -96,9 +97,8 @@ const octet_t* LoadPacket(const StoreCore& core, Location l, EPacketType type, u
     const PacketHeader header = ReadPod<PacketHeader>(packet);
     if (PacketType(header.info) != type || header.key != key || PacketBytes(header.info) != LocationBytes(l))
         ThrowCorrupt(core,
-                     "found a packet " +
-                         Describe(PacketType(header.info), header.key, PacketBytes(header.info)) + ", expected one " +
-                         Describe(type, key, LocationBytes(l)),
+                     "found a packet " + Describe(PacketType(header.info), header.key, PacketBytes(header.info)) +
+                         ", expected one " + Describe(type, key, LocationBytes(l)),
                      LocationOffset(l));
     const uint32 crc =
         PacketCrc(segments[segments.SlotOf(l)].crcSeed, segments.OffsetIn(l), packet, PayloadBytes(header.info));

@@ -31,8 +31,9 @@ struct StoreCounters {
     std::atomic<int64> liveIndex{0};
     std::atomic<int64> packets{0}; // HEAD, OVERFLOW, DELETE and INDEX packets in segments that have not been freed
     std::atomic<int64> liveBytes{0};
-    std::atomic<int64> indexBytes{0};     // of them, in pages of the index
-    std::atomic<int64> usedBytes{0};      // of packets in sealed log segments that have not been freed, dead ones too
+    std::atomic<int64> indexBytes{0};  // of them, in pages of the index
+    std::atomic<int64> usedBytes{0};   // of packets in sealed log segments that have not been freed, dead ones too
+    std::atomic<int64> movingBytes{0}; // of them, moved by the cleaner's running batch: dead in segments it will free
     std::atomic<uint64> survivorBytes{0}; // written by the cleaner since the open
     std::atomic<int64> numCheckpoints{0};
     std::atomic<int64> numRecoveries{0};

@@ -91,6 +91,7 @@ public:
         return named.st_dev == open.st_dev && named.st_ino == open.st_ino ? 1 : 0;
     }
 
+    int ReadAhead(int fd, off_t at, off_t n) override { return -::posix_fadvise(fd, at, n, POSIX_FADV_WILLNEED); }
     int DropCache(int fd, off_t at, off_t n) override { return -::posix_fadvise(fd, at, n, POSIX_FADV_DONTNEED); }
 
     int Map(int fd, size_t n, const octet_t*& base) override {

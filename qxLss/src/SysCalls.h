@@ -56,6 +56,9 @@ public:
     virtual int NamesFile(const char* path, int fd) = 0;
     // posix_fadvise(2) POSIX_FADV_DONTNEED on `n` bytes from `at`; n = 0 means to the end.
     virtual int DropCache(int fd, off_t at, off_t n) = 0;
+    // posix_fadvise(2) POSIX_FADV_WILLNEED: begins to read `n` bytes from `at` and waits for nothing. A hint, which an
+    // imitation of the disk has no need to take.
+    virtual int ReadAhead(int /*fd*/, off_t /*at*/, off_t /*n*/) { return 0; }
     // mmap(2) of the first `n` bytes, read-only, shared, MAP_NORESERVE, with MADV_RANDOM and MADV_DONTFORK. The range
     // may be far longer than the file. 0 and the address in `base`, or -errno.
     virtual int Map(int fd, size_t n, const octet_t*& base) = 0;

@@ -11,7 +11,12 @@ namespace {
 
 constexpr double MAX_UTILISATION = 0.95;
 constexpr ssize_t SPARE_SEGMENTS = 4; // dead space that is left alone, so that small stores are not cleaned for ever
-constexpr int64 SPARE_BYTES = int64{64} << 20; // beyond the goal before writers are slowed down
+constexpr int64 BANDS = 256;                // of pressure in the allowance
+constexpr int64 LEAST_BAND = int64{2} << 20; // bytes
+constexpr double MILLISEC_A_BAND = 0.5;
+constexpr double QUIET_MILLISEC = 2;         // of waiting, to which it rises
+constexpr double QUIET_BANDS = 32;           // up to which it stays there
+constexpr double MAX_MILLISEC = 100;
 constexpr double AGE_EXPONENT = 0.75;
 constexpr ssize_t MIN_BATCH = 4;
 constexpr ssize_t MAX_BATCH = 64;
@@ -23,16 +28,25 @@ constexpr double TAIL_PREFERENCE = 4;
 CleaningGoal::CleaningGoal(double percent, ssize_t segmentSize)
     : m_utilisation(std::clamp(percent / 100, 0.0, MAX_UTILISATION)), m_segmentSize(segmentSize) {}
 
-bool CleaningGoal::IsMissed(int64 used, int64 live) const {
-    if (!IsEnabled()) return false;
-    const double allowed = static_cast<double>(live) / m_utilisation;
-    return static_cast<double>(used) > allowed + static_cast<double>(SPARE_SEGMENTS * m_segmentSize);
+double CleaningGoal::Allowed(int64 live) const {
+    return static_cast<double>(live) / m_utilisation + static_cast<double>(SPARE_SEGMENTS * m_segmentSize);
 }
 
-int64 CleaningGoal::Excess(int64 used, int64 live) const {
+bool CleaningGoal::IsMissed(int64 used, int64 live) const {
+    return IsEnabled() && static_cast<double>(used) > Allowed(live);
+}
+
+double CleaningGoal::Pressure(int64 used, int64 live) const {
     if (!IsEnabled()) return 0;
-    const double allowed = static_cast<double>(live) / m_utilisation * 1.25;
-    return used - static_cast<int64>(allowed) - SPARE_BYTES;
+    const double allowed = Allowed(live);
+    const double band = std::max(allowed / BANDS, static_cast<double>(LEAST_BAND));
+    return (static_cast<double>(used) - allowed) / band - 1;
+}
+
+double WaitMilliseconds(double pressure) {
+    if (pressure <= 0) return 0;
+    if (pressure < QUIET_BANDS) return std::min(pressure * MILLISEC_A_BAND, QUIET_MILLISEC);
+    return std::min(QUIET_MILLISEC + (pressure - QUIET_BANDS) * MILLISEC_A_BAND, MAX_MILLISEC);
 }
 
 double VictimScore(ssize_t liveBytes, ssize_t segmentSize, uint64 age) {

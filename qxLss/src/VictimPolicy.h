@@ -30,13 +30,23 @@ public:
     bool IsEnabled() const { return m_utilisation > 0; }
     // Is there so much dead space that it pays to clean? `used` and `live` in bytes of the whole store.
     bool IsMissed(int64 used, int64 live) const;
-    // By how many bytes `used` is beyond what writers may reach before they are slowed down; 0 or less: not at all.
-    int64 Excess(int64 used, int64 live) const;
+    // How far `used` is beyond what writers may reach before they are slowed down, in bands of 1/256 of the allowance; 0 or
+    // less: not at all. Writers who are faster than the cleaner settle one or two bands beyond.
+    double Pressure(int64 used, int64 live) const;
 
 private:
+    // Beyond these the cleaner has work to do.
+    double Allowed(int64 live) const;
+
     double m_utilisation; // 0..0.95
     ssize_t m_segmentSize;
 };
+
+// How long a writer waits under this pressure for each WAIT_QUANTUM of log, in milliseconds. Rises to a level that no
+// transaction need notice and stays there while a checkpoint holds the cleaner up; only a cleaner that is left behind for
+// good, on a slow disk, slows writers down to whatever it can do.
+inline constexpr ssize_t WAIT_QUANTUM = 128 * 1024; // bytes
+QX_API double WaitMilliseconds(double pressure);
 
 // How much cleaning the segment is worth: dead space won over bytes to be read and written, times a power of its age. The
 // age of the segment counts, not that of its youngest content: what has survived there for long will go on to do so.

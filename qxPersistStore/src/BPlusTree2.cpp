@@ -78,8 +78,10 @@ void BPlusTree::VisitPrefs(IPrefVisitor& visitor) const {
 // ---- The root and new nodes -----------------------------------------------------------------------------------------
 
 void* BPlusTree::GetRoot() const {
-    return m_height > 0 ? static_cast<void*>(FollowChild<InternalNode>(&m_root))
-                        : static_cast<void*>(FollowChild<LeafNode>(&m_root));
+    if (!m_root) return nullptr;
+    const CalculatedBTreeTypeInfo& bi = GetCalculatedBTreeTypeInfo();
+    return m_height > 0 ? static_cast<void*>(FollowChild<InternalNode>(bi, &m_root))
+                        : static_cast<void*>(FollowChild<LeafNode>(bi, &m_root));
 }
 
 void BPlusTree::SetRoot(cref<void> root, ssize_t height) {
@@ -156,7 +158,7 @@ void BPlusTree::RepairChainAfterDeepCopy() const {
     void* const root = GetRoot();
     QX_ASSERT_TEXT(root, "m_root");
     const CalculatedBTreeTypeInfo& bi = GetCalculatedBTreeTypeInfo();
-    if (LeftmostLeaf(bi, m_height, root) != m_firstLeaf.Get()) {
+    if (LeftmostLeaf(bi, m_height, root) != FollowLink(bi, m_firstLeaf)) {
         LeafLinker linker(bi);
         linker.Visit(m_height, root);
         linker.Finish();

@@ -37,14 +37,14 @@ void PrefetchBehind(const LeafNode* leaf) {
 
 // The same position when there is no such leaf.
 BPlusTree::Iterator BPlusTree::Iterator::BehindLeaf(Iterator i) {
-    LeafNode* const leaf = i.m_leaf->m_next.Get();
+    LeafNode* const leaf = FollowLink(i.m_leaf->GetCalculatedBTreeTypeInfo(), i.m_leaf->m_next);
     if (!leaf) return i;
     PrefetchBehind(leaf);
     return Iterator(leaf, 0);
 }
 
 BPlusTree::Iterator BPlusTree::Iterator::BeforeLeaf(Iterator i) {
-    LeafNode* const leaf = i.m_leaf->m_prev.Get();
+    LeafNode* const leaf = FollowLink(i.m_leaf->GetCalculatedBTreeTypeInfo(), i.m_leaf->m_prev);
     return leaf ? Iterator(leaf, leaf->m_numKeyEntrys - 1) : i;
 }
 
@@ -56,14 +56,15 @@ void BPlusTree::EnsureChainIfExclusive() const {
 
 BPlusTree::Iterator BPlusTree::begin() {
     EnsureChainIfExclusive();
-    return Iterator(m_firstLeaf.Get(), 0);
+    if (!m_firstLeaf) return Iterator();
+    return Iterator(FollowLink(GetCalculatedBTreeTypeInfo(), m_firstLeaf), 0);
 }
 
 BPlusTree::Iterator BPlusTree::end() {
     if (m_height < 0) return Iterator();
     EnsureChainIfExclusive();
     QX_ASSERT(m_lastLeaf);
-    LeafNode* const leaf = m_lastLeaf.Get();
+    LeafNode* const leaf = FollowLink(GetCalculatedBTreeTypeInfo(), m_lastLeaf);
     return Iterator(leaf, leaf->m_numKeyEntrys);
 }
 
@@ -96,7 +97,8 @@ bool HasNoNodes(const BPlusTree& tree) {
 BPlusTree::Iterator PositionOf(LeafNode* node, ssize_t j) {
     QX_ASSERT(0 <= j && j <= cast_ptr<LeafNode>(node)->m_numKeyEntrys);
     if (j == node->m_numKeyEntrys)
-        if (LeafNode* const next = node->m_next.Get()) return BPlusTree::Iterator(next, 0);
+        if (LeafNode* const next = FollowLink(node->GetCalculatedBTreeTypeInfo(), node->m_next))
+            return BPlusTree::Iterator(next, 0);
     return BPlusTree::Iterator(node, j);
 }
 

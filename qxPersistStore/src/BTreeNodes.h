@@ -73,27 +73,49 @@ QX_API void* LoadChild(const void* place, const void* table);
 inline constexpr std::ptrdiff_t PREF_POINTER_OFFSET = sizeof(OID);
 static_assert(sizeof(prefbase) == sizeof(OID) + sizeof(AnyInterface));
 
+// A damaged record may refer to a node of another tree. With entries of the same size nothing else would tell, and values of
+// one type would be used as values of another.
+template <class Node>
+void AssertTypes(const CalculatedBTreeTypeInfo& bi, const Node* node) {
+    const CalculatedBTreeTypeInfo& types = node->GetCalculatedBTreeTypeInfo();
+    if (&types == &bi) [[likely]]
+        return;
+    QX_ASSERT_IN("src/BPlusTree2", types.m_keyType == bi.m_keyType && types.m_payloadType == bi.m_payloadType);
+}
+// The node that a reference beside `node` leads to, null for none.
+template <class Node>
+Node* FollowLink(const CalculatedBTreeTypeInfo& bi, const cref<Node>& link) {
+    Node* const node = link.Get();
+    if (node) AssertTypes(bi, node);
+    return node;
+}
+
 // Follows a reference at any address to a node of a known class: as Get, without a call on the way to a bound node.
 template <class Node>
-Node* FollowChild(const void* place) {
+Node* FollowChild(const CalculatedBTreeTypeInfo& bi, const void* place) {
     const AnyInterface words = LoadEvictableWords(
         reinterpret_cast<const AnyInterface*>(static_cast<const char*>(place) + PREF_POINTER_OFFSET));
     if (words.m_self && static_cast<const void*>(words.m_table) == IPersistable::Stubs<Node>::GetTable()) [[likely]] {
         Node* const node = static_cast<Node*>(words.m_self);
         node->GetSysState().SetLastTouchedTime(g_touchClock.load(std::memory_order_relaxed));
+        AssertTypes(bi, node);
         return node;
     }
-    return static_cast<Node*>(detail::LoadChild(place, IPersistable::Stubs<Node>::GetTable()));
+    Node* const node = static_cast<Node*>(detail::LoadChild(place, IPersistable::Stubs<Node>::GetTable()));
+    if (node) AssertTypes(bi, node);
+    return node;
 }
 
 // The same for a node that is only carried along: no use is noted, so that a bound one is not brought into the cache.
 template <class Node>
-Node* FollowNeighbour(const void* place) {
+Node* FollowNeighbour(const CalculatedBTreeTypeInfo& bi, const void* place) {
     const AnyInterface words = LoadEvictableWords(
         reinterpret_cast<const AnyInterface*>(static_cast<const char*>(place) + PREF_POINTER_OFFSET));
     if (words.m_self && static_cast<const void*>(words.m_table) == IPersistable::Stubs<Node>::GetTable()) [[likely]]
         return static_cast<Node*>(words.m_self);
-    return static_cast<Node*>(detail::LoadChild(place, IPersistable::Stubs<Node>::GetTable()));
+    Node* const node = static_cast<Node*>(detail::LoadChild(place, IPersistable::Stubs<Node>::GetTable()));
+    if (node) AssertTypes(bi, node);
+    return node;
 }
 
 // MarkAsDirtyWithoutTrace with a transient node told apart first: it has nothing to mark, which the call would find out

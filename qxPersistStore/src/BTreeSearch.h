@@ -29,14 +29,14 @@ inline const void* PlaceOfChild(const CalculatedBTreeTypeInfo& bi, const Interna
 inline void* FollowChildAt(const CalculatedBTreeTypeInfo& bi, const InternalNode* node, ssize_t i,
                            ssize_t childHeight) {
     const void* const place = PlaceOfChild(bi, node, i);
-    return childHeight > 0 ? static_cast<void*>(FollowChild<InternalNode>(place))
-                           : static_cast<void*>(FollowChild<LeafNode>(place));
+    return childHeight > 0 ? static_cast<void*>(FollowChild<InternalNode>(bi, place))
+                           : static_cast<void*>(FollowChild<LeafNode>(bi, place));
 }
 inline void* FollowNeighbourAt(const CalculatedBTreeTypeInfo& bi, const InternalNode* node, ssize_t i,
                                ssize_t childHeight) {
     const void* const place = PlaceOfChild(bi, node, i);
-    return childHeight > 0 ? static_cast<void*>(FollowNeighbour<InternalNode>(place))
-                           : static_cast<void*>(FollowNeighbour<LeafNode>(place));
+    return childHeight > 0 ? static_cast<void*>(FollowNeighbour<InternalNode>(bi, place))
+                           : static_cast<void*>(FollowNeighbour<LeafNode>(bi, place));
 }
 
 // The index of the last entry whose key is not above `key`, or -1.

@@ -1,5 +1,7 @@
 #include "qxPersistStore/src/DOS.h"
 
+#include "qxPersistStore/BPlusTree2.h"
+#include "qxPersistStore/src/Mutants.h"
 #include "qxPersistStore/src/PSpace.h"
 #include "qxPersistStore/src/PersistStore.h"
 #include "qxPersistStore/src/Records.h"
@@ -11,6 +13,12 @@ namespace quna {
 namespace {
 
 constexpr ConstStringZ SOURCE_PATH = "src/DOS";
+
+// Never but by mistake.
+bool IsLeftForLater(ptr<const IPersistable> po) {
+    return (IsStoreMutant(EStoreMutant::TREE_LATER) && po->GetReflectedClass() == &GetReflectedClass<BPlusTree>()) ||
+           (IsStoreMutant(EStoreMutant::OBJECT_LATER) && GetOid(po).low_ % 16 == 5);
+}
 
 } // namespace
 
@@ -45,10 +53,14 @@ void PSpaceDos::WriteChangesToLSS(ILssTransaction& txn) {
         const std::lock_guard lock(mutex_);
         objects.TakePages(m_dirtyObjectSet);
     }
-    for (const ptr<const IPersistable>& po : objects) WriteObject(txn, po);
+    for (const ptr<const IPersistable>& po : objects)
+        if (!IsLeftForLater(po)) WriteObject(txn, po);
     QX_ASSERT(m_dirtyObjectSet.empty());
     m_dirty.store(false, std::memory_order_release);
     m_pspace.m_ps.m_dosWriter.m_dirtyPSpaces.Remove(&m_pspace);
+    if (!IsStoreMutant(EStoreMutant::TREE_LATER) && !IsStoreMutant(EStoreMutant::OBJECT_LATER)) return;
+    for (const ptr<const IPersistable>& po : objects)
+        if (IsLeftForLater(po)) m_dirtyObjectSet.push_back(po);
 }
 
 void PSpaceDos::WriteObject(ILssTransaction& txn, ptr<const IPersistable> po) {

@@ -1,6 +1,7 @@
 #include "qxPersistStore/src/DeletionBatch.h"
 
 #include "qxPersistStore/pref.h"
+#include "qxPersistStore/src/Mutants.h"
 #include "qxPersistStore/src/ObjectDeleterPrefVisitor.h"
 #include "qxPersistStore/src/PSpace.h"
 #include "qxPersistStore/src/PersistStore.h"
@@ -84,10 +85,14 @@ void DeletionBatch::TakeSubTree(OID oid, ptr<IPersistable> root, OBJSET& stack) 
 }
 
 void DeletionBatch::Commit() {
+    if (IsStoreMutant(EStoreMutant::QUEUE_BEFORE_DELETIONS)) {
+        const AutoCloser<ILssTransaction> before(m_pspace.m_ps.m_lss->OpenTransaction());
+        m_pspace.WriteDQToLssIfDirty(*before);
+    }
     AutoCloser<ILssTransaction> txn(m_pspace.m_ps.m_lss->OpenTransaction());
     txn->RequestDropWhenUnwinding();
     for (const OID oid : m_oidsToDelete) DeleteElement(*txn, oid);
-    m_pspace.WriteDQToLssIfDirty(*txn);
+    if (!IsStoreMutant(EStoreMutant::QUEUE_AFTER_DELETIONS)) m_pspace.WriteDQToLssIfDirty(*txn);
     txn.Close();
     m_committed = true;
     for (const ptr<IPersistable> po : m_resident) po->GetSysState().SetFlag(PERSISTABLE_ERASED);

@@ -1,6 +1,7 @@
 #include "qxPersistStore/src/DosWriter.h"
 
 #include "qxObject/WCSpace.h"
+#include "qxPersistStore/src/Mutants.h"
 #include "qxPersistStore/src/PSpace.h"
 #include "qxPersistStore/src/PersistStore.h"
 #include "qxPersistStore/src/ThreadPSpaceScope.h"
@@ -167,8 +168,13 @@ void DosWriter::HandleCleanMembers(const GROUP& group, CleanMember cleanMember) 
 }
 
 void DosWriter::WriteGroup(const GROUP& group, bool flush) {
+    if (IsStoreMutant(EStoreMutant::GROUP_IN_TWO) && group.size() > 1) {
+        for (PSpace* pspace : group) WriteGroup({pspace}, flush);
+        return;
+    }
     AutoCloser<ILssTransaction> txn(m_ps.m_lss->OpenTransaction());
-    if (flush) txn->RequestFlushToDisk();
+    if (flush && !IsStoreMutant(EStoreMutant::FLUSH_LEFT_OUT)) txn->RequestFlushToDisk();
+    if (IsStoreMutant(EStoreMutant::CLASS_IDS_LATER)) m_ps.m_rootObject.WriteIfDirty(*txn);
     try {
         for (PSpace* pspace : group) WriteMember(pspace, *txn);
     } catch (...) {
@@ -180,7 +186,7 @@ void DosWriter::WriteGroup(const GROUP& group, bool flush) {
         }
         throw;
     }
-    m_ps.m_rootObject.WriteIfDirty(*txn);
+    if (!IsStoreMutant(EStoreMutant::CLASS_IDS_LATER)) m_ps.m_rootObject.WriteIfDirty(*txn);
     m_ps.m_spaceMap.WriteIfDirty(*txn);
     txn.Close();
 }

@@ -311,7 +311,7 @@ void PSpace::MakeObjectPersist(ptr<IPersistable> po, bool trace) {
     QX_ASSERT(!GetOid(po));
     const OID oid = AllocateOid(m_oidHighForOidAllocations, m_useIncrementalOidAllocations);
     QX_ASSERT(!rot_.FindResidentObject(oid));
-    QX_ASSERT(MakeObjectPersistWithGivenOID(po,oid,trace));
+    QX_ASSERT_TEXT(TakeIdentity(po, oid, trace), "MakeObjectPersistWithGivenOID(po,oid,trace)");
 }
 
 void PSpace::MakeObjectPersist(SeidLow affiliateOidLow, ptr<IPersistable> po) {
@@ -319,12 +319,26 @@ void PSpace::MakeObjectPersist(SeidLow affiliateOidLow, ptr<IPersistable> po) {
     MakeObjectPersist(po, false);
 }
 
+// The identifier may have come from outside, so it may be any. The store's own records would be written over; and one of
+// our own space far beyond what we gave out would spend all that lie between.
 bool PSpace::MakeObjectPersistWithGivenOID(ptr<IPersistable> po, OID oid, bool trace) {
     QX_ASSERT(HaveWriteAccess());
     QX_ASSERT(po);
     QX_ASSERT(oid);
     QX_ASSERT(GetAssociatedCSpace(po) == m_cspace);
     QX_ASSERT(!GetOid(po));
+    QX_ASSERT(!IsPersistableDirty(po));
+    QX_ASSERT(!m_ps.IsOwnRecord(oid));
+    QX_ASSERT(!IsOfOwnSpace(oid) || m_ps.GetLss()->IsAllocated(oid));
+    return TakeIdentity(po, oid, trace);
+}
+
+bool PSpace::IsOfOwnSpace(OID oid) const {
+    return oid.high_ == m_oidHighForOidAllocations || oid.high_ == m_ps.GetOidHighForOidAllocations();
+}
+
+bool PSpace::TakeIdentity(ptr<IPersistable> po, OID oid, bool trace) {
+    QX_ASSERT(GetAssociatedCSpace(po) == m_cspace);
     QX_ASSERT(!IsPersistableDirty(po));
     if (!rot_.AddResidentObject(oid, po)) return false;
     po->GetPersistObjState().m_oid = oid;

@@ -105,6 +105,8 @@ public:
     ListPtrs<PSpace> m_NedqListPtrs;
 
 private:
+    bool TakeIdentity(ptr<IPersistable> po, OID oid, bool trace);
+    bool IsOfOwnSpace(OID oid) const;
     void OpenInGivenCSpace(bool creating);
     void OpenInOwnCSpace(bool creating);
     void PrepareOwnCSpace(bool creating);

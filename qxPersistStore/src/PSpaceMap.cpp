@@ -10,7 +10,9 @@
 #include "qxUtils/AutoCloser.h"
 #include "qxUtils/Schema.h"
 
+#include <algorithm>
 #include <exception>
+#include <vector>
 
 namespace quna {
 
@@ -117,6 +119,24 @@ void PSpaceMap::RemovePSpace(PSpace* pspace) {
 ssize_t PSpaceMap::GetNumPSpaces() const {
     const std::lock_guard lock(mutex_);
     return static_cast<ssize_t>(map_.size());
+}
+
+bool PSpaceMap::HasRecord(ILogStructuredStore& lss, OID oid) const {
+    std::vector<OID> closed;
+    {
+        const std::lock_guard lock(mutex_);
+        for (const auto& [name, e] : map_) {
+            if (e.m_oid == oid || (e.m_ptr && e.m_ptr->m_roots.m_dqOid == oid)) return true;
+            if (!e.m_ptr) closed.push_back(e.m_oid);
+        }
+    }
+    const AutoCloser<IContiguousSerialElement> element(closed.empty() ? nullptr : lss.OpenSerialElement(oid));
+    if (!element) return false; // as for every object that is new here
+    return std::any_of(closed.begin(), closed.end(), [&](OID roots) {
+        PSpaceRoots record(roots, false);
+        record.ReadFromLss(&lss);
+        return record.m_dqOid == oid;
+    });
 }
 
 void PSpaceMap::Serialise(Archive& ar) const {

@@ -52,6 +52,9 @@ public:
     void RemovePSpace(PSpace* pspace);
     void CommitPSpace(PSpace* p);
     ssize_t GetNumPSpaces() const;
+    // Is the identifier that of a space's record, or of its queue's? Reads the records of spaces that are not open, if there is
+    // an element under the identifier at all.
+    bool HasRecord(ILogStructuredStore& lss, OID oid) const;
     void Serialise(Archive& ar) const;
     InputArchive Deserialise(InputArchive ar);
 

@@ -21,12 +21,19 @@ PSpace* GetThreadPSpace() { return tls_currentPSpace; }
 void SetThreadPSpace(PSpace* p) { tls_currentPSpace = p; }
 
 PersistStore* OpenPersistStore(ConstStringZ lssPath, EOpenMode openMode, PersistStoreSettings const& settings) {
-    return new PersistStore(lssPath, openMode, settings);
+    const auto openLss = [&](bool& createdNew) {
+        return CreateOrOpenLSS(lssPath, settings.deltasDirPath, createdNew, openMode, settings.lssSettings);
+    };
+    return new PersistStore(openLss, settings);
 }
 
-PersistStore::PersistStore(ConstStringZ lssPath, EOpenMode openMode, PersistStoreSettings const& settings)
+PersistStore* OpenPersistStoreForTest(LssOpener const& openLss, PersistStoreSettings const& settings) {
+    return new PersistStore(openLss, settings);
+}
+
+PersistStore::PersistStore(LssOpener const& openLss, PersistStoreSettings const& settings)
     : m_spaceMap(*this), m_dosWriter(*this) {
-    m_lss = CreateOrOpenLSS(lssPath, settings.deltasDirPath, createdNew_, openMode, settings.lssSettings);
+    m_lss = openLss(createdNew_);
     try {
         if (createdNew_)
             LayDownFixedRecords();
@@ -138,6 +145,10 @@ OID PersistStore::AllocateAffiliateOid(SeidHigh oidHigh, SeidLow affiliateOidLow
     QX_ASSERT(m_lss->AllocateAffiliateSeid(seid));
     QX_ASSERT(seid.high_ == oidHigh);
     return seid;
+}
+
+bool PersistStore::IsOwnRecord(OID oid) {
+    return oid == ROOT_PERSISTSTORE_OBJECT_SEID || oid == PSPACEMAP_SEID || m_spaceMap.HasRecord(*m_lss, oid);
 }
 
 TypeOpsId PersistStore::GetTypeOpsId(ReflectionByteCodeValue const& rbcv, TypeOps const& ops) {

@@ -10,8 +10,12 @@
 #include "qxUtils/Export.h"
 
 #include <atomic>
+#include <functional>
 
 namespace quna {
+
+// Opens or creates the file of a store, and says which.
+using LssOpener = std::function<ILogStructuredStore*(bool& createdNew)>;
 
 // The open log-structured store with all that gives it meaning as an object store: the root record, the directory of
 // spaces, the writer and the threads of asynchronous binding.
@@ -20,7 +24,7 @@ namespace quna {
 // Threads: construction, StartObjectDeletion and Close by one thread, alone. Everything else guards itself.
 class QX_API PersistStore {
 public:
-    PersistStore(ConstStringZ lssPath, EOpenMode openMode, PersistStoreSettings const& settings);
+    PersistStore(LssOpener const& openLss, PersistStoreSettings const& settings);
     PersistStore(const PersistStore&) = delete;
     PersistStore& operator=(const PersistStore&) = delete;
 
@@ -46,6 +50,8 @@ public:
     OID AllocateAffiliateOid(SeidLow affiliateOidLow);
     OID AllocateAffiliateOid(SeidHigh oidHigh, SeidLow affiliateOidLow);
     OidHigh GetOidHighForOidAllocations() const { return m_rootObject.m_oidHighForOidAllocations; }
+    // Does the store keep a record of its own under the identifier: its root, the map of spaces, a space's roots or queue?
+    bool IsOwnRecord(OID oid);
     PSpaceTxnGroupMgr& GetPSpaceTxnGroupMgr() { return m_dosWriter.m_grpMgr; }
     void WriteRootObjectIfDirty(ILssTransaction& txn) const { m_rootObject.WriteIfDirty(txn); }
 
@@ -78,13 +84,16 @@ public:
 
 private:
     ~PersistStore() noexcept(false) = default; // by Close
-    friend PersistStore* OpenPersistStore(ConstStringZ, EOpenMode, PersistStoreSettings const&);
 
     void LayDownFixedRecords();
     void ReadFixedRecords(ClassNameTranslationTable const* table);
     void StartThreads(bool startObjectDeletion);
     void StopThreads();
 };
+
+// OpenPersistStore over a log-structured store of the caller's, which the store then owns. Of the settings those of the
+// log-structured store and the directory of the archive don't count.
+QX_API PersistStore* OpenPersistStoreForTest(LssOpener const& openLss, PersistStoreSettings const& settings);
 
 QX_API const ReflectedClass& _GetReflected(const PersistStore*);
 

@@ -1,5 +1,6 @@
 #include "qxPersistStore/src/PersistStoreTxn.h"
 
+#include "qxPersistStore/src/Mutants.h"
 #include "qxPersistStore/src/PSpace.h"
 #include "qxPersistStore/src/PersistStore.h"
 #include "qxUtils/Assert.h"
@@ -70,7 +71,10 @@ PersistStoreTxn::PersistStoreTxn(PersistStore* ps, PSpaceLockMode* L, ssize_t n)
     for (ssize_t i = 1; i < n; ++i) Merge(L[0].space, L[i].space);
 }
 
-void PersistStoreTxn::Merge(PSpace* p1, PSpace* p2) { m_ps->GetPSpaceTxnGroupMgr().MergeTwoPSpaceTxnGroups(p1, p2); }
+void PersistStoreTxn::Merge(PSpace* p1, PSpace* p2) {
+    if (IsStoreMutant(EStoreMutant::GROUP_NOT_TIED)) return;
+    m_ps->GetPSpaceTxnGroupMgr().MergeTwoPSpaceTxnGroups(p1, p2);
+}
 
 PSpace* PersistStoreTxn::OpenPSpace(ConstStringZ name, EOpenMode openMode, CSpace* cspace) {
     QX_ASSERT(name);

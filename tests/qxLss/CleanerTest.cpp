@@ -252,6 +252,7 @@ TEST_F(CleanerTest, ComesToRestWithElementsOfAFifthOfASegment) {
 
 TEST_F(CleanerTest, AFullDiskIsCleanedFromTheReserve) {
     Fill(200, 200);
+    for (int i = 0; i < 600; ++i) Overwrite(SomeSeid(), 200); // what the disk is full of is mostly dead
     m_sys.FailCall(ESimCall::ALLOCATE, 1, ENOSPC, true);
     int refused = 0;
     for (int i = 0; i < 3000; ++i) {

@@ -271,7 +271,8 @@ TEST(Recovery, IdentifiersOfElementsInTheLogAreSpentWhateverTheRingSays) {
     }
     FileBytes file = StoreFile(sys);
     for (int64 block = AllocRing::FILE_OFFSET; block < DATA_START; block += AllocRingBlock::BYTES)
-        if (ReadPod<uint16>(file.data() + block + 44) > 0) file[static_cast<size_t>(block) + 100] ^= 1; // names horizons
+        if (ReadPod<uint16>(file.data() + block + 44) > 0)
+            file[static_cast<size_t>(block) + 100] ^= 1; // names horizons
     SimSys after(ImageOf(file));
     TestLss lss(after);
     for (int i = 0; i < 8000; ++i) EXPECT_FALSE(written.contains(lss.NewSeid().value_));

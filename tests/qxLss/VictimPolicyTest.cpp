@@ -37,19 +37,32 @@ TEST(VictimPolicy, TheGoalIsMissedFourSegmentsBeyondTheAllowance) {
 TEST(VictimPolicy, ZeroMeansNeverAndAbove95CountsAs95) {
     EXPECT_FALSE(CleaningGoal(0, SEGMENT).IsEnabled());
     EXPECT_FALSE(CleaningGoal(-3, SEGMENT).IsMissed(int64{1} << 40, 0));
-    EXPECT_LE(CleaningGoal(0, SEGMENT).Excess(int64{1} << 40, 0), 0);
+    EXPECT_LE(CleaningGoal(0, SEGMENT).Pressure(int64{1} << 40, 0), 0);
     const int64 live = int64{100000} * SEGMENT;
     const int64 used = live * 100 / 96;
     EXPECT_FALSE(CleaningGoal(100, SEGMENT).IsMissed(used, live));
     EXPECT_TRUE(CleaningGoal(100, SEGMENT).IsMissed(live * 100 / 94, live));
 }
 
-TEST(VictimPolicy, WritersAreSlowedDownAQuarterAnd64MiBBeyondTheGoal) {
+TEST(VictimPolicy, PressureBegins256thBeyondTheAllowance) {
     const CleaningGoal goal(50, SEGMENT);
-    const int64 live = int64{1} << 30;
-    const int64 limit = live / 4 * 10 + (int64{64} << 20);
-    EXPECT_EQ(goal.Excess(limit, live), 0);
-    EXPECT_EQ(goal.Excess(limit + 1000, live), 1000);
+    const int64 allowed = (int64{1} << 30) - 4 * SEGMENT; // and the four segments: 1 GiB
+    const int64 band = int64{4} << 20;
+    EXPECT_LT(goal.Pressure(int64{1} << 30, allowed / 2), 0);
+    EXPECT_DOUBLE_EQ(goal.Pressure((int64{1} << 30) + band, allowed / 2), 0);
+    EXPECT_DOUBLE_EQ(goal.Pressure((int64{1} << 30) + 3 * band, allowed / 2), 2);
+    // Bands of small stores are 2 MiB.
+    EXPECT_DOUBLE_EQ(goal.Pressure((4 * SEGMENT) + 3 * band / 2, 0), 2);
+}
+
+TEST(VictimPolicy, WritersWaitLittleWhileTheCleanerIsHeldUpAndMuchWhenItIsLeftBehind) {
+    EXPECT_EQ(WaitMilliseconds(-1), 0);
+    EXPECT_EQ(WaitMilliseconds(0), 0);
+    EXPECT_EQ(WaitMilliseconds(1.5), 0.75);
+    EXPECT_EQ(WaitMilliseconds(4), 2);
+    EXPECT_EQ(WaitMilliseconds(32), 2);
+    EXPECT_EQ(WaitMilliseconds(42), 7);
+    EXPECT_EQ(WaitMilliseconds(1e9), 100);
 }
 
 TEST(VictimPolicy, EmptierAndOlderSegmentsAreWorthMore) {

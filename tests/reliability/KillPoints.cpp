@@ -64,10 +64,8 @@ NumberedPlan PlanOf(uint64 seed) {
 }
 
 LssStore* Open(SysCalls& sys, const std::string& path, EOpenMode mode, uint64 seed, bool& createdNew) {
-    LssStore* const store =
-        static_cast<LssStore*>(OpenLssForTest(sys, path.c_str(), nullptr, createdNew, mode, Settings(seed)));
-    store->StopThreadsForTest();
-    return store;
+    return static_cast<LssStore*>(
+        OpenLssForTest(sys, path.c_str(), nullptr, createdNew, mode, Settings(seed), EBackground::NONE));
 }
 
 class Workload {
@@ -124,8 +122,7 @@ struct Totals {
 class Killer {
 public:
     Killer(uint64 seed, Totals& totals) : m_seed(seed), m_totals(totals) {
-        void* const p =
-            ::mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        void* const p = ::mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         if (p == MAP_FAILED) throw std::bad_alloc();
         m_told = new (p) Told;
     }
@@ -189,8 +186,7 @@ private:
             }
             Verify(path, OM_OPEN_EXISTING, n);
         } catch (const std::exception& e) {
-            if (m_told->closed == 0 &&
-                (std::strstr(e.what(), "cut short") || std::strstr(e.what(), "does not exist")))
+            if (m_told->closed == 0 && (std::strstr(e.what(), "cut short") || std::strstr(e.what(), "does not exist")))
                 return;
             Fault(n, e.what());
         }
@@ -204,8 +200,7 @@ private:
         if (number < m_told->closed || number > m_told->closing) {
             ++m_totals.lost;
             Fault(n, "transaction " + std::to_string(m_told->closed) + " was closed and " +
-                         std::to_string(m_told->closing) + " begun to be, the last there is " +
-                         std::to_string(number));
+                         std::to_string(m_told->closing) + " begun to be, the last there is " + std::to_string(number));
             store->Abandon();
             return false;
         }

@@ -6,30 +6,12 @@
 #include "tests/support/SimLss.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <string>
 
 namespace quna {
 namespace {
-
-// What the store says in its trace: that it has stopped writing, or that the cleaner leaves a segment alone. A failure that
-// meets no caller is reported there.
-class TraceCount {
-public:
-    TraceCount() : m_former(SetTraceSink({this, &TraceCount::OnTrace})) {}
-    TraceCount(const TraceCount&) = delete;
-    TraceCount& operator=(const TraceCount&) = delete;
-    ~TraceCount() { SetTraceSink(m_former); }
-    int64 Count() const { return m_count.load(); }
-
-private:
-    static void OnTrace(void* self, const char*, ssize_t) { ++static_cast<TraceCount*>(self)->m_count; }
-
-    std::atomic<int64> m_count{0};
-    const TraceSink m_former;
-};
 
 struct Totals {
     int64 runs = 0;
@@ -67,6 +49,24 @@ constexpr Kind KINDS[] = {
     {ESimCall::LOAD, "load", false, true},
 };
 
+// What the store traces while a workload runs. One thread.
+class CollectedTraces {
+public:
+    CollectedTraces() : m_previous(SetTraceSink({this, &CollectedTraces::Take})) {}
+    ~CollectedTraces() { SetTraceSink(m_previous); }
+
+    // A segment that can't be read while it is cleaned: nobody waits for an answer, and nothing is lost.
+    bool TellsOfSegmentLeftAlone() const { return m_text.find("leaves a segment as it is") != std::string::npos; }
+
+private:
+    static void Take(void* self, const char* text, ssize_t n) {
+        static_cast<CollectedTraces*>(self)->m_text.append(text, static_cast<size_t>(n));
+    }
+
+    std::string m_text;
+    TraceSink m_previous;
+};
+
 struct Case {
     Kind kind;
     int64 n;
@@ -85,17 +85,18 @@ bool Run(const Case& c, Totals& totals) {
     LssWorkload workload;
     workload.seed = c.seed;
     workload.steps = 20;
-    const TraceCount traced;
     SimSys sys;
     LssDriver driver(sys, workload);
     sys.FailCall(c.kind.call, c.n, c.error, c.forever);
+    const CollectedTraces traces;
     driver.Run();
     if (sys.NumFailures() == 0) return false;
     ++totals.runs;
     totals.failures += sys.NumFailures();
     const LssHistory& history = driver.History();
     const bool reported = !history.failure.empty() || !history.fault.empty();
-    if (c.kind.mustBeReported && !reported && traced.Count() == 0 && sys.NumFailures() > driver.NumFailuresInClose()) {
+    const bool traced = c.kind.call == ESimCall::LOAD && traces.TellsOfSegmentLeftAlone();
+    if (c.kind.mustBeReported && !reported && !traced && sys.NumFailures() > driver.NumFailuresInClose()) {
         ++totals.unreported;
         Report(c, "nobody was told");
     }

@@ -39,8 +39,7 @@ struct Shared {
 class SharedMemory {
 public:
     SharedMemory() {
-        void* const p =
-            ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        void* const p = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         if (p == MAP_FAILED) throw std::bad_alloc();
         m_shared = new (p) Shared;
     }

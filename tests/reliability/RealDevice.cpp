@@ -134,7 +134,8 @@ void Try(const std::string& path, uint64 seed, int64 limit, Totals& totals) {
         NumberedModel model(PlanOf(seed));
         model.RollTo(number);
         fault = model.Compare(*store.Get());
-        if (number < told->closed || number > told->closing) fault = "transaction " + std::to_string(number) + " is the last";
+        if (number < told->closed || number > told->closing)
+            fault = "transaction " + std::to_string(number) + " is the last";
     } catch (const std::exception& e) {
         if (told->closed > 0) fault = e.what();
     }
@@ -172,8 +173,8 @@ int Main(int argc, char** argv) {
     std::mt19937_64 random(arguments.seed);
     const int64 tries = static_cast<int64>(40 * std::max(1.0, arguments.scale));
     for (int64 i = 0; i < tries; ++i) {
-        const int64 limit = i % 4 == 0 ? static_cast<int64>(random() % 700000) + 1
-                                       : 800000 + static_cast<int64>(random() % 2500000);
+        const int64 limit =
+            i % 4 == 0 ? static_cast<int64>(random() % 700000) + 1 : 800000 + static_cast<int64>(random() % 2500000);
         Try(dir.File("store"), random(), limit, totals);
     }
     const std::string mount = SmallMount();

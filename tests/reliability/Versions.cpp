@@ -59,9 +59,9 @@ private:
         const SegmentHeader header = ReadPod<SegmentHeader>(m_store.file.data() + segment);
         FileBytes packet(m_store.file.begin() + page.from, m_store.file.begin() + page.to);
         packet[PACKET_HEADER_BYTES + 1] = static_cast<octet_t>(form);
-        const uint32 crc = PacketCrc(SegmentCrcSeed(m_store.header.storeId, header.sequence),
-                                     static_cast<uint32>(page.from - segment), packet.data(),
-                                     PayloadBytes(ReadPod<uint32>(packet.data() + 4)));
+        const uint32 crc =
+            PacketCrc(SegmentCrcSeed(m_store.header.storeId, header.sequence), static_cast<uint32>(page.from - segment),
+                      packet.data(), PayloadBytes(ReadPod<uint32>(packet.data() + 4)));
         std::memcpy(packet.data(), &crc, sizeof crc);
         m_lab.Replace(page.from, packet);
     }

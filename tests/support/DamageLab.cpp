@@ -15,8 +15,8 @@ namespace quna {
 namespace {
 
 constexpr ConstStringZ PATH = "d/store";
-constexpr double MOST_MEMORY = 4;          // times the file
-constexpr int64 SMALLEST_FILE = 262144;    // counts for smaller ones
+constexpr double MOST_MEMORY = 4;       // times the file
+constexpr int64 SMALLEST_FILE = 262144; // counts for smaller ones
 constexpr int64 MOST_REPORTS = 20;
 
 // A store being tried is never closed: nothing more is to be written.
@@ -43,8 +43,7 @@ std::vector<LabRange> Merged(std::vector<LabRange> ranges) {
 } // namespace
 
 const char* NameOf(ELabVerdict verdict) {
-    constexpr const char* NAMES[] = {"harmless", "prefix",  "detected", "silent",
-                                     "cut",      "escaped", "changed",  "greedy"};
+    constexpr const char* NAMES[] = {"harmless", "prefix", "detected", "silent", "cut", "escaped", "changed", "greedy"};
     return NAMES[static_cast<size_t>(verdict)];
 }
 
@@ -84,10 +83,9 @@ void DamageLab::Share() {
 }
 
 LssStore* DamageLab::Open(EOpenMode mode, bool& createdNew) {
-    LssStore* const store = static_cast<LssStore*>(OpenLssForTest(*m_sys, PATH, nullptr, createdNew, mode,
-                                                                 LabSettings(static_cast<int>(m_store.segmentSize))));
-    store->StopThreadsForTest();
-    return store;
+    return static_cast<LssStore*>(OpenLssForTest(*m_sys, PATH, nullptr, createdNew, mode,
+                                                 LabSettings(static_cast<int>(m_store.segmentSize)),
+                                                 EBackground::NONE));
 }
 
 // --- damage
@@ -346,7 +344,8 @@ std::string DamageLab::RepeatedIdentifier(LssStore& store) {
     for (const uint64 high : highs) {
         Seid seid = store.AllocateSeid(static_cast<SeidHigh>(high));
         for (int i = 0; i < 2; ++i) {
-            if (m_store.last.contains(seid.value_)) return "identifier " + std::to_string(seid.value_) + " is given again";
+            if (m_store.last.contains(seid.value_))
+                return "identifier " + std::to_string(seid.value_) + " is given again";
             if (!store.AllocateAffiliateSeid(seid)) break;
         }
     }

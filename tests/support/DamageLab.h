@@ -29,9 +29,9 @@ inline bool IsFault(ELabVerdict verdict) { return verdict >= ELabVerdict::SILENT
 struct LabTotals {
     int64 tried = 0;
     int64 verdicts[static_cast<size_t>(ELabVerdict::COUNT)] = {};
-    int64 poorTexts = 0;     // messages without the file's name or a place
-    double mostMemory = 0;   // of a refused or read-only open, over the file's size
-    int64 reported = 0;      // faults that were printed
+    int64 poorTexts = 0;   // messages without the file's name or a place
+    double mostMemory = 0; // of a refused or read-only open, over the file's size
+    int64 reported = 0;    // faults that were printed
 
     int64 Of(ELabVerdict verdict) const { return verdicts[static_cast<size_t>(verdict)]; }
     int64 NumFaults() const;
@@ -105,7 +105,7 @@ private:
     std::unique_ptr<SimSys> m_sys;
     std::vector<LabRange> m_touched;
     int64 m_size;
-    uint64 m_sample = 0; // which elements are read when not all are
+    uint64 m_sample = 0;          // which elements are read when not all are
     LssStore* m_shared = nullptr; // the undamaged file, open for reading only; null before Share
     uint64 m_places = 0;
     std::vector<Packet> m_packets;

@@ -26,9 +26,8 @@ public:
 
     LabStore Build() {
         bool createdNew = false;
-        m_store = static_cast<LssStore*>(
-            OpenLssForTest(m_sys, PATH, nullptr, createdNew, OM_CREATE_NEW, LabSettings(m_segmentSize)));
-        m_store->StopThreadsForTest();
+        m_store = static_cast<LssStore*>(OpenLssForTest(m_sys, PATH, nullptr, createdNew, OM_CREATE_NEW,
+                                                        LabSettings(m_segmentSize), EBackground::NONE));
         m_store->AllocateSeidHigh();
         m_store->AllocateSeidHigh();
         const bool isNew = m_kind == ELabKind::NEW;
@@ -121,7 +120,8 @@ private:
 
     Seid SomeSeid() {
         if (m_state.empty() || Pick(3) == 0) return NewSeid();
-        auto at = m_state.lower_bound(Seid(static_cast<SeidLow>(Pick(m_known.size())), 1 + static_cast<SeidHigh>(Pick(2))).value_);
+        auto at = m_state.lower_bound(
+            Seid(static_cast<SeidLow>(Pick(m_known.size())), 1 + static_cast<SeidHigh>(Pick(2))).value_);
         return Seid(at == m_state.end() ? m_state.begin()->first : at->first);
     }
 
@@ -201,8 +201,12 @@ void FindMarks(LabStore& store) {
         pos += bytes;
         if (PacketType(packet.info) == EPacketType::COMMIT) {
             const CommitPayload commit = ReadPod<CommitPayload>(p + PACKET_HEADER_BYTES);
-            store.commits.push_back({range, {segment, segment + SEGMENT_HEADER_BYTES}, link, packet.key,
-                                     s.clockAtOpening + static_cast<uint64>(pos), commit.durableUpTo});
+            store.commits.push_back({range,
+                                     {segment, segment + SEGMENT_HEADER_BYTES},
+                                     link,
+                                     packet.key,
+                                     s.clockAtOpening + static_cast<uint64>(pos),
+                                     commit.durableUpTo});
         } else if (PacketType(packet.info) == EPacketType::LINK) {
             link = range;
             segment = dataStart + ReadPod<LinkPayload>(p + PACKET_HEADER_BYTES).slot * store.segmentSize;

@@ -47,16 +47,16 @@ struct LabStore {
     uint64 seed = 0;
     ssize_t segmentSize = 0;
     FileBytes file;
-    std::vector<FileBytes> earlier;     // the file at moments before
-    CheckpointHeader header{};          // the newest
-    LabRange headerRange{};             // its place
-    bool clean = false;                 // closed
-    std::vector<LabRange> vouching;     // the ring blocks that name the newest header
-    std::vector<LabCommit> commits;     // behind the checkpoint, in order
-    uint64 numTransactions = 0;         // the number of the last one
-    std::map<uint64, uint64> last;      // key -> hash, after it
+    std::vector<FileBytes> earlier;               // the file at moments before
+    CheckpointHeader header{};                    // the newest
+    LabRange headerRange{};                       // its place
+    bool clean = false;                           // closed
+    std::vector<LabRange> vouching;               // the ring blocks that name the newest header
+    std::vector<LabCommit> commits;               // behind the checkpoint, in order
+    uint64 numTransactions = 0;                   // the number of the last one
+    std::map<uint64, uint64> last;                // key -> hash, after it
     std::vector<std::map<uint64, uint64>> before; // [n]: what the keys held that transaction n + 1 changed; 0: nothing
-    std::vector<uint64> seids;          // every key that ever had an element, ascending
+    std::vector<uint64> seids;                    // every key that ever had an element, ascending
 
     // The number of the transaction up to which nothing may be missing if what lies in `touched` has been destroyed and the
     // rest stands. 0 if nothing is left that tells of the newest checkpoint.

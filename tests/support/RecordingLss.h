@@ -38,6 +38,7 @@ public:
         if (m_affiliateInWrongSpace) seid.high_ += 1;
         return allocated;
     }
+    bool IsAllocated(Seid seid) override { return m_inner->IsAllocated(seid); }
     IContiguousSerialElement* OpenSerialElement(Seid seid) override {
         if (m_onRead) m_onRead(seid);
         return m_inner->OpenSerialElement(seid);

@@ -19,9 +19,10 @@ uint64 HashOf(const void* p, ssize_t n) {
            static_cast<uint64>(n);
 }
 
-LssStore* OpenStore(SimSys& sys, EOpenMode mode, int segmentSize, bool clean, bool& createdNew) {
+LssStore* OpenStore(SimSys& sys, EOpenMode mode, int segmentSize, bool clean, bool& createdNew,
+                    EBackground background = EBackground::NONE) {
     return static_cast<LssStore*>(
-        OpenLssForTest(sys, PATH, nullptr, createdNew, mode, LssDriver::Settings(segmentSize, clean)));
+        OpenLssForTest(sys, PATH, nullptr, createdNew, mode, LssDriver::Settings(segmentSize, clean), background));
 }
 
 // Abandons the store at the end of the scope.
@@ -63,30 +64,6 @@ LssState ReadLssState(LssStore& store) {
     return state;
 }
 
-// --- history
-
-ssize_t LssHistory::Floor(ssize_t calls, bool processDeathOnly) const {
-    ssize_t floor = 0;
-    for (ssize_t i = 0; i < std::ssize(transactions); ++i) {
-        const Transaction& t = transactions[static_cast<size_t>(i)];
-        const ssize_t known = processDeathOnly ? t.closed : t.durable;
-        if (known >= 0 && known <= calls) floor = i + 1;
-    }
-    return floor;
-}
-
-ssize_t LssHistory::Ceiling(ssize_t calls) const {
-    ssize_t ceiling = 0;
-    for (ssize_t i = 0; i < std::ssize(transactions); ++i)
-        if (transactions[static_cast<size_t>(i)].closeBegan <= calls) ceiling = i + 1;
-    return ceiling;
-}
-
-bool LssHistory::IsInMaintenance(ssize_t calls) const {
-    return std::any_of(maintenance.begin(), maintenance.end(),
-                       [&](const auto& range) { return calls >= range.first && calls < range.second; });
-}
-
 // --- driver
 
 LssSettings LssDriver::Settings(int segmentSize, bool clean) {
@@ -111,8 +88,8 @@ LssDriver::~LssDriver() {
 
 void LssDriver::Open() {
     bool createdNew = false;
-    m_store = OpenStore(m_sys, OM_OPEN_ALWAYS, m_workload.segmentSize, m_workload.clean, createdNew);
-    if (!m_workload.threads) m_store->StopThreadsForTest();
+    m_store = OpenStore(m_sys, OM_OPEN_ALWAYS, m_workload.segmentSize, m_workload.clean, createdNew,
+                        m_workload.threads ? EBackground::THREADS : EBackground::NONE);
     if (!createdNew) return;
     // A store in which no transaction has been closed counts as never created, so it begins anew.
     if (!m_history.transactions.empty())
@@ -298,13 +275,7 @@ void LssDriver::RunTransaction() {
 
 void LssDriver::NoteDurable() { NoteDurable(std::ssize(m_history.transactions)); }
 
-void LssDriver::NoteDurable(ssize_t upTo) {
-    const ssize_t now = m_sys.NumRecorded();
-    for (ssize_t i = upTo - 1; i >= 0 && m_history.transactions[static_cast<size_t>(i)].durable < 0; --i) {
-        LssHistory::Transaction& t = m_history.transactions[static_cast<size_t>(i)];
-        if (t.closed >= 0) t.durable = now;
-    }
-}
+void LssDriver::NoteDurable(ssize_t upTo) { m_history.NoteDurable(upTo, m_sys.NumRecorded()); }
 
 // --- check
 

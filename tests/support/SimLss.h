@@ -3,6 +3,7 @@
 
 #include "qxLss/ILogStructuredStore.h"
 #include "qxLss/src/LssStore.h"
+#include "tests/support/CrashHistory.h"
 #include "tests/support/SimSys.h"
 
 #include <exception>
@@ -22,31 +23,9 @@ using LssState = std::map<uint64, uint64>;
 // Order does not matter: the sum over all elements.
 uint64 DigestOf(const LssState& state);
 
-// What a workload did, in terms of the record of SimSys.
-struct LssHistory {
-    struct Transaction {
-        ssize_t closeBegan = 0; // calls recorded before its Close
-        ssize_t closed = -1;    // calls recorded when its Close had returned; -1: it has not
-        ssize_t durable = -1;   // calls recorded when it was known to be durable; -1: never
-    };
-    struct Identifier {
-        ssize_t given; // calls recorded when it was handed out
-        uint64 seid;
-    };
-
-    std::vector<LssState> states;          // S0, S1...; one more than transactions
-    std::vector<Transaction> transactions; // the n-th leads to states[n + 1]
-    std::vector<Identifier> identifiers;
-    std::vector<std::pair<ssize_t, ssize_t>>
-        maintenance;     // calls recorded at beginning and end of cleaning, checkpoints
-    std::string failure; // the FileException that ended the workload early; empty: none did
-    std::string fault;   // what the store did wrong while it ran: any other exception; empty: nothing
-
-    // The states that a crash after `calls` recorded calls may leave.
-    ssize_t Floor(ssize_t calls, bool processDeathOnly) const;
-    ssize_t Ceiling(ssize_t calls) const;
-    // Would a crash after `calls` recorded calls fall into the cleaner or a checkpoint?
-    bool IsInMaintenance(ssize_t calls) const;
+// What a workload did.
+struct LssHistory : CrashHistory {
+    std::vector<LssState> states; // S0, S1...; one more than transactions
 };
 
 struct LssWorkload {

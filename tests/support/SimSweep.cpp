@@ -4,21 +4,6 @@
 #include <cstdio>
 
 namespace quna {
-namespace {
-
-using EChoice = CrashVariant::EChoice;
-
-constexpr uint64 NUM_FIXED = 4;
-
-CrashVariant VariantOf(uint64 seed, int64 k, uint64 v) {
-    constexpr EChoice FIXED[NUM_FIXED] = {EChoice::ALL, EChoice::NONE, EChoice::ALL_BUT_LAST, EChoice::ONLY_LAST};
-    constexpr EChoice RANDOM[] = {EChoice::RANDOM_SUBSET, EChoice::TORN, EChoice::SECTORS};
-    if (v < NUM_FIXED) return {FIXED[v], 0};
-    return {RANDOM[v % 3], (seed * 1000003 + static_cast<uint64>(k)) * 1000003 + v};
-}
-
-} // namespace
-
 void SimSweep::Run(uint64 variants, int64 onlyPoint, int64 onlyVariant) {
     SimSys sys;
     LssDriver driver(sys, m_workload);
@@ -48,8 +33,8 @@ void SimSweep::Run(uint64 variants, int64 onlyPoint, int64 onlyVariant) {
 }
 
 void SimSweep::CheckOne(const SimDisk& disk, const SimCall* next, const std::set<uint64>& spent, int64 k, uint64 v) {
-    const CrashVariant variant = VariantOf(m_seed, k, v);
-    const bool processDeath = variant.choice == EChoice::ALL && v < NUM_FIXED;
+    const CrashVariant variant = CrashVariantOf(m_seed, k, v);
+    const bool processDeath = IsProcessDeath(variant, v);
     LssCheck check;
     check.history = &m_history;
     check.floor = m_history.Floor(k, processDeath);
@@ -57,7 +42,7 @@ void SimSweep::CheckOne(const SimDisk& disk, const SimCall* next, const std::set
     check.spent = processDeath ? &spent : nullptr;
     check.thorough = v % 4 == 0;
     // A torn call under way counts from v = 4 on.
-    SimSys sys(disk.Image(variant, v >= NUM_FIXED ? next : nullptr));
+    SimSys sys(disk.Image(variant, v >= NUM_FIXED_VARIANTS ? next : nullptr));
     ssize_t found = -1;
     ++m_totals.states;
     const std::string fault = CheckLssImage(sys, check, found);
@@ -76,7 +61,7 @@ void SimSweep::Nested(SimSys& sys, LssCheck check, int64 k, uint64 v, int depth)
     std::mt19937_64 random(m_seed * 31 + static_cast<uint64>(k) * 7 + v + static_cast<uint64>(depth) * 1000);
     const int64 point = static_cast<int64>(random() % static_cast<uint64>(std::ssize(record)));
     for (int64 i = 0; i < point; ++i) disk.Apply(record[static_cast<size_t>(i)]);
-    const CrashVariant variant = VariantOf(random(), point, random() % 12);
+    const CrashVariant variant = CrashVariantOf(random(), point, random() % 12);
     SimSys further(disk.Image(variant, &record[static_cast<size_t>(point)]));
     ssize_t found = -1;
     check.thorough = depth == 3;
