@@ -109,6 +109,17 @@ AllocRing::Contents AllocRing::Read() {
     return contents;
 }
 
+uint64 AllocRing::NewestCheckpointIn(File& file, const StoreId& storeId) {
+    uint64 newest = 0;
+    for (int i = 0; i < NUM_BLOCKS; ++i) {
+        octet_t bytes[AllocRingBlock::BYTES] = {};
+        file.ReadUpTo(FILE_OFFSET + i * AllocRingBlock::BYTES, bytes, AllocRingBlock::BYTES);
+        AllocRingBlock block;
+        if (block.Decode(bytes) && block.storeId == storeId) newest = std::max(newest, block.checkpointSequence);
+    }
+    return newest;
+}
+
 bool AllocRing::VouchesForCleanClose(uint64 checkpointSequence) const {
     const std::lock_guard lock(m_mutex);
     const AllocRingBlock* newest = nullptr;

@@ -430,6 +430,8 @@ void Checkpoint::ClearCreatingFlag() {
     m_core.m_file.WriteDurable(HeaderOffset(h.checkpointSequence), &h, sizeof h);
     m_header = h;
     m_isBeingCreated.store(false, std::memory_order_relaxed);
+    m_ring.EndCheckpoint(h.checkpointSequence, h.ringSequence,
+                         true); // should this header be damaged, it will be missed
 }
 
 } // namespace quna

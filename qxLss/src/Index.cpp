@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <bit>
-#include <cstdlib>
 #include <new>
+
+#include <sys/mman.h>
 
 namespace quna {
 
@@ -11,13 +12,15 @@ namespace {
 
 constexpr size_t DIRECTORY_SLOTS = 65536;
 
-// Zero pages that cost nothing before they are touched.
+// Zero pages that cost nothing before they are touched. Not from the heap, which may clear memory that was in use before.
 template <class T>
 struct LazyArray {
-    LazyArray() : p(static_cast<T*>(std::calloc(DIRECTORY_SLOTS, sizeof(T)))) {
-        if (!p) throw std::bad_alloc();
+    LazyArray()
+        : p(static_cast<T*>(::mmap(nullptr, DIRECTORY_SLOTS * sizeof(T), PROT_READ | PROT_WRITE,
+                                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0))) {
+        if (p == MAP_FAILED) throw std::bad_alloc();
     }
-    ~LazyArray() { std::free(p); }
+    ~LazyArray() { ::munmap(p, DIRECTORY_SLOTS * sizeof(T)); }
     LazyArray(const LazyArray&) = delete;
     LazyArray& operator=(const LazyArray&) = delete;
     T* const p;
@@ -116,11 +119,17 @@ IndexNode* Index::LoadPage(uint32 high, int level, uint32 page, Location l) cons
     const octet_t* const payload = packet + PACKET_HEADER_BYTES;
     IndexPrefix prefix{};
     if (payloadBytes >= static_cast<ssize_t>(sizeof prefix)) prefix = ReadPod<IndexPrefix>(payload);
+    if (prefix.form != 0)
+        ThrowCorrupt(m_core, "an index page has form " + std::to_string(prefix.form) + ", this library reads form 0",
+                     LocationOffset(l), ADVICE_NEWER);
     ssize_t n = 0;
     for (const uint64 bits : prefix.bitmap) n += std::popcount(bits);
-    if (payloadBytes != static_cast<ssize_t>(sizeof prefix) + n * 8 || prefix.level != level || prefix.form != 0 ||
-        prefix.n != n)
-        ThrowCorrupt(m_core, "an index page is not well formed", LocationOffset(l));
+    if (payloadBytes != static_cast<ssize_t>(sizeof prefix) + n * 8 || prefix.level != level || prefix.n != n)
+        ThrowCorrupt(m_core,
+                     "an index page of level " + std::to_string(prefix.level) + " with " + std::to_string(prefix.n) +
+                         " entries in " + std::to_string(payloadBytes) + " bytes was found, expected is level " +
+                         std::to_string(level) + " with " + std::to_string(n),
+                     LocationOffset(l));
 
     IndexNode* const node = MakeNode(high, level, page);
     node->own = l;

@@ -21,7 +21,7 @@ bool IsValidSegmentSize(uint64 n) {
 enum class EHeaderState {
     MISSING,
     FOREIGN,
-    NEWER,
+    OTHER_VERSION,
     BROKEN,
     VALID
 };
@@ -31,11 +31,12 @@ EHeaderState ReadHeader(File& file, int64 offset, CheckpointHeader& header) {
     const ssize_t n = file.ReadUpTo(offset, &header, sizeof header);
     if (n < static_cast<ssize_t>(sizeof header.magic) + 4) return EHeaderState::MISSING;
     if (std::memcmp(header.magic, CHECKPOINT_MAGIC, sizeof header.magic) != 0) return EHeaderState::FOREIGN;
-    if (header.version > FORMAT_VERSION) return EHeaderState::NEWER;
+    if (header.version > FORMAT_VERSION) return EHeaderState::OTHER_VERSION; // its checksum may stand elsewhere
     const bool verifies = header.crc == Crc32c(&header, offsetof(CheckpointHeader, crc)) ||
                           IsMutant(EMutant::CHECKPOINT_CHECKSUM_IGNORED);
-    if (n < static_cast<ssize_t>(sizeof header) || !verifies || header.version != FORMAT_VERSION ||
-        !IsValidSegmentSize(header.segmentSize) || HeaderOffset(header.checkpointSequence) != offset)
+    if (n < static_cast<ssize_t>(sizeof header) || !verifies) return EHeaderState::BROKEN;
+    if (header.version != FORMAT_VERSION) return EHeaderState::OTHER_VERSION;
+    if (!IsValidSegmentSize(header.segmentSize) || HeaderOffset(header.checkpointSequence) != offset)
         return EHeaderState::BROKEN;
     return EHeaderState::VALID;
 }
@@ -58,11 +59,19 @@ EHeaderState ChooseHeader(File& file, CheckpointHeader& newest) {
     const bool isNewer = (b.checkpointSequence > a.checkpointSequence) != IsMutant(EMutant::OLDER_HEADER_TAKEN);
     const bool useB = stateB == EHeaderState::VALID && (stateA != EHeaderState::VALID || isNewer);
     newest = useB ? b : a;
-    if (stateA == EHeaderState::NEWER || stateB == EHeaderState::NEWER) {
-        newest = stateA == EHeaderState::NEWER ? a : b;
-        return EHeaderState::NEWER;
+    if (stateA == EHeaderState::OTHER_VERSION || stateB == EHeaderState::OTHER_VERSION) {
+        newest = stateA == EHeaderState::OTHER_VERSION ? a : b;
+        return EHeaderState::OTHER_VERSION;
     }
     return std::max(stateA, stateB);
+}
+
+[[noreturn]] void ThrowOtherVersion(const StoreCore& core, uint32 found) {
+    const bool isNewer = found > FORMAT_VERSION;
+    ThrowCorrupt(core,
+                 "the file has format version " + std::to_string(found) + ", this library reads versions " +
+                     (isNewer ? "up to " : "from ") + std::to_string(FORMAT_VERSION),
+                 -1, isNewer ? ADVICE_NEWER : ADVICE_RESTORE);
 }
 
 } // namespace
@@ -74,21 +83,24 @@ CheckpointHeader ReadNewestHeader(const StoreCore& core, File& file) {
     switch (state) {
     case EHeaderState::VALID: return header;
     case EHeaderState::MISSING:
-        ThrowCorrupt(core, size == 0 ? std::string("the file is empty")
-                                     : "the file has only " + std::to_string(size) + " bytes and no header");
+        ThrowCorrupt(core,
+                     size == 0 ? std::string("the file is empty")
+                               : "the file has only " + std::to_string(size) + " bytes and no header",
+                     0);
     case EHeaderState::FOREIGN:
-        ThrowCorrupt(core, "the file does not begin as a store does; it is no store, or its header is lost");
-    case EHeaderState::NEWER:
-        ThrowCorrupt(core, "the file has format version " + std::to_string(header.version) +
-                               ", this library reads versions up to " + std::to_string(FORMAT_VERSION));
+        ThrowCorrupt(core, "the file does not begin as a store does; it is no store, or its header is lost", 0);
+    case EHeaderState::OTHER_VERSION: ThrowOtherVersion(core, header.version);
     case EHeaderState::BROKEN: break;
     }
-    ThrowCorrupt(core, "neither of the two checkpoint headers is valid");
+    ThrowCorrupt(core, "neither of the two checkpoint headers, at offsets 0 and 4096, is valid", 0);
 }
 
+// The flag is cleared by the first transaction, in a header of its own that the ring names. If that one is damaged, the
+// header with the flag is the only valid one, but the store was there.
 bool IsCutShortCreation(File& file) {
     CheckpointHeader header{};
-    return ChooseHeader(file, header) == EHeaderState::VALID && (header.flags & HEADER_FLAG_CREATING);
+    return ChooseHeader(file, header) == EHeaderState::VALID && (header.flags & HEADER_FLAG_CREATING) &&
+           AllocRing::NewestCheckpointIn(file, header.storeId) <= header.checkpointSequence;
 }
 
 Recovery::Recovery(StoreCore& core, SpaceManager& space, Index& index, AllocRing& ring)
@@ -98,10 +110,11 @@ RecoveredLog Recovery::Run(const CheckpointHeader& header) {
     CheckHeader(header);
     m_result.ring = m_ring.Read();
     if (m_result.ring.newestCheckpoint > header.checkpointSequence)
-        ThrowCorrupt(m_core, "the newest checkpoint header is lost: checkpoint " +
-                                 std::to_string(m_result.ring.newestCheckpoint) +
-                                 " was completed, the newest valid header is of checkpoint " +
-                                 std::to_string(header.checkpointSequence));
+        ThrowCorrupt(
+            m_core,
+            "the newest checkpoint header is lost: checkpoint " + std::to_string(m_result.ring.newestCheckpoint) +
+                " was completed, the newest valid header is of checkpoint " + std::to_string(header.checkpointSequence),
+            HeaderOffset(m_result.ring.newestCheckpoint));
     m_result.clean = (header.flags & HEADER_FLAG_CLEAN) && m_ring.VouchesForCleanClose(header.checkpointSequence);
     // A clean mark on the disk says that every byte before it was synced: then the cache tells the truth and stays warm.
     // Without it a failed sync may have left pages there that the disk does not have.
@@ -115,9 +128,7 @@ RecoveredLog Recovery::RunAt(const CheckpointHeader& header) {
 }
 
 RecoveredLog Recovery::RunFrom(const CheckpointHeader& header) {
-    m_segments.RaiseLimit(std::clamp<int64>(
-        (m_core.m_file.Size() - m_segments.DataStartOffset() + m_core.m_segmentSize - 1) / m_core.m_segmentSize, 0,
-        m_segments.MaxSlots()));
+    m_segments.RaiseLimit(std::min(SlotsInFile(), m_segments.MaxSlots()));
     m_result.end = {static_cast<ssize_t>(header.startSlot), static_cast<ssize_t>(header.startOffset),
                     header.startSequence};
     m_result.clock = header.logClock;
@@ -159,7 +170,11 @@ void Recovery::LoadTables(const CheckpointHeader& header) {
 
     FillSegments(header, EntriesOf<SutEntry>(sut));
     const std::vector<HighsEntry> highsEntries = EntriesOf<HighsEntry>(highs);
-    if (highsEntries.size() != header.numHighs) ThrowCorrupt(m_core, "the table of high halves has the wrong length");
+    if (highsEntries.size() != header.numHighs)
+        ThrowCorrupt(m_core,
+                     "the table of high halves has " + std::to_string(highsEntries.size()) + " entries, expected are " +
+                         std::to_string(header.numHighs),
+                     HeaderOffset(header.checkpointSequence));
     FillIndex(highsEntries);
 }
 
@@ -169,7 +184,11 @@ std::vector<Location> Recovery::TableLocations(const CheckpointHeader& header) {
     std::vector<Location> locations;
     std::vector<octet_t> list;
     if (!(header.flags & HEADER_FLAG_LIST)) {
-        if (n > CheckpointHeader::MAX_LOCATIONS) ThrowCorrupt(m_core, "the checkpoint header names too many packets");
+        if (n > CheckpointHeader::MAX_LOCATIONS)
+            ThrowCorrupt(m_core,
+                         "the checkpoint header names " + std::to_string(n) + " packets, it has room for " +
+                             std::to_string(CheckpointHeader::MAX_LOCATIONS),
+                         HeaderOffset(header.checkpointSequence));
         for (ssize_t i = 0; i < n; ++i) locations.push_back(ReadPod<Location>(stored + i * 8));
         return locations;
     }
@@ -179,8 +198,11 @@ std::vector<Location> Recovery::TableLocations(const CheckpointHeader& header) {
         AppendTablePacket(l, EPacketType::LIST, sizeof(Location), list);
     }
     locations = EntriesOf<Location>(list);
-    if (static_cast<ssize_t>(locations.size()) != n)
-        ThrowCorrupt(m_core, "the list of a checkpoint's packets has the wrong length");
+    if (std::ssize(locations) != n)
+        ThrowCorrupt(m_core,
+                     "the list of a checkpoint's packets has " + std::to_string(locations.size()) +
+                         " entries, expected are " + std::to_string(n),
+                     HeaderOffset(header.checkpointSequence));
     return locations;
 }
 
@@ -207,20 +229,33 @@ void Recovery::AppendTablePacket(Location l, EPacketType type, ssize_t entryByte
     if (PacketType(header.info) != type || PacketBytes(header.info) != LocationBytes(l) ||
         PacketCrc(SegmentCrcSeed(m_core.m_storeId, segment.sequence), m_segments.OffsetIn(l), packet.data(), n) !=
             header.crc)
-        ThrowCorrupt(m_core, "a table of the checkpoint is not valid", LocationOffset(l));
+        ThrowCorrupt(m_core,
+                     "a table of the checkpoint is not valid: found a packet of type " +
+                         std::to_string(static_cast<uint32>(PacketType(header.info))) + " and " +
+                         std::to_string(PacketBytes(header.info)) + " bytes, expected type " +
+                         std::to_string(static_cast<uint32>(type)) + ", " + std::to_string(LocationBytes(l)) +
+                         " bytes and the right checksum",
+                     LocationOffset(l));
     if (n == 0 || n % entryBytes != 0 || header.key != table.size() / static_cast<size_t>(entryBytes) ||
         std::ssize(table) + n > m_core.m_file.Size())
-        ThrowCorrupt(m_core, "a table of the checkpoint is not well formed", LocationOffset(l));
+        ThrowCorrupt(m_core,
+                     "a table of the checkpoint is not well formed: found " + std::to_string(n) + " bytes from entry " +
+                         std::to_string(header.key) + " on, expected entries of " + std::to_string(entryBytes) +
+                         " bytes from " + std::to_string(table.size() / static_cast<size_t>(entryBytes)) + " on",
+                     LocationOffset(l));
     m_result.held.push_back(slot);
     table.insert(table.end(), packet.begin() + PACKET_HEADER_BYTES, packet.begin() + PACKET_HEADER_BYTES + n);
 }
 
 void Recovery::FillSegments(const CheckpointHeader& header, const std::vector<SutEntry>& entries) {
-    if (static_cast<ssize_t>(entries.size()) > m_segments.MaxSlots())
-        ThrowCorrupt(m_core, "the checkpoint names more segments than a store can have");
+    if (std::ssize(entries) > m_segments.MaxSlots())
+        ThrowCorrupt(m_core,
+                     "the checkpoint names " + std::to_string(entries.size()) + " segments, a store can have " +
+                         std::to_string(m_segments.MaxSlots()),
+                     HeaderOffset(header.checkpointSequence));
     // Free slots behind the end of the file need no memory.
-    m_segments.RaiseLimit(static_cast<ssize_t>(entries.size()));
-    m_numSlots = std::max(std::min<ssize_t>(header.numSlots, m_segments.Limit()), static_cast<ssize_t>(entries.size()));
+    m_segments.RaiseLimit(std::ssize(entries));
+    m_numSlots = std::max(std::min<ssize_t>(header.numSlots, m_segments.Limit()), std::ssize(entries));
     StoreCounters& c = m_core.m_counters;
     c.liveHead.store(static_cast<int64>(header.liveHead));
     c.liveOverflow.store(static_cast<int64>(header.liveOverflow));
@@ -257,7 +292,12 @@ void Recovery::FillIndex(const std::vector<HighsEntry>& entries) {
         const Location root = entry.root;
         if (entry.rootLevel > MAX_INDEX_LEVEL || (root && !m_segments.IsInside(root)) || entry.high <= previous ||
             entry.high >= m_result.nextHigh || entry.liveElements > MAX_NUMBER)
-            ThrowCorrupt(m_core, "the table of high halves is not well formed");
+            ThrowCorrupt(m_core,
+                         "the table of high halves is not well formed: found high " + std::to_string(entry.high) +
+                             " behind " + std::to_string(previous) + " with a root of level " +
+                             std::to_string(entry.rootLevel) + ", expected are ascending highs below " +
+                             std::to_string(m_result.nextHigh) + " and levels up to " + std::to_string(MAX_INDEX_LEVEL),
+                         LocationOffset(root));
         previous = entry.high;
         m_result.highs.push_back({entry.high, entry.horizon, entry.nextIncremental, entry.incrementalLeft});
         m_index.Import(entry.high, root, entry.rootLevel, static_cast<int64>(entry.liveElements));
@@ -287,6 +327,12 @@ void Recovery::Finish() {
 }
 
 // --- segments of the file
+
+// The last may be cut by the end of the file.
+ssize_t Recovery::SlotsInFile() const {
+    const int64 bytes = m_core.m_file.Size() - m_segments.DataStartOffset();
+    return static_cast<ssize_t>(std::max<int64>(0, (bytes + m_core.m_segmentSize - 1) / m_core.m_segmentSize));
+}
 
 bool Recovery::ReadSegmentHeader(ssize_t slot, SegmentHeader& header) {
     if (m_core.m_file.ReadUpTo(m_segments.OffsetOf(slot), &header, sizeof header) !=
@@ -336,72 +382,6 @@ void Recovery::EnterSegment(ssize_t slot, const SegmentHeader& header) {
     s.crcSeed = SegmentCrcSeed(m_core.m_storeId, header.sequence);
     s.base.store(m_core.m_map->At(m_segments.OffsetOf(slot)), std::memory_order_relaxed);
     m_numSlots = std::max(m_numSlots, slot + 1);
-}
-
-// --- damage
-
-// Behind the break, in its segment and the next two, a COMMIT that names a durable clock beyond the break proves that
-// durable bytes are damaged. COMMIT and LINK have fixed lengths, so that each multiple of 8 can be tried.
-void Recovery::LookForDamage() {
-    if (IsMutant(EMutant::DAMAGE_TAKEN_FOR_THE_END)) return;
-    std::optional<LinkPayload> link;
-    uint64 linkSequence = 0;
-    LookThrough(m_segment, m_pos, link, linkSequence);
-    if (m_brokenLink) {
-        link = m_brokenLink;
-        linkSequence = m_brokenLinkSequence;
-    }
-    uint64 sequence = m_segment.sequence;
-    for (int i = 0; i < 2; ++i) {
-        ssize_t slot = 0;
-        uint64 next = 0;
-        if (link) {
-            slot = link->slot;
-            next = linkSequence;
-        } else if (!FindSuccessor(sequence, slot, next)) {
-            return;
-        }
-        Segment segment;
-        if (!ReadSegment(slot, segment)) return;
-        segment.sequence = next;
-        segment.crcSeed = SegmentCrcSeed(m_core.m_storeId, next);
-        link.reset();
-        LookThrough(segment, SEGMENT_HEADER_BYTES, link, linkSequence);
-        sequence = next;
-    }
-}
-
-void Recovery::LookThrough(const Segment& segment, ssize_t from, std::optional<LinkPayload>& link,
-                           uint64& linkSequence) const {
-    constexpr uint32 COMMIT_INFO = PacketInfo(EPacketType::COMMIT, sizeof(CommitPayload));
-    constexpr uint32 LINK_INFO = PacketInfo(EPacketType::LINK, sizeof(LinkPayload));
-    for (ssize_t pos = from; pos + LINK_BYTES <= segment.size; pos += PACKET_ALIGNMENT) {
-        const octet_t* const bytes = segment.bytes.data() + pos;
-        const uint32 info = ReadPod<uint32>(bytes + 4);
-        PacketHeader packet{};
-        if ((info != COMMIT_INFO && info != LINK_INFO) || !PacketAt(segment, pos, packet)) continue;
-        if (info == LINK_INFO) {
-            link = ReadPod<LinkPayload>(bytes + PACKET_HEADER_BYTES);
-            linkSequence = packet.key;
-        } else if (ReadPod<CommitPayload>(bytes + PACKET_HEADER_BYTES).durableUpTo > m_result.clock) {
-            ThrowCorrupt(m_core,
-                         "the log ends inside data that was durable (segment " + std::to_string(m_segment.slot) +
-                             ", transaction after " + std::to_string(m_result.lastTransaction) + ")",
-                         m_segments.OffsetOf(m_segment.slot) + m_pos);
-        }
-    }
-}
-
-bool Recovery::FindSuccessor(uint64 sequence, ssize_t& slot, uint64& successor) {
-    for (slot = 0; slot < m_segments.Limit(); ++slot) {
-        SegmentHeader header{};
-        if (m_segments[slot].livePackets == 0 && ReadSegmentHeader(slot, header) &&
-            header.previousSequence == sequence && header.kind == static_cast<uint32>(ESegmentKind::USER)) {
-            successor = header.sequence;
-            return true;
-        }
-    }
-    return false;
 }
 
 } // namespace quna

@@ -107,9 +107,11 @@ private:
     bool ParseReloc(const octet_t* payload, ssize_t n, Reloc& reloc) const;
     bool VerifyRange(const RelocRange& range, Reloc& reloc);
     void ApplyReloc(const Reloc& reloc);
+    void NoteSpent(Seid seid);
     void CountSinceCommit(ssize_t packetBytes);
     void ResetPending();
 
+    ssize_t SlotsInFile() const;
     bool IsKnownHigh(SeidHigh high) const { return high != 0 && high < m_result.nextHigh; }
     bool ReadSegment(ssize_t slot, Segment& segment);
     void ReadOn(ssize_t slot);
@@ -120,9 +122,7 @@ private:
     void EnterSegment(ssize_t slot, const SegmentHeader& header);
 
     void LookForDamage();
-    void LookThrough(const Segment& segment, ssize_t from, std::optional<LinkPayload>& link,
-                     uint64& linkSequence) const;
-    bool FindSuccessor(uint64 sequence, ssize_t& slot, uint64& successor);
+    void LookThrough(const Segment& segment, ssize_t from, std::map<ssize_t, uint64>& linked) const;
 
     StoreCore& m_core;
     SpaceManager& m_space;
@@ -152,6 +152,8 @@ private:
     uint64 m_applyNumber = 0;                // marks in leaves, see Apply
     std::optional<LinkPayload> m_brokenLink; // a LINK whose target did not verify
     uint64 m_brokenLinkSequence = 0;
+    SeidHigh m_spentHigh = 0;
+    uint32* m_spent = nullptr;            // the horizon of m_spentHigh, once one was asked for
     std::map<uint64, uint32> m_rangeEnds; // segment sequence -> where the last range of a RELOC in it ended
 };
 

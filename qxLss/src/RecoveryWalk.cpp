@@ -92,6 +92,7 @@ Recovery::EStep Recovery::TakeElement(const PacketHeader& packet, const octet_t*
     if (!IsKnownHigh(seid.high_))
         ThrowCorrupt(m_core, "the log holds an element under a high half that was never allocated",
                      m_segments.OffsetOf(m_segment.slot) + m_pos);
+    if (isElement) NoteSpent(seid);
     CountSinceCommit(packetBytes);
     if (type != EPacketType::DROP) {
         ++m_segments[m_segment.slot].packets;
@@ -252,6 +253,15 @@ void Recovery::ReadPagesAhead(Seid seid) {
 
 void Recovery::NoteUsedUpTo(ssize_t slot, ssize_t offset) {
     m_segments[slot].usedBytes = static_cast<uint32>(offset - SEGMENT_HEADER_BYTES);
+}
+
+// The ring says so already, unless the block that does is damaged.
+void Recovery::NoteSpent(Seid seid) {
+    if (!m_spent || seid.high_ != m_spentHigh) {
+        m_spentHigh = seid.high_;
+        m_spent = &m_result.ring.horizons[seid.high_];
+    }
+    if (seid.low_ >= *m_spent && seid.low_ < SeidAllocator::LOW_LIMIT) *m_spent = seid.low_ + 1;
 }
 
 void Recovery::CountSinceCommit(ssize_t packetBytes) {

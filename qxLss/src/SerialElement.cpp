@@ -19,7 +19,11 @@ LongHead ParseLongHead(const StoreCore& core, const octet_t* head, Location l) {
     result.tail = payload + sizeof prefix + listBytes;
     result.tailBytes = payloadBytes - static_cast<ssize_t>(sizeof prefix) - listBytes;
     if (n == 0 || result.tailBytes < 0 || result.totalBytes != n * OverflowBytes(core.m_segmentSize) + result.tailBytes)
-        ThrowCorrupt(core, "the head of a long element is not well formed", LocationOffset(l));
+        ThrowCorrupt(core,
+                     "the head of a long element names " + std::to_string(result.totalBytes) + " bytes, expected are " +
+                         std::to_string(n) + " parts of " + std::to_string(OverflowBytes(core.m_segmentSize)) +
+                         " and " + std::to_string(result.tailBytes) + " bytes more",
+                     LocationOffset(l));
     result.parts.resize(static_cast<size_t>(n));
     std::memcpy(result.parts.data(), payload + sizeof prefix, static_cast<size_t>(listBytes));
     for (const Location part : result.parts) {
@@ -164,7 +168,12 @@ void SerialElement::CopyPart(Location part, uint32 ordinal, octet_t* to) const {
     if (PacketType(header.info) != EPacketType::LONG_PART || header.key != m_seid.value_ ||
         PayloadBytes(header.info) != PREFIX_BYTES + partBytes || PacketBytes(header.info) != LocationBytes(part) ||
         ReadPod<OverflowPrefix>(from).ordinal != ordinal)
-        ThrowCorrupt(m_core, "a part of a long element is not the one that is expected", LocationOffset(part));
+        ThrowCorrupt(m_core,
+                     "found a packet of type " + std::to_string(static_cast<uint32>(PacketType(header.info))) +
+                         ", key " + std::to_string(header.key) + " and " + std::to_string(PacketBytes(header.info)) +
+                         " bytes, expected part " + std::to_string(ordinal) + " of the long element " +
+                         std::to_string(m_seid.value_) + " of " + std::to_string(LocationBytes(part)) + " bytes",
+                     LocationOffset(part));
     const uint32 offset = m_core.m_segments->OffsetIn(part);
     uint32 crc = Crc32c(&offset, sizeof offset, (*m_core.m_segments)[m_core.m_segments->SlotOf(part)].crcSeed);
     crc = Crc32c(packet + 4, PACKET_HEADER_BYTES - 4 + PREFIX_BYTES, crc);
@@ -174,7 +183,7 @@ void SerialElement::CopyPart(Location part, uint32 ordinal, octet_t* to) const {
         std::memcpy(to + done, from + done, static_cast<size_t>(n));
         crc = Crc32c(to + done, n, crc);
     }
-    if (crc != header.crc) ThrowCorrupt(m_core, "the checksum of a packet is wrong", LocationOffset(part));
+    if (crc != header.crc) ThrowWrongChecksum(m_core, part, m_seid.value_, crc, header.crc);
 }
 
 } // namespace quna

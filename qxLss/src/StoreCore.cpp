@@ -18,6 +18,11 @@ std::atomic<uint32> g_forkGeneration{0};
 // The largest segment table, in slots: at the usual sizes more than 8 TiB have.
 constexpr ssize_t MAX_SLOTS = ssize_t{1} << 27;
 
+std::string Describe(EPacketType type, uint64 key, ssize_t bytes) {
+    return "of type " + std::to_string(static_cast<uint32>(type)) + ", key " + std::to_string(key) + " and " +
+           std::to_string(bytes) + " bytes";
+}
+
 void OnForkInChild() { g_forkGeneration.fetch_add(1, std::memory_order_relaxed); }
 
 } // namespace
@@ -68,9 +73,10 @@ void StoreCore::ThrowUnwritable() const {
     throw FileException(m_failure.empty() ? "The store has stopped writing after a failure" : m_failure.c_str());
 }
 
-void ThrowCorrupt(const StoreCore& core, const std::string& what, int64 offset) {
+void ThrowCorrupt(const StoreCore& core, const std::string& what, int64 offset, ConstStringZ advice) {
     std::string text = "The store '" + core.m_file.Path() + "' is damaged: " + what;
     if (offset >= 0) text += " at offset " + std::to_string(offset);
+    text += std::string(". ") + advice;
     throw CorruptLSSException(text.c_str());
 }
 
@@ -91,12 +97,21 @@ const octet_t* LoadPacket(const StoreCore& core, Location l, EPacketType type, u
     const SegmentTable& segments = *core.m_segments;
     const PacketHeader header = ReadPod<PacketHeader>(packet);
     if (PacketType(header.info) != type || header.key != key || PacketBytes(header.info) != LocationBytes(l))
-        ThrowCorrupt(core, "a packet is not the one that is expected", LocationOffset(l));
-    if (PacketCrc(segments[segments.SlotOf(l)].crcSeed, segments.OffsetIn(l), packet, PayloadBytes(header.info)) !=
-            header.crc &&
-        !IsMutant(EMutant::ELEMENT_CHECKSUM_IGNORED))
-        ThrowCorrupt(core, "the checksum of a packet is wrong", LocationOffset(l));
+        ThrowCorrupt(core,
+                     "found a packet " + Describe(PacketType(header.info), header.key, PacketBytes(header.info)) +
+                         ", expected one " + Describe(type, key, LocationBytes(l)),
+                     LocationOffset(l));
+    const uint32 crc =
+        PacketCrc(segments[segments.SlotOf(l)].crcSeed, segments.OffsetIn(l), packet, PayloadBytes(header.info));
+    if (crc != header.crc && !IsMutant(EMutant::ELEMENT_CHECKSUM_IGNORED)) ThrowWrongChecksum(core, l, key, crc, header.crc);
     return packet;
+}
+
+void ThrowWrongChecksum(const StoreCore& core, Location l, uint64 key, uint32 found, uint32 expected) {
+    ThrowCorrupt(core,
+                 "the bytes of the packet with key " + std::to_string(key) + " have the checksum " +
+                     std::to_string(found) + ", expected is " + std::to_string(expected),
+                 LocationOffset(l));
 }
 
 } // namespace quna

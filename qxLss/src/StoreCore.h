@@ -108,8 +108,14 @@ private:
     std::string m_failure; // guarded by m_failureMutex
 };
 
-// Throws CorruptLSSException: "The store '<path>' is damaged: <what> at offset <offset>". `offset` below 0: none.
-[[noreturn]] QX_API void ThrowCorrupt(const StoreCore& core, const std::string& what, int64 offset = -1);
+// Throws CorruptLSSException: "The store '<path>' is damaged: <what> at offset <offset>. <advice>". `offset` below 0: none.
+inline constexpr ConstStringZ ADVICE_RESTORE = "Restore the file from a backup; what is whole can still be read";
+inline constexpr ConstStringZ ADVICE_NEWER = "Open it with a newer library";
+[[noreturn]] QX_API void ThrowCorrupt(const StoreCore& core, const std::string& what, int64 offset = -1,
+                                      ConstStringZ advice = ADVICE_RESTORE);
+
+[[noreturn]] QX_API void ThrowWrongChecksum(const StoreCore& core, Location l, uint64 key, uint32 found,
+                                            uint32 expected);
 
 // The bytes of the packet at location `l`, loaded but not verified. Throws CorruptLSSException if there can be none.
 QX_API const octet_t* TouchPacket(const StoreCore& core, Location l, ssize_t loadBehind);

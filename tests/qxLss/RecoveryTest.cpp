@@ -5,6 +5,7 @@
 #include "tests/qxLss/TestLss.h"
 #include "tests/support/ExpectAssertion.h"
 
+#include <algorithm>
 #include <cstring>
 #include <set>
 
@@ -199,9 +200,82 @@ TEST(Recovery, ANewerFormatVersionIsRefusedByNumberAndTheFileKept) {
     }
     SimSys after(ImageOf(file));
     ExpectException<CorruptLSSException>(
-        "The store 'd/store' is damaged: the file has format version 2, this library reads versions up to 1",
+        "The store 'd/store' is damaged: the file has format version 2, this library reads versions up to 1. "
+        "Open it with a newer library",
         [&] { TestLss lss(after); });
     EXPECT_EQ(StoreFile(after), file);
+}
+
+// The format number of the newer header.
+void SetVersion(FileBytes& file, uint32 version) {
+    CheckpointHeader header = HeaderOf(file);
+    header.version = version;
+    header.crc = Crc32c(&header, offsetof(CheckpointHeader, crc));
+    std::memcpy(file.data() + HeaderOffset(header.checkpointSequence), &header, sizeof header);
+}
+
+TEST(Recovery, AnOlderFormatVersionIsRefusedByNumberAndTheFileKept) {
+    SimSys sys;
+    {
+        TestLss lss(sys);
+        lss.Put("x");
+        lss->CheckpointForTest();
+    }
+    FileBytes file = StoreFile(sys);
+    SetVersion(file, 0);
+    SimSys after(ImageOf(file));
+    ExpectException<CorruptLSSException>(
+        "The store 'd/store' is damaged: the file has format version 0, this library reads versions from 1. "
+        "Restore the file from a backup; what is whole can still be read",
+        [&] { TestLss lss(after); });
+    EXPECT_EQ(StoreFile(after), file);
+}
+
+// The COMMIT that names the mark comes only many segments behind the break.
+TEST(Recovery, DamageBeforeALongTransactionIsNeverPassedOver) {
+    SimSys sys;
+    {
+        TestLss lss(sys);
+        lss.Put("x");
+        lss->CheckpointForTest();
+        lss.Put(Pattern(300), true);
+        AutoCloser<ILssTransaction> txn(lss->OpenTransaction());
+        for (int i = 0; i < 40; ++i) TestLss::Write(*txn.Get(), lss.NewSeid(), Pattern(900));
+        txn.Close();
+    }
+    FileBytes damaged = StoreFile(sys);
+    const std::vector<FoundPacket> log = LogOf(damaged);
+    const auto head =
+        std::find_if(log.begin(), log.end(), [](const FoundPacket& p) { return p.type == EPacketType::HEAD; });
+    ASSERT_NE(head, log.end());
+    damaged[static_cast<size_t>(head->offset) + 20] ^= 1;
+    for (const EOpenMode mode : {OM_OPEN_EXISTING_READ_ONLY, OM_OPEN_ALWAYS}) {
+        SimSys after(ImageOf(damaged));
+        EXPECT_THROW(TestLss(after, SmallSegments(), mode), CorruptLSSException);
+        EXPECT_EQ(StoreFile(after), damaged);
+    }
+}
+
+// A block of the ring that does not verify counts as empty, and so may say too little.
+TEST(Recovery, IdentifiersOfElementsInTheLogAreSpentWhateverTheRingSays) {
+    SimSys sys;
+    std::set<uint64> written;
+    {
+        TestLss lss(sys);
+        lss.Put("x");
+        lss->CheckpointForTest();
+        for (int i = 0; i < 6000; ++i) {
+            const Seid seid = lss.NewSeid();
+            if (i % 100 == 0) written.insert(lss.Put(seid, "y").value_);
+        }
+    }
+    FileBytes file = StoreFile(sys);
+    for (int64 block = AllocRing::FILE_OFFSET; block < DATA_START; block += AllocRingBlock::BYTES)
+        if (ReadPod<uint16>(file.data() + block + 44) > 0)
+            file[static_cast<size_t>(block) + 100] ^= 1; // names horizons
+    SimSys after(ImageOf(file));
+    TestLss lss(after);
+    for (int i = 0; i < 8000; ++i) EXPECT_FALSE(written.contains(lss.NewSeid().value_));
 }
 
 TEST(Recovery, IdentifiersAreNotHandedOutAgainAfterAKill) {

@@ -3,6 +3,7 @@
 // for 20 kills, so that recovery is killed as well.
 #include "qxLss/ILogStructuredStore.h"
 #include "qxUtils/AutoCloser.h"
+#include "tests/support/NumberedTransactions.h"
 #include "tests/support/SimArguments.h"
 #include "tests/support/TempDir.h"
 
@@ -11,7 +12,6 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <map>
 #include <random>
 #include <string>
 #include <thread>
@@ -26,52 +26,14 @@ namespace quna {
 namespace {
 
 constexpr int NUM_THREADS = 4;
-constexpr uint64 NUM_KEYS = 300;
-constexpr Seid NUMBER_SEID = ROOT_SEID; // holds the number of the last transaction
 
 LssSettings Settings(uint64 seed) {
     LssSettings settings;
     settings.segmentSize = 65536;
     settings.flushTimeMilliSec = 20;
     settings.numSegmentsPerCheckPoint = seed % 2 ? 4 : 128;
+    settings.cleanerUtilisationPercent = 85;
     return settings;
-}
-
-// What transaction `number` does to the keys: key -> size, -1 for a deletion. The keys are the lows 1..NUM_KEYS.
-std::map<uint32, int64> ChangesOf(uint64 number) {
-    std::mt19937_64 random(number * 7919);
-    std::map<uint32, int64> changes;
-    if (number == 1) return changes;
-    for (uint64 i = 1 + random() % 8; i > 0; --i) {
-        const uint32 key = 1 + static_cast<uint32>(random() % NUM_KEYS);
-        const uint64 kind = random() % 32;
-        changes[key] = kind < 6    ? -1
-                       : kind == 6 ? static_cast<int64>(random() % 150000)
-                                   : static_cast<int64>(random() % 600);
-    }
-    return changes;
-}
-
-std::vector<octet_t> BytesOf(uint64 number, uint32 key, int64 size) {
-    std::vector<octet_t> bytes(static_cast<size_t>(size));
-    const uint64 pattern = number * 0x9E3779B97F4A7C15u + key;
-    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<octet_t>(pattern >> (i % 8 * 8) ^ (i >> 3));
-    return bytes;
-}
-
-void Write(ILssTransaction& transaction, Seid seid, const void* p, ssize_t n) {
-    AutoCloser<ICloseableOutputStream> stream(transaction.WriteSerialElement(seid));
-    stream->WriteStream(p, n);
-    stream.Close();
-}
-
-// 0 if there is none yet.
-uint64 ReadNumber(ILogStructuredStore& store) {
-    AutoCloser<IContiguousSerialElement> element(store.OpenSerialElement(NUMBER_SEID));
-    if (!element.Get()) return 0;
-    uint64 number = 0;
-    std::memcpy(&number, element->GetBuffer().buffer, sizeof number);
-    return number;
 }
 
 struct Message {
@@ -81,19 +43,7 @@ struct Message {
 
 void RunTransaction(ILogStructuredStore& store, std::mt19937_64& random, int pipe) {
     const bool flush = random() % 16 == 0;
-    AutoCloser<ILssTransaction> transaction(store.OpenTransaction());
-    if (flush) transaction->RequestFlushToDisk();
-    const uint64 number = ReadNumber(store) + 1; // nobody else writes while we have the transaction
-    for (const auto& [key, size] : ChangesOf(number)) {
-        if (size < 0) {
-            transaction->DeleteSerialElement(Seid(key, 1));
-        } else {
-            const std::vector<octet_t> bytes = BytesOf(number, key, size);
-            Write(*transaction.Get(), Seid(key, 1), bytes.data(), size);
-        }
-    }
-    Write(*transaction.Get(), NUMBER_SEID, &number, sizeof number);
-    transaction.Close();
+    const uint64 number = NumberedPlan().RunNext(store, flush);
     const Message message{number, flush ? 1u : 0u};
     if (::write(pipe, &message, sizeof message) != static_cast<ssize_t>(sizeof message)) std::_Exit(3);
 }
@@ -102,10 +52,7 @@ void RunTransaction(ILogStructuredStore& store, std::mt19937_64& random, int pip
     try {
         bool createdNew = false;
         ILogStructuredStore* store = CreateOrOpenLSS(path.c_str(), nullptr, createdNew, OM_OPEN_ALWAYS, Settings(seed));
-        if (createdNew) {
-            const SeidHigh high = store->AllocateSeidHigh();
-            for (uint64 i = 0; i <= NUM_KEYS; ++i) store->AllocateSeid(high);
-        }
+        if (createdNew) NumberedPlan().Prepare(*store);
         std::vector<std::thread> threads;
         for (int t = 0; t < NUM_THREADS; ++t)
             threads.emplace_back([&, t] {
@@ -118,50 +65,6 @@ void RunTransaction(ILogStructuredStore& store, std::mt19937_64& random, int pip
     }
     std::_Exit(4);
 }
-
-// What the keys hold after transactions 1..number: key -> (transaction, size).
-class Model {
-public:
-    void RollTo(uint64 number) {
-        while (m_number < number) {
-            ++m_number;
-            for (const auto& [key, size] : ChangesOf(m_number)) {
-                if (size < 0)
-                    m_elements.erase(key);
-                else
-                    m_elements[key] = {m_number, size};
-            }
-        }
-    }
-    // Empty, or what differs.
-    std::string Compare(ILogStructuredStore& store) const {
-        ssize_t count = m_number > 0 ? 1 : 0;
-        for (uint32 key = 1; key <= NUM_KEYS; ++key) {
-            AutoCloser<IContiguousSerialElement> element(store.OpenSerialElement(Seid(key, 1)));
-            const auto expected = m_elements.find(key);
-            if (!element.Get() != (expected == m_elements.end()))
-                return "key " + std::to_string(key) + (element.Get() ? " should not exist" : " is missing");
-            if (!element.Get()) continue;
-            ++count;
-            const ReadOnlyBuffer buffer = element->GetBuffer();
-            const std::vector<octet_t> bytes = BytesOf(expected->second.number, key, expected->second.size);
-            if (!std::equal(buffer.buffer, buffer.buffer + buffer.size, bytes.begin(), bytes.end()))
-                return "key " + std::to_string(key) + " has the wrong content";
-        }
-        LssStats stats;
-        store.GetStats(stats);
-        if (stats.numLiveHeadPackets != count) return "the count of elements is wrong";
-        return {};
-    }
-
-private:
-    struct Version {
-        uint64 number;
-        int64 size;
-    };
-    uint64 m_number = 0;
-    std::map<uint32, Version> m_elements;
-};
 
 struct Totals {
     int64 kills = 0;
@@ -232,7 +135,7 @@ private:
             bool createdNew = false;
             AutoCloser<ILogStructuredStore> store(
                 CreateOrOpenLSS(m_path.c_str(), nullptr, createdNew, OM_OPEN_EXISTING_READ_ONLY, Settings(1)));
-            const uint64 number = ReadNumber(*store.Get());
+            const uint64 number = NumberedPlan::ReadNumber(*store.Get());
             if (number < m_closed) {
                 ++m_totals.lost;
                 fault = "transaction " + std::to_string(m_closed) + " was closed, but the last is " +
@@ -261,7 +164,7 @@ private:
     TempDir m_dir;
     const std::string m_path;
     uint64 m_closed = 0; // the largest number that a child acknowledged
-    Model m_model;
+    NumberedModel m_model{NumberedPlan()};
 };
 
 int Main(int argc, char** argv) {

@@ -39,6 +39,7 @@ constexpr Kind KINDS[] = {
     // Growth ahead of need may fail unseen: who then needs the room asks again.
     {ESimCall::ALLOCATE, "allocate", false, false},
     {ESimCall::TRUNCATE, "truncate", false, false},
+    {ESimCall::PUNCH, "hole", false, false},
     {ESimCall::SIZE, "size", false, false},
     {ESimCall::RENAME, "rename", false, true},
     {ESimCall::LOCK, "lock", false, true},

@@ -103,6 +103,64 @@ ssize_t SimSys::NumOpen() const {
     return std::ssize(m_open);
 }
 
+int64 SimSys::NumAllCalls() const {
+    const std::lock_guard lock(m_mutex);
+    int64 sum = 0;
+    for (const int64 n : m_calls) sum += n;
+    return sum;
+}
+
+void SimSys::TrackReads() {
+    const std::lock_guard lock(m_mutex);
+    m_trackingReads = true;
+    m_reads.clear();
+}
+
+std::vector<std::pair<int64, int64>> SimSys::TakeReads() {
+    const std::lock_guard lock(m_mutex);
+    m_trackingReads = false;
+    return std::exchange(m_reads, {});
+}
+
+// --- behind the store's back
+
+SimSys::Inode& SimSys::FileNamed(const std::string& name) { return m_files[static_cast<size_t>(m_names.at(name))]; }
+
+const SimSys::Inode& SimSys::FileNamed(const std::string& name) const {
+    return m_files[static_cast<size_t>(m_names.at(name))];
+}
+
+void SimSys::Poke(const std::string& name, int64 at, const octet_t* bytes, size_t n) {
+    const std::lock_guard lock(m_mutex);
+    Inode& inode = FileNamed(name);
+    if (at + static_cast<int64>(n) > inode.memory->Size())
+        throw std::logic_error("SimSys: Poke beyond the end of the file");
+    inode.memory->Write(bytes, static_cast<ssize_t>(n), at);
+}
+
+void SimSys::PokeSize(const std::string& name, int64 size) {
+    const std::lock_guard lock(m_mutex);
+    FileNamed(name).memory->Resize(size);
+}
+
+FileBytes SimSys::Peek(const std::string& name, int64 at, size_t n) const {
+    const std::lock_guard lock(m_mutex);
+    FileBytes bytes(n);
+    if (FileNamed(name).memory->Read(bytes.data(), n, at) != static_cast<ssize_t>(n))
+        throw std::logic_error("SimSys: Peek beyond the end of the file");
+    return bytes;
+}
+
+int64 SimSys::SizeOf(const std::string& name) const {
+    const std::lock_guard lock(m_mutex);
+    return FileNamed(name).memory->Size();
+}
+
+std::vector<SimCall> SimSys::RestartRecord() {
+    const std::lock_guard lock(m_mutex);
+    return std::exchange(m_record, {});
+}
+
 // --- helpers
 
 // Counts the call; 0, or the error with which it is to end before it does anything.
@@ -193,6 +251,7 @@ int SimSys::Open(const char* path, int flags, int) {
 ssize_t SimSys::Read(int fd, void* p, size_t n, off_t at) {
     const std::lock_guard lock(m_mutex);
     if (const int error = Begin(ESimCall::READ)) return error;
+    if (m_trackingReads) m_reads.emplace_back(at, static_cast<int64>(n));
     return FileOf(fd).memory->Read(p, Shortened(n), at);
 }
 
@@ -419,6 +478,7 @@ int SimSys::Unmap(const octet_t* base, size_t n) {
 int SimSys::Load(int fd, const octet_t*, off_t at, size_t n) {
     const std::lock_guard lock(m_mutex);
     if (const int error = Begin(ESimCall::LOAD)) return error;
+    if (m_trackingReads) m_reads.emplace_back(at, static_cast<int64>(n));
     const int64 end = (FileOf(fd).memory->Size() + 4095) / 4096 * 4096;
     return at + static_cast<int64>(n) <= end ? 0 : -EFAULT;
 }

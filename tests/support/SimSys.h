@@ -13,6 +13,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace quna {
@@ -82,6 +83,22 @@ public:
     void StopRecording();
     // How many descriptors are open.
     ssize_t NumOpen() const;
+    // All calls so far.
+    int64 NumAllCalls() const;
+    // From now on the places of a file that Read and Load bring in are kept, up to TakeReads.
+    void TrackReads();
+    // Offset and length, in the order of the calls.
+    std::vector<std::pair<int64, int64>> TakeReads();
+
+    // --- changing a file behind the store's back; not recorded
+
+    // A file's bytes from `at` on; the file is not made longer.
+    void Poke(const std::string& name, int64 at, const octet_t* bytes, size_t n);
+    void PokeSize(const std::string& name, int64 size);
+    FileBytes Peek(const std::string& name, int64 at, size_t n) const;
+    int64 SizeOf(const std::string& name) const;
+    // Forgets what was recorded: the files as they are now are where a new record begins. Images are no longer known.
+    std::vector<SimCall> RestartRecord();
 
     // --- SysCalls
 
@@ -139,6 +156,8 @@ private:
     Inode& FileOf(int fd);
     Descriptor* Find(int fd);
     int NewFile(const FileBytes& bytes);
+    Inode& FileNamed(const std::string& name);
+    const Inode& FileNamed(const std::string& name) const;
     ssize_t WriteTo(int fd, const void* p, size_t n, off_t at, SimCall::EKind kind, ESimCall call);
     int RenameTo(const char* from, const char* to, bool replace);
     void Note(SimCall call);
@@ -155,6 +174,8 @@ private:
     int m_nextDescriptor = 1000;
     std::vector<SimCall> m_record;
     bool m_recording = true;
+    bool m_trackingReads = false;
+    std::vector<std::pair<int64, int64>> m_reads;
 
     std::array<int64, static_cast<size_t>(ESimCall::COUNT)> m_calls{};
     std::array<Fault, static_cast<size_t>(ESimCall::COUNT)> m_faults{};

@@ -1,0 +1,111 @@
+// A store's file is cut at every length, and then extended again with zeros or with random bytes. What opens must be the
+// state that the marks allow; everything else is an error.
+//
+// Of elements that lie where they lay, only those near the cut are read each time: the others are whole, or end in the same
+// error. Every 16th length all are read.
+#include "tests/support/DamageLab.h"
+#include "tests/support/MeteredNew.h"
+#include "tests/support/SimArguments.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <random>
+#include <string>
+
+namespace quna {
+namespace {
+
+struct Totals {
+    LabTotals cut;
+    LabTotals extended;
+};
+
+class Sweep {
+public:
+    Sweep(const LabStore& store, Totals& totals) : m_store(store), m_lab(store), m_totals(totals) {}
+
+    // Lengths with length % of == part, from the longest on: so the file is only ever cut.
+    void Run(int64 part, int64 of, int64 extendEvery) {
+        for (int64 size = std::ssize(m_store.file) - 1; size >= 0; --size) {
+            if (size % of != part) continue;
+            m_lab.CutAt(size);
+            m_lab.TryReading(m_totals.cut, Where(size, 0), size / of % 16 == 0);
+        }
+        m_lab.Undo();
+        for (int64 size = part; size < std::ssize(m_store.file); size += of * extendEvery) {
+            Extend(size, 1);
+            Extend(size, 2);
+        }
+    }
+
+    void One(int64 size, uint64 how) {
+        if (how != 0) return Extend(size, how);
+        m_lab.CutAt(size);
+        m_lab.TryReading(m_totals.cut, Where(size, how));
+        m_lab.TryWriting(m_totals.cut, Where(size, how));
+    }
+
+private:
+    std::string Where(int64 size, uint64 how) const {
+        return "--replay " + std::to_string(m_store.seed) + "," + std::to_string(size) + "," +
+               std::to_string(static_cast<uint64>(m_store.kind) * 4 + how) + " (file of " +
+               std::to_string(m_store.file.size()) + " bytes)";
+    }
+
+    // To the old length, or beyond it.
+    void Extend(int64 size, uint64 how) {
+        std::mt19937_64 random(m_store.seed + static_cast<uint64>(size));
+        const int64 whole = std::ssize(m_store.file);
+        const auto damage = [&] {
+            const int64 to = size % 3 == 0 ? whole + m_store.segmentSize : whole;
+            m_lab.Resize(size);
+            m_lab.Resize(to);
+            if (how != 2) return;
+            FileBytes bytes(static_cast<size_t>(to - size));
+            for (octet_t& byte : bytes) byte = static_cast<octet_t>(random());
+            m_lab.Fill(size, bytes);
+        };
+        damage();
+        m_lab.TryReading(m_totals.extended, Where(size, how));
+        m_lab.Undo();
+        damage();
+        m_lab.TryWriting(m_totals.extended, Where(size, how));
+    }
+
+    const LabStore& m_store;
+    DamageLab m_lab;
+    Totals& m_totals;
+};
+
+int Main(int argc, char** argv) {
+    const ReliabilityArguments arguments(argc, argv);
+    Totals totals;
+    // At full scale every length of files of 4 MiB. A long run can be cut into pieces: --replay piece,pieces,kind.
+    const bool full = arguments.scale >= 100;
+    const auto build = [&](uint64 seed, int kind) {
+        return BuildLabStore(static_cast<ELabKind>(kind), seed, full ? 4194304 : 294912, full ? 16384 : 4096);
+    };
+    if (arguments.replay && full) {
+        const LabStore store = build(arguments.seed, static_cast<int>(arguments.replayVariant));
+        Sweep(store, totals).Run(static_cast<int64>(arguments.replaySeed), arguments.replayPoint, 64);
+    } else if (arguments.replay) {
+        const LabStore store = build(arguments.replaySeed, static_cast<int>(arguments.replayVariant / 4));
+        Sweep(store, totals).One(arguments.replayPoint, arguments.replayVariant % 4);
+    } else {
+        const int64 of = arguments.scale > 1 ? 1 : 251;
+        for (int kind = 0; kind < static_cast<int>(ELabKind::COUNT); ++kind) {
+            const LabStore store = build(arguments.seed, kind);
+            Sweep(store, totals).Run(static_cast<int64>(arguments.seed) % of, of, of == 1 ? 64 : 16);
+        }
+    }
+    const bool ok = totals.cut.NumFaults() + totals.extended.NumFaults() == 0 && totals.cut.tried > 0;
+    std::printf("extended: %s\n", totals.extended.Figures().c_str());
+    std::printf("reliability truncate: %s extended=%lld verdict=%s\n", totals.cut.Figures().c_str(),
+                static_cast<long long>(totals.extended.tried), ok ? "ok" : "FAIL");
+    return ok ? 0 : 1;
+}
+
+} // namespace
+} // namespace quna
+
+int main(int argc, char** argv) { return quna::Main(argc, argv); }
