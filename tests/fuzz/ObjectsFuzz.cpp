@@ -141,7 +141,7 @@ void Run(const octet_t* p, const octet_t* end) {
         const OID oid = OidAt(byte % MAX_ELEMENTS);
         ptr<IPersistable> po;
         if (TryRecord([&] { po = TryBindObjectGivenOid(oid); }) && po)
-            TryRecord([&] { Use(po, byte / MAX_ELEMENTS % 6); });
+            TryRecord([&] { Use(po, static_cast<unsigned>(byte / MAX_ELEMENTS % 6)); });
     }
     FuzzRequire(PeakMemory() <= MEMORY_ALLOWANCE, "the memory in use is out of proportion to the elements");
     space.Begin();

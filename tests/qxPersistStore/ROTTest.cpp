@@ -142,7 +142,7 @@ TEST_F(ROTOfTest, ALoadThatThrowsLeavesTheTableAsItWasAndTheNextSucceeds) {
 }
 
 TEST_F(ROTOfTest, NeighboursShareNoStripe) {
-    std::set<std::mutex*> mutexes;
+    std::set<Mutex*> mutexes;
     for (SeidLow low = 0; low < 16; ++low) mutexes.insert(&Table().GetMutexForOid(OID(low, 1)));
     EXPECT_EQ(16u, mutexes.size());
     EXPECT_EQ(&Table().GetMutexForOid(OID(3, 1)), &Table().GetMutexForOid(OID(19, 2)));

@@ -17,7 +17,7 @@ constexpr uint64 MAX_VARIANTS = 36;
 
 int Main(int argc, char** argv) {
     const ReliabilityArguments arguments(argc, argv);
-    SweepTotals totals;
+    StoreSweepTotals totals;
     if (arguments.replay) {
         SimStoreSweep(totals, SimStoreSweep::WorkloadOf(arguments.replaySeed))
             .Run(arguments.replayVariant + 1, arguments.replayPoint, static_cast<int64>(arguments.replayVariant));

@@ -35,7 +35,7 @@ int Find(EStoreMutant mutant, uint64 seed, int workloads, std::string& kind) {
     for (int i = 0; i < workloads; ++i) {
         StoreWorkload workload = SimStoreSweep::WorkloadOf(seed + static_cast<uint64>(i));
         workload.reopen = false; // a store that never sees its own mistakes: only a crash shows them
-        SweepTotals totals;
+        StoreSweepTotals totals;
         SimStoreSweep sweep(totals, workload);
         sweep.StopAtFirstFault();
         sweep.SetStride(3);

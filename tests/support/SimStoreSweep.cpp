@@ -5,6 +5,12 @@
 
 namespace quna {
 
+int64 StoreSweepTotals::Sum() const {
+    int64 sum = 0;
+    for (const auto& [kind, count] : faults) sum += count;
+    return sum;
+}
+
 void SimStoreSweep::Run(uint64 variants, int64 onlyPoint, int64 onlyVariant) {
     SimSys sys;
     {

@@ -3,15 +3,25 @@
 #pragma once
 
 #include "tests/support/SimStoreCheck.h"
-#include "tests/support/SimSweep.h"
 
+#include <map>
 #include <string>
 
 namespace quna {
 
+struct StoreSweepTotals {
+    int64 points = 0;
+    int64 inMaintenance = 0; // of the points: inside the cleaner or a checkpoint
+    int64 states = 0;
+    int64 nested = 0;                    // crashes of recoveries
+    std::map<std::string, int64> faults; // by kind
+
+    int64 Sum() const;
+};
+
 class SimStoreSweep {
 public:
-    SimStoreSweep(SweepTotals& totals, const StoreWorkload& workload) : m_totals(totals), m_workload(workload) {}
+    SimStoreSweep(StoreSweepTotals& totals, const StoreWorkload& workload) : m_totals(totals), m_workload(workload) {}
 
     // `variants` states at each point; or one state of one point. Faults are counted, and the first ones printed.
     void Run(uint64 variants, int64 onlyPoint = -1, int64 onlyVariant = -1);
@@ -27,7 +37,7 @@ private:
     void Nested(SimSys& sys, StoreCheck check, int64 k, uint64 v, int depth);
     void Report(const StoreFault& fault, int64 k, uint64 v, int depth);
 
-    SweepTotals& m_totals;
+    StoreSweepTotals& m_totals;
     const StoreWorkload m_workload;
     bool m_stopAtFirstFault = false;
     int64 m_stride = 1;
