@@ -82,7 +82,7 @@ constexpr Mutant MUTANTS[] = {
     {EMutant::CREATING_FLAG_KEPT, EShape::ANY, 1, "a store with transactions counts as never created"},
     {EMutant::HORIZON_NOT_DURABLE, EShape::ANY, 1, "identifiers leave before their horizon is on the disk"},
     {EMutant::RING_NOT_ASKED, EShape::ANY, 1, "horizons come from the checkpoint alone"},
-    {EMutant::RING_SET_EMPTIED, EShape::HIGHS, 3, "the ring's set is emptied at the header"},
+    {EMutant::RING_SET_EMPTIED, EShape::HIGHS, 9, "the ring's set is emptied at the header"},
     {EMutant::SYNC_ERROR_IGNORED, EShape::FAILED_SYNC, 1, "a failed sync is ignored"},
     {EMutant::SYNC_ERROR_RETRIED, EShape::FAILED_SYNC, 1, "a failed sync is tried again"},
     {EMutant::SHORT_WRITE_IGNORED, EShape::SHORT_WRITES, 1, "a short write is taken for a whole one"},

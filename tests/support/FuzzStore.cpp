@@ -48,7 +48,8 @@ FileBytes DecodeSparseFile(const octet_t* p, ssize_t n) {
     FileBytes file;
     while (p != end) {
         const int64 gap = int64{Take<uint16>(p, end)} * 8;
-        const ssize_t length = std::min<ssize_t>(Take<uint16>(p, end), end - p);
+        const ssize_t stated = Take<uint16>(p, end);
+        const ssize_t length = std::min(stated, end - p);
         if (std::ssize(file) + gap + length > MAX_FUZZ_FILE) break;
         file.resize(file.size() + static_cast<size_t>(gap));
         file.insert(file.end(), p, p + length);

@@ -268,6 +268,7 @@ void LssDriver::BetweenSteps(bool isCheckpoint) {
             NoteDurable();
         } else if (what > 4 && m_workload.manyHighs) {
             NewHigh();
+            if (isCheckpoint) SpendUnwritten();
         } else if (isCheckpoint && m_workload.cleanInsideCheckpoint && what == 3) {
             m_store->CleanForTest(4);
         }
@@ -285,6 +286,16 @@ SeidHigh LssDriver::NewHigh() {
     if (high <= m_highs) throw std::logic_error("ids_repeated: high half " + std::to_string(high));
     m_highs = high;
     return high;
+}
+
+// So many identifiers that the horizon moves. None of them is written, so that only the ring knows. The last one counts for
+// all.
+void LssDriver::SpendUnwritten() {
+    constexpr int BEYOND_THE_FIRST_HORIZON = 4200;
+    const SeidHigh high = static_cast<SeidHigh>(1 + Pick(m_highs));
+    Seid last;
+    for (int i = 0; i < BEYOND_THE_FIRST_HORIZON; ++i) last = m_store->AllocateSeid(high);
+    Given(last);
 }
 
 Seid LssDriver::Given(Seid seid) {

@@ -115,6 +115,7 @@ private:
     void WriteInPart(ILssTransaction& transaction, Seid seid);
     Seid SomeSeid(const LssState& state);
     Seid NewSeid();
+    void SpendUnwritten();
     void NoteDurable();
     void NoteDurable(ssize_t upTo); // the first so many transactions
     void CloseStore();
