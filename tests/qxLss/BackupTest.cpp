@@ -3,6 +3,7 @@
 #include "qxLss/CorruptLSSException.h"
 #include "qxLss/src/PartFile.h"
 #include "qxUtils/Assert.h"
+#include "tests/qxLss/ArchivedStore.h"
 #include "tests/qxLss/CopyFixture.h"
 #include "tests/support/ExpectAssertion.h"
 
@@ -547,6 +548,60 @@ TEST_F(ReadOnlyBackupTest, WhatATransactionOfTheReaderHoldsInMemoryIsNotCopied) 
     ASSERT_TRUE(Backup().completed);
     OpenedCopy copy = OpenCopy();
     EXPECT_TRUE(copy.Lss().All() == m_model);
+}
+
+// --- and the archive of the log
+
+TEST(BackupAndArchive, EitherCopyOfALiveStoreIsABaseForItsArchive) {
+    for (const bool compacting : {false, true}) {
+        SCOPED_TRACE(compacting ? "compacting" : "backup");
+        SimSys sys;
+        sys.StopRecording();
+        ArchivedStore store(sys, 3);
+        store.Open();
+        while (store.Last() < 40) store.Step();
+        BackupOptions options;
+        if (!compacting) {
+            options.progress = [&](const BackupProgress&) {
+                store.Step(); // the archive goes on meanwhile
+                return true;
+            };
+        }
+        const BackupResult base =
+            compacting ? store.Lss()->CopyCompacted("d/base", options) : store.Lss()->Backup("d/base", options);
+        EXPECT_EQ(base.transaction, 40u);
+        while (store.Last() < 90) store.Step();
+        store.Close();
+        for (const uint64 n : {base.transaction, base.transaction + 1, uint64{63}, store.Last()}) {
+            EXPECT_EQ(Restore(sys, RestoreTarget::Transaction(n)).lastTransaction, n);
+            EXPECT_TRUE(ElementsOf(sys, "d/new") == store.states[n]) << n;
+        }
+    }
+}
+
+TEST(BackupAndArchive, ACopyThatTakesTheStoresPlaceGoesOnWithItsArchive) {
+    for (const bool compacting : {false, true}) {
+        SCOPED_TRACE(compacting ? "compacting" : "backup");
+        SimSys sys;
+        sys.StopRecording();
+        ArchivedStore store(sys, 4);
+        store.Open();
+        while (store.Last() < 40) store.Step();
+        store.Archive();
+        BackupOptions options;
+        const BackupResult copy =
+            compacting ? store.Lss()->CopyCompacted("d/copy", options) : store.Lss()->Backup("d/copy", options);
+        store.Close();
+        CopyFile(sys, "d/copy", "d/base");
+        ASSERT_TRUE(RenameFile(sys, "d/copy", "d/store", true));
+        store.Open();
+        while (store.Last() < 80) store.Step();
+        store.Close();
+        for (const uint64 n : {copy.transaction, copy.transaction + 1, store.Last()}) {
+            EXPECT_EQ(Restore(sys, RestoreTarget::Transaction(n)).lastTransaction, n);
+            EXPECT_TRUE(ElementsOf(sys, "d/new") == store.states[n]) << n;
+        }
+    }
 }
 
 // --- the part file
