@@ -310,13 +310,26 @@ void LssStore::CleanUntilAtRest() {
     }
 }
 
+// A checkpoint of many dirty pages needs as many free slots. While the store rests it is taken, so that they can go.
+void LssStore::CheckpointAtRest(uint64 clock) {
+    if (m_space.Comfort() <= MANY_FREE_SLOTS || std::exchange(m_restedAt, clock) == clock) return;
+    m_checkpoint.Run(Checkpoint::EReason::RUNNING);
+    TurnScope turn(m_log.Turn());
+    try {
+        m_space.EnsureReady(SLOTS_FOR_TRANSACTION + m_checkpoint.SlotsNeeded());
+    } catch (const FileException&) {
+        return; // a full disk; the next transaction will meet it
+    }
+}
+
 // A slot that is cut off or punched is no loss if the power fails: nothing durable names it any more. Failing is none
 // either: the file is only larger than it need be.
 int LssStore::Shrink() {
-    const ssize_t comfort = std::max(m_space.Comfort(), LEAST_COMFORT);
-    if (!m_canShrink || m_space.NumFree() <= comfort) return -1;
+    if (!m_canShrink || m_space.NumFree() <= std::max(m_space.Comfort(), LEAST_COMFORT)) return -1;
     const uint64 clock = m_log.HandedClock();
     const bool rests = std::exchange(m_clockSeen, clock) == clock;
+    if (rests) CheckpointAtRest(clock);
+    const ssize_t comfort = std::max(m_space.Comfort(), LEAST_COMFORT);
     const ssize_t keep = rests ? comfort : comfort + std::max(MANY_FREE_SLOTS, m_space.NumSlots() / 20);
     try {
         if (m_space.NumFree() > keep) m_space.TrimEnd(keep);

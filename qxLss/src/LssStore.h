@@ -126,6 +126,7 @@ private:
     int DoBackgroundWork();
     void CleanUntilAtRest();
     int Shrink();
+    void CheckpointAtRest(uint64 clock);
     void MakeRoomForTransaction();
     void HandOverBuffered();
     void ThrowIfReadOnly(ConstStringZ operation) const;
@@ -149,6 +150,7 @@ private:
     std::unique_ptr<LogArchive> m_archive; // null: none
     CleanThread m_cleanThread;
     uint64 m_clockSeen = 0;  // by Shrink; the thread "Lss clean"
+    uint64 m_restedAt = 0;   // log clock at the last checkpoint because nothing was written; likewise
     bool m_canShrink = true; // likewise
 };
 
