@@ -103,7 +103,8 @@ const octet_t* LoadPacket(const StoreCore& core, Location l, EPacketType type, u
                      LocationOffset(l));
     const uint32 crc =
         PacketCrc(segments[segments.SlotOf(l)].crcSeed, segments.OffsetIn(l), packet, PayloadBytes(header.info));
-    if (crc != header.crc && !IsMutant(EMutant::ELEMENT_CHECKSUM_IGNORED)) ThrowWrongChecksum(core, l, key, crc, header.crc);
+    if (crc != header.crc && !IsMutant(EMutant::ELEMENT_CHECKSUM_IGNORED))
+        ThrowWrongChecksum(core, l, key, crc, header.crc);
     return packet;
 }
 
