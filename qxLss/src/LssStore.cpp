@@ -52,7 +52,11 @@ LssStore::LssStore(std::unique_ptr<StoreCore> core, const std::string& deltasDir
     m_archive = std::make_unique<LogArchive>(*m_core, m_flusher, deltasDirectory, std::move(hooks));
 }
 
-LssStore::~LssStore() { StopThreads(); }
+// An abandoned store may still have a transaction open.
+LssStore::~LssStore() {
+    StopThreads();
+    LockRecorder::Releases(&m_log.Turn());
+}
 
 // --- opening
 

@@ -200,7 +200,10 @@ bool CSpaceRwLock::TryLockShared(int32 tid) {
     return true;
 }
 
-void CSpaceRwLock::WaitUntilQuiet() { std::lock_guard guard(m_mutex); }
+void CSpaceRwLock::WaitUntilQuiet() {
+    LockRecorder::Releases(this); // the lock ends while it is held
+    std::lock_guard guard(m_mutex);
+}
 
 void CSpaceRwLock::RecordWait(int64 micros) {
     m_totalWaits.fetch_add(1, std::memory_order_relaxed);

@@ -26,7 +26,7 @@ struct Held {
 };
 
 // Several locks of these names may be held by one thread: their users order them themselves.
-bool MayNest(const std::string& name) { return name == "CSpace" || name == "DOS::mutex_"; }
+bool MayNest(const std::string& name) { return name == "CSpace" || name == "DOS::mutex_" || name == "TurnLock"; }
 
 // Never destroyed: threads may take locks until the process ends.
 class Recorder {

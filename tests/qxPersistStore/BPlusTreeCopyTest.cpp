@@ -392,9 +392,9 @@ TEST_F(BPlusTreePersistentCopy, TreesOfTwoSpacesAreNotSwapped) {
         EXPECT_EQ(100, here.size());
         EXPECT_EQ(-1, there->m_height);
     }
-    TestStore second;
-    PSpace* const foreign = second.OpenSpace("s", OM_OPEN_ALWAYS, CreateCSpace());
     {
+        TestStore second;
+        PSpace* const foreign = second.OpenSpace("s", OM_OPEN_ALWAYS, CreateCSpace());
         const SpaceScope other(foreign);
         auto* const there = NewObject<BPlusTree>(StoredInfo<IntKey, IntKey>());
         foreign->AddRoot("tree", there);

@@ -102,9 +102,12 @@ TEST_F(DOSOfTest, ChecksItsArgumentsAndLocks) {
         void VisitEvictablePtr(AnyInterface*) override {}
     } visitor;
     expect("m_pspace.HaveReadOrWriteAccess()", [&] { Set().VisitObjects(visitor); });
-    const AutoCloser<ILssTransaction> txn(lss.OpenTransaction());
-    expect("m_pspace.HaveReadOrWriteAccess()", [&] { Set().WriteChangesToLSS(*txn.Get()); });
+    {
+        const AutoCloser<ILssTransaction> txn(lss.OpenTransaction());
+        expect("m_pspace.HaveReadOrWriteAccess()", [&] { Set().WriteChangesToLSS(*txn.Get()); });
+    }
     const SpaceScope scope(m_ps);
+    const AutoCloser<ILssTransaction> txn(lss.OpenTransaction());
     expect("IsPersistableDirty(po)", [&] { Set().AddDirtyObject(&leaf); });
     expect("m_dirty", [&] { Set().WriteChangesToLSS(*txn.Get()); });
 }

@@ -288,13 +288,18 @@ TEST_F(DeletionGuards, ARequestIsDroppedWhenItsObjectIsDeletedSynchronously) {
 // It could be collected before the next group write, and its request would then be durable without an element behind it.
 TEST_F(DeletionGuards, ARequestForAnObjectWhoseSynchronousDeletionIsWrittenReturnsQuietly) {
     const std::vector<OID> oids = WrittenTrees(2);
-    const SpaceScope scope(m_ps);
-    const ptr<IPersistable> tree = m_ps->BindObject(oids[0]);
-    const ptr<IPersistable> single = m_ps->BindObject(oids[1]);
-    m_ps->SyncPermanentlyDeleteObject(tree);
-    m_ps->SyncPermanentlyDeleteObject(single);
+    ptr<IPersistable> tree;
+    ptr<IPersistable> single;
+    {
+        const SpaceScope scope(m_ps);
+        tree = m_ps->BindObject(oids[0]);
+        single = m_ps->BindObject(oids[1]);
+        m_ps->SyncPermanentlyDeleteObject(tree);
+        m_ps->SyncPermanentlyDeleteObject(single);
+    }
     WriteSpace();
     EXPECT_FALSE(m_store.Has(oids[0]));
+    const SpaceScope scope(m_ps);
     m_ps->AsyncPermanentlyDeleteSubTree(tree);
     m_ps->AsyncPermanentlyDeleteObject(single);
     EXPECT_FALSE(Queue().HaveRequests());
