@@ -24,7 +24,7 @@ public:
         if (!m_txn) {
             m_txn.ptr_ = m_target.OpenTransaction();
             // Nobody else has the target, so nobody waits for its turn, whatever the progress callback locks.
-            LockRecorder::Releases(&m_target.LogForTest().Turn());
+            LockRecorder::Releases(&m_target.Turn());
         }
         AutoCloser<ICloseableOutputStream> stream(m_txn->WriteSerialElement(seid));
         stream->WriteStream(content.buffer, content.size);

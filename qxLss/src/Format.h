@@ -260,6 +260,12 @@ inline constexpr EPacketType PacketType(uint32 info) { return static_cast<EPacke
 inline constexpr uint32 PacketFlags(uint32 info) { return info >> 28; }
 inline constexpr ssize_t PacketBytes(uint32 info) { return PaddedSize(PACKET_HEADER_BYTES + PayloadBytes(info)); }
 
+// Does the usage table count packets of this type? The others belong to no element and no page.
+inline constexpr bool IsCounted(EPacketType type) {
+    return type == EPacketType::HEAD || type == EPacketType::LONG_PART || type == EPacketType::REMOVE ||
+           type == EPacketType::INDEX;
+}
+
 // The bytes of an element in an overflow packet: such that four packets fill a segment.
 inline constexpr ssize_t OverflowBytes(ssize_t segmentSize) { return segmentSize / 4 - 72; }
 inline constexpr ssize_t MaxOverflowPackets(ssize_t segmentSize) { return segmentSize / 16; }

@@ -9,12 +9,6 @@ namespace quna {
 
 namespace {
 
-// Packets that the usage table counts.
-bool IsCounted(EPacketType type) {
-    return type == EPacketType::HEAD || type == EPacketType::LONG_PART || type == EPacketType::REMOVE ||
-           type == EPacketType::INDEX;
-}
-
 bool IsZero(const std::vector<octet_t>& bytes, ssize_t n) {
     return n == 0 || (bytes[0] == 0 && std::memcmp(bytes.data(), bytes.data() + 1, static_cast<size_t>(n) - 1) == 0);
 }

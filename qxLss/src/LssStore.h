@@ -71,6 +71,11 @@ public:
     // From now on no identifier below these is handed out.
     void RaiseHorizons(const std::vector<AllocHorizon>& horizons, uint32 nextHigh);
 
+    const StoreCore& Core() const { return *m_core; }
+    // --- for CompactingCopy, whose target nobody else has
+
+    TurnLock& Turn() { return m_log.Turn(); }
+
     // --- for tests
 
     // Writes deltas until nothing durable waits. Throws what the background thread would trace.

@@ -147,7 +147,7 @@ private:
 
     void CheckFollows(const DeltaFile& delta) {
         const DeltaHeader& header = delta.Header();
-        const StoreCore& base = m_store->CoreForTest();
+        const StoreCore& base = m_store->Core();
         if (header.storeId != base.m_storeId)
             delta.ThrowDamaged("the store id", offsetof(DeltaHeader, storeId), "that of another store",
                                "that of the base '" + m_basePath + "'");

@@ -11,11 +11,6 @@ namespace quna::qxstore {
 
 namespace {
 
-bool IsCounted(EPacketType type) {
-    return type == EPacketType::HEAD || type == EPacketType::LONG_PART || type == EPacketType::REMOVE ||
-           type == EPacketType::INDEX;
-}
-
 // Cheap to ask before a checksum is taken: most bytes are no header of a packet.
 bool LooksLikeInfo(uint32 info) {
     const uint32 type = info >> 24 & 15;
