@@ -408,7 +408,7 @@ private:
 };
 
 TEST(AllocRing, NoPromiseIsLostByPowerLossAtAnyCall) {
-    for (uint64 seed = 1; seed <= 60; ++seed) {
+    for (uint64 seed = 1; seed <= 25; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         RingLife(seed).Run(12);
         if (HasFatalFailure()) return;
