@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
+#include <iterator>
 
 namespace quna {
 
@@ -24,6 +25,7 @@ constexpr ssize_t MAX_TOUCHED_SEGMENTS = 8;       // for each checkpoint
 
 // What step (1) has seen.
 struct Checkpoint::State {
+    ssize_t emptyFrom = NO_SLOT; // index segments from here on are to become free
     LogPosition position{};
     uint64 clock = 0;
     uint64 volume = 0;
@@ -75,6 +77,12 @@ void Checkpoint::Run(EReason reason) {
     RunLocked(reason);
 }
 
+ssize_t Checkpoint::RunAndEmpty(ssize_t first) {
+    std::lock_guard lock(m_mutex);
+    RunLocked(EReason::RUNNING, first);
+    return std::distance(m_indexSegments.lower_bound(first), m_indexSegments.end());
+}
+
 // Nothing that the header names is freed before the next checkpoint or batch of the cleaner, which wait for the lock.
 CheckpointImage Checkpoint::RunForCopy() {
     std::lock_guard lock(m_mutex);
@@ -95,9 +103,10 @@ CheckpointImage Checkpoint::ImageOfNewest() const {
     return image;
 }
 
-void Checkpoint::RunLocked(EReason reason) {
+void Checkpoint::RunLocked(EReason reason, ssize_t emptyFrom) {
     m_core.ThrowIfUnwritable();
     State state;
+    state.emptyFrom = emptyFrom;
     TakePosition(state, reason);
     m_core.Step();
     m_index.WriteSnapshot(*this);
@@ -129,7 +138,7 @@ void Checkpoint::TakePosition(State& state, EReason reason) {
     TurnScope turn(m_log.Turn());
     if (m_core.m_settings.validateSUTDuringCheckPoint) CheckUsage(m_core, m_index, m_space.NumSlots());
     m_log.HandOver();
-    TouchSparseSegments();
+    TouchSparseSegments(state.emptyFrom);
     state.position = m_log.Position();
     state.clock = m_log.Clock();
     state.volume = LogVolume();
@@ -157,11 +166,16 @@ void Checkpoint::TakePosition(State& state, EReason reason) {
 }
 
 // Pages that never change again would keep their segment for ever, however empty it becomes. The fullest are left alone:
-// below a quarter a move frees more than three times what it writes.
-void Checkpoint::TouchSparseSegments() {
+// below a quarter a move frees more than three times what it writes. Segments that are to become free come first.
+void Checkpoint::TouchSparseSegments(ssize_t emptyFrom) {
     ssize_t liveBytes = 0;
     for (const ssize_t slot : m_indexSegments) liveBytes += (*m_core.m_segments)[slot].liveBytes;
     ssize_t touched = 0;
+    for (auto i = m_indexSegments.lower_bound(emptyFrom); i != m_indexSegments.end(); ++i) {
+        if ((*m_core.m_segments)[*i].livePackets == 0) continue;
+        TouchPagesOf(*i);
+        if (++touched == MAX_TOUCHED_SEGMENTS) return;
+    }
     if (static_cast<ssize_t>(m_indexSegments.size()) * m_core.m_segmentSize <= 4 * liveBytes + 4 * m_core.m_segmentSize)
         return;
     for (const ssize_t slot : m_indexSegments) {

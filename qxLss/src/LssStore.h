@@ -13,6 +13,7 @@
 #include "qxLss/src/Overlay.h"
 #include "qxLss/src/Recovery.h"
 #include "qxLss/src/SeidAllocator.h"
+#include "qxLss/src/Shrinker.h"
 #include "qxLss/src/SpaceManager.h"
 #include "qxLss/src/StoreCore.h"
 #include "qxLss/src/Transaction.h"
@@ -86,6 +87,8 @@ public:
     ssize_t CleanForTest(ssize_t maxVictims);
     // Gives free space at the file's end, and some in its middle, back.
     void ShrinkForTest();
+    // Moves what stands at the file's end into free slots, and cuts the end off. A failure is final.
+    void PullInEndForTest();
     // Called between the steps of checkpoints and of the cleaner.
     void SetStepHookForTest(std::function<void()> hook) { m_core->m_stepHook = std::move(hook); }
     // From now on nothing happens in the background, so that a run depends on its calls alone.
@@ -130,8 +133,6 @@ private:
     void OnTransactionClosed(bool unwinding);
     int DoBackgroundWork();
     void CleanUntilAtRest();
-    int Shrink();
-    void CheckpointAtRest(uint64 clock);
     void MakeRoomForTransaction();
     void HandOverBuffered();
     void ThrowIfReadOnly(ConstStringZ operation) const;
@@ -147,6 +148,7 @@ private:
     UserLog m_log;
     Checkpoint m_checkpoint;
     Cleaner m_cleaner;
+    Shrinker m_shrinker;
     Transaction m_transaction;
     Overlay m_overlay; // of a read-only store
     std::unique_ptr<OverlayTransaction> m_overlayTransaction;
@@ -154,9 +156,6 @@ private:
     CopyGate m_copies;
     std::unique_ptr<LogArchive> m_archive; // null: none
     CleanThread m_cleanThread;
-    uint64 m_clockSeen = 0;  // by Shrink; the thread "Lss clean"
-    uint64 m_restedAt = 0;   // log clock at the last checkpoint because nothing was written; likewise
-    bool m_canShrink = true; // likewise
 };
 
 // Has a store threads of its own? Without them nothing happens in the background, so that a run depends on its calls alone.

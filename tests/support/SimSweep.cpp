@@ -253,6 +253,7 @@ LssWorkload SimSweep::WorkloadOf(uint64 seed) {
     workload.uniform = seed % 11 == 10;
     workload.manyHighs = seed % 13 == 12;
     workload.stampShift = seed % 2 ? 9 : 20;
+    workload.pullsEndIn = seed % 3 == 0;
     workload.maintenance = seed % 3 == 2 ? 9 : 7;
     return workload;
 }
