@@ -145,7 +145,7 @@ void Checkpoint::TakePosition(State& state, EReason reason) {
         const bool isLog = s.sequence && (s.kind == ESegmentKind::USER || s.kind == ESegmentKind::SURVIVORS);
         const bool isSealed =
             isLog && slot != state.position.slot && (!s.isOpen || IsMutant(EMutant::OPEN_TAKEN_FOR_SEALED));
-        if (isSealed && s.livePackets == 0 && !m_core.m_archive.Needs(s)) {
+        if (isSealed && s.livePackets == 0 && (!m_core.m_archive.Needs(s) || IsMutant(EMutant::ARCHIVE_NOT_AWAITED))) {
             state.emptied.push_back(slot);
             continue;
         }
