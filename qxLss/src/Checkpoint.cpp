@@ -154,7 +154,7 @@ void Checkpoint::TakePosition(State& state, EReason reason) {
         const bool isLog = s.sequence && (s.kind == ESegmentKind::USER || s.kind == ESegmentKind::SURVIVORS);
         const bool isSealed =
             isLog && slot != state.position.slot && (!s.isOpen || IsMutant(EMutant::OPEN_TAKEN_FOR_SEALED));
-        if (isSealed && s.livePackets == 0 && !m_core.m_archive.Needs(s)) {
+        if (isSealed && s.livePackets == 0 && (!m_core.m_archive.Needs(s) || IsMutant(EMutant::ARCHIVE_NOT_AWAITED))) {
             state.emptied.push_back(slot);
             continue;
         }
@@ -381,7 +381,10 @@ void Checkpoint::WriteHeader(State& state, EReason reason) {
         locations.insert(locations.end(), state.sutPackets.begin(), state.sutPackets.end());
     }
     if (static_cast<ssize_t>(locations.size()) > CheckpointHeader::MAX_LOCATIONS)
-        ThrowCorrupt(m_core, "the tables of a checkpoint do not fit its header");
+        ThrowCorrupt(m_core,
+                     "the tables of a checkpoint do not fit its header: found " + std::to_string(locations.size()) +
+                         " packets, expected at most " + std::to_string(CheckpointHeader::MAX_LOCATIONS),
+                     HeaderOffset(h.checkpointSequence));
     for (size_t i = 0; i < locations.size(); ++i)
         std::memcpy(reinterpret_cast<octet_t*>(&h) + offsetof(CheckpointHeader, locations) + i * sizeof(Location),
                     &locations[i], sizeof(Location));

@@ -40,7 +40,8 @@ Cleaner::Survey Cleaner::LookAround() {
             if (!s.sequence || (s.kind != ESegmentKind::USER && s.kind != ESegmentKind::SURVIVORS)) continue;
             ++survey.numUsed;
             const bool isOpen = s.isOpen && !IsMutant(EMutant::OPEN_TAKEN_FOR_SEALED);
-            if (isOpen || s.isDamaged || s.usedBytes == 0 || m_core.m_archive.Needs(s)) continue;
+            if (isOpen || s.isDamaged || s.usedBytes == 0) continue;
+            if (m_core.m_archive.Needs(s) && !IsMutant(EMutant::ARCHIVE_NOT_AWAITED)) continue;
             if (!s.mayBeVictim && !IsMutant(EMutant::VICTIMS_OF_THE_WINDOW)) {
                 survey.deadInWindow += int64{s.usedBytes} - s.liveBytes;
                 continue;

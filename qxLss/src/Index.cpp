@@ -139,7 +139,7 @@ IndexNode* Index::LoadPage(uint32 high, int level, uint32 page, Location l) cons
         const Location child = ReadPod<Location>(p);
         p += sizeof child;
         if (!m_core.m_segments->IsInside(child))
-            ThrowCorrupt(m_core, "an index page holds a location outside the segments", LocationOffset(l));
+            ThrowOutside(m_core, "an index page holds a location", child, LocationOffset(l));
         node->slots[i].store(child, std::memory_order_relaxed);
     }
     return node;

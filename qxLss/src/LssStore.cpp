@@ -53,6 +53,16 @@ LssStore::~LssStore() {
 
 // --- opening
 
+LssStore* LssStore::OpenLocked(std::unique_ptr<StoreCore> core, const std::string& deltasDirectory) {
+    // The disk decides, not what a failed sync may have left in the cache. The rest follows if the close was not clean.
+    core->m_file.DropCache(0, FRONT_AREA_BYTES);
+    const CheckpointHeader header = ReadNewestHeader(*core, core->m_file);
+    core->Attach(header.storeId, static_cast<ssize_t>(header.segmentSize));
+    StorePtr store(new LssStore(std::move(core), deltasDirectory));
+    store->Recover(header);
+    return store.release();
+}
+
 void LssStore::LayDown() {
     m_space.Import(0, 1);
     m_ring.BeginOwner(0, {}, 1, 1, true);
@@ -348,6 +358,14 @@ void LssStore::RaiseHorizons(const std::vector<AllocHorizon>& horizons, uint32 n
         m_allocator.SpendBelow(known.high, known.horizon);
         makeRoom();
     }
+}
+
+void LssStore::FinishRestore() {
+    StopThreads();
+    m_core->ThrowIfUnwritable();
+    m_flusher.SyncHandedOver();
+    m_checkpoint.Run(Checkpoint::EReason::CLEAN_CLOSE);
+    m_space.TrimEnd();
 }
 
 // --- inside looks

@@ -41,6 +41,9 @@ public:
     // `deltasDirectory`: where the log is archived; empty: nowhere.
     explicit LssStore(std::unique_ptr<StoreCore> core, const std::string& deltasDirectory = {});
 
+    // The store in the file of `core`, which is open and locked but not attached; recovered, its threads not started.
+    static LssStore* OpenLocked(std::unique_ptr<StoreCore> core, const std::string& deltasDirectory = {});
+
     // Lays down a fresh store that counts as "being created" and starts the threads.
     void LayDown();
     // Recovers what the file holds and starts the threads, which a read-only store has not.
@@ -71,6 +74,8 @@ public:
     uint64 TimeOfLastTransaction();
     // From now on no identifier below these is handed out.
     void RaiseHorizons(const std::vector<AllocHorizon>& horizons, uint32 nextHigh);
+    // Does what Close does, but says when it fails. Only Abandon may follow.
+    void FinishRestore();
 
     const StoreCore& Core() const { return *m_core; }
     // --- for CompactingCopy, whose target nobody else has
@@ -116,9 +121,13 @@ public:
 private:
     ~LssStore();
 
+    // A store in the making, or one that is only looked into, ends without writing anything.
+    struct Abandoner {
+        void operator()(LssStore* store) const { store->Abandon(); }
+    };
+
     void BecomeReadOnly(const CheckpointHeader& header, RecoveredLog log);
     // --- of LssStoreCopies.cpp
-    struct Abandoner;
     using StorePtr = std::unique_ptr<LssStore, Abandoner>;
     void CheckMayCopy();
     CheckpointImage CheckpointForCopy();
