@@ -157,7 +157,7 @@ private:
                     m_totals.Fault("a change is not closed after a jump of " + std::to_string(jump) + " s");
                     return false;
                 }
-                std::this_thread::yield();
+                std::this_thread::sleep_for(MOMENT);
             }
         m_totals.worst = std::max(m_totals.worst, timer.GetElapsedTimeInSeconds() * 1000 / PERIOD_MILLISEC);
         for (size_t i = 0; i < collections.size(); ++i)
@@ -166,7 +166,7 @@ private:
                     m_totals.Fault("no collection after a jump of " + std::to_string(jump) + " s");
                     return false;
                 }
-                std::this_thread::yield();
+                std::this_thread::sleep_for(MOMENT);
             }
         return true;
     }
@@ -219,6 +219,7 @@ int Main(int argc, char** argv) {
         return 1;
     }
     const ReliabilityArguments arguments(argc, argv);
+    PreferFilesInMemory();
     RegisterSimStoreObjects();
     SetTraceSink({nullptr, [](void*, const char*, ssize_t) {}});
     Totals totals;

@@ -271,7 +271,7 @@ private:
     void Configure() {
         if (!m_threads) return;
         SetDosPeriod(m_store.m_store, 1);
-        for (PSpace* space : m_store.m_spaces) SetMilliSecsPerGc(space->GetCSpace(), 1);
+        for (PSpace* space : m_store.m_spaces) SetMilliSecsPerGc(space->GetCSpace(), 5);
     }
     // Its last write is one like others: after an exception the space is as good as lost.
     void Close() {
@@ -305,12 +305,7 @@ private:
     }
     bool Write(bool flush) {
         if (m_threads) {
-            // By the writer, an exception of which ends the process.
-            for (const PSpace* const space : m_store.m_spaces)
-                for (bool written = false; !written; std::this_thread::yield()) {
-                    const CSpaceLock lock(space->GetCSpace(), SharedRead);
-                    written = !space->HaveChangesToWriteToLss();
-                }
+            m_store.AwaitWritten(); // by the writer, an exception of which ends the process
         } else if (!Try("write", [&] { m_store.Write(flush); })) {
             g_told->partial = true; // and some objects are not going to be written by this process any more
             End(ENDED);
@@ -335,8 +330,8 @@ private:
         }
         SynchronousGc(space->GetCSpace());
         for (const OID oid : oids)
-            for (EAsyncBindResult result = EAsyncBindResult::Pending; result == EAsyncBindResult::Pending;
-                 std::this_thread::yield()) {
+            for (EAsyncBindResult result = EAsyncBindResult::Pending; result == EAsyncBindResult::Pending;) {
+                std::this_thread::sleep_for(MOMENT);
                 const CSpaceLock lock(Exclusive);
                 result = space->AsyncBind2(oid).result;
             }
@@ -464,7 +459,7 @@ private:
 
 int Main(int argc, char** argv) {
     const ReliabilityArguments arguments(argc, argv);
-    if (::access("/dev/shm", W_OK) == 0) ::setenv("TMPDIR", "/dev/shm", 0); // nothing here depends on a disk
+    PreferFilesInMemory();
     RegisterSimStoreObjects();
     SetTraceSink({nullptr, [](void*, const char*, ssize_t) {}});
     Totals totals;
@@ -472,7 +467,7 @@ int Main(int argc, char** argv) {
         Sweep(arguments.replaySeed, totals).RunOne(arguments.replayVariant % NUM_KINDS, arguments.replayPoint);
     } else {
         // Points of each kind; at the largest scales every n.
-        const int64 points = std::max<int64>(2, static_cast<int64>((UNDER_SANITIZER ? 3 : 6) * arguments.scale));
+        const int64 points = std::max<int64>(2, static_cast<int64>((UNDER_SANITIZER ? 6 : 30) * arguments.scale));
         for (uint64 kind = 0; kind < NUM_KINDS; ++kind) Sweep(arguments.seed, totals).Run(kind, points);
     }
     const bool ok = totals.Faults() == 0 && totals.failures > 0;

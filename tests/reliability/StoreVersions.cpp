@@ -1,6 +1,6 @@
 // Each schema tag of each kind of record in an object store is set to 0, to one more than the newest, and to 2^31 - 1:
 // whatever reads the record must end in an exception that names the number found and the newest that is read, and the file
-// must not change by a byte.
+// must not change by a byte; where it was opened for writing, its data must not.
 #include "qxLss/src/LssStore.h"
 #include "qxPersistStore/OidSpaceMap.h"
 #include "qxUtils/Archive.h"
@@ -171,7 +171,9 @@ private:
             m_totals.accepted += text.empty();
             m_totals.badTexts += !text.empty() && !says;
             if (!says) std::printf("FAULT %s, schema %u: \"%s\"\n", place.name.c_str(), found, text.c_str());
-            if (Contents(m_path) == before) continue;
+            // Who opens a store for writing notes in the allocation ring, in front of all data, that it has an owner again.
+            const size_t from = mode == OM_OPEN_EXISTING ? static_cast<size_t>(FRONT_AREA_BYTES) : 0;
+            if (Contents(m_path).substr(from) == before.substr(from)) continue;
             ++m_totals.changed;
             std::printf("FAULT %s, schema %u: the file has changed\n", place.name.c_str(), found);
         }
@@ -227,6 +229,7 @@ private:
 
 int Main(int argc, char** argv) {
     const ReliabilityArguments arguments(argc, argv);
+    PreferFilesInMemory();
     RegisterSimStoreObjects();
     SetTraceSink({nullptr, [](void*, const char*, ssize_t) {}});
     Totals totals;

@@ -204,6 +204,7 @@ bool RunOne(int64 n, bool forever, Totals& totals) {
 
 int Main(int argc, char** argv) {
     const ReliabilityArguments arguments(argc, argv);
+    PreferFilesInMemory();
     RegisterSimStoreObjects();
     SetTraceSink({nullptr, [](void*, const char*, ssize_t) {}});
     Totals totals;

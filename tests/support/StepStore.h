@@ -10,6 +10,7 @@
 #include "qxPersistStore/src/PersistStore.h"
 #include "qxPersistStore/src/ThreadPSpaceScope.h"
 #include "qxUtils/AutoCloser.h"
+#include "tests/support/AwaitWritten.h"
 #include "tests/support/SimStoreModel.h"
 #include "tests/support/SimStoreObjects.h"
 
@@ -187,6 +188,9 @@ public:
     }
     // A batch of deletions; false if none waits.
     bool DeleteSome() { return m_store->m_dosWriter.DeleteSomeObjects(); }
+    void AwaitWritten() {
+        for (const PSpace* const space : m_spaces) quna::AwaitWritten(m_store, space);
+    }
     void Write(bool flush) { m_store->m_dosWriter.ProcessAllGroups(flush); }
 
     PersistStore* m_store = nullptr;

@@ -29,7 +29,7 @@ __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timesp
 __attribute__((visibility("default"))) int gettimeofday(timeval* out, void*) noexcept {
     timespec now{};
     const int result = clock_gettime(CLOCK_REALTIME, &now);
-    if (result == 0 && out) {
+    if (result == 0) {
         out->tv_sec = now.tv_sec;
         out->tv_usec = now.tv_nsec / 1000;
     }
