@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 namespace quna {
 
@@ -164,16 +165,16 @@ void SpaceManager::TrimEnd(ssize_t keep) {
 
 bool SpaceManager::PunchOne(ssize_t keep) {
     std::lock_guard fileLock(m_fileMutex);
-    ssize_t slot = -1;
+    std::set<ssize_t>::node_type punching; // in no set meanwhile
     {
         std::lock_guard lock(m_mutex);
         std::set<ssize_t>& from = m_unready.empty() ? m_ready : m_unready;
         if (!m_canPunch || static_cast<ssize_t>(m_ready.size() + m_unready.size()) <= keep) return false;
-        slot = *from.rbegin();
-        if (IsPinned(slot)) return false;
-        from.erase(slot);
+        if (IsPinned(*from.rbegin())) return false;
+        punching = from.extract(std::prev(from.end()));
         UpdateReadyCount();
     }
+    const ssize_t slot = punching.value();
     try {
         const ssize_t punched = IsMutant(EMutant::NEIGHBOUR_PUNCHED) && slot > 0 ? slot - 1 : slot;
         m_canPunch = m_core.m_file.PunchHole(m_core.m_segments->OffsetOf(punched), m_core.m_segmentSize);
@@ -181,7 +182,7 @@ bool SpaceManager::PunchOne(ssize_t keep) {
         m_canPunch = false; // the slot may have its blocks or not
     }
     std::lock_guard lock(m_mutex);
-    (m_canPunch ? m_hollow : m_unready).insert(slot);
+    (m_canPunch ? m_hollow : m_unready).insert(std::move(punching));
     return m_canPunch;
 }
 
@@ -241,9 +242,8 @@ void SpaceManager::MakeOneReady() {
 void SpaceManager::MakeReady(ssize_t slot) {
     m_core.m_file.Allocate(m_core.m_segments->OffsetOf(slot), m_core.m_segmentSize);
     std::lock_guard lock(m_mutex);
-    m_unready.erase(slot);
-    m_hollow.erase(slot);
-    m_ready.insert(slot);
+    m_ready.insert(m_unready.extract(slot));
+    m_ready.insert(m_hollow.extract(slot));
     UpdateReadyCount();
 }
 
@@ -262,8 +262,11 @@ void SpaceManager::Grow() {
             n = 1;
         }
     }
+    // Made before anything changes: a slot that is ready and not counted would be used, and nobody would find it again.
+    std::set<ssize_t> fresh;
+    for (ssize_t slot = numSlots; slot < numSlots + n; ++slot) fresh.insert(fresh.end(), slot);
     std::lock_guard lock(m_mutex);
-    for (ssize_t slot = numSlots; slot < numSlots + n; ++slot) m_ready.insert(slot);
+    m_ready.merge(fresh);
     UpdateReadyCount();
     m_core.m_segments->RaiseLimit(numSlots + n);
     m_numSlots.store(numSlots + n, std::memory_order_relaxed);

@@ -7,6 +7,7 @@
 #include "qxUtils/Exceptions.h"
 
 #include <exception>
+#include <new>
 #include <utility>
 
 namespace quna {
@@ -159,6 +160,15 @@ void Transaction::Break() noexcept {
     m_core.FailWithCurrentException();
 }
 
+// Without memory for the text the store has failed all the same.
+void Transaction::KeepFailure(const char* what) noexcept {
+    try {
+        m_keptFailure = what;
+    } catch (const std::bad_alloc&) {
+        m_keptFailure.clear();
+    }
+}
+
 bool Transaction::WantsSync() const {
     return m_flushRequested || m_core.m_settings.enableWriteThrough || m_core.m_settings.flushTimeMilliSec == 0;
 }
@@ -170,7 +180,7 @@ void Transaction::Close() {
     try {
         Commit(unwinding);
     } catch (const std::exception& e) {
-        if (unwinding) m_keptFailure = e.what();
+        if (unwinding) KeepFailure(e.what());
         m_log.Turn().Release();
         if (!unwinding) throw;
         return;

@@ -81,6 +81,7 @@ private:
     bool ExistsInside(Seid seid);
     void CheckSeid(Seid seid);
     void Commit(bool unwinding);
+    void KeepFailure(const char* what) noexcept;
     void Publish();
     void MarkSuperseded();
     bool WantsSync() const;
