@@ -5,6 +5,7 @@
 #include "qxUtils/AutoCloser.h"
 #include "tests/support/NumberedTransactions.h"
 #include "tests/support/SimArguments.h"
+#include "tests/support/SimJobs.h"
 #include "tests/support/TempDir.h"
 
 #include <algorithm>
@@ -71,6 +72,13 @@ struct Totals {
     int64 closed = 0;
     int64 lost = 0;
     int64 wrong = 0;
+
+    void Add(const Totals& other) {
+        kills += other.kills;
+        closed += other.closed;
+        lost += other.lost;
+        wrong += other.wrong;
+    }
 };
 
 void SleepMicros(uint64 micros) {
@@ -170,9 +178,12 @@ private:
 int Main(int argc, char** argv) {
     const ReliabilityArguments arguments(argc, argv);
     std::fflush(stdout);
-    Totals totals;
     const int stores = std::max(1, static_cast<int>(arguments.scale));
-    for (int i = 0; i < stores; ++i) Murderer(arguments.seed + static_cast<uint64>(i), totals).Run(20);
+    const Totals totals = RunJobs<Totals>(arguments.jobs, [&](int job, int jobs) {
+        Totals found;
+        for (int i = job; i < stores; i += jobs) Murderer(arguments.seed + static_cast<uint64>(i), found).Run(20);
+        return found;
+    });
     const bool ok = totals.lost + totals.wrong == 0 && totals.closed > 0;
     std::printf("reliability kill-random: kills=%lld closed=%lld lost=%lld wrong=%lld verdict=%s\n",
                 static_cast<long long>(totals.kills), static_cast<long long>(totals.closed),
