@@ -240,7 +240,7 @@ Recovery::EStep Recovery::TakeLink(const PacketHeader& packet, const octet_t* pa
 // The log goes on in free slots, the lowest first: the next ones are probably those that were free at the checkpoint.
 void Recovery::ReadOn(ssize_t slot) {
     constexpr ssize_t LOG_AHEAD = int64{16} << 20;
-    const ssize_t end = std::min(slot + 1 + LOG_AHEAD / m_core.m_segmentSize, m_segments.MaxSlots());
+    const ssize_t end = std::min(slot + 1 + LOG_AHEAD / m_core.m_segmentSize, m_segments.Limit());
     for (ssize_t next = std::max(slot + 1, m_readOnFrom); next < end; ++next) {
         if (next >= m_numSlots || m_segments[next].livePackets == 0)
             m_core.m_file.ReadAhead(m_segments.OffsetOf(next), m_core.m_segmentSize);

@@ -165,7 +165,7 @@ extern "C" int LLVMFuzzerTestOneInput(const quna::octet_t* data, std::size_t siz
 
 extern "C" int LLVMFuzzerTestOneInput(const quna::octet_t* data, std::size_t size) {
     if (size == 0) return 0;
-    quna::SilenceTraceForFuzz();
+    quna::PrepareForFuzz();
     quna::Run(data, data + size);
     return 0;
 }

@@ -6,6 +6,7 @@
 #include "tests/support/KillLoop.h"
 #include "tests/support/NumberedTransactions.h"
 #include "tests/support/SimArguments.h"
+#include "tests/support/SimJobs.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -39,6 +40,11 @@ struct Message {
 
 struct Totals : KillTotals {
     int64 lost = 0;
+
+    void Add(const Totals& other) {
+        KillTotals::Add(other);
+        lost += other.lost;
+    }
 };
 
 class Murderer final : public KillLoop<Message> {
@@ -107,9 +113,12 @@ private:
 
 int Main(int argc, char** argv) {
     const ReliabilityArguments arguments(argc, argv);
-    Totals totals;
     const int stores = std::max(1, static_cast<int>(arguments.scale));
-    for (int i = 0; i < stores; ++i) Murderer(arguments.seed + static_cast<uint64>(i), totals).Run(20);
+    const Totals totals = RunJobs<Totals>(arguments.jobs, [&](int job, int jobs) {
+        Totals found;
+        for (int i = job; i < stores; i += jobs) Murderer(arguments.seed + static_cast<uint64>(i), found).Run(20);
+        return found;
+    });
     const bool ok = totals.lost + totals.faults == 0 && totals.messages > 0;
     std::printf("reliability kill-random: kills=%lld closed=%lld lost=%lld wrong=%lld verdict=%s\n",
                 static_cast<long long>(totals.kills), static_cast<long long>(totals.messages),

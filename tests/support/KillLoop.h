@@ -22,6 +22,12 @@ struct KillTotals {
     int64 kills = 0;
     int64 messages = 0;
     int64 faults = 0;
+
+    void Add(const KillTotals& other) {
+        kills += other.kills;
+        messages += other.messages;
+        faults += other.faults;
+    }
 };
 
 // In the child, by any of its threads. A message is smaller than PIPE_BUF, so none is torn.
