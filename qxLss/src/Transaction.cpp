@@ -169,8 +169,8 @@ void Transaction::Close() {
     m_stream.Drop();
     try {
         Commit(unwinding);
-    } catch (const std::exception& e) {
-        if (unwinding) m_keptFailure = e.what();
+    } catch (...) {
+        // The store has failed with it: where an exception is passing, the next OpenTransaction throws it.
         m_log.Turn().Release();
         if (!unwinding) throw;
         return;
