@@ -69,3 +69,15 @@ if(QX_SANITIZE_FLAGS)
     target_link_options(qx_options INTERFACE ${QX_SANITIZE_FLAGS})
     set(QX_TEST_TIMEOUT 600)
 endif()
+
+# Counts how often each branch of the LSS is taken. In all code, since what headers define may be taken from any object
+# file; but only what coverage.list names: counting in tests would take time and say nothing.
+if(QX_COVERAGE)
+    if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+        message(FATAL_ERROR "QX_COVERAGE needs clang; use the preset 'coverage'")
+    endif()
+    # Atomic: a count that threads lose would make a branch look as if it was taken.
+    target_compile_options(qx_options INTERFACE -fprofile-instr-generate -fcoverage-mapping -fprofile-update=atomic
+        "-fprofile-list=${CMAKE_CURRENT_LIST_DIR}/coverage.list")
+    target_link_options(qx_options INTERFACE -fprofile-instr-generate)
+endif()

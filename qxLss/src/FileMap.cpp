@@ -69,7 +69,7 @@ void FileMap::SetBits(int64 first, int64 end) {
 
 void FileMap::LoadMissing(int64 offset, ssize_t size) {
     const int64 fileSize = m_file.Size();
-    if (offset < 0 || size < 1 || offset > m_maxBytes - size || offset + size > fileSize) {
+    if (offset > m_maxBytes - size || offset + size > fileSize) {
         const std::string text = "Can't read " + std::to_string(size) + " bytes of file \"" + m_file.Path() +
                                  "\" at offset " + std::to_string(offset) + ": the file has " +
                                  std::to_string(fileSize) + " bytes";

@@ -9,8 +9,9 @@ namespace quna {
 
 namespace {
 
+// The first `n`, of which there is at least one.
 bool IsZero(const std::vector<octet_t>& bytes, ssize_t n) {
-    return n == 0 || (bytes[0] == 0 && std::memcmp(bytes.data(), bytes.data() + 1, static_cast<size_t>(n) - 1) == 0);
+    return bytes[0] == 0 && std::memcmp(bytes.data(), bytes.data() + 1, static_cast<size_t>(n) - 1) == 0;
 }
 
 } // namespace

@@ -44,7 +44,7 @@ bool LogArchive::Attach(ssize_t numSlots, const LogPosition& end, uint64 lastTra
     const uint64 number = std::max(progress.upTo.load(std::memory_order_relaxed), newest.lastTransaction);
     progress.upTo.store(number, std::memory_order_relaxed);
     if (std::optional<ChainPosition> found = FindBehindTransaction(m_core, numSlots, end, number)) {
-        if (number == newest.lastTransaction && found->time && newest.time && found->time != newest.time)
+        if (number == newest.lastTransaction && found->time && found->time != newest.time)
             throw FileException(("Can't go on with the archive in '" + m_directory + "': transaction " +
                                  std::to_string(number) + " in '" + newest.path + "' is not the one that the store '" +
                                  m_core.m_file.Path() +

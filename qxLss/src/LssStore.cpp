@@ -237,8 +237,6 @@ ILssTransaction* LssStore::OpenTransaction() {
         return m_overlayTransaction.get();
     }
     try {
-        const std::string kept = m_transaction.TakeKeptFailure();
-        if (!kept.empty()) throw FileException(kept.c_str());
         m_core->ThrowIfUnwritable();
         MakeRoomForTransaction();
         m_transaction.Open();

@@ -26,17 +26,6 @@ void SpaceManager::Import(ssize_t numSlots, uint64 nextSequence) {
     }
 }
 
-void SpaceManager::NoteUsed(ssize_t slot) {
-    std::lock_guard lock(m_mutex);
-    ssize_t numSlots = NumSlots();
-    for (; numSlots <= slot; ++numSlots) m_unready.insert(numSlots);
-    m_core.m_segments->RaiseLimit(numSlots);
-    m_numSlots.store(numSlots, std::memory_order_relaxed);
-    m_unready.erase(slot);
-    m_ready.erase(slot);
-    UpdateReadyCount();
-}
-
 ssize_t SpaceManager::Take(ESegmentKind kind, uint8 ageClass, uint64 clock, EClaim claim) {
     const ssize_t reserve = claim == EClaim::TRANSACTION ? m_reserve.load(std::memory_order_relaxed) : 0;
     ssize_t slot = 0;
@@ -151,7 +140,7 @@ void SpaceManager::TrimEnd(ssize_t keep) {
         std::lock_guard lock(m_mutex);
         numSlots = NumSlots();
         ssize_t numFree = static_cast<ssize_t>(m_ready.size() + m_unready.size() + m_hollow.size());
-        for (; numSlots > 0 && numFree > keep; --numSlots, --numFree) {
+        for (; numFree > keep; --numSlots, --numFree) {
             const ssize_t last = numSlots - 1;
             if (IsPinned(last) || m_ready.erase(last) + m_unready.erase(last) + m_hollow.erase(last) == 0) break;
         }

@@ -38,8 +38,6 @@ public:
     // At open, after the segment table is filled: every slot below `numSlots` with sequence 0 is free. `nextSequence` is
     // larger than that of any segment that was ever written.
     void Import(ssize_t numSlots, uint64 nextSequence);
-    // Recovery meets a segment that the table does not know.
-    void NoteUsed(ssize_t slot);
     // From now on the last `n` ready slots are for maintenance.
     void SetReserve(ssize_t n) { m_reserve.store(n, std::memory_order_relaxed); }
 

@@ -160,15 +160,6 @@ void Transaction::Break() noexcept {
     m_core.FailWithCurrentException();
 }
 
-// Without memory for the text the store has failed all the same.
-void Transaction::KeepFailure(const char* what) noexcept {
-    try {
-        m_keptFailure = what;
-    } catch (const std::bad_alloc&) {
-        m_keptFailure.clear();
-    }
-}
-
 bool Transaction::WantsSync() const {
     return m_flushRequested || m_core.m_settings.enableWriteThrough || m_core.m_settings.flushTimeMilliSec == 0;
 }
@@ -179,8 +170,8 @@ void Transaction::Close() {
     m_stream.Drop();
     try {
         Commit(unwinding);
-    } catch (const std::exception& e) {
-        if (unwinding) KeepFailure(e.what());
+    } catch (...) {
+        // The store has failed with it: where an exception is passing, the next OpenTransaction throws it.
         m_log.Turn().Release();
         if (!unwinding) throw;
         return;

@@ -49,9 +49,6 @@ public:
     ICloseableOutputStream* WriteSerialElement(Seid seid) override;
     bool DeleteSerialElement(Seid seid) override;
 
-    // The failure of a Close that could not throw, empty if there is none; forgets it.
-    std::string TakeKeptFailure() { return std::move(m_keptFailure); }
-
     // --- for ElementStream
 
     void AddElement(Location l, const std::vector<Location>& parts);
@@ -81,7 +78,6 @@ private:
     bool ExistsInside(Seid seid);
     void CheckSeid(Seid seid);
     void Commit(bool unwinding);
-    void KeepFailure(const char* what) noexcept;
     void Publish();
     void MarkSuperseded();
     bool WantsSync() const;
@@ -107,7 +103,6 @@ private:
     std::vector<Location> m_preparedDead;            // parts that die if the open stream is finished
     std::unordered_map<uint64, size_t> m_lastChange; // by Seid, of the first m_numMapped changes
     size_t m_numMapped = 0;
-    std::string m_keptFailure;
 };
 
 } // namespace quna

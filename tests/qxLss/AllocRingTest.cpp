@@ -1,5 +1,6 @@
 #include "qxLss/src/AllocRing.h"
 
+#include "qxLss/src/Crc32c.h"
 #include "tests/support/ExpectAssertion.h"
 #include "tests/support/SimSys.h"
 
@@ -434,6 +435,49 @@ TEST(AllocRingThreads, RaisingFromManyThreadsKeepsTheLargestOfEach) {
     EXPECT_EQ(ring->NextHigh(), 17u);
     AllocRing::Contents contents = RingFile(ring.Sys().CachedImage())->Read();
     for (auto& [high, horizon] : durable) EXPECT_EQ(contents.horizons.at(high), horizon.load());
+}
+
+// Its checksum is right, and no ring has written it.
+TEST(AllocRing, BlocksOfImpossibleNumbersCountAsEmpty) {
+    RingFile ring;
+    const auto put = [&](uint64 ringSequence, uint16 count) {
+        AllocRingBlock block;
+        block.ringSequence = ringSequence;
+        block.storeId = TestId();
+        block.nextHigh = 9;
+        octet_t bytes[AllocRingBlock::BYTES];
+        block.Encode(bytes);
+        std::memcpy(bytes + 44, &count, sizeof count);
+        const uint32 crc = Crc32c(bytes, AllocRingBlock::BYTES - 4);
+        std::memcpy(bytes + AllocRingBlock::BYTES - 4, &crc, sizeof crc);
+        ring.Sys().Poke(PATH, AllocRing::FILE_OFFSET, bytes, sizeof bytes);
+        return ring->Read().numValidBlocks;
+    };
+    EXPECT_EQ(put(1, 0), 1);
+    EXPECT_EQ(put(0, 0), 0);
+    EXPECT_EQ(put((uint64{1} << 62) + 1, 0), 0);
+    EXPECT_EQ(put(1, AllocRingBlock::MAX_ENTRIES + 1), 0);
+}
+
+// The first write of a set fails, and a checkpoint that has begun copies all the same.
+TEST(AllocRing, ASetThatWasNeverWrittenHasNoBlockToSeal) {
+    RingFile ring;
+    ring->BeginOwner(1, {}, 2, 5, false);
+    ring.Sys().FailCall(ESimCall::WRITE_DURABLE, 1, EIO, false);
+    EXPECT_THROW(ring.Raise(1, 100), FileException);
+    uint32 nextHigh = 0;
+    ring->BeginCheckpoint([] {}, nextHigh);
+    EXPECT_EQ(ring->NumSealedForTest(), 0);
+    EXPECT_THROW(ring.Raise(1, 100), FileException);
+}
+
+TEST(AllocRing, WithoutAnybodyToWakeACheckpointIsOnlyWanted) {
+    RingFile ring;
+    ring.Sys().StopRecording();
+    ring->BeginOwner(1, {}, 20000, 5, false);
+    for (uint32 high = 1; high <= AllocRingBlock::MAX_ENTRIES * AllocRing::CHECKPOINT_WANTED_AT + 1; ++high)
+        ring.Raise(high, 4096);
+    EXPECT_TRUE(ring->WantsCheckpoint());
 }
 
 } // namespace

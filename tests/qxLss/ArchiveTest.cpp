@@ -1,8 +1,8 @@
 // The archive of the log: what goes into it, what it holds back, what becomes of it in crashes and failures.
 #include "qxLss/CorruptLSSException.h"
 #include "qxUtils/Exceptions.h"
-#include "qxUtils/Tracer.h"
 #include "tests/qxLss/ArchivedStore.h"
+#include "tests/support/TraceCatcher.h"
 
 #include <cerrno>
 
@@ -11,23 +11,6 @@
 
 namespace quna {
 namespace {
-
-// Collects what is traced.
-class TraceCatcher {
-public:
-    TraceCatcher() : m_before(SetTraceSink({this, &Take})) {}
-    TraceCatcher(const TraceCatcher&) = delete;
-    TraceCatcher& operator=(const TraceCatcher&) = delete;
-    ~TraceCatcher() { SetTraceSink(m_before); }
-    const std::string& Text() const { return m_text; }
-
-private:
-    static void Take(void* self, const char* text, ssize_t n) {
-        static_cast<TraceCatcher*>(self)->m_text.append(text, static_cast<size_t>(n));
-    }
-    std::string m_text;
-    TraceSink m_before;
-};
 
 class Archiving : public testing::Test {
 protected:
@@ -412,6 +395,28 @@ TEST_F(Archiving, AFailedStoreArchivesWhatWasDurable) {
     m_store.Close();
     EXPECT_EQ(Restore(m_sys, RestoreTarget::End()).lastTransaction, durable);
     EXPECT_EQ(ElementsOf(m_sys, "d/new"), m_store.states[durable]);
+}
+
+TEST_F(Archiving, WhatAKilledArchiveHasLeftIsRemovedAndOtherFilesAreLeftAlone) {
+    const std::string unfinished = std::string(DELTAS) + "/" + DeltaName(4) + ".part";
+    const std::string notes = std::string(DELTAS) + "/notes.txt";
+    File(m_sys).Open(unfinished, EFileAccess::CREATE);
+    File(m_sys).Open(notes, EFileAccess::CREATE);
+    m_store.Open("d/deltas//");
+    m_store.Transaction();
+    m_store.Close();
+    EXPECT_FALSE(m_sys.CachedImage().contains(unfinished));
+    EXPECT_TRUE(m_sys.CachedImage().contains(notes));
+    EXPECT_EQ(DeltaNames(m_sys).size(), 1u);
+    EXPECT_THROW(m_store.Open("/"), FileException); // the root has no directory above it in this imitation
+}
+
+TEST_F(Archiving, ADirectoryThatCantBeSyncedOrListedRefusesTheOpen) {
+    for (const ESimCall kind : {ESimCall::MAKE_DIR, ESimCall::SYNC_DIR, ESimCall::LIST_DIR}) {
+        m_sys.FailCall(kind, 1, EIO, false);
+        EXPECT_THROW(m_store.Open(), FileException);
+        m_sys.Heal();
+    }
 }
 
 } // namespace

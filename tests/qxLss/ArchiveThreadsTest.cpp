@@ -6,6 +6,7 @@
 #include "qxUtils/Exceptions.h"
 #include "tests/qxLss/ArchivedStore.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/TraceCatcher.h"
 
 #include <atomic>
 #include <cerrno>
@@ -137,6 +138,35 @@ TEST(ArchivingInAHurryThreads, AFullDiskHasWhatWaitsArchivedSoThatItCanBeCleaned
     EXPECT_FALSE(DeltaNames(sys).empty());
     sys.Heal();
     lss.Close();
+}
+
+// Each call of Hurry begins an attempt at once, however long the archive would wait.
+TEST(ArchiveThreads, AnArchiveThatFailsSaysSoOnceAndGoesOnWhenItCan) {
+    SimSys sys;
+    TestLss lss(sys, ArchivedSettings(), OM_OPEN_ALWAYS, DELTAS);
+    LogArchive& archive = *lss->ArchiverForTest();
+    archive.Hurry(); // nothing waits
+    const TraceCatcher trace;
+    sys.FailIn(DELTAS, EIO);
+    lss.Put("element", true);
+    while (sys.NumFailures() < 4) archive.Hurry();
+    lss.Put("the store goes on");
+    sys.Heal();
+    while (!trace.Has("goes on, up to transaction")) archive.Hurry();
+    const std::string text = trace.Text();
+    EXPECT_EQ(text.find("has stopped"), text.rfind("has stopped")) << text;
+    EXPECT_EQ(DeltaNames(sys).size(), 1u);
+    // A full disk: what waits is archived at once.
+    sys.FailCall(ESimCall::ALLOCATE, 1, ENOSPC, true);
+    try {
+        for (;;) lss.Put(Pattern(3000), true);
+    } catch (const FileException& e) {
+        EXPECT_EQ(e.GetErrno(), ENOSPC);
+    }
+    EXPECT_GT(DeltaNames(sys).size(), 1u);
+    sys.Heal();
+    lss->StopThreadsForTest();
+    archive.Hurry(); // nobody would serve it
 }
 
 } // namespace

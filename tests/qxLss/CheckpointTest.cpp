@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <functional>
 
 #include <gtest/gtest.h>
 
@@ -150,6 +151,46 @@ TEST(Checkpoint, FiveHundredAndFiveHighsInOneTransactionDoNotWaitForIt) {
     }
     txn.Close();
     EXPECT_EQ(lss.Stats().numLiveHeadPackets, 505);
+}
+
+// Leaves that each hold one element: 63 pages fill a segment of the index to its last byte.
+TEST(Checkpoint, SparseSegmentsOfTheIndexAreEmptiedAFewAtATime) {
+    constexpr uint32 LEAVES = 1300;
+    SimSys sys;
+    sys.StopRecording();
+    TestLss lss(sys);
+    lss->StopThreadsForTest();
+    lss->RaiseHorizons({{1, LEAVES * 256}}, 2);
+    const auto change = [&](const std::function<bool(uint32)>& which, bool write) {
+        AutoCloser<ILssTransaction> txn(lss->OpenTransaction());
+        for (uint32 leaf = 0; leaf < LEAVES; ++leaf) {
+            if (!which(leaf)) continue;
+            if (write)
+                TestLss::Write(*txn.Get(), Seid(leaf * 256, 1), "x");
+            else
+                txn->DeleteSerialElement(Seid(leaf * 256, 1));
+        }
+        txn.Close();
+        lss->CheckpointForTest();
+    };
+    change([](uint32) { return true; }, true);
+    const ssize_t full = lss.Stats().numLiveRPMPackets;
+    EXPECT_GT(full, static_cast<ssize_t>(LEAVES));
+    // What stays: the first segment's pages and one page in each twenty.
+    change([](uint32 leaf) { return leaf >= 63 && leaf % 20 != 0; }, false);
+    const auto numSegments = [&] {
+        ssize_t n = 0;
+        for (ssize_t slot = 0; slot < lss->SpaceForTest().NumSlots(); ++slot)
+            n += (*lss->CoreForTest().m_segments)[slot].kind == ESegmentKind::INDEX ? 1 : 0;
+        return n;
+    };
+    const ssize_t sparse = numSegments();
+    lss->CheckpointForTest();
+    EXPECT_LT(numSegments(), sparse); // some
+    for (int i = 0; i < 4; ++i) lss->CheckpointForTest();
+    EXPECT_LT(numSegments(), 12);
+    lss->Validate();
+    EXPECT_EQ(lss.All().size(), 63u + 61u);
 }
 
 } // namespace

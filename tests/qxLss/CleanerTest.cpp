@@ -1,5 +1,6 @@
 #include "qxLss/src/Cleaner.h"
 
+#include "qxLss/CorruptLSSException.h"
 #include "qxUtils/Exceptions.h"
 #include "tests/qxLss/TestLss.h"
 
@@ -369,6 +370,40 @@ TEST_F(CleanerTest, AFailedWriteOfTheCleanerIsFinalAndReadingGoesOn) {
     ExpectModel();
 }
 
+TEST_F(CleanerTest, ManyLongElementsMoveInOneBatchOfSeveralRelocs) {
+    for (int i = 0; i < 60; ++i) {
+        m_seids.push_back(Lss().NewSeid());
+        Overwrite(m_seids.back(), 9000);
+    }
+    for (size_t i = 0; i < m_seids.size(); i += 3) Overwrite(m_seids[i], 9000);
+    Store().CheckpointForTest();
+    EXPECT_GT(Store().CleanForTest(200), 30);
+    ExpectModel();
+    m_lss->Abandon();
+    Open();
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, ASegmentWithSeveralDamagedPacketsStays) {
+    Fill(40, 300);
+    Store().CheckpointForTest();
+    const ssize_t slot = SlotOf(m_seids[10]);
+    ASSERT_EQ(SlotOf(m_seids[11]), slot);
+    const octet_t wrong = 0xA5;
+    for (const Seid seid : {m_seids[10], m_seids[11]}) {
+        m_sys.Poke("d/store", LocationOffset(Store().IndexForTest().Get(seid)) + 50, &wrong, 1);
+        m_sys.Poke("d/store", LocationOffset(Store().IndexForTest().Get(seid)) + 51, &wrong, 1);
+    }
+    for (int i = 0; i < 3; ++i) {
+        Store().CleanForTest(8);
+        Store().CheckpointForTest();
+    }
+    for (const Seid seid : {m_seids[10], m_seids[11]}) {
+        EXPECT_EQ(SlotOf(seid), slot);
+        EXPECT_THROW(Lss().Get(seid), CorruptLSSException);
+    }
+}
+
 // The age classes that survivor segments have after old elements, and others overwritten again and again, were cleaned.
 std::set<int> AgeClassesWith(int stampShift) {
     SimSys sys;
@@ -405,6 +440,96 @@ TEST_F(NoCleanerTest, NothingIsMovedWithAUtilisationOfZero) {
         if (i % 100 == 0) Store().BackgroundForTest();
     }
     EXPECT_EQ(Store().CoreForTest().m_counters.survivorBytes.load(), 0u);
+}
+
+TEST_F(CleanerTest, AFullDiskWhoseStoreIsYoungOrHasNothingDeadIsNotCleaned) {
+    m_sys.FailCall(ESimCall::ALLOCATE, 1, ENOSPC, true);
+    const auto fill = [&] {
+        try {
+            for (;;) Fill(1, 3000);
+        } catch (const FileException& e) {
+            EXPECT_EQ(e.GetErrno(), ENOSPC);
+        }
+    };
+    {
+        SimSys sys;
+        TestLss young(sys, m_settings); // no transaction has closed yet
+        young->StopThreadsForTest();
+        for (int i = 0; i < 20; ++i) young->SpaceForTest().Take(ESegmentKind::SURVIVORS, 0, 0);
+        sys.FailCall(ESimCall::ALLOCATE, 1, ENOSPC, true);
+        const int64 writes = sys.NumCalls(ESimCall::WRITE);
+        EXPECT_THROW(
+            {
+                for (int i = 0; i < 20; ++i) young->SpaceForTest().Take(ESegmentKind::SURVIVORS, 0, 0);
+            },
+            FileException);
+        EXPECT_THROW(young->OpenTransaction(), FileException);
+        young->BackgroundForTest();
+        EXPECT_EQ(sys.NumCalls(ESimCall::WRITE), writes);
+    }
+    for (int i = 0; i < 3; ++i) {
+        fill();
+        Store().BackgroundForTest();
+    }
+    ExpectModel();
+}
+
+// Wherever in a batch the disk has no more room: what has been moved is moved, the rest stays, and the store goes on.
+TEST_F(CleanerTest, ABatchThatFindsNoRoomEndsEarlyAndLosesNothing) {
+    for (int i = 0; i < 8; ++i) {
+        m_seids.push_back(Lss().NewSeid());
+        Overwrite(m_seids.back(), 9000);
+    }
+    Fill(100, 600);
+    for (int i = 0; i < 60; ++i) Overwrite(m_seids[8 + m_random() % 100], 600);
+    for (int room = 12; room >= 0; --room) {
+        Store().CheckpointForTest();
+        Overwrite(SomeSeid(), 600); // begins a segment, in which there is room for the RELOC
+        // All free slots but `room` are pinned, as by readers.
+        std::vector<ssize_t> pinned;
+        SegmentTable& segments = *Store().CoreForTest().m_segments;
+        for (ssize_t slot = 0, left = room; slot < Store().SpaceForTest().NumSlots(); ++slot) {
+            if (segments[slot].sequence != 0 || left-- > 0) continue;
+            ++segments[slot].pins;
+            pinned.push_back(slot);
+        }
+        m_sys.FailCall(ESimCall::ALLOCATE, 1, ENOSPC, true);
+        Store().CleanForTest(8);
+        m_sys.Heal();
+        for (const ssize_t slot : pinned) --segments[slot].pins;
+        ExpectModel();
+    }
+    m_lss->Abandon();
+    Open();
+    ExpectModel();
+}
+
+// A part or a head that can't be read stays, and with it all of its element.
+TEST_F(CleanerTest, ADamagedLongElementStaysWhereItIs) {
+    std::vector<Seid> longs;
+    for (int i = 0; i < 6; ++i) {
+        longs.push_back(Lss().NewSeid());
+        m_seids.push_back(longs.back());
+        Overwrite(longs.back(), 9000);
+    }
+    Fill(40, 600);
+    Store().CheckpointForTest();
+    const Location head = Store().IndexForTest().Get(longs[0]);
+    octet_t wrong = 0xA5;
+    m_sys.Poke("d/store", LocationOffset(head) + PACKET_HEADER_BYTES + 4, &wrong, 1);
+    const Location other = Store().IndexForTest().Get(longs[1]);
+    const Location part = ReadPod<Location>(
+        m_sys
+            .Peek("d/store", LocationOffset(other) + PACKET_HEADER_BYTES + static_cast<int64>(sizeof(LongPrefix)),
+                  sizeof(Location))
+            .data());
+    m_sys.Poke("d/store", LocationOffset(part) + 100, &wrong, 1);
+    m_sys.Poke("d/store", LocationOffset(part) + 101, &wrong, 1);
+    for (int i = 0; i < 8; ++i) Store().CleanForTest(8); // a checkpoint would look at every head here
+    EXPECT_EQ(Store().IndexForTest().Get(longs[0]), head);
+    EXPECT_THROW(Lss().Get(longs[1]), CorruptLSSException);
+    for (size_t i = 2; i < m_seids.size(); ++i) EXPECT_EQ(Lss().Get(m_seids[i]), m_model[m_seids[i].value_]);
+    Lss().Put("the store goes on");
 }
 
 } // namespace

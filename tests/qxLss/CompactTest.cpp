@@ -204,5 +204,31 @@ TEST_F(CompactTest, DamageIsReported) {
     EXPECT_FALSE(lss->CoreForTest().HasFailed());
 }
 
+TEST_F(CompactTest, AStoreThatHasAnotherNameNowIsNotCompacted) {
+    Fill(20, 200);
+    ASSERT_TRUE(RenameFile(m_sys, "d/store", "d/moved", false));
+    File(m_sys).Open("d/store", EFileAccess::CREATE);
+    EXPECT_THROW(Compact(), FileException);
+    EXPECT_FALSE(Exists("d/copy.part"));
+    Fill(20, 200);
+}
+
+// More than one transaction of the copy takes.
+TEST(Compact, AStoreOfManyMegabytesIsCopiedInSeveralTransactions) {
+    SimSys sys;
+    sys.StopRecording();
+    LssSettings settings = SmallSegments();
+    settings.segmentSize = 1 << 22;
+    TestLss lss(sys, settings);
+    const std::string large = Pattern(33 << 20);
+    const Seid a = lss.Put(large);
+    const Seid b = lss.Put(large);
+    const Seid c = lss.Put("small");
+    EXPECT_TRUE(lss->CopyCompacted("d/copy", {}).completed);
+    const TestLss copy(sys, settings, OM_OPEN_EXISTING, nullptr, "d/copy");
+    EXPECT_TRUE(copy.Get(a) == large && copy.Get(b) == large);
+    EXPECT_EQ(copy.Get(c), "small");
+}
+
 } // namespace
 } // namespace quna

@@ -1,6 +1,7 @@
 #include "qxLss/src/FileIo.h"
 
 #include "tests/support/ExpectAssertion.h"
+#include "tests/support/ForwardingSys.h"
 #include "tests/support/SimSys.h"
 #include "tests/support/TempDir.h"
 
@@ -253,6 +254,62 @@ TEST(FileIo, AFailedWriteIsNotRepeated) {
     sys.FailCall(ESimCall::SYNC, 1, EIO, false);
     EXPECT_EQ(ErrnoOf([&] { file.SyncData(); }), EIO);
     EXPECT_EQ(sys.NumCalls(ESimCall::SYNC), 1);
+}
+
+TEST(FileIo, TheDirectoryOfABareNameIsTheCurrentOneAndOfAnAbsoluteOneTheRoot) {
+    SimSys sys;
+    {
+        File file(sys);
+        file.Open("f", EFileAccess::CREATE);
+    }
+    SyncDirectoryOf(sys, "f");
+    EXPECT_EQ(sys.Record().back().name, ".");
+    EXPECT_EQ(ErrnoOf([&] { SyncDirectoryOf(sys, "/f"); }), ENOENT); // the imitation has no root
+}
+
+TEST(FileIo, ErrorsThatMeanAnAnswerAreNoFailures) {
+    SimSys sys;
+    File file(sys);
+    file.Open("d/f", EFileAccess::CREATE);
+    for (const int error : {EAGAIN, EACCES}) { // either is how a lock is refused
+        sys.FailCall(ESimCall::LOCK, 1, error, false);
+        EXPECT_FALSE(file.TryLock(true));
+    }
+    for (const int error : {EOPNOTSUPP, ENOSYS, EINVAL}) {
+        sys.FailCall(ESimCall::ALLOCATE, 1, error, false);
+        file.Allocate(0, 4096);
+        EXPECT_EQ(file.Size(), 4096);
+        sys.FailCall(ESimCall::PUNCH, 1, error, false);
+        EXPECT_FALSE(file.PunchHole(0, 4096));
+    }
+    sys.FailCall(ESimCall::RENAME, 1, EEXIST, false); // no answer, if the other file is to be replaced
+    EXPECT_EQ(ErrnoOf([&] { (void)RenameFile(sys, "d/f", "d/g", true); }), EEXIST);
+}
+
+// Writes nothing, and says so.
+class IdleSys final : public ForwardingSys {
+public:
+    ssize_t Write(int, const void*, size_t, off_t) override { return 0; }
+
+private:
+    void BeforeChange() override {}
+};
+
+TEST(FileIo, AWriteThatDoesNothingIsAFailureAndNotRepeatedForEver) {
+    TempDir dir;
+    IdleSys sys;
+    File file(sys);
+    file.Open(dir.File("f"), EFileAccess::CREATE);
+    EXPECT_EQ(ErrnoOf([&] { file.Write(0, "x", 1); }), EIO);
+}
+
+TEST(FileIo, AMissingDirectoryCantBeListedNorMadeBelow) {
+    TempDir dir;
+    EXPECT_EQ(ErrnoOf([&] { ListDirectory(RealSysCalls(), dir.File("none")); }), ENOENT);
+    EXPECT_EQ(ErrnoOf([&] { MakeDirectory(RealSysCalls(), dir.File("none/deeper")); }), ENOENT);
+    MakeDirectory(RealSysCalls(), dir.File("made"));
+    MakeDirectory(RealSysCalls(), dir.File("made")); // it may exist
+    EXPECT_EQ(ListDirectory(RealSysCalls(), dir.Path().string()), std::vector<std::string>{"made"});
 }
 
 } // namespace

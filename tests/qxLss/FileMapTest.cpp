@@ -180,5 +180,18 @@ TEST(FileMapThreads, ManyThreadsTouchTheSameChunks) {
     EXPECT_EQ(wrong, 0);
 }
 
+TEST(FileMap, AnInterruptedLoadIsRepeated) {
+    SimSys sys;
+    File file(sys);
+    file.Open("d/f", EFileAccess::CREATE);
+    Fill(file, CHUNK);
+    FileMap map(file);
+    for (const int error : {EINTR, EAGAIN}) {
+        FileMap again(file);
+        sys.FailCall(ESimCall::LOAD, 1, error, false);
+        EXPECT_TRUE(IsRight(again.Load(0, CHUNK), 0, CHUNK));
+    }
+}
+
 } // namespace
 } // namespace quna

@@ -175,5 +175,28 @@ TEST(Index, ManyHighHalvesEachHaveARadixOfTheirOwn) {
     EXPECT_EQ(lss->AllocateSeidHigh(), 702u);
 }
 
+// Touching writes a page anew at the next checkpoint; of pages that are not there any more nothing is touched.
+TEST(Index, OnlyAPageThatIsCurrentIsTouched) {
+    IndexPages pages;
+    for (const uint32 low : {0u, 0x1000000u}) pages.Set(Seid(low, 1), Fake(low + 1)); // a root of level 3
+    int level = 0;
+    const Location root = pages.Checkpoint(level);
+    ASSERT_EQ(level, 3);
+    pages.Reload(root, level);
+    (*pages).Import(2, 0, 0, 0); // a high without a page
+    const uint64 high = uint64{1} << 32;
+    const auto touched = [&](uint64 key, int at, Location l) {
+        (*pages).TouchPage(key, at, l);
+        return (*pages).SnapshotBytes() > 0;
+    };
+    EXPECT_FALSE(touched(uint64{77} << 32, 0, root));
+    EXPECT_FALSE(touched(uint64{2} << 32, 0, root));
+    EXPECT_FALSE(touched(high, 4, root));          // above the root
+    EXPECT_FALSE(touched(high | 5, 3, root));      // a level has only one
+    EXPECT_FALSE(touched(high | 0x8000, 0, root)); // a page that never was
+    EXPECT_FALSE(touched(high, 2, root));          // another page is there now
+    EXPECT_TRUE(touched(high, 3, root));
+}
+
 } // namespace
 } // namespace quna

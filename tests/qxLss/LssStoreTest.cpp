@@ -5,6 +5,8 @@
 #include "tests/support/ExpectAssertion.h"
 
 #include <cerrno>
+#include <cstdlib>
+#include <functional>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -280,6 +282,172 @@ TEST(LssStore, InterruptedAndShortCallsChangeNothing) {
     disturbed.Disturb(3, 3);
     EXPECT_EQ(run(calm), run(disturbed));
     EXPECT_EQ(StoreFile(calm).size(), StoreFile(disturbed).size());
+}
+
+TEST(LssStore, AFailedWriteOfTheRingIsFinalAndAnUnknownHighIsNot) {
+    SimSys sys;
+    TestLss lss(sys);
+    const Seid seid = lss.Put("x");
+    EXPECT_TRUE(lss->IsAllocated(seid));
+    EXPECT_FALSE(lss->IsAllocated(Seid(0, 77)));
+    EXPECT_THROW(lss->AllocateSeid(77), QunaAssertionError);
+    EXPECT_FALSE(lss->CoreForTest().HasFailed());
+    sys.FailCall(ESimCall::WRITE_DURABLE, 1, EIO, false);
+    EXPECT_THROW(lss->AllocateSeidHigh(), FileException);
+    EXPECT_TRUE(lss->CoreForTest().HasFailed());
+    EXPECT_THROW(lss->OpenTransaction(), FileException);
+    lss->StopThreadsForTest();
+    EXPECT_EQ(lss->BackgroundForTest(), -1); // nothing more
+}
+
+TEST(LssStore, AFailureInsideATransactionIsToldByEveryFurtherCall) {
+    SimSys sys;
+    TestLss lss(sys);
+    const Seid seid = lss.Put("x");
+    ILssTransaction* const txn = lss->OpenTransaction();
+    const std::string bytes = Pattern(20000);
+    ICloseableOutputStream* const os = txn->WriteSerialElement(seid);
+    sys.FailCall(ESimCall::WRITE, 1, EIO, true);
+    EXPECT_THROW(os->WriteStream(bytes.data(), std::ssize(bytes)), FileException);
+    EXPECT_THROW(os->WriteStream(bytes.data(), std::ssize(bytes)), FileException);
+    EXPECT_THROW(os->Close(), FileException);
+    EXPECT_THROW(txn->DeleteSerialElement(seid), FileException);
+    EXPECT_THROW(txn->WriteSerialElement(seid), FileException);
+    EXPECT_THROW(txn->Close(), FileException);
+    EXPECT_EQ(lss.Get(seid), "x");
+}
+
+// More highs than the ring keeps between two checkpoints.
+TEST(LssStore, HorizonsOfManyHighsAreRaisedWithCheckpointsBetween) {
+    SimSys sys;
+    sys.StopRecording();
+    TestLss lss(sys);
+    lss.Put("x");
+    lss->StopThreadsForTest();
+    const int before = lss.Stats().numCheckPoints;
+    std::vector<AllocHorizon> horizons;
+    for (uint32 high = 1; high <= 9 * AllocRingBlock::MAX_ENTRIES; ++high) horizons.push_back({high, 4096});
+    horizons.push_back({1 << 20, 4096}); // never given
+    lss->RaiseHorizons(horizons, 9 * AllocRingBlock::MAX_ENTRIES + 1);
+    EXPECT_GT(lss.Stats().numCheckPoints, before);
+    EXPECT_GE(lss->AllocateSeid(5).low_, 4096u);
+    EXPECT_TRUE(lss->IsAllocated(Seid(4095, 9)));
+    // The tables of so many highs take so many segments that more stay free than otherwise, also at rest.
+    std::vector<Seid> seids;
+    for (int i = 0; i < 400; ++i) seids.push_back(lss.Put(lss->AllocateSeid(5), Pattern(3000)));
+    for (const Seid seid : seids) lss.Delete(seid);
+    for (int i = 0; i < 4; ++i) lss->CheckpointForTest();
+    for (int i = 0; i < 6; ++i) lss->BackgroundForTest();
+    lss->Validate();
+}
+
+TEST(LssStore, AnEndThatCantBeCutOffIsLeft) {
+    SimSys sys;
+    sys.StopRecording();
+    TestLss lss(sys);
+    lss->StopThreadsForTest();
+    std::vector<Seid> seids;
+    for (int i = 0; i < 120; ++i) seids.push_back(lss.Put(Pattern(3000)));
+    for (const Seid seid : seids) lss.Delete(seid);
+    lss->CheckpointForTest();
+    sys.FailCall(ESimCall::TRUNCATE, 1, EIO, true);
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(lss->BackgroundForTest(), -1);
+    EXPECT_EQ(sys.NumFailures(), 1); // not tried again
+    lss.Put("goes on");
+}
+
+TEST(LssStore, HolesAreTriedOnceOnADiskThatHasNone) {
+    SimSys sys;
+    sys.StopRecording();
+    TestLss lss(sys);
+    lss->StopThreadsForTest();
+    std::vector<Seid> seids;
+    for (int i = 0; i < 200; ++i) seids.push_back(lss.Put(Pattern(3000)));
+    const Seid last = lss.Put(Pattern(3000));
+    for (const Seid seid : seids) lss.Delete(seid);
+    lss->CheckpointForTest();
+    sys.FailCall(ESimCall::PUNCH, 1, EOPNOTSUPP, true);
+    for (int i = 0; i < 6; ++i) lss->BackgroundForTest();
+    EXPECT_EQ(sys.NumCalls(ESimCall::PUNCH), 1);
+    EXPECT_TRUE(lss.Get(last));
+    lss->Validate();
+}
+
+TEST(LssStore, CountersThatDoNotAgreeWithTheIndexAreFound) {
+    SimSys sys;
+    TestLss lss(sys);
+    lss->StopThreadsForTest();
+    lss.Put(Pattern(10000));
+    lss->CheckpointForTest();
+    StoreCounters& c = lss->CoreForTest().m_counters;
+    for (std::atomic<int64>* counter : {&c.liveHead, &c.liveOverflow, &c.liveIndex, &c.liveBytes}) {
+        lss->Validate();
+        ++*counter;
+        EXPECT_THROW(lss->Validate(), CorruptLSSException);
+        --*counter;
+    }
+    const Location l = lss->IndexForTest().Get(Seid(0, 1));
+    SegmentSlot& slot = (*lss->CoreForTest().m_segments)[lss->CoreForTest().m_segments->SlotOf(l)];
+    ++slot.livePackets;
+    EXPECT_THROW(lss->Validate(), CorruptLSSException);
+    --slot.livePackets;
+    slot.liveBytes += 8;
+    EXPECT_THROW(lss->Validate(), CorruptLSSException);
+    slot.liveBytes -= 8;
+    lss->Validate();
+}
+
+TEST(LssStore, AFlushThatFailsWhileAnExceptionPassesEndsWriting) {
+    SimSys sys;
+    TestLss lss(sys);
+    const Seid seid = lss.Put("x");
+    try {
+        AutoCloser<ILssTransaction> txn(lss->OpenTransaction());
+        txn->RequestFlushToDisk();
+        TestLss::Write(*txn.Get(), seid, "y");
+        sys.FailCall(ESimCall::SYNC, 1, EIO, false);
+        throw std::runtime_error("passing");
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "passing");
+    }
+    EXPECT_THROW(lss->OpenTransaction(), FileException);
+}
+
+// Every commit ends eight bytes before a block of the disk: too few for a packet that fills it.
+TEST(LssStore, ACommitJustBeforeTheEndOfABlockIsDurableToo) {
+    SimSys sys;
+    LssSettings settings = SmallSegments();
+    settings.segmentSize = 65536;
+    std::vector<Seid> seids;
+    {
+        TestLss lss(sys, settings);
+        for (int i = 0; i < 40; ++i) seids.push_back(lss.Put(Pattern(4024), true));
+    }
+    TestLss lss(sys, settings);
+    for (const Seid seid : seids) EXPECT_EQ(lss.Get(seid), Pattern(4024));
+}
+
+TEST(LssStore, AForkedChildIsRefusedEveryCall) {
+    SimSys sys;
+    bool createdNew = false;
+    ILogStructuredStore* const lss =
+        OpenLssForTest(sys, "d/store", nullptr, createdNew, OM_CREATE_NEW, SmallSegments(), EBackground::NONE);
+    const auto refused = [&] {
+        int n = 0;
+        LssStats stats{};
+        for (const std::function<void()>& call : std::vector<std::function<void()>>{
+                 [&] { lss->OpenTransaction(); }, [&] { lss->GetStats(stats); },
+                 [&] { lss->OpenSerialElement(ROOT_SEID); }, [&] { lss->AllocateSeidHigh(); }, [&] { lss->Close(); }}) {
+            try {
+                call();
+            } catch (const FileException&) {
+                ++n;
+            }
+        }
+        std::exit(n == 5 ? 0 : 1);
+    };
+    EXPECT_EXIT(refused(), testing::ExitedWithCode(0), "");
+    lss->Close();
 }
 
 } // namespace

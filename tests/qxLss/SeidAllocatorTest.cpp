@@ -481,5 +481,46 @@ TEST(SeidAllocatorThreads, NoIdentifierIsGivenTwiceToManyThreads) {
     EXPECT_EQ(std::adjacent_find(all.begin(), all.end()), all.end());
 }
 
+// There a block that would cross into the next leaf has none to begin at.
+TEST(SeidAllocator, TheLastLeafIsUsedUpFromWherever) {
+    TestAllocator allocator;
+    allocator->AllocateSeidHigh();
+    allocator->Import({{1, 0xFFFFFFE8, 0, 0}}, {}, true);
+    std::set<uint32> lows;
+    EXPECT_THROW(
+        {
+            for (;;) lows.insert(allocator->AllocateSeid(1).low_);
+        },
+        FileException);
+    EXPECT_EQ(lows.size(), 23u);
+    EXPECT_EQ(*lows.rbegin(), 0xFFFFFFFEu);
+}
+
+TEST(SeidFamilies, AFamilyIsForgottenWithItsLastGranule) {
+    constexpr uint32 GRANULE = SeidFamilies::GRANULE;
+    SeidFamilies families;
+    const SeidFamilies::Family first = families.FamilyFor(0);
+    families.AddExtent(first, 0, 2 * GRANULE);
+    families.DropIfEmpty(first);
+    EXPECT_EQ(families.FamilyFor(GRANULE), first);
+    for (uint32 at = 2 * GRANULE; families.NumGranulesForTest() == static_cast<ssize_t>(at / GRANULE); at += GRANULE)
+        families.AddExtent(families.FamilyFor(at), at, at + GRANULE);
+    EXPECT_EQ(families.FamilyFor(2 * GRANULE - 1), first); // one granule of two is forgotten
+}
+
+TEST(SeidFamilies, HintZeroCountsAsAnyOther) {
+    SeidFamilies families;
+    const SeidFamilies::Family large = families.FamilyFor(5);
+    uint32 end = 0;
+    for (int i = 0; i < 20; ++i) {
+        families.AddExtent(large, end, end + 64);
+        end += 64;
+        while (families.HasRoom(large)) families.Take(large);
+    }
+    int uses = 1;
+    while (families.FamilyFor(0) == large && uses < 10) ++uses;
+    EXPECT_EQ(uses, 4);
+}
+
 } // namespace
 } // namespace quna

@@ -95,5 +95,52 @@ TEST(SerialElement, AReadErrorIsAnExceptionAndNothingIsRemembered) {
     EXPECT_EQ(again.Get(seid), "content");
 }
 
+TEST(SerialElement, ALongOneThatIsLongerThanItsFileTakesNoMemory) {
+    SimSys sys;
+    TestLss lss(sys);
+    const Seid seid = lss.Put(Pattern(230000));
+    AutoCloser<IContiguousSerialElement> element(lss->OpenSerialElement(seid));
+    const int64 size = sys.SizeOf("d/store");
+    sys.PokeSize("d/store", 200000); // cut behind the store's back
+    EXPECT_THROW(element->GetBuffer(), CorruptLSSException);
+    sys.PokeSize("d/store", size);
+}
+
+TEST(SerialElement, DamageInAPartOfALongOneIsFoundWhenItsBytesAreAskedFor) {
+    SimSys sys;
+    TestLss lss(sys);
+    const Seid seid = lss.Put(Pattern(9000));
+    const Location head = lss->IndexForTest().Get(seid);
+    const Location part = ReadPod<Location>(
+        sys.Peek("d/store", LocationOffset(head) + PACKET_HEADER_BYTES + static_cast<int64>(sizeof(LongPrefix)),
+                 sizeof(Location))
+            .data());
+    const octet_t flipped = static_cast<octet_t>(sys.Peek("d/store", LocationOffset(part) + 100, 1)[0] ^ 1);
+    sys.Poke("d/store", LocationOffset(part) + 100, &flipped, 1);
+    AutoCloser<IContiguousSerialElement> element(lss->OpenSerialElement(seid));
+    EXPECT_THROW(element->GetBuffer(), CorruptLSSException);
+}
+
+// Ends after the memory that a thread keeps for its next element.
+struct LastCloser {
+    ~LastCloser() {
+        if (m_element) m_element->Close();
+    }
+    IContiguousSerialElement* m_element = nullptr;
+};
+thread_local LastCloser t_lastCloser;
+
+TEST(SerialElement, MayBeClosedWhileItsThreadEnds) {
+    SimSys sys;
+    TestLss lss(sys);
+    const Seid seid = lss.Put("x");
+    std::thread([&] {
+        t_lastCloser.m_element = nullptr; // made first, ends last
+        lss->OpenSerialElement(seid)->Close();
+        t_lastCloser.m_element = lss->OpenSerialElement(seid);
+    }).join();
+    EXPECT_EQ(lss.Get(seid), "x");
+}
+
 } // namespace
 } // namespace quna
