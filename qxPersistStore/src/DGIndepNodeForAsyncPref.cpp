@@ -168,7 +168,8 @@ bool DGIndepNodeForAsyncPref::HandleAsyncLoad(ptr<IPersistable> po) {
     return true;
 }
 
-void DGIndepNodeForAsyncPref::PushUpdateJob() {
+// Without memory for the job those who wait would never get an answer: then the process ends.
+void DGIndepNodeForAsyncPref::PushUpdateJob() noexcept {
     AsyncUpdateRotJob job;
     job.node = this;
     rot_.pspace_.m_ps.asyncUpdateRotThread_.Push(job);
@@ -196,10 +197,8 @@ void DGIndepNodeForAsyncPref::EndFailedLoad(JobReference& job) noexcept {
         rot.blockSyncThreadWaitingOnAsyncLoad_.Signal();
         return;
     }
-    EndQuietly("the end of a failed load", [&] {
-        PushUpdateJob();
-        job.PassOn();
-    });
+    PushUpdateJob();
+    job.PassOn();
 }
 
 void DGIndepNodeForAsyncPref::AbandonLoad() {

@@ -126,7 +126,7 @@ private:
     // What waiting_ was; nothing when the load is over already.
     std::optional<bool> NoteFailedLoad() noexcept;
     void EndFailedLoad(JobReference& job) noexcept;
-    void PushUpdateJob();
+    void PushUpdateJob() noexcept;
     void AskHandler();
     void TakeFromHandler(ptr<IPersistable> po);
     void EnterLoadedObject() const;
