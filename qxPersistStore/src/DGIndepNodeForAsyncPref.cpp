@@ -255,8 +255,15 @@ void DGIndepNodeForAsyncPref::UpdateRot() {
 
 // Requires: the OID's mutex is held; asyncobj_ is not null; the node is in the table.
 void DGIndepNodeForAsyncPref::EnterLoadedObject() const {
-    RegisterGcObject(rot_.pspace_.GetCSpace(), asyncobj_); // may throw: nothing has changed then
     const ptr<IPersistable> po = std::exchange(asyncobj_, ptr<IPersistable>());
+    try {
+        RegisterGcObject(rot_.pspace_.GetCSpace(), po);
+    } catch (...) {
+        // As if the load had failed. Whoever got an object that belongs to no domain would change it, and nobody would note it.
+        loadFailed_ = true;
+        po->Destroy();
+        throw;
+    }
     rot_.ReplacePlaceholder(*this, po);
     updatedRot_.store(UR_OBJECT_FOUND, std::memory_order_relaxed);
 }

@@ -114,7 +114,7 @@ public:
     mutable std::atomic<EUpdatedRot> updatedRot_{UR_PENDING};
     bool waiting_ = false;               // a synchronous binder sleeps on this node, or did
     bool readyToUpdateRot_ = false;      // the load is over
-    bool loadFailed_ = false;            // with an exception
+    mutable bool loadFailed_ = false;    // with an exception
     mutable ptr<IPersistable> asyncobj_; // from the end of the load until it is in the table
 
 private:

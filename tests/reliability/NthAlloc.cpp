@@ -414,7 +414,11 @@ public:
         Judge(kind, status);
         std::string fault =
             kind.whole ? CheckStepStore(path, g_told->closed, g_told->begun, !g_told->partial) : CheckLss(path, m_seed);
-        if (!fault.empty()) Fault(fault.starts_with("lost") ? m_totals.lost : m_totals.torn, fault);
+        if (!fault.empty())
+            Fault(fault.starts_with("lost") ? m_totals.lost : m_totals.torn,
+                  fault + " (exit " + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) + ", exceptions " +
+                      std::to_string(g_told->exceptions) + ", traces " + std::to_string(g_told->traces) + ", begun " +
+                      std::to_string(g_told->begun) + ", closed " + std::to_string(g_told->closed) + ")");
         for (const char* suffix : {"", ".new", ".copy", ".copy.part", ".small", ".small.part", ".deltas"})
             std::filesystem::remove_all(path + suffix);
         return g_told->calls;

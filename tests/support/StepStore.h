@@ -286,10 +286,13 @@ inline std::string CheckStepStore(const std::string& path, uint64 first, uint64 
                 const std::string found = store.TextOf(i);
                 const std::string expected = model.Text();
                 if (found == expected) continue;
-                const auto at = std::mismatch(found.begin(), found.end(), expected.begin(), expected.end()).first;
-                return "torn: the content of space " + std::to_string(i) + " is not that after step " +
-                       std::to_string(step) + ": \"" +
-                       found.substr(static_cast<size_t>(std::max<ssize_t>(0, at - found.begin() - 20)), 60) + "\"";
+                const auto [f, e] = std::mismatch(found.begin(), found.end(), expected.begin(), expected.end());
+                const auto line = [](const std::string& text, std::string::const_iterator at) {
+                    const size_t begin = text.rfind('\n', static_cast<size_t>(at - text.begin())) + 1;
+                    return text.substr(begin, std::min<size_t>(text.find('\n', begin), begin + 60) - begin);
+                };
+                return "torn: space " + std::to_string(i) + " after step " + std::to_string(step) + ": \"" +
+                       line(found, f) + "\" instead of \"" + line(expected, e) + "\"";
             }
             return {};
         };
