@@ -114,6 +114,26 @@ ssize_t SpaceManager::PrepareReady(ssize_t n) {
     return NumReady();
 }
 
+ssize_t SpaceManager::PrepareReadyBelow(ssize_t end, ssize_t n) {
+    std::lock_guard fileLock(m_fileMutex);
+    for (;;) {
+        ssize_t slot = end;
+        {
+            std::lock_guard lock(m_mutex);
+            const ssize_t numReady = std::distance(m_ready.begin(), m_ready.lower_bound(end));
+            for (const std::set<ssize_t>* from : {&m_unready, &m_hollow}) {
+                if (!from->empty()) slot = std::min(slot, *from->begin());
+            }
+            if (numReady >= n || slot >= end) return numReady;
+        }
+        try {
+            MakeReady(slot);
+        } catch (const FileException&) {
+            return 0; // a full disk
+        }
+    }
+}
+
 void SpaceManager::GrowAhead() {
     try {
         std::lock_guard lock(m_fileMutex);
@@ -171,6 +191,15 @@ ssize_t SpaceManager::NumFree() const {
     return static_cast<ssize_t>(m_ready.size() + m_unready.size() + m_hollow.size());
 }
 
+ssize_t SpaceManager::NumFreeAtEnd() const {
+    std::lock_guard lock(m_mutex);
+    ssize_t n = 0;
+    for (ssize_t slot = NumSlots() - 1; m_ready.contains(slot) || m_unready.contains(slot) || m_hollow.contains(slot);
+         --slot)
+        ++n;
+    return n;
+}
+
 uint64 SpaceManager::NextSequence() const {
     std::lock_guard lock(m_mutex);
     return m_nextSequence;
@@ -207,6 +236,10 @@ void SpaceManager::MakeOneReady() {
         Grow();
         return;
     }
+    MakeReady(slot);
+}
+
+void SpaceManager::MakeReady(ssize_t slot) {
     m_core.m_file.Allocate(m_core.m_segments->OffsetOf(slot), m_core.m_segmentSize);
     std::lock_guard lock(m_mutex);
     m_ready.insert(m_unready.extract(slot));
