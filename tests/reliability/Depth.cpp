@@ -204,14 +204,16 @@ bool Run(const char* name, EShape shape, int64 numObjects, bool areSubTrees) {
     if (child == 0) {
         Work work(dir.File("store"), shape, numObjects, areSubTrees);
         const std::string fault = RunOnSmallStack(work);
-        if (!fault.empty()) std::printf("FAULT %s of %lld: %s\n", name, static_cast<long long>(numObjects), fault.c_str());
+        if (!fault.empty())
+            std::printf("FAULT %s of %lld: %s\n", name, static_cast<long long>(numObjects), fault.c_str());
         std::fflush(stdout);
         ::_exit(fault.empty() ? 0 : 1);
     }
     int status = 0;
     ::waitpid(child, &status, 0);
     if (WIFSIGNALED(status))
-        std::printf("FAULT %s of %lld: ended by signal %d\n", name, static_cast<long long>(numObjects), WTERMSIG(status));
+        std::printf("FAULT %s of %lld: ended by signal %d\n", name, static_cast<long long>(numObjects),
+                    WTERMSIG(status));
     return status == 0;
 }
 
@@ -231,8 +233,8 @@ int Main(int argc, char** argv) {
         ++tried;
         faults += !Run("a comb", EShape::COMB, numObjects | 1, areSubTrees);
     }
-    std::printf("reliability depth: tried=%d deep=%lld faults=%d verdict=%s\n", tried, static_cast<long long>(n), faults,
-                faults == 0 ? "ok" : "FAIL");
+    std::printf("reliability depth: tried=%d deep=%lld faults=%d verdict=%s\n", tried, static_cast<long long>(n),
+                faults, faults == 0 ? "ok" : "FAIL");
     return faults == 0 ? 0 : 1;
 }
 

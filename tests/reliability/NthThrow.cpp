@@ -12,8 +12,8 @@
 #include "qxUtils/AutoCloser.h"
 #include "qxUtils/Schema.h"
 #include "qxUtils/Tracer.h"
-#include "tests/support/SimArguments.h"
 #include "tests/support/AwaitWritten.h"
+#include "tests/support/SimArguments.h"
 #include "tests/support/SimStoreObjects.h"
 #include "tests/support/TempDir.h"
 
@@ -370,7 +370,8 @@ private:
         const CSpaceLock lock(Exclusive);
         const Objects objects = m_open.LoadAll();
         const ptr<IPersistable> copy = SynchronousDeepCopyPersistableObject(objects[0]);
-        if (!copy || GetOid(copy) || !static_cast<const NthThrower*>(copy.m_self)->IsWhole()) NoteWrong("a copy is wrong");
+        if (!copy || GetOid(copy) || !static_cast<const NthThrower*>(copy.m_self)->IsWhole())
+            NoteWrong("a copy is wrong");
     }
     void Measure() {
         const ThreadPSpaceScope pair(m_open.m_space, m_open.m_space->GetCSpace());
@@ -537,7 +538,8 @@ int Main(int argc, char** argv) {
             }
     }
     const bool ok = totals.Faults() == 0 && totals.failures > 0;
-    std::printf("reliability nth-throw: runs=%lld failures=%lld ended=%lld unreported=%lld acked_after=%lld lost=%lld hung=%lld "
+    std::printf("reliability nth-throw: runs=%lld failures=%lld ended=%lld unreported=%lld acked_after=%lld lost=%lld "
+                "hung=%lld "
                 "torn=%lld wrong=%lld verdict=%s\n",
                 static_cast<long long>(totals.runs), static_cast<long long>(totals.failures),
                 static_cast<long long>(totals.ended), static_cast<long long>(totals.unreported),

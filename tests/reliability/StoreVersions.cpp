@@ -237,10 +237,11 @@ int Main(int argc, char** argv) {
     Sweep(dir, totals).Run();
     const int64 faults = totals.accepted + totals.badTexts + totals.changed;
     const bool ok = faults == 0 && totals.tried > 0;
-    std::printf("reliability store-versions: tried=%lld accepted=%lld bad_texts=%lld changed=%lld faults=%lld verdict=%s\n",
-                static_cast<long long>(totals.tried), static_cast<long long>(totals.accepted),
-                static_cast<long long>(totals.badTexts), static_cast<long long>(totals.changed),
-                static_cast<long long>(faults), ok ? "ok" : "FAIL");
+    std::printf(
+        "reliability store-versions: tried=%lld accepted=%lld bad_texts=%lld changed=%lld faults=%lld verdict=%s\n",
+        static_cast<long long>(totals.tried), static_cast<long long>(totals.accepted),
+        static_cast<long long>(totals.badTexts), static_cast<long long>(totals.changed), static_cast<long long>(faults),
+        ok ? "ok" : "FAIL");
     return ok ? 0 : 1;
 }
 

@@ -47,8 +47,8 @@ bool MustFail() {
 extern "C" quna::ThreadCreate __interceptor_pthread_create __attribute__((weak));
 
 // In place of the system's, for the library as well.
-extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                                                                     void* (*body)(void*), void* argument) noexcept {
+extern "C" __attribute__((visibility("default"))) int
+pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument) noexcept {
     if (quna::MustFail()) return EAGAIN;
     if (__interceptor_pthread_create) return __interceptor_pthread_create(thread, attributes, body, argument);
     static auto* const next = reinterpret_cast<quna::ThreadCreate*>(::dlsym(RTLD_NEXT, "pthread_create"));
@@ -215,7 +215,8 @@ int Main(int argc, char** argv) {
             for (int64 n = 1; RunOne(n, forever, totals); ++n) continue;
     }
     const bool ok = totals.Faults() == 0 && totals.failures > 0;
-    std::printf("reliability thread-failure: tried=%lld failures=%lld ended=%lld unreported=%lld lost=%lld hung=%lld wrong=%lld "
+    std::printf("reliability thread-failure: tried=%lld failures=%lld ended=%lld unreported=%lld lost=%lld hung=%lld "
+                "wrong=%lld "
                 "faults=%lld verdict=%s\n",
                 static_cast<long long>(totals.tried), static_cast<long long>(totals.failures),
                 static_cast<long long>(totals.ended), static_cast<long long>(totals.unreported),

@@ -63,7 +63,9 @@ private:
     static inline thread_local int t_exempt = 0;
 };
 
-inline void* AllocateOrNull(std::size_t n) noexcept { return FailingNew::MustFail() ? nullptr : std::malloc(n ? n : 1); }
+inline void* AllocateOrNull(std::size_t n) noexcept {
+    return FailingNew::MustFail() ? nullptr : std::malloc(n ? n : 1);
+}
 
 inline void* AllocateOrNull(std::size_t n, std::align_val_t alignment) noexcept {
     const std::size_t a = static_cast<std::size_t>(alignment);

@@ -19,21 +19,36 @@
 #include <deque>
 #include <map>
 #include <random>
-#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
 namespace quna {
 
+// Words and numbers. No stream, which would keep to itself that there is no memory.
+template <class... Words>
+std::string LineOfText(const char* name, const Words&... words) {
+    std::string line = name;
+    const auto append = [&](const auto& word) {
+        line += ' ';
+        if constexpr (std::is_arithmetic_v<std::remove_cvref_t<decltype(word)>>)
+            line += std::to_string(word);
+        else
+            line += word;
+    };
+    (append(words), ...);
+    return line + '\n';
+}
+
 // What a step changes in a space.
 struct StepChange {
-    uint64 account;                           // 1..NUM_SIM_ACCOUNTS
-    int64 amount;                             // is added to its balance; what one space gains the other loses
-    ssize_t textSize;                         // of its new text
+    uint64 account;                            // 1..NUM_SIM_ACCOUNTS
+    int64 amount;                              // is added to its balance; what one space gains the other loses
+    ssize_t textSize;                          // of its new text
     std::vector<std::pair<uint64, bool>> keys; // in the tree of numbers: written, or erased if false
-    bool plants;                              // a tree of four branches
+    bool plants;                               // a tree of four branches
 
     StepChange(uint64 step, size_t space) {
         std::mt19937_64 common(step);
@@ -72,14 +87,12 @@ public:
     }
     // In the form of StepStore::TextOf.
     std::string Text() const {
-        std::ostringstream text;
-        text << "step " << m_step << "\n";
+        std::string text = LineOfText("step", m_step);
         for (const auto& [number, account] : m_accounts)
-            text << "account " << number << " " << account.first << " " << account.second << "\n";
-        for (const auto& [key, step] : m_numbers) text << "number " << key << " " << step << "\n";
-        for (const uint64 step : m_forest)
-            text << "tree " << step << " of 4 " << PatternText(step, TREE_TEXT_BYTES) << "\n";
-        return text.str();
+            text += LineOfText("account", number, account.first, account.second);
+        for (const auto& [key, step] : m_numbers) text += LineOfText("number", key, step);
+        for (const uint64 step : m_forest) text += LineOfText("tree", step, 4, PatternText(step, TREE_TEXT_BYTES));
+        return text;
     }
 
     static constexpr size_t MAX_FOREST = 3;
@@ -154,8 +167,10 @@ public:
         });
     }
     void RunStep(uint64 step) {
-        InTransaction([&](size_t i) { Change(*Home(i), step, StepChange(step, i)); });
+        InTransaction([&](size_t i) { ChangeSpace(i, step); });
     }
+    // A space's part of a step. In a transaction.
+    void ChangeSpace(size_t i, uint64 step) { Change(*Home(i), step, StepChange(step, i)); }
     // 0 without homes.
     uint64 ReadStep(size_t i) const {
         const ThreadPSpaceScope pair(m_spaces[i], m_spaces[i]->GetCSpace());
@@ -170,15 +185,14 @@ public:
         const SimHome& home = *Home(i);
         home.m_accounts.Tree().Validate();
         home.m_numbers.Tree().Validate();
-        std::ostringstream text;
-        text << "step " << home.m_changes << "\n";
+        std::string text = LineOfText("step", home.m_changes);
         for (const auto [number, reference] : home.m_accounts) {
             const SimAccount* const account = reference.GetNotNull();
-            text << "account " << number << " " << account->m_balance << " " << account->m_text.c_str() << "\n";
+            text += LineOfText("account", number, account->m_balance, std::string(account->m_text.c_str()));
         }
-        for (const auto [key, step] : home.m_numbers) text << "number " << key << " " << step << "\n";
-        for (const cref<SimBranch>& tree : home.m_forest) text << TextOfTree(tree.GetNotNull());
-        return text.str();
+        for (const auto [key, step] : home.m_numbers) text += LineOfText("number", key, step);
+        for (const cref<SimBranch>& tree : home.m_forest) text += TextOfTree(tree.GetNotNull());
+        return text;
     }
     void Collect() {
         for (PSpace* const space : m_spaces) {
@@ -236,8 +250,7 @@ private:
             for (const cref<SimBranch>& child : found[next]->m_children) found.push_back(child.GetNotNull());
         for (const SimBranch* branch : found)
             if (branch->m_number != tree->m_number) throw std::runtime_error("a tree has another one's branch");
-        return "tree " + std::to_string(tree->m_number) + " of " + std::to_string(found.size()) + " " +
-               found.back()->m_text.c_str() + "\n";
+        return LineOfText("tree", tree->m_number, found.size(), std::string(found.back()->m_text.c_str()));
     }
 };
 
@@ -273,10 +286,13 @@ inline std::string CheckStepStore(const std::string& path, uint64 first, uint64 
                 const std::string found = store.TextOf(i);
                 const std::string expected = model.Text();
                 if (found == expected) continue;
-                const auto at = std::mismatch(found.begin(), found.end(), expected.begin(), expected.end()).first;
-                return "torn: the content of space " + std::to_string(i) + " is not that after step " +
-                       std::to_string(step) + ": \"" +
-                       found.substr(static_cast<size_t>(std::max<ssize_t>(0, at - found.begin() - 20)), 60) + "\"";
+                const auto [f, e] = std::mismatch(found.begin(), found.end(), expected.begin(), expected.end());
+                const auto line = [](const std::string& text, std::string::const_iterator at) {
+                    const size_t begin = text.rfind('\n', static_cast<size_t>(at - text.begin())) + 1;
+                    return text.substr(begin, std::min<size_t>(text.find('\n', begin), begin + 60) - begin);
+                };
+                return "torn: space " + std::to_string(i) + " after step " + std::to_string(step) + ": \"" +
+                       line(found, f) + "\" instead of \"" + line(expected, e) + "\"";
             }
             return {};
         };
