@@ -110,15 +110,17 @@ AllocRing::Contents AllocRing::Read() {
     return contents;
 }
 
-uint64 AllocRing::NewestCheckpointIn(File& file, const StoreId& storeId) {
-    uint64 newest = 0;
+AllocRing::Marks AllocRing::MarksIn(File& file, const StoreId& storeId) {
+    Marks marks;
     for (int i = 0; i < NUM_BLOCKS; ++i) {
         octet_t bytes[AllocRingBlock::BYTES] = {};
         file.ReadUpTo(FILE_OFFSET + i * AllocRingBlock::BYTES, bytes, AllocRingBlock::BYTES);
         AllocRingBlock block;
-        if (block.Decode(bytes) && block.storeId == storeId) newest = std::max(newest, block.checkpointSequence);
+        if (!block.Decode(bytes) || block.storeId != storeId) continue;
+        marks.newestCheckpoint = std::max(marks.newestCheckpoint, block.checkpointSequence);
+        marks.sequenceBase = std::max(marks.sequenceBase, block.sequenceBase);
     }
-    return newest;
+    return marks;
 }
 
 bool AllocRing::VouchesForCleanClose(uint64 checkpointSequence) const {

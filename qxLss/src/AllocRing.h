@@ -93,8 +93,12 @@ public:
 
     // --- opening, by one thread
 
-    // The newest checkpoint that a valid block of the store `storeId` in `file` names; 0: none does.
-    static uint64 NewestCheckpointIn(File& file, const StoreId& storeId);
+    // The largest that valid blocks of a store say; 0: there is none.
+    struct Marks {
+        uint64 newestCheckpoint = 0; // durable
+        uint64 sequenceBase = 0;     // where the segments of its last owner begin
+    };
+    static Marks MarksIn(File& file, const StoreId& storeId);
     // Reads all blocks. Blocks of another store, or that do not verify, count as empty.
     Contents Read();
     // Is the clean mark of the checkpoint `checkpointSequence` in force, as far as the ring is concerned: the newest

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace quna {
 
@@ -50,12 +51,23 @@ std::vector<Entry> EntriesOf(const std::vector<octet_t>& table) {
     return entries;
 }
 
+// A header whose writing was cut short may become valid afterwards: the next owner writes over it, is cut short too, and
+// just the sector that was wrong gets its zeros. By then that owner has used slots which the old header names. It did not
+// know of the header, since the ring names an older one, and its sequences begin far beyond those that the header knows.
+bool IsLeftBehind(File& file, const CheckpointHeader& header) {
+    const AllocRing::Marks marks = AllocRing::MarksIn(file, header.storeId);
+    return header.checkpointSequence > marks.newestCheckpoint && header.nextSegmentSequence < marks.sequenceBase;
+}
+
 // The newer of two header places; VALID if there is a valid one.
 EHeaderState ChooseHeader(File& file, CheckpointHeader& newest) {
     CheckpointHeader a{};
     CheckpointHeader b{};
-    const EHeaderState stateA = ReadHeader(file, 0, a);
-    const EHeaderState stateB = ReadHeader(file, 4096, b);
+    EHeaderState stateA = ReadHeader(file, 0, a);
+    EHeaderState stateB = ReadHeader(file, 4096, b);
+    for (auto [state, header] : {std::pair(&stateA, &a), std::pair(&stateB, &b)}) {
+        if (*state == EHeaderState::VALID && IsLeftBehind(file, *header)) *state = EHeaderState::BROKEN;
+    }
     const bool isNewer = (b.checkpointSequence > a.checkpointSequence) != IsMutant(EMutant::OLDER_HEADER_TAKEN);
     const bool useB = stateB == EHeaderState::VALID && (stateA != EHeaderState::VALID || isNewer);
     newest = useB ? b : a;
@@ -126,7 +138,7 @@ CheckpointHeader ReadNewestHeader(const StoreCore& core, File& file) {
 bool IsCutShortCreation(File& file) {
     CheckpointHeader header{};
     return ChooseHeader(file, header) == EHeaderState::VALID && (header.flags & HEADER_FLAG_CREATING) &&
-           AllocRing::NewestCheckpointIn(file, header.storeId) <= header.checkpointSequence;
+           AllocRing::MarksIn(file, header.storeId).newestCheckpoint <= header.checkpointSequence;
 }
 
 Recovery::Recovery(StoreCore& core, SpaceManager& space, Index& index, AllocRing& ring)
