@@ -171,6 +171,8 @@ TEST(Checkpoint, SparseSegmentsOfTheIndexAreEmptiedAFewAtATime) {
                 txn->DeleteSerialElement(Seid(leaf * 256, 1));
         }
         txn.Close();
+        AutoCloser<ILssTransaction> next(lss->OpenTransaction()); // makes room for the pages of so many leaves
+        next.Close();
         lss->CheckpointForTest();
     };
     change([](uint32) { return true; }, true);

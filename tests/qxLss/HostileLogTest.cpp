@@ -308,5 +308,40 @@ TEST_F(HostileLog, ASegmentThatIsUsedAgainAlthoughItsPacketsAreLiveIsRefused) {
     ExpectRefused("a segment was used again although packets in it are live");
 }
 
+TEST_F(HostileLog, ARelocationOfARangeBehindTheEndOfTheFileEndsIt) {
+    Take(CLEANED_KILLED);
+    const ssize_t slot = (std::ssize(m_file) - FRONT_AREA_BYTES + SEGMENT_BYTES - 1) / SEGMENT_BYTES;
+    const int64 begin = FRONT_AREA_BYTES + slot * SEGMENT_BYTES;
+    m_file.resize(static_cast<size_t>(begin) + SEGMENT_HEADER_BYTES + 8);
+    auto& header = *At<SegmentHeader>(begin);
+    header = ReadPod<SegmentHeader>(m_file.data() + FRONT_AREA_BYTES + Range(Reloc()).slot * SEGMENT_BYTES);
+    header.sequence = 0x7777;
+    header.slot = static_cast<uint32>(slot);
+    Range(Reloc()) = {static_cast<uint32>(slot), SEGMENT_HEADER_BYTES, SEGMENT_HEADER_BYTES + 64, 0, 0x7777};
+    try {
+        Open();
+    } catch (const CorruptLSSException&) {
+        EXPECT_EQ(0, m_sys.NumChanges());
+    }
+}
+
+TEST_F(HostileLog, APartWhoseLengthIsNotWhatItsElementSaysIsRefusedWhenItIsRead) {
+    Take(CLEANED_CLOSED);
+    ForEachPacket([&](int64, int64 at, PacketHeader header) {
+        if (PacketType(header.info) != EPacketType::HEAD || !PacketFlags(header.info)) return;
+        auto* const part = At<Location>(at + PACKET_HEADER_BYTES + static_cast<int64>(sizeof(LongPrefix)));
+        *part = MakeLocation(LocationOffset(*part), LocationBytes(*part) - 8);
+    });
+    LssStore& store = Open(true);
+    int numRefused = 0;
+    store.VisitElements([&](Seid seid, Location l) {
+        if (!IsLong(l)) return;
+        const AutoCloser<IContiguousSerialElement> element(store.OpenSerialElement(seid));
+        EXPECT_THROW(element->GetBuffer(), CorruptLSSException);
+        ++numRefused;
+    });
+    EXPECT_GT(numRefused, 0);
+}
+
 } // namespace
 } // namespace quna
