@@ -8,16 +8,22 @@
 
 namespace quna {
 
+// Registers a new object that nobody else knows with the calling thread's current CSpace. One that cannot be registered, for
+// want of memory, ends.
+inline void RegisterOrDestroy(ptr<IObject> object) {
+    try {
+        RegisterGcObject(object);
+    } catch (...) {
+        object->Destroy();
+        throw;
+    }
+}
+
 // A new T, registered with the calling thread's current CSpace, whose lock the thread holds.
 template <class T, class... Args>
 T* DollarNew(Args&&... args) {
     T* object = new T(std::forward<Args>(args)...);
-    try {
-        RegisterGcObject(ptr<IObject>(object));
-    } catch (...) {
-        delete object;
-        throw;
-    }
+    RegisterOrDestroy(ptr<IObject>(object));
     return object;
 }
 

@@ -10,26 +10,37 @@
 
 namespace quna {
 
+// The name of a lock, kept in the builds that record locks only.
+class LockName {
+public:
+#ifdef QX_RECORD_LOCKS
+    constexpr explicit LockName(ConstStringZ name) noexcept : m_name(name) {}
+    constexpr ConstStringZ Get() const { return m_name; }
+
+private:
+    ConstStringZ m_name;
+#else
+    constexpr explicit LockName(ConstStringZ /*name*/) noexcept {}
+    static constexpr ConstStringZ Get() { return nullptr; }
+#endif
+};
+
 // Meets the standard's Lockable. In ordinary builds it is a std::mutex and nothing else.
 class Mutex {
 public:
     // `name`, a literal, says class and field. Locks of one name have one place in the order of locks.
-#ifdef QX_RECORD_LOCKS
     constexpr explicit Mutex(ConstStringZ name) noexcept : m_name(name) {}
-#else
-    constexpr explicit Mutex(ConstStringZ /*name*/) noexcept {}
-#endif
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
     void lock() {
-        LockRecorder::Wants(this, Name());
+        LockRecorder::Wants(this, m_name.Get());
         m_mutex.lock();
-        LockRecorder::Holds(this, Name());
+        LockRecorder::Holds(this, m_name.Get());
     }
     bool try_lock() {
         if (!m_mutex.try_lock()) return false;
-        LockRecorder::Holds(this, Name());
+        LockRecorder::Holds(this, m_name.Get());
         return true;
     }
     void unlock() {
@@ -40,12 +51,7 @@ public:
 private:
     friend class ConditionVariable;
 
-#ifdef QX_RECORD_LOCKS
-    ConstStringZ Name() const { return m_name; }
-    const ConstStringZ m_name;
-#else
-    static constexpr ConstStringZ Name() { return nullptr; }
-#endif
+    [[no_unique_address]] const LockName m_name;
     std::mutex m_mutex;
 };
 
@@ -96,7 +102,7 @@ private:
         Inner& operator=(const Inner&) = delete;
         ~Inner() {
             lock.release();
-            LockRecorder::Holds(&mutex, mutex.Name());
+            LockRecorder::Holds(&mutex, mutex.m_name.Get());
         }
         Mutex& mutex;
         std::unique_lock<std::mutex> lock;
@@ -108,27 +114,23 @@ private:
 // Meets the standard's SharedLockable.
 class SharedMutex {
 public:
-#ifdef QX_RECORD_LOCKS
     explicit SharedMutex(ConstStringZ name) : m_name(name) {}
-#else
-    explicit SharedMutex(ConstStringZ /*name*/) {}
-#endif
     SharedMutex(const SharedMutex&) = delete;
     SharedMutex& operator=(const SharedMutex&) = delete;
 
     void lock() {
-        LockRecorder::Wants(this, Name());
+        LockRecorder::Wants(this, m_name.Get());
         m_mutex.lock();
-        LockRecorder::Holds(this, Name());
+        LockRecorder::Holds(this, m_name.Get());
     }
     void unlock() {
         LockRecorder::Releases(this);
         m_mutex.unlock();
     }
     void lock_shared() {
-        LockRecorder::Wants(this, Name());
+        LockRecorder::Wants(this, m_name.Get());
         m_mutex.lock_shared();
-        LockRecorder::Holds(this, Name());
+        LockRecorder::Holds(this, m_name.Get());
     }
     void unlock_shared() {
         LockRecorder::Releases(this);
@@ -136,12 +138,7 @@ public:
     }
 
 private:
-#ifdef QX_RECORD_LOCKS
-    ConstStringZ Name() const { return m_name; }
-    const ConstStringZ m_name;
-#else
-    static constexpr ConstStringZ Name() { return nullptr; }
-#endif
+    [[no_unique_address]] const LockName m_name;
     std::shared_mutex m_mutex;
 };
 

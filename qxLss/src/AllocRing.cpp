@@ -87,8 +87,9 @@ AllocRing::Contents AllocRing::Read() {
     const std::lock_guard lock(m_mutex);
     Contents contents;
     for (int i = 0; i < NUM_BLOCKS; ++i) {
-        octet_t bytes[AllocRingBlock::BYTES] = {};
-        m_file.ReadUpTo(FILE_OFFSET + i * AllocRingBlock::BYTES, bytes, AllocRingBlock::BYTES);
+        octet_t bytes[AllocRingBlock::BYTES];
+        const ssize_t got = m_file.ReadUpTo(FILE_OFFSET + i * AllocRingBlock::BYTES, bytes, AllocRingBlock::BYTES);
+        std::fill(bytes + got, bytes + AllocRingBlock::BYTES, octet_t{0});
         AllocRingBlock block;
         if (!block.Decode(bytes) || block.storeId != m_storeId || block.ringSequence == 0 ||
             block.ringSequence > MAX_SEQUENCE) {

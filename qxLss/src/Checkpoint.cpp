@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
+#include <iterator>
 
 namespace quna {
 
@@ -24,6 +25,7 @@ constexpr ssize_t MAX_TOUCHED_SEGMENTS = 8;       // for each checkpoint
 
 // What step (1) has seen.
 struct Checkpoint::State {
+    ssize_t emptyFrom = NO_SLOT; // index segments from here on are to become free
     LogPosition position{};
     uint64 clock = 0;
     uint64 volume = 0;
@@ -75,6 +77,12 @@ void Checkpoint::Run(EReason reason) {
     RunLocked(reason);
 }
 
+ssize_t Checkpoint::RunAndEmpty(ssize_t first) {
+    std::lock_guard lock(m_mutex);
+    RunLocked(EReason::RUNNING, first);
+    return std::distance(m_indexSegments.lower_bound(first), m_indexSegments.end());
+}
+
 // Nothing that the header names is freed before the next checkpoint or batch of the cleaner, which wait for the lock.
 CheckpointImage Checkpoint::RunForCopy() {
     std::lock_guard lock(m_mutex);
@@ -95,9 +103,10 @@ CheckpointImage Checkpoint::ImageOfNewest() const {
     return image;
 }
 
-void Checkpoint::RunLocked(EReason reason) {
+void Checkpoint::RunLocked(EReason reason, ssize_t emptyFrom) {
     m_core.ThrowIfUnwritable();
     State state;
+    state.emptyFrom = emptyFrom;
     TakePosition(state, reason);
     m_core.Step();
     m_index.WriteSnapshot(*this);
@@ -129,7 +138,7 @@ void Checkpoint::TakePosition(State& state, EReason reason) {
     TurnScope turn(m_log.Turn());
     if (m_core.m_settings.validateSUTDuringCheckPoint) CheckUsage(m_core, m_index, m_space.NumSlots());
     m_log.HandOver();
-    TouchSparseSegments();
+    TouchSparseSegments(state.emptyFrom);
     state.position = m_log.Position();
     state.clock = m_log.Clock();
     state.volume = LogVolume();
@@ -145,7 +154,7 @@ void Checkpoint::TakePosition(State& state, EReason reason) {
         const bool isLog = s.sequence && (s.kind == ESegmentKind::USER || s.kind == ESegmentKind::SURVIVORS);
         const bool isSealed =
             isLog && slot != state.position.slot && (!s.isOpen || IsMutant(EMutant::OPEN_TAKEN_FOR_SEALED));
-        if (isSealed && s.livePackets == 0 && !m_core.m_archive.Needs(s)) {
+        if (isSealed && s.livePackets == 0 && (!m_core.m_archive.Needs(s) || IsMutant(EMutant::ARCHIVE_NOT_AWAITED))) {
             state.emptied.push_back(slot);
             continue;
         }
@@ -157,11 +166,16 @@ void Checkpoint::TakePosition(State& state, EReason reason) {
 }
 
 // Pages that never change again would keep their segment for ever, however empty it becomes. The fullest are left alone:
-// below a quarter a move frees more than three times what it writes.
-void Checkpoint::TouchSparseSegments() {
+// below a quarter a move frees more than three times what it writes. Segments that are to become free come first.
+void Checkpoint::TouchSparseSegments(ssize_t emptyFrom) {
     ssize_t liveBytes = 0;
     for (const ssize_t slot : m_indexSegments) liveBytes += (*m_core.m_segments)[slot].liveBytes;
     ssize_t touched = 0;
+    for (auto i = m_indexSegments.lower_bound(emptyFrom); i != m_indexSegments.end(); ++i) {
+        if ((*m_core.m_segments)[*i].livePackets == 0) continue;
+        TouchPagesOf(*i);
+        if (++touched == MAX_TOUCHED_SEGMENTS) return;
+    }
     if (static_cast<ssize_t>(m_indexSegments.size()) * m_core.m_segmentSize <= 4 * liveBytes + 4 * m_core.m_segmentSize)
         return;
     for (const ssize_t slot : m_indexSegments) {
@@ -367,7 +381,10 @@ void Checkpoint::WriteHeader(State& state, EReason reason) {
         locations.insert(locations.end(), state.sutPackets.begin(), state.sutPackets.end());
     }
     if (static_cast<ssize_t>(locations.size()) > CheckpointHeader::MAX_LOCATIONS)
-        ThrowCorrupt(m_core, "the tables of a checkpoint do not fit its header");
+        ThrowCorrupt(m_core,
+                     "the tables of a checkpoint do not fit its header: found " + std::to_string(locations.size()) +
+                         " packets, expected at most " + std::to_string(CheckpointHeader::MAX_LOCATIONS),
+                     HeaderOffset(h.checkpointSequence));
     for (size_t i = 0; i < locations.size(); ++i)
         std::memcpy(reinterpret_cast<octet_t*>(&h) + offsetof(CheckpointHeader, locations) + i * sizeof(Location),
                     &locations[i], sizeof(Location));

@@ -13,6 +13,7 @@
 #include "qxUtils/Export.h"
 #include "qxUtils/Mutex.h"
 
+#include <limits>
 #include <mutex>
 #include <set>
 #include <vector>
@@ -52,6 +53,9 @@ public:
 
     // Throws FileException or CorruptLSSException; then the store must not write any more (the caller sees to that).
     void Run(EReason reason);
+    // Writes also the pages of some index segments in slots from `first` on again, so that these become free. How many such
+    // segments there are afterwards.
+    ssize_t RunAndEmpty(ssize_t first);
     // Takes a checkpoint for a copy. On return the slots of its image are held (SpaceManager::Hold). Throws as Run.
     CheckpointImage RunForCopy();
     // While the lock is held no checkpoint runs. For the cleaner's batches: a checkpoint would take a victim that is freed
@@ -81,10 +85,12 @@ private:
     Location WritePage(uint64 key, const void* payload, ssize_t n) override;
     void PageDied(Location l) override;
 
-    void RunLocked(EReason reason);
+    static constexpr ssize_t NO_SLOT = std::numeric_limits<ssize_t>::max();
+
+    void RunLocked(EReason reason, ssize_t emptyFrom = NO_SLOT);
     CheckpointImage ImageOfNewest() const;
     void TakePosition(State& state, EReason reason);
-    void TouchSparseSegments();
+    void TouchSparseSegments(ssize_t emptyFrom);
     void TouchPagesOf(ssize_t slot);
     void TouchPage(uint64 key, int level, Location l);
     void ReserveForTables(ssize_t numHighs);

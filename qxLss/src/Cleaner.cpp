@@ -14,6 +14,7 @@ namespace {
 constexpr ssize_t SLOTS_A_LOOK = 4096;  // of the usage table read in one hold of the turn, about 20 us
 constexpr ssize_t REST_SEGMENTS = 4;    // of log after which a fruitless look is worth another
 constexpr ssize_t MANY_FREE_SLOTS = 64; // beyond these and 5 % of the file its end is cleaned first, to be cut
+constexpr ssize_t SLOTS_BESIDE_A_BATCH = NUM_AGE_CLASSES + 1; // an open segment for each class, and one for the RELOC
 constexpr auto LONGEST_WAIT = std::chrono::milliseconds(100);
 
 } // namespace
@@ -39,7 +40,8 @@ Cleaner::Survey Cleaner::LookAround() {
             if (!s.sequence || (s.kind != ESegmentKind::USER && s.kind != ESegmentKind::SURVIVORS)) continue;
             ++survey.numUsed;
             const bool isOpen = s.isOpen && !IsMutant(EMutant::OPEN_TAKEN_FOR_SEALED);
-            if (isOpen || s.isDamaged || s.usedBytes == 0 || m_core.m_archive.Needs(s)) continue;
+            if (isOpen || s.isDamaged || s.usedBytes == 0) continue;
+            if (m_core.m_archive.Needs(s) && !IsMutant(EMutant::ARCHIVE_NOT_AWAITED)) continue;
             if (!s.mayBeVictim && !IsMutant(EMutant::VICTIMS_OF_THE_WINDOW)) {
                 survey.deadInWindow += int64{s.usedBytes} - s.liveBytes;
                 continue;
@@ -55,10 +57,10 @@ Cleaner::Survey Cleaner::LookAround() {
 
 // How many live bytes a batch may move: what the free slots hold, after an attempt to have enough of them. A tenth may be
 // lost at the segments' ends.
-ssize_t Cleaner::RoomFor(ssize_t segments) {
-    const ssize_t ready = m_space.PrepareReady(segments + NUM_AGE_CLASSES + 1);
-    const ssize_t spare = ready - NUM_AGE_CLASSES - 1; // an open segment for each class, and one for the RELOC
-    return std::max<ssize_t>(0, spare) * (m_core.m_segmentSize / 10 * 9);
+ssize_t Cleaner::RoomFor(ssize_t segments) { return RoomIn(m_space.PrepareReady(segments + SLOTS_BESIDE_A_BATCH)); }
+
+ssize_t Cleaner::RoomIn(ssize_t ready) const {
+    return std::max<ssize_t>(0, ready - SLOTS_BESIDE_A_BATCH) * (m_core.m_segmentSize / 10 * 9);
 }
 
 Cleaner::EOutcome Cleaner::CleanOnce(bool urgent) {
@@ -100,6 +102,30 @@ ssize_t Cleaner::CleanForTest(ssize_t maxVictims) {
     limits.maxLiveBytes = RoomFor(limits.maxVictims);
     limits.alsoFull = true;
     return RunBatch(ChooseVictims(LookAround().candidates, limits));
+}
+
+ssize_t Cleaner::EmptyFrom(ssize_t first) {
+    if (m_stop.load(std::memory_order_relaxed)) return 0;
+    std::unique_lock maintenance = m_checkpoint.Exclude();
+    m_core.ThrowIfUnwritable();
+    Survey survey = LookAround();
+    std::erase_if(survey.candidates, [first](const VictimCandidate& c) { return c.slot < first; });
+    VictimLimits limits{};
+    limits.segmentSize = m_core.m_segmentSize;
+    limits.maxVictims = BatchSize(survey.numUsed, m_core.m_segmentSize);
+    limits.maxLiveBytes = RoomIn(m_space.PrepareReadyBelow(first, limits.maxVictims + SLOTS_BESIDE_A_BATCH));
+    limits.alsoFull = true;
+    return RunBatch(ChooseVictims(std::move(survey.candidates), limits));
+}
+
+ssize_t Cleaner::SlotsForBatch() const {
+    return BatchSize(m_space.NumSlots() - m_space.NumFree(), m_core.m_segmentSize) + SLOTS_BESIDE_A_BATCH;
+}
+
+void Cleaner::SealSurvivorsFrom(ssize_t first) {
+    std::unique_lock maintenance = m_checkpoint.Exclude();
+    m_core.ThrowIfUnwritable();
+    m_streams.SealFrom(first);
 }
 
 // How many segments it freed.

@@ -45,6 +45,13 @@ public:
     EOutcome CleanOnce(bool urgent);
     // A batch also if there is little to win. How many segments it freed.
     ssize_t CleanForTest(ssize_t maxVictims);
+    // One batch of segments in slots from `first` on, however full they are, into lower ones. How many became free. Throws as
+    // CleanOnce. Requires: SlotsForBatch ready slots below `first`.
+    ssize_t EmptyFrom(ssize_t first);
+    // Slots that a batch and a checkpoint beside it may take.
+    ssize_t SlotsForBatch() const;
+    // Nothing more is appended to open survivor segments in slots from `first` on.
+    void SealSurvivorsFrom(ssize_t first);
     // After two looks without a batch between them: not again before the log has grown.
     void Rest();
     // Segments may have become victims without any growth of the log.
@@ -68,6 +75,7 @@ public:
         m_stop.store(true, std::memory_order_relaxed);
         NoteRoundEnded();
     }
+    bool IsStopping() const { return m_stop.load(std::memory_order_relaxed); }
     void AllowAgainForTest() { m_stop.store(false, std::memory_order_relaxed); }
 
 private:
@@ -88,6 +96,7 @@ private:
 
     Survey LookAround();
     ssize_t RoomFor(ssize_t segments);
+    ssize_t RoomIn(ssize_t ready) const;
     ssize_t RunBatch(const std::vector<VictimCandidate>& victims);
 
     StoreCore& m_core;

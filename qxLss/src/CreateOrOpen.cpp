@@ -99,16 +99,6 @@ StorePtr Create(const OpenRequest& request, bool replace) {
     return nullptr;
 }
 
-StorePtr OpenFile(std::unique_ptr<StoreCore> core, const std::string& deltasDirectory) {
-    // The disk decides, not what a failed sync may have left in the cache. The rest follows if the close was not clean.
-    core->m_file.DropCache(0, FRONT_AREA_BYTES);
-    const CheckpointHeader header = ReadNewestHeader(*core, core->m_file);
-    core->Attach(header.storeId, static_cast<ssize_t>(header.segmentSize));
-    StorePtr store(new LssStore(std::move(core), deltasDirectory));
-    store->Recover(header);
-    return store;
-}
-
 // One look at the file. Null: it has changed under us, look again.
 StorePtr TryOnce(const OpenRequest& request, bool& createdNew) {
     const EOpenMode mode = request.mode;
@@ -131,7 +121,8 @@ StorePtr TryOnce(const OpenRequest& request, bool& createdNew) {
     if (mode == OM_CREATE_NEW && !isCutShort) Refuse("create", request.path, "the file exists already");
     createdNew = isCutShort || Replaces(mode);
     // The old file's lock is held until the new one has its name.
-    return createdNew ? Create(request, true) : OpenFile(std::move(core), request.deltasDirectory);
+    return createdNew ? Create(request, true)
+                      : StorePtr(LssStore::OpenLocked(std::move(core), request.deltasDirectory));
 }
 
 ILogStructuredStore* Open(const OpenRequest& request, bool& createdNew, EBackground background) {

@@ -1,6 +1,7 @@
 #include "qxLss/src/DeltaFile.h"
 
 #include "qxLss/CorruptLSSException.h"
+#include "qxLss/src/Mutants.h"
 #include "qxUtils/Exceptions.h"
 
 #include <algorithm>
@@ -89,7 +90,7 @@ void DeltaWriter::Finish(uint64 lastTransaction, uint64 lastTime, uint32 nextHig
         std::memcpy(bytes.data() + sizeof closing, horizons.data(), horizons.size() * sizeof(AllocHorizon));
     if (isCut) m_file.Truncate(m_end.offset);
     Append(DELTA_CLOSING_SLOT, 0, 0, bytes.data(), std::ssize(bytes));
-    m_file.SyncData();
+    if (!IsMutant(EMutant::DELTA_NOT_SYNCED)) m_file.SyncData();
     m_file.Close();
     if (!RenameFile(m_sys, m_partPath, m_path, replace))
         throw FileException(

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 
-#include <sys/mman.h>
 #include <unistd.h>
 
 namespace quna {
@@ -34,21 +33,19 @@ FileMap::FileMap(File& file, int64 maxBytes) : m_file(file), m_maxBytes(maxBytes
     }
     if (result < 0) ThrowFileError("map", m_file.Path(), -result);
 
-    // Anonymous pages are zero, and a word that nobody touches costs no memory: 64 MiB of addresses for 8 TiB.
-    m_bitmapBytes = static_cast<size_t>(m_maxBytes / CHUNK_BYTES / 64 + 1) * sizeof(uint64);
-    void* bits =
-        ::mmap(nullptr, m_bitmapBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (bits == MAP_FAILED) {
+    // A word that nobody touches costs no memory: 64 MiB of addresses for 8 TiB.
+    m_bitmap.emplace(static_cast<size_t>(m_maxBytes / CHUNK_BYTES / 64 + 1) * sizeof(uint64));
+    if (!*m_bitmap) {
         const int error = errno;
         m_file.Sys().Unmap(m_base, static_cast<size_t>(m_maxBytes));
         ThrowFileError("map the chunk table of", m_file.Path(), error);
     }
     static_assert(sizeof(std::atomic<uint64>) == sizeof(uint64) && std::atomic<uint64>::is_always_lock_free);
-    m_bits = static_cast<std::atomic<uint64>*>(bits);
+    m_bits = m_bitmap->As<std::atomic<uint64>>();
 }
 
 FileMap::~FileMap() {
-    ::munmap(static_cast<void*>(m_bits), m_bitmapBytes);
+    m_bitmap->SetUsed(static_cast<size_t>((m_chunksSeen.load(std::memory_order_relaxed) + 63) / 64) * sizeof(uint64));
     m_file.Sys().Unmap(m_base, static_cast<size_t>(m_maxBytes));
 }
 
@@ -58,6 +55,9 @@ void FileMap::MarkLoaded(int64 offset, int64 size) {
 
 // Chunks [first, end)
 void FileMap::SetBits(int64 first, int64 end) {
+    int64 seen = m_chunksSeen.load(std::memory_order_relaxed);
+    while (first < end && seen < end && !m_chunksSeen.compare_exchange_weak(seen, end, std::memory_order_relaxed)) {
+    }
     while (first < end) {
         const int64 wordEnd = std::min(end, (first | 63) + 1);
         const int64 count = wordEnd - first;

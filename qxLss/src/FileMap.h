@@ -2,10 +2,12 @@
 #pragma once
 
 #include "qxLss/src/FileIo.h"
+#include "qxLss/src/ZeroPages.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
 
 #include <atomic>
+#include <optional>
 
 namespace quna {
 
@@ -78,8 +80,9 @@ private:
     File& m_file;
     int64 m_maxBytes;                      // constant after construction
     const octet_t* m_base = nullptr;       // constant after construction
-    std::atomic<uint64>* m_bits = nullptr; // one bit a chunk; the pages of the bitmap appear at their first use
-    size_t m_bitmapBytes = 0;
+    std::optional<ZeroPages> m_bitmap;     // constant after construction
+    std::atomic<uint64>* m_bits = nullptr; // in m_bitmap: one bit a chunk
+    std::atomic<int64> m_chunksSeen{0};    // behind, no bit was ever set
 };
 
 } // namespace quna

@@ -82,7 +82,10 @@ void HotBackup::Verify(ssize_t slot, const SutEntry& entry, ssize_t end) const {
             pos + PACKET_HEADER_BYTES <= end && pos + PacketBytes(ReadPod<PacketHeader>(packet).info) <= end;
         if (!fits || PacketCrc(seed, static_cast<uint32>(pos), packet,
                                PayloadBytes(ReadPod<PacketHeader>(packet).info)) != ReadPod<PacketHeader>(packet).crc)
-            ThrowCorrupt(m_core, "a packet does not verify", m_core.m_segments->OffsetOf(slot) + pos);
+            ThrowCorrupt(m_core,
+                         "found bytes that are no valid packet, expected packet " + std::to_string(counted + 1) +
+                             " of " + std::to_string(entry.packets) + " of its segment",
+                         m_core.m_segments->OffsetOf(slot) + pos);
         const PacketHeader header = ReadPod<PacketHeader>(packet);
         if (IsCounted(PacketType(header.info))) ++counted;
         pos += PacketBytes(header.info);

@@ -1,10 +1,10 @@
 #include "qxLss/src/Index.h"
 
+#include "qxLss/src/ZeroPages.h"
+
 #include <algorithm>
 #include <bit>
 #include <new>
-
-#include <sys/mman.h>
 
 namespace quna {
 
@@ -12,17 +12,16 @@ namespace {
 
 constexpr size_t DIRECTORY_SLOTS = 65536;
 
-// Zero pages that cost nothing before they are touched. Not from the heap, which may clear memory that was in use before.
+// Its user sets every slot to null again before it ends.
 template <class T>
 struct LazyArray {
-    LazyArray()
-        : p(static_cast<T*>(::mmap(nullptr, DIRECTORY_SLOTS * sizeof(T), PROT_READ | PROT_WRITE,
-                                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0))) {
-        if (p == MAP_FAILED) throw std::bad_alloc();
+    LazyArray() : pages(DIRECTORY_SLOTS * sizeof(T)), p(pages.As<T>()) {
+        if (!p) throw std::bad_alloc();
     }
-    ~LazyArray() { ::munmap(p, DIRECTORY_SLOTS * sizeof(T)); }
+    ~LazyArray() { pages.SetUsed(0); }
     LazyArray(const LazyArray&) = delete;
     LazyArray& operator=(const LazyArray&) = delete;
+    ZeroPages pages;
     T* const p;
 };
 
@@ -55,7 +54,14 @@ Index::Index(StoreCore& core)
     : m_core(core), m_number(g_numIndexes.fetch_add(1, std::memory_order_relaxed) + 1),
       m_directory(std::make_unique<Directory>()) {}
 
-Index::~Index() = default;
+Index::~Index() {
+    for (const auto& h : m_highs) {
+        std::atomic<Directory::Chunk*>& top = m_directory->top.p[h->high >> 16];
+        if (Directory::Chunk* const chunk = top.load(std::memory_order_relaxed))
+            chunk->p[h->high & 0xFFFF].store(nullptr, std::memory_order_relaxed);
+    }
+    for (const auto& h : m_highs) m_directory->top.p[h->high >> 16].store(nullptr, std::memory_order_relaxed);
+}
 
 HighIndex* Index::FindHigh(uint32 high) const {
     const Directory::Chunk* chunk = m_directory->top.p[high >> 16].load(std::memory_order_acquire);
@@ -139,7 +145,7 @@ IndexNode* Index::LoadPage(uint32 high, int level, uint32 page, Location l) cons
         const Location child = ReadPod<Location>(p);
         p += sizeof child;
         if (!m_core.m_segments->IsInside(child))
-            ThrowCorrupt(m_core, "an index page holds a location outside the segments", LocationOffset(l));
+            ThrowOutside(m_core, "an index page holds a location", child, LocationOffset(l));
         node->slots[i].store(child, std::memory_order_relaxed);
     }
     return node;

@@ -182,8 +182,9 @@ void Index::VisitAll(ElementVisitor&& element, PageVisitor&& page, DamageHandler
             stack.pop_back();
             if (node->own) page(node->own);
             if (!node->IsLeaf()) {
+                IndexInner& inner = static_cast<IndexInner&>(*node);
                 for (size_t i = static_cast<size_t>(LEAF_SLOTS); i-- > 0;) // the first is taken from the stack first
-                    load([&] { return Child(static_cast<IndexInner&>(*node), i); });
+                    if (inner.HasChild(i)) load([&] { return Child(inner, i); });
                 continue;
             }
             for (size_t i = 0; i < static_cast<size_t>(LEAF_SLOTS); ++i) {

@@ -45,6 +45,11 @@ struct IndexLeaf : IndexNode {
 struct IndexInner : IndexNode {
     using IndexNode::IndexNode;
 
+    // In memory or not.
+    bool HasChild(size_t i) const {
+        return children[i].load(std::memory_order_relaxed) || slots[i].load(std::memory_order_relaxed);
+    }
+
     uint64 visit = 0; // number of the last snapshot that gathered it; checkpoint only
     std::array<std::atomic<IndexNode*>, LEAF_SLOTS> children{}; // null: not in memory, or no such page
 };

@@ -58,7 +58,10 @@ bool LogArchive::Attach(ssize_t numSlots, const LogPosition& end, uint64 lastTra
     // Behind the end there is nothing that could be missed.
     const std::optional<SegmentHeader> open = ReadUserHeader(m_core, end.slot, end.sequence);
     if (!open)
-        ThrowCorrupt(m_core, "the header of the open segment is not valid", m_core.m_segments->OffsetOf(end.slot));
+        ThrowCorrupt(m_core,
+                     "found no valid header of a segment, expected that of the open one, sequence " +
+                         std::to_string(end.sequence),
+                     m_core.m_segments->OffsetOf(end.slot));
     ChainPosition position;
     position.segments.push_back({end.slot, end.sequence, open->clockAtOpening, -1});
     position.offset = end.offset;
@@ -190,7 +193,9 @@ private:
         if (!m_count.IsEmpty()) Copy(segment, from, m_openFrom, stopped); // a later segment may end the transaction
         m_at.offset = stopped;
         if (stopped != end && m_linkedTo == 0 && !IsFull())
-            ThrowCorrupt(m_core, "the log can't be archived: a packet is not valid",
+            ThrowCorrupt(m_core,
+                         "the log can't be archived: found bytes that are no valid packet, expected packets for " +
+                             std::to_string(end - stopped) + " bytes more",
                          m_core.m_segments->OffsetOf(segment.slot) + stopped);
         if (!m_count.IsEmpty()) return;
         m_safe = m_at;
@@ -218,8 +223,8 @@ private:
         if (PayloadBytes(header.info) != sizeof(CommitPayload) || header.key != m_last + 1 ||
             !m_count.Agrees(ReadPod<CommitPayload>(payload)))
             ThrowCorrupt(m_core,
-                         "the log can't be archived: transaction " + std::to_string(header.key) + " follows on " +
-                             std::to_string(m_last) + ", or is not whole",
+                         "the log can't be archived: found the end of transaction " + std::to_string(header.key) +
+                             ", expected that of " + std::to_string(m_last + 1) + " with all its packets before it",
                          m_core.m_segments->OffsetOf(segment.slot) + pos);
         m_count.Reset();
         m_last = header.key;
@@ -256,7 +261,9 @@ private:
                                                             ? ReadUserHeader(m_core, m_linkSlot, m_linkedTo)
                                                             : std::nullopt;
             if (!header || header->clockAtOpening != clock)
-                ThrowCorrupt(m_core, "the log can't be archived: the segment that follows is not valid",
+                ThrowCorrupt(m_core,
+                             "the log can't be archived: found no valid segment behind this one, expected sequence " +
+                                 std::to_string(m_linkedTo) + " at log position " + std::to_string(clock),
                              m_core.m_segments->OffsetOf(segment.slot));
             segments.push_back({m_linkSlot, m_linkedTo, clock, -1});
         }

@@ -16,16 +16,8 @@ namespace {
 
 constexpr ConstStringZ SOURCE_PATH = "src/LssStore";
 
-// Slots that a transaction finds ready, besides those of a checkpoint.
-constexpr ssize_t SLOTS_FOR_TRANSACTION = 4;
 // Slots that only maintenance may use, so that a full disk can still be cleaned.
 constexpr ssize_t SLOTS_FOR_CLEANER = 8;
-
-// Free slots beyond these and 5 % of the file are given back while the store is at work, all others when it rests.
-constexpr ssize_t MANY_FREE_SLOTS = 64;
-constexpr ssize_t LEAST_COMFORT = 16;
-constexpr int REST_MILLISEC = 1000;
-constexpr int PUNCH_MILLISEC = 125; // 8 slots a second: a hole costs some 200 us
 
 int Saturate(int64 x) { return static_cast<int>(std::clamp<int64>(x, 0, std::numeric_limits<int>::max())); }
 
@@ -37,6 +29,7 @@ LssStore::LssStore(std::unique_ptr<StoreCore> core, const std::string& deltasDir
       m_allocator(m_ring, [this] { m_flusher.WakeTopUp(); }), m_index(*m_core), m_log(*m_core, m_space, m_flusher),
       m_checkpoint(*m_core, m_space, m_log, m_index, m_flusher, m_ring, m_allocator),
       m_cleaner(*m_core, m_space, m_log, m_index, m_flusher, m_checkpoint),
+      m_shrinker(*m_core, m_space, m_log, m_checkpoint, m_cleaner),
       m_transaction(*m_core, m_log, m_index, m_flusher, m_allocator,
                     [this](bool unwinding) { OnTransactionClosed(unwinding); }) {
     if (m_cleaner.IsEnabled() && !m_core->m_readOnly) m_space.SetReserve(SLOTS_FOR_CLEANER);
@@ -59,6 +52,16 @@ LssStore::~LssStore() {
 }
 
 // --- opening
+
+LssStore* LssStore::OpenLocked(std::unique_ptr<StoreCore> core, const std::string& deltasDirectory) {
+    // The disk decides, not what a failed sync may have left in the cache. The rest follows if the close was not clean.
+    core->m_file.DropCache(0, FRONT_AREA_BYTES);
+    const CheckpointHeader header = ReadNewestHeader(*core, core->m_file);
+    core->Attach(header.storeId, static_cast<ssize_t>(header.segmentSize));
+    StorePtr store(new LssStore(std::move(core), deltasDirectory));
+    store->Recover(header);
+    return store.release();
+}
 
 void LssStore::LayDown() {
     m_space.Import(0, 1);
@@ -291,7 +294,7 @@ void LssStore::HandOverBuffered() {
 int LssStore::DoBackgroundWork() {
     if (m_core->HasFailed()) return -1;
     CleanUntilAtRest();
-    return Shrink();
+    return m_shrinker.Run();
 }
 
 void LssStore::CleanUntilAtRest() {
@@ -310,37 +313,6 @@ void LssStore::CleanUntilAtRest() {
         }
         wanted = outcome == Cleaner::EOutcome::NEEDS_CHECKPOINT;
     }
-}
-
-// A checkpoint of many dirty pages needs as many free slots. While the store rests it is taken, so that they can go.
-void LssStore::CheckpointAtRest(uint64 clock) {
-    if (m_space.Comfort() <= MANY_FREE_SLOTS || std::exchange(m_restedAt, clock) == clock) return;
-    m_checkpoint.Run(Checkpoint::EReason::RUNNING);
-    TurnScope turn(m_log.Turn());
-    try {
-        m_space.EnsureReady(SLOTS_FOR_TRANSACTION + m_checkpoint.SlotsNeeded());
-    } catch (const FileException&) {
-        return; // a full disk; the next transaction will meet it
-    }
-}
-
-// A slot that is cut off or punched is no loss if the power fails: nothing durable names it any more. Failing is none
-// either: the file is only larger than it need be.
-int LssStore::Shrink() {
-    if (!m_canShrink || m_space.NumFree() <= std::max(m_space.Comfort(), LEAST_COMFORT)) return -1;
-    const uint64 clock = m_log.HandedClock();
-    const bool rests = std::exchange(m_clockSeen, clock) == clock;
-    if (rests) CheckpointAtRest(clock);
-    const ssize_t comfort = std::max(m_space.Comfort(), LEAST_COMFORT);
-    const ssize_t keep = rests ? comfort : comfort + std::max(MANY_FREE_SLOTS, m_space.NumSlots() / 20);
-    try {
-        if (m_space.NumFree() > keep) m_space.TrimEnd(keep);
-    } catch (const FileException&) {
-        m_canShrink = false;
-        return -1;
-    }
-    if (m_space.PunchOne(keep)) return PUNCH_MILLISEC;
-    return rests ? -1 : REST_MILLISEC;
 }
 
 void LssStore::Flush() {
@@ -386,6 +358,14 @@ void LssStore::RaiseHorizons(const std::vector<AllocHorizon>& horizons, uint32 n
     }
 }
 
+void LssStore::FinishRestore() {
+    StopThreads();
+    m_core->ThrowIfUnwritable();
+    m_flusher.SyncHandedOver();
+    m_checkpoint.Run(Checkpoint::EReason::CLEAN_CLOSE);
+    m_space.TrimEnd();
+}
+
 // --- inside looks
 
 void LssStore::ArchiveForTest() {
@@ -414,6 +394,16 @@ ssize_t LssStore::CleanForTest(ssize_t maxVictims) {
 void LssStore::ShrinkForTest() {
     m_space.TrimEnd(SLOTS_FOR_TRANSACTION);
     m_space.PunchOne(0);
+}
+
+void LssStore::PullInEndForTest() {
+    try {
+        m_shrinker.PullInEnd(SLOTS_FOR_TRANSACTION);
+    } catch (...) {
+        m_core->FailWithCurrentException();
+        throw;
+    }
+    m_space.TrimEnd(SLOTS_FOR_TRANSACTION);
 }
 
 void LssStore::Validate() { m_checkpoint.Validate(); }

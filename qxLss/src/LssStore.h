@@ -13,6 +13,7 @@
 #include "qxLss/src/Overlay.h"
 #include "qxLss/src/Recovery.h"
 #include "qxLss/src/SeidAllocator.h"
+#include "qxLss/src/Shrinker.h"
 #include "qxLss/src/SpaceManager.h"
 #include "qxLss/src/StoreCore.h"
 #include "qxLss/src/Transaction.h"
@@ -39,6 +40,9 @@ public:
     // `core` has its file open and locked and is attached.
     // `deltasDirectory`: where the log is archived; empty: nowhere.
     explicit LssStore(std::unique_ptr<StoreCore> core, const std::string& deltasDirectory = {});
+
+    // The store in the file of `core`, which is open and locked but not attached; recovered, its threads not started.
+    static LssStore* OpenLocked(std::unique_ptr<StoreCore> core, const std::string& deltasDirectory = {});
 
     // Lays down a fresh store that counts as "being created" and starts the threads.
     void LayDown();
@@ -70,6 +74,8 @@ public:
     uint64 TimeOfLastTransaction();
     // From now on no identifier below these is handed out.
     void RaiseHorizons(const std::vector<AllocHorizon>& horizons, uint32 nextHigh);
+    // Does what Close does, but says when it fails. Only Abandon may follow.
+    void FinishRestore();
 
     const StoreCore& Core() const { return *m_core; }
     // --- for CompactingCopy, whose target nobody else has
@@ -86,6 +92,8 @@ public:
     ssize_t CleanForTest(ssize_t maxVictims);
     // Gives free space at the file's end, and some in its middle, back.
     void ShrinkForTest();
+    // Moves what stands at the file's end into free slots, and cuts the end off. A failure is final.
+    void PullInEndForTest();
     // Called between the steps of checkpoints and of the cleaner.
     void SetStepHookForTest(std::function<void()> hook) { m_core->m_stepHook = std::move(hook); }
     // From now on nothing happens in the background, so that a run depends on its calls alone.
@@ -113,9 +121,13 @@ public:
 private:
     ~LssStore();
 
+    // A store in the making, or one that is only looked into, ends without writing anything.
+    struct Abandoner {
+        void operator()(LssStore* store) const { store->Abandon(); }
+    };
+
     void BecomeReadOnly(const CheckpointHeader& header, RecoveredLog log);
     // --- of LssStoreCopies.cpp
-    struct Abandoner;
     using StorePtr = std::unique_ptr<LssStore, Abandoner>;
     void CheckMayCopy();
     CheckpointImage CheckpointForCopy();
@@ -130,8 +142,6 @@ private:
     void OnTransactionClosed(bool unwinding);
     int DoBackgroundWork();
     void CleanUntilAtRest();
-    int Shrink();
-    void CheckpointAtRest(uint64 clock);
     void MakeRoomForTransaction();
     void HandOverBuffered();
     void ThrowIfReadOnly(ConstStringZ operation) const;
@@ -147,6 +157,7 @@ private:
     UserLog m_log;
     Checkpoint m_checkpoint;
     Cleaner m_cleaner;
+    Shrinker m_shrinker;
     Transaction m_transaction;
     Overlay m_overlay; // of a read-only store
     std::unique_ptr<OverlayTransaction> m_overlayTransaction;
@@ -154,9 +165,6 @@ private:
     CopyGate m_copies;
     std::unique_ptr<LogArchive> m_archive; // null: none
     CleanThread m_cleanThread;
-    uint64 m_clockSeen = 0;  // by Shrink; the thread "Lss clean"
-    uint64 m_restedAt = 0;   // log clock at the last checkpoint because nothing was written; likewise
-    bool m_canShrink = true; // likewise
 };
 
 // Has a store threads of its own? Without them nothing happens in the background, so that a run depends on its calls alone.

@@ -78,11 +78,6 @@ BackupResult LssStore::Backup(ConstStringZ path, const BackupOptions& options) {
 
 // --- compacting
 
-// A store in the making, or one that is only looked into, ends without writing anything.
-struct LssStore::Abandoner {
-    void operator()(LssStore* store) const { store->Abandon(); }
-};
-
 BackupResult LssStore::CopyCompacted(ConstStringZ path, const BackupOptions& options) {
     CheckMayCopy();
     CopyGate::Pass pass(m_copies, path);

@@ -45,6 +45,8 @@ enum class EMutant {
     RING_SET_EMPTIED,          // at a checkpoint's header in place of its copy
     TRIMMED_TOO_FAR,           // the file's last segment is cut off
     NEIGHBOUR_PUNCHED,         // the slot before the free one loses its blocks
+    ARCHIVE_NOT_AWAITED,       // segments that are not archived are cleaned and freed
+    DELTA_NOT_SYNCED,          // a delta gets its name before its bytes are on the disk
     SYNC_ERROR_IGNORED,
     SYNC_ERROR_RETRIED,
     SHORT_WRITE_IGNORED,

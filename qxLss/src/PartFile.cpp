@@ -6,17 +6,9 @@
 
 namespace quna {
 
-namespace {
-
-[[noreturn]] void Refuse(const std::string& path, const char* why) {
-    throw FileException(("Can't make the copy '" + path + "': " + why).c_str());
-}
-
-} // namespace
-
-PartFile::PartFile(File& file, std::string path, bool replace)
+PartFile::PartFile(File& file, std::string path, bool replace, ConstStringZ doing)
     : m_sys(file.Sys()), m_file(file), m_path(std::move(path)), m_partPath(m_path + ".part"), m_replace(replace),
-      m_old(m_sys) {}
+      m_doing(doing), m_old(m_sys) {}
 
 PartFile::~PartFile() {
     if (!m_isPart) return;
@@ -27,19 +19,23 @@ PartFile::~PartFile() {
     }
 }
 
+void PartFile::Refuse(ConstStringZ why) const {
+    throw FileException((std::string("Can't ") + m_doing + " '" + m_path + "': " + why).c_str());
+}
+
 // A store that is open, the one that is being copied above all, has its lock taken.
 void PartFile::ClaimTarget() {
     if (!m_old.TryOpen(m_path, m_replace ? EFileAccess::READ_WRITE : EFileAccess::READ_ONLY)) return;
-    if (!m_replace) Refuse(m_path, "the file exists already");
-    if (!m_old.TryLock(true)) Refuse(m_path, "the file exists and is in use by another owner");
+    if (!m_replace) Refuse("the file exists already");
+    if (!m_old.TryLock(true)) Refuse("the file exists and is in use by another owner");
 }
 
 void PartFile::Open() {
-    if (m_path.empty()) Refuse(m_path, "the path is empty");
+    if (m_path.empty()) Refuse("the path is empty");
     ClaimTarget();
     for (;;) {
         m_file.Open(m_partPath, EFileAccess::CREATE);
-        if (!m_file.TryLock(true)) Refuse(m_path, "another copy is being written there");
+        if (!m_file.TryLock(true)) Refuse("another copy is being written there");
         if (m_file.IsStillNamed()) break;
         m_file.Close();
     }
@@ -48,7 +44,7 @@ void PartFile::Open() {
 }
 
 void PartFile::Publish() {
-    if (!RenameFile(m_sys, m_partPath, m_path, m_replace)) Refuse(m_path, "the file exists already");
+    if (!RenameFile(m_sys, m_partPath, m_path, m_replace)) Refuse("the file exists already");
     m_isPart = false;
     m_file.SetPath(m_path);
     SyncDirectoryOf(m_sys, m_path);

@@ -16,7 +16,8 @@ namespace quna {
 // Threads:   one.
 class QX_API PartFile {
 public:
-    PartFile(File& file, std::string path, bool replace);
+    // `doing` begins the texts of failures: "Can't <doing> '<path>': ...".
+    PartFile(File& file, std::string path, bool replace, ConstStringZ doing = "make the copy");
     PartFile(const PartFile&) = delete;
     PartFile& operator=(const PartFile&) = delete;
     // Removes the part if it was not published.
@@ -30,6 +31,7 @@ public:
     void Publish();
 
 private:
+    [[noreturn]] void Refuse(ConstStringZ why) const;
     void ClaimTarget();
 
     SysCalls& m_sys;
@@ -37,6 +39,7 @@ private:
     const std::string m_path;
     const std::string m_partPath;
     const bool m_replace;
+    const ConstStringZ m_doing;
     File m_old;            // what stands at the target, locked until it is replaced
     bool m_isPart = false; // there is a part, and it is ours
 };

@@ -66,6 +66,25 @@ EHeaderState ChooseHeader(File& file, CheckpointHeader& newest) {
     return std::max(stateA, stateB);
 }
 
+std::string FirstBytes(File& file, int64 offset) {
+    octet_t bytes[8];
+    const ssize_t n = file.ReadUpTo(offset, bytes, sizeof bytes);
+    std::string text = std::to_string(n) + " bytes";
+    for (ssize_t i = 0; i < n; ++i) {
+        constexpr char DIGITS[] = "0123456789abcdef";
+        text += {' ', DIGITS[bytes[i] >> 4], DIGITS[bytes[i] & 15]};
+    }
+    return text;
+}
+
+std::string HeaderChecksum(File& file, int64 offset) {
+    CheckpointHeader header{};
+    const ssize_t n = file.ReadUpTo(offset, &header, sizeof header);
+    if (n < static_cast<ssize_t>(sizeof header)) return std::to_string(n) + " bytes of it";
+    return "the checksum " + std::to_string(header.crc) + ", expected " +
+           std::to_string(Crc32c(&header, offsetof(CheckpointHeader, crc))) + ",";
+}
+
 [[noreturn]] void ThrowOtherVersion(const StoreCore& core, uint32 found) {
     const bool isNewer = found > FORMAT_VERSION;
     ThrowCorrupt(core,
@@ -84,15 +103,22 @@ CheckpointHeader ReadNewestHeader(const StoreCore& core, File& file) {
     case EHeaderState::VALID: return header;
     case EHeaderState::MISSING:
         ThrowCorrupt(core,
-                     size == 0 ? std::string("the file is empty")
-                               : "the file has only " + std::to_string(size) + " bytes and no header",
+                     size == 0 ? std::string("the file is empty, expected is a header")
+                               : "the file has only " + std::to_string(size) + " bytes, expected is a header",
                      0);
     case EHeaderState::FOREIGN:
-        ThrowCorrupt(core, "the file does not begin as a store does; it is no store, or its header is lost", 0);
+        ThrowCorrupt(core,
+                     "the file does not begin as a store does; it is no store, or its header is lost: found " +
+                         FirstBytes(file, 0) + " and " + FirstBytes(file, 4096) + ", expected '" +
+                         std::string(CHECKPOINT_MAGIC, sizeof header.magic) + "' at offset 0 or 4096",
+                     -1);
     case EHeaderState::OTHER_VERSION: ThrowOtherVersion(core, header.version);
     case EHeaderState::BROKEN: break;
     }
-    ThrowCorrupt(core, "neither of the two checkpoint headers, at offsets 0 and 4096, is valid", 0);
+    ThrowCorrupt(core,
+                 "neither of the two checkpoint headers is valid: found " + HeaderChecksum(file, 0) +
+                     " at offset 0 and " + HeaderChecksum(file, 4096) + " at offset 4096",
+                 -1);
 }
 
 // The flag is cleared by the first transaction, in a header of its own that the ring names. If that one is damaged, the
@@ -110,11 +136,11 @@ RecoveredLog Recovery::Run(const CheckpointHeader& header) {
     CheckHeader(header);
     m_result.ring = m_ring.Read();
     if (m_result.ring.newestCheckpoint > header.checkpointSequence)
-        ThrowCorrupt(
-            m_core,
-            "the newest checkpoint header is lost: checkpoint " + std::to_string(m_result.ring.newestCheckpoint) +
-                " was completed, the newest valid header is of checkpoint " + std::to_string(header.checkpointSequence),
-            HeaderOffset(m_result.ring.newestCheckpoint));
+        ThrowCorrupt(m_core,
+                     "the newest checkpoint header is lost: found that of checkpoint " +
+                         std::to_string(header.checkpointSequence) + ", expected that of checkpoint " +
+                         std::to_string(m_result.ring.newestCheckpoint) + ", which was completed,",
+                     HeaderOffset(m_result.ring.newestCheckpoint));
     m_result.clean = (header.flags & HEADER_FLAG_CLEAN) && m_ring.VouchesForCleanClose(header.checkpointSequence);
     // A clean mark on the disk says that every byte before it was synced: then the cache tells the truth and stays warm.
     // Without it a failed sync may have left pages there that the disk does not have.
@@ -136,7 +162,12 @@ RecoveredLog Recovery::RunFrom(const CheckpointHeader& header) {
     m_result.nextHigh = std::max(header.nextHigh, m_result.ring.nextHigh);
     if (m_result.ring.sequenceBase > MAX_NUMBER ||
         (!m_result.ring.horizons.empty() && m_result.ring.horizons.rbegin()->first >= m_result.nextHigh))
-        ThrowCorrupt(m_core, "the allocation ring holds a number that no store can reach", AllocRing::FILE_OFFSET);
+        ThrowCorrupt(m_core,
+                     "the allocation ring holds a number that no store can reach: found sequence " +
+                         std::to_string(m_result.ring.sequenceBase) + " and next high " +
+                         std::to_string(m_result.nextHigh) + ", expected at most " + std::to_string(MAX_NUMBER) +
+                         " and one above all highs",
+                     AllocRing::FILE_OFFSET);
     m_result.nextSequence = header.nextSegmentSequence;
     if (!m_result.clean && !IsMutant(EMutant::NO_SEQUENCE_JUMP))
         m_result.nextSequence = std::max(header.nextSegmentSequence, m_result.ring.sequenceBase) + SEQUENCE_JUMP;
@@ -156,7 +187,8 @@ void Recovery::CheckHeader(const CheckpointHeader& header) const {
           header.numTransactions, header.liveBytes}) {
         if (number > MAX_NUMBER)
             ThrowCorrupt(m_core,
-                         "the checkpoint header holds a number that no store can reach: " + std::to_string(number),
+                         "the checkpoint header holds a number that no store can reach: found " +
+                             std::to_string(number) + ", expected at most " + std::to_string(MAX_NUMBER),
                          HeaderOffset(header.checkpointSequence));
     }
 }
@@ -215,15 +247,21 @@ std::vector<octet_t> Recovery::ReadTable(const std::vector<Location>& packets, E
 // The usage table is not known yet, so the segment's own header gives the sequence. The key is the number of the first
 // entry: so no packet is taken twice, and the table is no larger than the file.
 void Recovery::AppendTablePacket(Location l, EPacketType type, ssize_t entryBytes, std::vector<octet_t>& table) {
-    if (!m_segments.IsInside(l)) ThrowCorrupt(m_core, "the checkpoint header names a packet outside the segments");
+    if (!m_segments.IsInside(l))
+        ThrowOutside(m_core,
+                     "the file has " + std::to_string(m_core.m_file.Size()) + " bytes, and its checkpoint has a table",
+                     l);
     const ssize_t slot = m_segments.SlotOf(l);
     SegmentHeader segment{};
     if (!ReadSegmentHeader(slot, segment))
-        ThrowCorrupt(m_core, "the header of a segment with the checkpoint's tables is not valid",
+        ThrowCorrupt(m_core, "found no valid header of a segment, expected that of one with the checkpoint's tables",
                      m_segments.OffsetOf(slot));
     std::vector<octet_t> packet(static_cast<size_t>(LocationBytes(l)));
     if (m_core.m_file.ReadUpTo(LocationOffset(l), packet.data(), LocationBytes(l)) != LocationBytes(l))
-        ThrowCorrupt(m_core, "the file ends before a table of the checkpoint", LocationOffset(l));
+        ThrowCorrupt(m_core,
+                     "the file has " + std::to_string(m_core.m_file.Size()) + " bytes, expected is a table of " +
+                         std::to_string(LocationBytes(l)) + " bytes",
+                     LocationOffset(l));
     const PacketHeader header = ReadPod<PacketHeader>(packet.data());
     const ssize_t n = PayloadBytes(header.info);
     if (PacketType(header.info) != type || PacketBytes(header.info) != LocationBytes(l) ||
@@ -272,7 +310,12 @@ void Recovery::FillSegments(const CheckpointHeader& header, const std::vector<Su
             (entry.sequence > MAX_NUMBER || entry.kind < static_cast<uint8>(ESegmentKind::USER) ||
              entry.kind > static_cast<uint8>(ESegmentKind::INDEX) || entry.liveBytes > m_core.m_segmentSize ||
              entry.livePackets > m_core.m_segmentSize / PACKET_HEADER_BYTES))
-            ThrowCorrupt(m_core, "the usage table is not well formed for the segment", m_segments.OffsetOf(slot));
+            ThrowCorrupt(m_core,
+                         "the usage table is not well formed: found sequence " + std::to_string(entry.sequence) +
+                             ", kind " + std::to_string(entry.kind) + ", " + std::to_string(entry.livePackets) +
+                             " live packets and " + std::to_string(entry.liveBytes) +
+                             " live bytes, expected kinds 1 to 3 and no more than a segment holds, for the segment",
+                         m_segments.OffsetOf(slot));
         m_segments.SetEntry(slot, entry);
         if (!entry.sequence) continue;
         packets += entry.packets;
@@ -370,7 +413,11 @@ void Recovery::EnterSegment(ssize_t slot, const SegmentHeader& header) {
     SegmentSlot& s = m_segments[slot];
     if (s.sequence == header.sequence) return;
     if (s.livePackets)
-        ThrowCorrupt(m_core, "a segment was used again although packets in it are live", m_segments.OffsetOf(slot));
+        ThrowCorrupt(m_core,
+                     "found segment " + std::to_string(header.sequence) + " in place of segment " +
+                         std::to_string(s.sequence) + ", in which " + std::to_string(s.livePackets) +
+                         " packets are live; expected none",
+                     m_segments.OffsetOf(slot));
     m_change.packets -= s.packets;
     SutEntry entry{};
     entry.sequence = header.sequence;

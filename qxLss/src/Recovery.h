@@ -96,6 +96,7 @@ private:
     EStep TakeElement(const PacketHeader& packet, const octet_t* bytes);
     EStep TakeCommit(const PacketHeader& packet, const octet_t* payload, ssize_t n);
     EStep TakeLink(const PacketHeader& packet, const octet_t* payload, ssize_t n);
+    std::string SequenceIn(uint32 slot) const; // as text
     EStep TakeReloc(const octet_t* payload, ssize_t n);
     void Apply();
     void ApplyOne(const Operation& operation, uint64 mark);

@@ -21,11 +21,17 @@ void Recovery::Walk(const CheckpointHeader& header) {
         m_result.end.offset > m_core.m_segmentSize || m_result.end.offset % PACKET_ALIGNMENT != 0 ||
         !ReadSegmentHeader(m_result.end.slot, start) ||
         !IsHeaderOf(start, m_result.end.slot, header.startSequence, ESegmentKind::USER))
-        ThrowCorrupt(m_core, "the segment where the log continues behind the checkpoint is not valid",
+        ThrowCorrupt(m_core,
+                     "the segment where the log continues behind the checkpoint is not valid: found sequence " +
+                         std::to_string(start.sequence) + ", expected " + std::to_string(header.startSequence) +
+                         " with " + std::to_string(m_result.end.offset) + " bytes before the log's end",
                      m_segments.OffsetOf(std::min(m_result.end.slot, m_segments.MaxSlots() - 1)));
     if (m_result.clean) {
         if (m_segments[m_result.end.slot].sequence != start.sequence)
-            ThrowCorrupt(m_core, "the usage table does not know the segment where the log continues",
+            ThrowCorrupt(m_core,
+                         "the usage table does not know the segment where the log continues: found sequence " +
+                             std::to_string(m_segments[m_result.end.slot].sequence) + ", expected " +
+                             std::to_string(start.sequence),
                          m_segments.OffsetOf(m_result.end.slot));
         return;
     }
@@ -90,7 +96,9 @@ Recovery::EStep Recovery::TakeElement(const PacketHeader& packet, const octet_t*
     const Seid seid(packet.key);
     if (isElement && m_pos + packetBytes > m_core.m_segmentSize - USER_TAIL_BYTES) return EStep::END;
     if (!IsKnownHigh(seid.high_))
-        ThrowCorrupt(m_core, "the log holds an element under a high half that was never allocated",
+        ThrowCorrupt(m_core,
+                     "the log holds an element under a high half that was never allocated: found " +
+                         std::to_string(seid.high_) + ", expected 1 to " + std::to_string(m_result.nextHigh - 1),
                      m_segments.OffsetOf(m_segment.slot) + m_pos);
     if (isElement) NoteSpent(seid);
     CountSinceCommit(packetBytes);
@@ -183,7 +191,7 @@ void Recovery::ApplyOne(const Operation& operation, uint64 mark) {
 void Recovery::ApplyDrop(const Operation& drop) {
     for (const Location part : PartsOf(drop)) {
         if (!m_segments.IsInside(part))
-            ThrowCorrupt(m_core, "the log drops a packet outside the segments", LocationOffset(part));
+            ThrowOutside(m_core, "the log drops a packet", part, m_segments.OffsetOf(m_segment.slot) + m_pos);
         m_change.liveBytes -= m_segments.Debit(part);
         --m_change.liveOverflow;
     }
@@ -206,7 +214,10 @@ Recovery::EStep Recovery::TakeLink(const PacketHeader& packet, const octet_t* pa
     const LinkPayload link = ReadPod<LinkPayload>(payload);
     SegmentHeader header{};
     if (packet.key <= m_segment.sequence) // sequences ascend along the chain, or it might have no end
-        ThrowCorrupt(m_core, "the log leads back to a segment before", m_segments.OffsetOf(m_segment.slot) + m_pos);
+        ThrowCorrupt(m_core,
+                     "the log leads back: found a LINK to segment " + std::to_string(packet.key) +
+                         ", expected one behind segment " + std::to_string(m_segment.sequence),
+                     m_segments.OffsetOf(m_segment.slot) + m_pos);
     m_pos += LINK_BYTES;
     if (link.slot >= m_segments.Limit() || !ReadSegmentHeader(link.slot, header) ||
         !IsHeaderOf(header, link.slot, packet.key, ESegmentKind::USER)) {
@@ -229,7 +240,7 @@ Recovery::EStep Recovery::TakeLink(const PacketHeader& packet, const octet_t* pa
 // The log goes on in free slots, the lowest first: the next ones are probably those that were free at the checkpoint.
 void Recovery::ReadOn(ssize_t slot) {
     constexpr ssize_t LOG_AHEAD = int64{16} << 20;
-    const ssize_t end = std::min(slot + 1 + LOG_AHEAD / m_core.m_segmentSize, m_segments.MaxSlots());
+    const ssize_t end = std::min(slot + 1 + LOG_AHEAD / m_core.m_segmentSize, m_segments.Limit());
     for (ssize_t next = std::max(slot + 1, m_readOnFrom); next < end; ++next) {
         if (next >= m_numSlots || m_segments[next].livePackets == 0)
             m_core.m_file.ReadAhead(m_segments.OffsetOf(next), m_core.m_segmentSize);
@@ -296,6 +307,11 @@ struct Recovery::Reloc {
     std::vector<uint32> packets;         // in each range
 };
 
+std::string Recovery::SequenceIn(uint32 slot) const {
+    return "slot " + std::to_string(slot) +
+           (slot < m_segments.Limit() ? " with sequence " + std::to_string(m_segments[slot].sequence) : "");
+}
+
 Recovery::EStep Recovery::TakeReloc(const octet_t* payload, ssize_t n) {
     Reloc reloc;
     if (!m_pending.empty() || !ParseReloc(payload, n, reloc)) return EStep::END;
@@ -304,7 +320,9 @@ Recovery::EStep Recovery::TakeReloc(const octet_t* payload, ssize_t n) {
     }
     for (const RelocVictim& victim : reloc.victims) {
         if (victim.slot >= m_segments.Limit() || m_segments[victim.slot].sequence != victim.sequence)
-            ThrowCorrupt(m_core, "the log names a cleaned segment that is not there",
+            ThrowCorrupt(m_core,
+                         "the log names a cleaned segment that is not there: found " + SequenceIn(victim.slot) +
+                             ", expected sequence " + std::to_string(victim.sequence),
                          m_segments.OffsetOf(m_segment.slot) + m_pos);
     }
     ApplyReloc(reloc);
@@ -408,7 +426,10 @@ void Recovery::ApplyReloc(const Reloc& reloc) {
     if (!(reloc.head.flags & RELOC_FLAG_LAST)) return;
     for (const uint32 slot : victims) {
         if (m_segments[slot].livePackets)
-            ThrowCorrupt(m_core, "a cleaned segment still holds live packets", m_segments.OffsetOf(slot));
+            ThrowCorrupt(m_core,
+                         "found " + std::to_string(m_segments[slot].livePackets) +
+                             " live packets in a cleaned segment, expected none",
+                         m_segments.OffsetOf(slot));
         m_change.packets -= m_segments[slot].packets;
         m_segments.SetEntry(slot, SutEntry{});
     }

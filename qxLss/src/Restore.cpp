@@ -3,11 +3,14 @@
 #include "qxLss/CorruptLSSException.h"
 #include "qxLss/src/DeltaTransactions.h"
 #include "qxLss/src/LssStore.h"
+#include "qxLss/src/PartFile.h"
 #include "qxLss/src/Recovery.h"
+#include "qxLss/src/TimeText.h"
 #include "qxUtils/AutoCloser.h"
 #include "qxUtils/Exceptions.h"
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,23 +30,23 @@ std::string WithoutSlashes(std::string path) {
     return path;
 }
 
+struct Abandoner {
+    void operator()(LssStore* store) const { store->Abandon(); }
+};
+
 // One restore. The copy of the base is an ordinary store, in which the transactions are repeated.
 class Restorer {
 public:
     Restorer(SysCalls& sys, const std::string& base, const std::string& deltas, RestoreTarget target,
              const std::string& newPath)
         : m_sys(sys), m_basePath(base), m_deltasPath(WithoutSlashes(deltas)), m_target(target), m_newPath(newPath),
-          m_partPath(newPath + ".part") {}
+          m_core(std::make_unique<StoreCore>(sys)), m_part(m_core->m_file, newPath, false, "restore the store") {}
     Restorer(const Restorer&) = delete;
     Restorer& operator=(const Restorer&) = delete;
-    ~Restorer() {
-        if (m_store) m_store->Abandon();
-        if (m_ownsPart) m_sys.Remove(m_partPath.c_str());
-    }
+    ~Restorer() = default;
 
     RestoredLss Run() {
-        File target(m_sys);
-        if (target.TryOpen(m_newPath, EFileAccess::READ_ONLY)) Refuse(m_newPath, "a file of that name exists already");
+        InstallForkGuard();
         const std::vector<uint64> deltas = ListDeltas();
         CopyBase();
         OpenCopy();
@@ -71,7 +74,8 @@ private:
         return next;
     }
 
-    // Zeros are left out: what was free in the base takes no room in the copy.
+    // The part is locked from its beginning until it has its name. Zeros are left out: what was free in the base takes no
+    // room in the copy.
     void CopyBase() {
         File base(m_sys);
         if (!base.TryOpen(m_basePath, EFileAccess::READ_ONLY))
@@ -79,13 +83,8 @@ private:
         if (!base.TryLock(false)) Refuse(m_newPath, "its base '" + m_basePath + "' is in use by an owner");
         if (IsCutShortCreation(base))
             Refuse(m_newPath, "the creation of its base '" + m_basePath + "' was cut short, so it counts as missing");
-        File part(m_sys);
-        if (part.TryOpen(m_partPath, EFileAccess::READ_WRITE) && !part.TryLock(true))
-            Refuse(m_newPath, "another restore of it is at work");
-        part.Close();
-        RemoveFile(m_sys, m_partPath);
-        m_ownsPart = true;
-        part.Open(m_partPath, EFileAccess::CREATE);
+        m_part.Open();
+        File& part = m_core->m_file;
         const int64 size = base.Size();
         part.Truncate(size);
         std::vector<octet_t> bytes(static_cast<size_t>(std::min<int64>(size, COPY_BYTES)));
@@ -101,12 +100,10 @@ private:
     }
 
     void OpenCopy() {
-        LssSettings settings;
-        settings.flushTimeMilliSec = -1; // the end syncs
-        bool createdNew = false;
+        m_core->m_settings.flushTimeMilliSec = -1; // the end syncs
         try {
-            m_store = static_cast<LssStore*>(
-                OpenLssForTest(m_sys, m_partPath.c_str(), nullptr, createdNew, OM_OPEN_EXISTING, settings));
+            m_store.reset(LssStore::OpenLocked(std::move(m_core)));
+            m_store->StartThreads();
         } catch (const CorruptLSSException& e) {
             throw CorruptLSSException(("The base '" + m_basePath + "' can't be used. " + e.GetMessage()).c_str());
         }
@@ -117,9 +114,8 @@ private:
             Refuse(m_newPath, "transaction " + std::to_string(wanted) + " is wanted, and its base '" + m_basePath +
                                   "' already has transaction " + std::to_string(m_reached));
         if (m_target.Kind() == RestoreTarget::EKind::TIME && m_time > wanted)
-            Refuse(m_newPath, "the time " + std::to_string(wanted) + " is wanted, and its base '" + m_basePath +
-                                  "' already has transaction " + std::to_string(m_reached) + " of " +
-                                  std::to_string(m_time));
+            Refuse(m_newPath, "the time " + TimeText(wanted) + " is wanted, and its base '" + m_basePath +
+                                  "' already has transaction " + std::to_string(m_reached) + " of " + TimeText(m_time));
         m_isReached = m_target.Kind() == RestoreTarget::EKind::TRANSACTION && m_reached == wanted;
     }
 
@@ -167,7 +163,7 @@ private:
     void CheckTime(const DeltaFile& delta, uint64 time, int64 offset) {
         if (m_time && time && m_time != time)
             delta.ThrowDamaged("another history of the store: the time of transaction " + std::to_string(m_reached),
-                               offset, std::to_string(time), std::to_string(m_time));
+                               offset, TimeText(time), TimeText(m_time));
         if (!m_time) m_time = time;
     }
 
@@ -198,11 +194,8 @@ private:
     }
 
     void Finish() {
-        m_store->Flush(); // Close would only trace a failure
-        std::exchange(m_store, nullptr)->Close();
-        if (!RenameFile(m_sys, m_partPath, m_newPath, false)) Refuse(m_newPath, "a file of that name exists already");
-        m_ownsPart = false;
-        SyncDirectoryOf(m_sys, m_newPath);
+        m_store->FinishRestore();
+        m_part.Publish();
     }
 
     SysCalls& m_sys;
@@ -210,9 +203,9 @@ private:
     const std::string m_deltasPath;
     const RestoreTarget m_target;
     const std::string m_newPath;
-    const std::string m_partPath;
-    LssStore* m_store = nullptr;
-    bool m_ownsPart = false;
+    std::unique_ptr<StoreCore> m_core; // null: the store has it
+    std::unique_ptr<LssStore, Abandoner> m_store;
+    PartFile m_part; // behind the two that own its file
     bool m_isReached = false;
     uint64 m_reached = 0; // transaction
     uint64 m_time = 0;    // of its commit, 0: not known

@@ -4,22 +4,14 @@
 #include <bit>
 #include <new>
 
-#include <sys/mman.h>
-
 namespace quna {
 
 SegmentTable::SegmentTable(ssize_t segmentSize, ssize_t maxSlots)
     : m_segmentSize(segmentSize), m_dataStart(DataStart(segmentSize)),
-      m_shift(std::countr_zero(static_cast<uint64>(segmentSize))), m_maxSlots(maxSlots) {
-    m_reservedBytes = static_cast<size_t>(maxSlots) * sizeof(SegmentSlot);
-    // Zero pages are valid slots: free, not pinned.
-    void* p =
-        ::mmap(nullptr, m_reservedBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (p == MAP_FAILED) throw std::bad_alloc();
-    m_slots = static_cast<SegmentSlot*>(p);
+      m_shift(std::countr_zero(static_cast<uint64>(segmentSize))), m_maxSlots(maxSlots),
+      m_pages(static_cast<size_t>(maxSlots) * sizeof(SegmentSlot)), m_slots(m_pages.As<SegmentSlot>()) {
+    if (!m_pages) throw std::bad_alloc();
 }
-
-SegmentTable::~SegmentTable() { ::munmap(m_slots, m_reservedBytes); }
 
 bool SegmentTable::IsInside(Location l, ssize_t numSlots) const {
     if (l >> 61 || LocationOffset(l) < m_dataStart || LocationBytes(l) < PACKET_HEADER_BYTES) return false;

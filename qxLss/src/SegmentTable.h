@@ -2,6 +2,7 @@
 #pragma once
 
 #include "qxLss/src/Format.h"
+#include "qxLss/src/ZeroPages.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
 
@@ -43,7 +44,7 @@ public:
     SegmentTable(ssize_t segmentSize, ssize_t maxSlots);
     SegmentTable(const SegmentTable&) = delete;
     SegmentTable& operator=(const SegmentTable&) = delete;
-    ~SegmentTable();
+    ~SegmentTable() { m_pages.SetUsed(static_cast<size_t>(Limit()) * sizeof(SegmentSlot)); }
 
     ssize_t MaxSlots() const { return m_maxSlots; }
     // The slots that the file has or has had: nothing that it holds names another one. Bounds what a damaged file makes us
@@ -98,8 +99,8 @@ private:
     const int m_shift; // log2 of the segment size
     const ssize_t m_maxSlots;
     std::atomic<ssize_t> m_limit{0}; // raised by whoever opens or lengthens the file, one at a time
-    SegmentSlot* m_slots = nullptr;
-    size_t m_reservedBytes = 0;
+    ZeroPages m_pages;               // zero is a valid slot: free, not pinned
+    SegmentSlot* const m_slots;
 };
 
 } // namespace quna

@@ -73,21 +73,23 @@ struct SeidAllocator::Directory {
     };
     struct Inner {
         std::array<std::atomic<Leaf*>, 1024> leaves{};
+
+        Inner() = default;
+        Inner(const Inner&) = delete;
+        Inner& operator=(const Inner&) = delete;
+        ~Inner() {
+            for (std::atomic<Leaf*>& leaf : leaves) delete leaf.load(std::memory_order_relaxed);
+        }
     };
 
-    ~Directory() {
-        for (std::atomic<Inner*>& node : m_top) {
-            Inner* inner = node.load(std::memory_order_relaxed);
-            if (!inner) continue;
-            for (std::atomic<Leaf*>& leaf : inner->leaves) delete leaf.load(std::memory_order_relaxed);
-            delete inner;
-        }
-    }
+    using Top = std::array<std::atomic<Inner*>, 4096>;
 
     HighState* Find(SeidHigh high) const {
         if (high < NUM_FIRST) [[likely]]
             return m_first[high].load(std::memory_order_acquire);
-        const Inner* inner = m_top[high >> 20].load(std::memory_order_acquire);
+        const Top* top = m_top.load(std::memory_order_acquire);
+        if (!top) return nullptr;
+        const Inner* inner = (*top)[high >> 20].load(std::memory_order_acquire);
         if (!inner) return nullptr;
         const Leaf* leaf = inner->leaves[(high >> 10) & 1023].load(std::memory_order_acquire);
         return leaf ? leaf->states[high & 1023].load(std::memory_order_acquire) : nullptr;
@@ -117,18 +119,27 @@ private:
     // Requires: m_mutex held.
     std::atomic<HighState*>& Cell(SeidHigh high) {
         if (high < NUM_FIRST) return m_first[high];
-        std::atomic<Inner*>& top = m_top[high >> 20];
-        if (!top.load(std::memory_order_relaxed)) top.store(new Inner(), std::memory_order_release);
-        std::atomic<Leaf*>& leaf = top.load(std::memory_order_relaxed)->leaves[(high >> 10) & 1023];
+        if (!m_ownTop) {
+            m_ownTop = std::make_unique<Top>();
+            m_top.store(m_ownTop.get(), std::memory_order_release);
+        }
+        std::atomic<Inner*>& inner = (*m_ownTop)[high >> 20];
+        if (!inner.load(std::memory_order_relaxed)) {
+            m_inners.push_back(std::make_unique<Inner>());
+            inner.store(m_inners.back().get(), std::memory_order_release);
+        }
+        std::atomic<Leaf*>& leaf = inner.load(std::memory_order_relaxed)->leaves[(high >> 10) & 1023];
         if (!leaf.load(std::memory_order_relaxed)) leaf.store(new Leaf(), std::memory_order_release);
         return leaf.load(std::memory_order_relaxed)->states[high & 1023];
     }
 
     std::array<std::atomic<HighState*>, NUM_FIRST> m_first{};
-    std::array<std::atomic<Inner*>, 4096> m_top{};
+    std::atomic<Top*> m_top{nullptr}; // null: no others
 
-    mutable Mutex m_mutex{"SeidAllocator, its highs"}; // leaf; guards m_states and additions
+    mutable Mutex m_mutex{"SeidAllocator, its highs"}; // leaf; guards what follows, and additions
     std::vector<std::unique_ptr<HighState>> m_states;
+    std::unique_ptr<Top> m_ownTop;
+    std::vector<std::unique_ptr<Inner>> m_inners; // those in it
 };
 
 SeidAllocator::SeidAllocator(AllocRing& ring, std::function<void()> wakeTopUp)

@@ -27,8 +27,7 @@ LongHead ParseLongHead(const StoreCore& core, const octet_t* head, Location l) {
     result.parts.resize(static_cast<size_t>(n));
     std::memcpy(result.parts.data(), payload + sizeof prefix, static_cast<size_t>(listBytes));
     for (const Location part : result.parts) {
-        if (!core.m_segments->IsInside(part))
-            ThrowCorrupt(core, "a long element has a part outside the segments", LocationOffset(l));
+        if (!core.m_segments->IsInside(part)) ThrowOutside(core, "a long element has a part", part, LocationOffset(l));
     }
     return result;
 }
@@ -109,7 +108,10 @@ bool SerialElement::PinParts(const std::atomic<Location>& place) {
     const uint32 info = ReadPod<PacketHeader>(head).info;
     const bool isLong = PacketFlags(info) & PACKET_FLAG_LONG;
     if (isLong != IsLong(m_location))
-        ThrowCorrupt(m_core, "a head is not of the kind that the index says", LocationOffset(m_location));
+        ThrowCorrupt(m_core,
+                     std::string("found the head of ") + (isLong ? "a long" : "an ordinary") + " element, expected " +
+                         (isLong ? "an ordinary" : "a long") + " one, as the index says,",
+                     LocationOffset(m_location));
     if (!isLong) {
         m_bytes = head + PACKET_HEADER_BYTES;
         m_size = PayloadBytes(info);
@@ -140,7 +142,10 @@ void SerialElement::Assemble() {
     const ssize_t partBytes = OverflowBytes(m_core.m_segmentSize);
     // Its parts are packets of the file, each only once: checked before the memory is taken.
     if (m_size > m_core.m_file.Size())
-        ThrowCorrupt(m_core, "a long element is longer than the file", LocationOffset(m_location));
+        ThrowCorrupt(m_core,
+                     "found a long element of " + std::to_string(m_size) + " bytes, expected at most " +
+                         std::to_string(m_core.m_file.Size()) + " as the file has",
+                     LocationOffset(m_location));
     auto buffer = std::make_unique_for_overwrite<octet_t[]>(static_cast<size_t>(m_size + ELEMENT_TAIL_BYTES));
     octet_t* to = buffer.get();
     uint32 ordinal = 0;

@@ -4,6 +4,8 @@
 #include "qxUtils/Exceptions.h"
 
 #include <algorithm>
+#include <iterator>
+#include <utility>
 
 namespace quna {
 
@@ -101,6 +103,26 @@ ssize_t SpaceManager::PrepareReady(ssize_t n) {
     return NumReady();
 }
 
+ssize_t SpaceManager::PrepareReadyBelow(ssize_t end, ssize_t n) {
+    std::lock_guard fileLock(m_fileMutex);
+    for (;;) {
+        ssize_t slot = end;
+        {
+            std::lock_guard lock(m_mutex);
+            const ssize_t numReady = std::distance(m_ready.begin(), m_ready.lower_bound(end));
+            for (const std::set<ssize_t>* from : {&m_unready, &m_hollow}) {
+                if (!from->empty()) slot = std::min(slot, *from->begin());
+            }
+            if (numReady >= n || slot >= end) return numReady;
+        }
+        try {
+            MakeReady(slot);
+        } catch (const FileException&) {
+            return 0; // a full disk
+        }
+    }
+}
+
 void SpaceManager::GrowAhead() {
     try {
         std::lock_guard lock(m_fileMutex);
@@ -132,16 +154,16 @@ void SpaceManager::TrimEnd(ssize_t keep) {
 
 bool SpaceManager::PunchOne(ssize_t keep) {
     std::lock_guard fileLock(m_fileMutex);
-    ssize_t slot = -1;
+    std::set<ssize_t>::node_type punching; // in no set meanwhile
     {
         std::lock_guard lock(m_mutex);
         std::set<ssize_t>& from = m_unready.empty() ? m_ready : m_unready;
         if (!m_canPunch || static_cast<ssize_t>(m_ready.size() + m_unready.size()) <= keep) return false;
-        slot = *from.rbegin();
-        if (IsPinned(slot)) return false;
-        from.erase(slot);
+        if (IsPinned(*from.rbegin())) return false;
+        punching = from.extract(std::prev(from.end()));
         UpdateReadyCount();
     }
+    const ssize_t slot = punching.value();
     try {
         const ssize_t punched = IsMutant(EMutant::NEIGHBOUR_PUNCHED) && slot > 0 ? slot - 1 : slot;
         m_canPunch = m_core.m_file.PunchHole(m_core.m_segments->OffsetOf(punched), m_core.m_segmentSize);
@@ -149,13 +171,22 @@ bool SpaceManager::PunchOne(ssize_t keep) {
         m_canPunch = false; // the slot may have its blocks or not
     }
     std::lock_guard lock(m_mutex);
-    (m_canPunch ? m_hollow : m_unready).insert(slot);
+    (m_canPunch ? m_hollow : m_unready).insert(std::move(punching));
     return m_canPunch;
 }
 
 ssize_t SpaceManager::NumFree() const {
     std::lock_guard lock(m_mutex);
     return static_cast<ssize_t>(m_ready.size() + m_unready.size() + m_hollow.size());
+}
+
+ssize_t SpaceManager::NumFreeAtEnd() const {
+    std::lock_guard lock(m_mutex);
+    ssize_t n = 0;
+    for (ssize_t slot = NumSlots() - 1; m_ready.contains(slot) || m_unready.contains(slot) || m_hollow.contains(slot);
+         --slot)
+        ++n;
+    return n;
 }
 
 uint64 SpaceManager::NextSequence() const {
@@ -194,11 +225,14 @@ void SpaceManager::MakeOneReady() {
         Grow();
         return;
     }
+    MakeReady(slot);
+}
+
+void SpaceManager::MakeReady(ssize_t slot) {
     m_core.m_file.Allocate(m_core.m_segments->OffsetOf(slot), m_core.m_segmentSize);
     std::lock_guard lock(m_mutex);
-    m_unready.erase(slot);
-    m_hollow.erase(slot);
-    m_ready.insert(slot);
+    m_ready.insert(m_unready.extract(slot));
+    m_ready.insert(m_hollow.extract(slot));
     UpdateReadyCount();
 }
 
@@ -217,8 +251,11 @@ void SpaceManager::Grow() {
             n = 1;
         }
     }
+    // Made before anything changes: a slot that is ready and not counted would be used, and nobody would find it again.
+    std::set<ssize_t> fresh;
+    for (ssize_t slot = numSlots; slot < numSlots + n; ++slot) fresh.insert(fresh.end(), slot);
     std::lock_guard lock(m_mutex);
-    for (ssize_t slot = numSlots; slot < numSlots + n; ++slot) m_ready.insert(slot);
+    m_ready.merge(fresh);
     UpdateReadyCount();
     m_core.m_segments->RaiseLimit(numSlots + n);
     m_numSlots.store(numSlots + n, std::memory_order_relaxed);

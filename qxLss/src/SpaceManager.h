@@ -13,6 +13,9 @@
 
 namespace quna {
 
+// Slots that a transaction finds ready, besides those of a checkpoint.
+inline constexpr ssize_t SLOTS_FOR_TRANSACTION = 4;
+
 // Who takes a slot. The last free ones are kept for maintenance, which is what makes room again: checkpoints, the cleaner
 // and its RELOC, recovery.
 enum class EClaim {
@@ -56,6 +59,8 @@ public:
     void EnsureReady(ssize_t n);
     // Tries to have `n` slots ready, reserve and all; how many are.
     ssize_t PrepareReady(ssize_t n);
+    // Tries to have `n` ready slots below `end`, from the free ones there; how many are.
+    ssize_t PrepareReadyBelow(ssize_t end, ssize_t n);
     // Are there fewer ready slots than is comfortable? Then GrowAhead, by a background thread, saves the next transaction
     // the wait. A full disk is no failure there: OpenTransaction will meet it.
     void GrowAhead();
@@ -75,6 +80,8 @@ public:
     ssize_t NumSlots() const { return m_numSlots.load(std::memory_order_relaxed); }
     ssize_t NumReady() const { return m_numReady.load(std::memory_order_relaxed); }
     ssize_t NumFree() const;
+    // Of these, how many have no used slot behind them.
+    ssize_t NumFreeAtEnd() const;
     uint64 NextSequence() const;
     int64 FileBytes() const { return m_core.m_segments->OffsetOf(NumSlots()); }
 
@@ -82,6 +89,7 @@ private:
     bool TakeReady(ssize_t& slot, ssize_t reserve);
     bool IsPinned(ssize_t slot) const;
     void MakeOneReady();
+    void MakeReady(ssize_t slot);
     void Grow();
     void UpdateReadyCount() { m_numReady.store(static_cast<ssize_t>(m_ready.size()), std::memory_order_relaxed); }
 

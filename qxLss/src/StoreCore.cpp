@@ -80,13 +80,25 @@ void ThrowCorrupt(const StoreCore& core, const std::string& what, int64 offset, 
     throw CorruptLSSException(text.c_str());
 }
 
+void ThrowOutside(const StoreCore& core, const std::string& what, Location l, int64 namedAt) {
+    const SegmentTable& segments = *core.m_segments;
+    ThrowCorrupt(core,
+                 what + " outside the segments: found " + std::to_string(LocationBytes(l)) + " bytes from offset " +
+                     std::to_string(LocationOffset(l)) + " on, expected some between " +
+                     std::to_string(segments.OffsetOf(0)) + " and " +
+                     std::to_string(segments.OffsetOf(segments.Limit())),
+                 namedAt);
+}
+
 const octet_t* TouchPacket(const StoreCore& core, Location l, ssize_t loadBehind) {
     const SegmentTable& segments = *core.m_segments;
-    if (!segments.IsInside(l)) ThrowCorrupt(core, "a location points outside the segments", LocationOffset(l));
+    if (!segments.IsInside(l)) ThrowOutside(core, "a location points", l);
     const ssize_t slot = segments.SlotOf(l);
     const octet_t* const base = segments[slot].base.load(std::memory_order_acquire);
     if (!base) [[unlikely]]
-        ThrowCorrupt(core, "a location points into a free segment", LocationOffset(l));
+        ThrowCorrupt(core,
+                     "found a free segment, expected a packet of " + std::to_string(LocationBytes(l)) + " bytes in it",
+                     LocationOffset(l));
     if (base == core.m_map->At(segments.OffsetOf(slot)))
         core.m_map->Load(LocationOffset(l), LocationBytes(l) + loadBehind);
     return base + segments.OffsetIn(l);

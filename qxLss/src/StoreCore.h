@@ -108,11 +108,15 @@ private:
     std::string m_failure; // guarded by m_failureMutex
 };
 
-// Throws CorruptLSSException: "The store '<path>' is damaged: <what> at offset <offset>. <advice>". `offset` below 0: none.
+// Throws CorruptLSSException: "The store '<path>' is damaged: <what> at offset <offset>. <advice>". `what` says what was found
+// and what was expected. `offset` below 0: none, or `what` says it.
 inline constexpr ConstStringZ ADVICE_RESTORE = "Restore the file from a backup; what is whole can still be read";
 inline constexpr ConstStringZ ADVICE_NEWER = "Open it with a newer library";
 [[noreturn]] QX_API void ThrowCorrupt(const StoreCore& core, const std::string& what, int64 offset = -1,
                                       ConstStringZ advice = ADVICE_RESTORE);
+
+// The same where `l` can be no place of a packet: "<what> outside the segments: ...". `namedAt`: the offset of what names it.
+[[noreturn]] QX_API void ThrowOutside(const StoreCore& core, const std::string& what, Location l, int64 namedAt = -1);
 
 [[noreturn]] QX_API void ThrowWrongChecksum(const StoreCore& core, Location l, uint64 key, uint32 found,
                                             uint32 expected);

@@ -57,6 +57,12 @@ void SurvivorStreams::HandOver() {
     }
 }
 
+void SurvivorStreams::SealFrom(ssize_t first) {
+    for (Stream& stream : m_streams) {
+        if (stream.writer && stream.writer->IsOpen() && stream.writer->Slot() >= first) Seal(stream);
+    }
+}
+
 bool SurvivorStreams::HasUnreported() const {
     for (const Stream& stream : m_streams) {
         if (stream.packets) return true;

@@ -39,6 +39,8 @@ public:
                     uint64 dataStamp, uint64 clock);
     // Hands everything to the system. Throws FileException; that is final.
     void HandOver();
+    // Ends the open segments in slots from `first` on. Throws as HandOver.
+    void SealFrom(ssize_t first);
     // What was appended since the last call, and is handed over. Adds it to the usage of its segments, so with the turn.
     std::vector<Range> TakeRanges();
     bool HasUnreported() const;

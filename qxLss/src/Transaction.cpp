@@ -7,6 +7,7 @@
 #include "qxUtils/Exceptions.h"
 
 #include <exception>
+#include <new>
 #include <utility>
 
 namespace quna {

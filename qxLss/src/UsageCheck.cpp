@@ -22,8 +22,7 @@ void CheckUsage(const StoreCore& core, Index& index, ssize_t numSlots) {
     int64 parts = 0;
     int64 pages = 0;
     const auto count = [&](Location l) {
-        if (!segments.IsInside(l, numSlots))
-            ThrowCorrupt(core, "the index names a packet outside the segments", LocationOffset(l));
+        if (!segments.IsInside(l, numSlots)) ThrowOutside(core, "the index names a packet", l);
         Usage& u = usage[static_cast<size_t>(segments.SlotOf(l))];
         ++u.packets;
         u.bytes += LocationBytes(l);

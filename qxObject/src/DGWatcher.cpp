@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
+#include <memory>
+#include <thread>
 #include <utility>
 
 namespace quna {
@@ -23,14 +25,14 @@ DGWatchQueue::~DGWatchQueue() noexcept(false) {
 
 DGWatchQueue& DGWatchQueue::OfLibrary() {
     static DGWatchQueue* const queue = [] {
-        auto* q = new DGWatchQueue; // never destroyed: watchers may outlive static objects
-        std::thread([q] {
+        auto q = std::make_unique<DGWatchQueue>();
+        std::thread([q = q.get()] {
             SetThreadName("DGWatcher callbacks");
             for (;;) {
                 if (q->Wait(UINT32_MAX)) q->Deliver();
             }
         }).detach();
-        return q;
+        return q.release(); // never destroyed: watchers may outlive static objects
     }();
     return *queue;
 }

@@ -52,17 +52,25 @@ void ValidateCode(const xvector<uint8>& code, ssize_t numNames) {
     const octet_t* const end = padded.data() + code.size();
     const octet_t* p = padded.data();
     for (ssize_t pending = 1; pending > 0; --pending) {
-        if (p >= end) throw RecordException("A type description ends too early");
+        if (p >= end)
+            throw RecordException(("A type description ends too early: found " + std::to_string(code.size()) +
+                                   " bytes, expected " + std::to_string(pending) + " types more")
+                                      .c_str());
         ByteCodeStep step;
         const octet_t* next = ReadByteCodeStep(p, nullptr, step);
         pending += step.m_numArguments;
         ssize_t index = 0;
         for (const octet_t* digit = next - 1; digit > p; --digit) index = index << 7 | (*digit & 0x7F);
         if (next - p > 1 && index >= numNames)
-            throw RecordException("A type description names what is not in its table");
+            throw RecordException(("A type description names what is not in its table: found name " +
+                                   std::to_string(index) + ", expected one below " + std::to_string(numNames))
+                                      .c_str());
         p = next;
     }
-    if (p != end) throw RecordException("A type description is followed by further bytes");
+    if (p != end)
+        throw RecordException(("A type description is followed by further bytes: found " + std::to_string(code.size()) +
+                               " bytes, expected " + std::to_string(p - padded.data()))
+                                  .c_str());
 }
 
 } // namespace

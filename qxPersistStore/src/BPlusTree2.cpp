@@ -9,12 +9,17 @@
 #include "qxUtils/Exceptions.h"
 #include "qxUtils/Schema.h"
 
+#include <string>
+#include <utility>
+
 namespace quna {
 
 namespace {
 
 constexpr ConstStringZ SOURCE_PATH = "src/BPlusTree2";
-constexpr ssize_t MAX_STORED_HEIGHT = 1000;
+
+// One level more would need 2 * 51^12 leaves or more, and there are 2^64 identifiers.
+constexpr ssize_t MAX_STORED_HEIGHT = 12;
 
 constexpr int LATEST_SCHEMA = 2;
 
@@ -57,10 +62,12 @@ InputArchive BPlusTree::Deserialise(InputArchive ar) {
         ar = DeserialiseVariableLengthUint(ar, heightPlusOne);
         m_height = static_cast<ssize_t>(heightPlusOne) - 1;
     }
-    // No tree of identifiers can be as high, but the descent would take a stack of that depth.
+    // The nodes of a damaged tree may lead round in a circle: then only the height ends a walk.
     if (m_height > MAX_STORED_HEIGHT) {
-        m_height = -1;
-        throw RecordException("the record of a tree has an impossible height");
+        const ssize_t found = std::exchange(m_height, -1);
+        throw RecordException(("the record of a tree has an impossible height: found " + std::to_string(found) +
+                               ", expected " + std::to_string(MAX_STORED_HEIGHT) + " at most")
+                                  .c_str());
     }
     m_rootOfChain = nullptr;
     return ar;

@@ -7,6 +7,8 @@
 // below it, and a bound on a leaf's edge goes on to the next leaf.
 #include "qxPersistStore/BPlusTree2.h"
 #include "qxPersistStore/src/BTreeSearch.h"
+#include "qxUtils/Exceptions.h"
+#include "qxUtils/xostream.h"
 
 namespace quna {
 
@@ -33,19 +35,36 @@ void PrefetchBehind(const LeafNode* leaf) {
     }
 }
 
+// The first keys of neighbours ascend, or the chain of a damaged tree could lead round in a circle for ever. An empty leaf
+// has no place in a chain; the next step from it is refused.
+void CheckOrder(const CalculatedBTreeTypeInfo& bi, const LeafNode* left, const LeafNode* right) {
+    if (left->m_numKeyEntrys == 0 || right->m_numKeyEntrys == 0 ||
+        Key(bi).Less(member_key(GetEntry(bi, left, 0)), member_key(GetEntry(bi, right, 0)))) [[likely]]
+        return;
+    StringStream text;
+    text << "the chain of a tree's leaves is damaged: found the leaf " << GetOid(right) << " behind " << GetOid(left)
+         << ", expected one with a larger first key";
+    throw RecordException(text.c_str());
+}
+
 } // namespace
 
 // The same position when there is no such leaf.
 BPlusTree::Iterator BPlusTree::Iterator::BehindLeaf(Iterator i) {
-    LeafNode* const leaf = FollowLink(i.m_leaf->GetCalculatedBTreeTypeInfo(), i.m_leaf->m_next);
+    const CalculatedBTreeTypeInfo& bi = i.m_leaf->GetCalculatedBTreeTypeInfo();
+    LeafNode* const leaf = FollowLink(bi, i.m_leaf->m_next);
     if (!leaf) return i;
     PrefetchBehind(leaf);
+    CheckOrder(bi, i.m_leaf, leaf);
     return Iterator(leaf, 0);
 }
 
 BPlusTree::Iterator BPlusTree::Iterator::BeforeLeaf(Iterator i) {
-    LeafNode* const leaf = FollowLink(i.m_leaf->GetCalculatedBTreeTypeInfo(), i.m_leaf->m_prev);
-    return leaf ? Iterator(leaf, leaf->m_numKeyEntrys - 1) : i;
+    const CalculatedBTreeTypeInfo& bi = i.m_leaf->GetCalculatedBTreeTypeInfo();
+    LeafNode* const leaf = FollowLink(bi, i.m_leaf->m_prev);
+    if (!leaf) return i;
+    CheckOrder(bi, leaf, i.m_leaf);
+    return Iterator(leaf, leaf->m_numKeyEntrys - 1);
 }
 
 void BPlusTree::EnsureChainIfExclusive() const {

@@ -1,4 +1,5 @@
 // Getting or making the root object of a space.
+#include "qxObject/DollarNew.h"
 #include "qxObject/ReflectedClass.h"
 #include "qxPersistStore/IPersistStore.h"
 #include "qxUtils/Assert.h"
@@ -27,7 +28,7 @@ void* GetOrCreateRoot(ReflectedClass const& rc, ConstStringZ name, Pin pin) {
     QX_ASSERT(rc.m_createFn);
     const ptr<IObject> v = rc.m_createFn();
     QX_ASSERT(v);
-    RegisterGcObject(v);
+    RegisterOrDestroy(v);
     po = qicast<IPersistable>(v);
     QX_ASSERT(po);
     po->OnCreate(true);

@@ -3,6 +3,7 @@
 // Depth first and in pre-order, each child with its whole subtree before the next, on a stack of our own: chains may be
 // as long as memory lasts. What has been made belongs to the collector at once, so giving up halfway frees nothing.
 #include "qxObject/CSpace.h"
+#include "qxObject/DollarNew.h"
 #include "qxObject/ReflectedClass.h"
 #include "qxPersistStore/IPersistStore.h"
 #include "qxPersistStore/IPersistable.h"
@@ -51,12 +52,7 @@ Copy CopyObject(ptr<IPersistable> po) {
     std::unique_ptr<void, FreeBytes> bytes(::operator new(static_cast<std::size_t>(rc->m_size)));
     rc->m_ops.CopyConstructVariable(bytes.get(), po.m_self);
     const ptr<IObject> object(bytes.release(), rc->m_IObjectFnTable);
-    try {
-        RegisterGcObject(object);
-    } catch (...) {
-        object->Destroy();
-        throw;
-    }
+    RegisterOrDestroy(object);
     return {AsPersistable(object), rc};
 }
 

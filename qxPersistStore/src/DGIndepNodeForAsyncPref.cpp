@@ -168,7 +168,8 @@ bool DGIndepNodeForAsyncPref::HandleAsyncLoad(ptr<IPersistable> po) {
     return true;
 }
 
-void DGIndepNodeForAsyncPref::PushUpdateJob() {
+// Without memory for the job those who wait would never get an answer: then the process ends.
+void DGIndepNodeForAsyncPref::PushUpdateJob() noexcept {
     AsyncUpdateRotJob job;
     job.node = this;
     rot_.pspace_.m_ps.asyncUpdateRotThread_.Push(job);
@@ -196,10 +197,8 @@ void DGIndepNodeForAsyncPref::EndFailedLoad(JobReference& job) noexcept {
         rot.blockSyncThreadWaitingOnAsyncLoad_.Signal();
         return;
     }
-    EndQuietly("the end of a failed load", [&] {
-        PushUpdateJob();
-        job.PassOn();
-    });
+    PushUpdateJob();
+    job.PassOn();
 }
 
 void DGIndepNodeForAsyncPref::AbandonLoad() {
@@ -256,8 +255,15 @@ void DGIndepNodeForAsyncPref::UpdateRot() {
 
 // Requires: the OID's mutex is held; asyncobj_ is not null; the node is in the table.
 void DGIndepNodeForAsyncPref::EnterLoadedObject() const {
-    RegisterGcObject(rot_.pspace_.GetCSpace(), asyncobj_); // may throw: nothing has changed then
     const ptr<IPersistable> po = std::exchange(asyncobj_, ptr<IPersistable>());
+    try {
+        RegisterGcObject(rot_.pspace_.GetCSpace(), po);
+    } catch (...) {
+        // As if the load had failed. Whoever got an object that belongs to no domain would change it, and nobody would note it.
+        loadFailed_ = true;
+        po->Destroy();
+        throw;
+    }
     rot_.ReplacePlaceholder(*this, po);
     updatedRot_.store(UR_OBJECT_FOUND, std::memory_order_relaxed);
 }

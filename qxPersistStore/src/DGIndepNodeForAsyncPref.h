@@ -114,7 +114,7 @@ public:
     mutable std::atomic<EUpdatedRot> updatedRot_{UR_PENDING};
     bool waiting_ = false;               // a synchronous binder sleeps on this node, or did
     bool readyToUpdateRot_ = false;      // the load is over
-    bool loadFailed_ = false;            // with an exception
+    mutable bool loadFailed_ = false;    // with an exception
     mutable ptr<IPersistable> asyncobj_; // from the end of the load until it is in the table
 
 private:
@@ -126,7 +126,7 @@ private:
     // What waiting_ was; nothing when the load is over already.
     std::optional<bool> NoteFailedLoad() noexcept;
     void EndFailedLoad(JobReference& job) noexcept;
-    void PushUpdateJob();
+    void PushUpdateJob() noexcept;
     void AskHandler();
     void TakeFromHandler(ptr<IPersistable> po);
     void EnterLoadedObject() const;

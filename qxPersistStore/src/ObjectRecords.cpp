@@ -1,5 +1,6 @@
 // The envelope of an object's record: written, read, and measured.
 
+#include "qxObject/DollarNew.h"
 #include "qxObject/QunaSystemException.h"
 #include "qxObject/ReflectedClass.h"
 #include "qxPersistStore/PersistStoreExceptions.h"
@@ -83,7 +84,7 @@ void PersistStore::DynCreateDeserialise(InputArchive ar_begin, InputArchive ar_e
         QX_ASSERT(rc->m_createFn);
         const ptr<IObject> v = rc->m_createFn();
         QX_ASSERT(v);
-        if (registerInCSpace) RegisterGcObject(v);
+        if (registerInCSpace) RegisterOrDestroy(v);
         po = qicast<IPersistable>(v);
         if (!po && !registerInCSpace) v->Destroy();
         QX_ASSERT_TEXT(po, "0"); // a class that is no IPersistable

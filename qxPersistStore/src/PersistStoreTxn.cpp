@@ -79,6 +79,9 @@ void PersistStoreTxn::Merge(PSpace* p1, PSpace* p2) {
 PSpace* PersistStoreTxn::OpenPSpace(ConstStringZ name, EOpenMode openMode, CSpace* cspace) {
     QX_ASSERT(name);
     QX_ASSERT(strlen(name) > 0);
+    // Made first: a space that is open and that nobody knows of could not be closed.
+    m_openedPSpaces.push_back(nullptr);
+    m_openedPSpaces.pop_back();
     PSpace* pspace = m_ps->OpenPSpace(name, openMode, cspace);
     QX_ASSERT(pspace);
     OnOpenPSpace(pspace);

@@ -21,6 +21,7 @@ namespace {
 constexpr ssize_t MAX_ELEMENTS = 12;
 constexpr ssize_t MAX_OPERATIONS = 16;
 constexpr ssize_t MAX_STEPS = 400;
+constexpr ssize_t MAX_ENTRIES = MAX_ELEMENTS * BTREE_MAX_ENTRIES; // of all leaves
 constexpr SeidLow FIRST_LOW = 16;
 constexpr int64 MEMORY_ALLOWANCE = int64{16} << 20;
 
@@ -56,6 +57,9 @@ private:
     alignas(16) octet_t m_bytes[64] = {};
 };
 
+// Each leaf is met at most once, whatever the chain says.
+void RequireEnd(ssize_t n) { FuzzRequire(n <= MAX_ENTRIES, "a walk along the leaves has no end"); }
+
 // Every entry that is met is read by the tree's types, as its user would.
 void ReadEntry(const BPlusTree& tree, const BPlusTree::Iterator& i) {
     const CalculatedBTreeTypeInfo& bi = tree.GetCalculatedBTreeTypeInfo();
@@ -66,23 +70,30 @@ void ReadEntry(const BPlusTree& tree, const BPlusTree::Iterator& i) {
         bi.m_payloadType->PrintVariable(os, entry + tree.GetPayloadOffset());
 }
 
-// Forwards and backwards, as far as a tree may reasonably go on.
+// Forwards and backwards.
 void Walk(BPlusTree& tree) {
     const DefaultKey key(*tree.GetCalculatedBTreeTypeInfo().m_keyType);
     TryRecord([&] { tree.rFind(key.Get()); });
     TryRecord([&] { tree.upper_bound(key.Get()); });
     TryRecord([&] {
-        BPlusTree::Iterator i = tree.lower_bound(key.Get());
-        for (ssize_t n = 0; n < MAX_STEPS && i.can_dereference(); ++n, i.next()) ReadEntry(tree, i);
+        ssize_t n = 0;
+        for (BPlusTree::Iterator i = tree.lower_bound(key.Get()); i.can_dereference(); i.next()) {
+            RequireEnd(++n);
+            ReadEntry(tree, i);
+        }
     });
     TryRecord([&] {
-        BPlusTree::Iterator i = tree.begin();
-        for (ssize_t n = 0; n < MAX_STEPS && i.can_dereference(); ++n, i.next()) ReadEntry(tree, i);
+        ssize_t n = 0;
+        for (BPlusTree::Iterator i = tree.begin(); i.can_dereference(); i.next()) {
+            RequireEnd(++n);
+            ReadEntry(tree, i);
+        }
     });
     TryRecord([&] {
-        BPlusTree::Iterator i = tree.end();
-        for (ssize_t n = 0; n < MAX_STEPS && i.m_leaf && i.m_offset > 0; ++n) {
+        ssize_t n = 0;
+        for (BPlusTree::Iterator i = tree.end(); i.m_leaf && i.m_offset > 0;) {
             i.prev();
+            RequireEnd(++n);
             if (i.can_dereference()) ReadEntry(tree, i);
         }
     });
@@ -154,7 +165,7 @@ extern "C" int LLVMFuzzerTestOneInput(const quna::octet_t* data, std::size_t siz
 
 extern "C" int LLVMFuzzerTestOneInput(const quna::octet_t* data, std::size_t size) {
     if (size == 0) return 0;
-    quna::SilenceTraceForFuzz();
+    quna::PrepareForFuzz();
     quna::Run(data, data + size);
     return 0;
 }

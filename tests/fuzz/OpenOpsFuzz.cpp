@@ -65,7 +65,8 @@ static_assert(sizeof(Edit) == 8);
 // All places are taken modulo what there is, so that every edit does something.
 class Editor {
 public:
-    explicit Editor(const Base& base) : m_base(base), m_file(base.file) {}
+    // `file` is where the edited file is made.
+    Editor(const Base& base, FileBytes& file) : m_base(base), m_file(file) { m_file = base.file; }
 
     void Apply(const Edit& edit) {
         const Unit& unit = UnitAt(edit.unit);
@@ -94,10 +95,9 @@ public:
         }
     }
 
-    FileBytes Take(bool checksumsRight) {
+    void Finish(bool checksumsRight) {
         if (checksumsRight) MakeChecksumsRight(m_file);
         if (m_cut >= 0) m_file.resize(static_cast<size_t>(m_cut));
-        return std::move(m_file);
     }
 
 private:
@@ -127,21 +127,23 @@ private:
     }
 
     const Base& m_base;
-    FileBytes m_file;
+    FileBytes& m_file;
     int64 m_cut = -1;
 };
 
 void Run(const octet_t* data, ssize_t size) {
     static FuzzSys sys;
+    static FileBytes file; // used again: memory of that size comes from the system
     const octet_t* const end = data + size;
-    Editor editor(Bases()[data[0] % Bases().size()]);
+    Editor editor(Bases()[data[0] % Bases().size()], file);
     const FuzzUse use(data[1]);
     const bool checksumsRight = data[2] & 1;
     ssize_t numEdits = data[2] >> 2;
     data += 3;
     for (; numEdits > 0 && end - data >= ssize_t{sizeof(Edit)}; --numEdits, data += sizeof(Edit))
         editor.Apply(ReadPod<Edit>(data));
-    sys.SetContent(editor.Take(checksumsRight));
+    editor.Finish(checksumsRight);
+    sys.SetContent(file);
     UseDamagedStore(sys, use, data, end - data);
 }
 
@@ -152,7 +154,7 @@ extern "C" int LLVMFuzzerTestOneInput(const quna::octet_t* data, std::size_t siz
 
 extern "C" int LLVMFuzzerTestOneInput(const quna::octet_t* data, std::size_t size) {
     if (size < 3) return 0;
-    quna::SilenceTraceForFuzz();
+    quna::PrepareForFuzz();
     quna::Run(data, static_cast<quna::ssize_t>(size));
     return 0;
 }

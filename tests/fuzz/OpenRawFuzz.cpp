@@ -11,8 +11,8 @@ extern "C" int LLVMFuzzerTestOneInput(const quna::octet_t* data, std::size_t siz
 extern "C" int LLVMFuzzerTestOneInput(const quna::octet_t* data, std::size_t size) {
     static quna::FuzzSys sys;
     if (size == 0) return 0;
-    quna::SilenceTraceForFuzz();
-    sys.SetContent(quna::DecodeSparseFile(data + 1, static_cast<quna::ssize_t>(size - 1)));
+    quna::PrepareForFuzz();
+    quna::DecodeSparseFile(data + 1, static_cast<quna::ssize_t>(size - 1), sys);
     quna::UseDamagedStore(sys, quna::FuzzUse(data[0]));
     return 0;
 }

@@ -258,7 +258,7 @@ extern "C" int LLVMFuzzerTestOneInput(const quna::octet_t* data, std::size_t siz
 
 extern "C" int LLVMFuzzerTestOneInput(const quna::octet_t* data, std::size_t size) {
     if (size == 0) return 0;
-    quna::SilenceTraceForFuzz();
+    quna::PrepareForFuzz();
     quna::FuzzSpace::Get();
     quna::ResetPeakMemory();
     quna::TryRecord([&] { quna::READERS[data[0] % quna::NUM_READERS](quna::Record(data + 1, size - 1)); });

@@ -118,7 +118,7 @@ extern "C" int LLVMFuzzerTestOneInput(const quna::octet_t* data, std::size_t siz
 
 extern "C" int LLVMFuzzerTestOneInput(const quna::octet_t* data, std::size_t size) {
     if (size == 0) return 0;
-    quna::SilenceTraceForFuzz();
+    quna::PrepareForFuzz();
     quna::FuzzSpace::Get().Lss().Forget();
     quna::ResetPeakMemory();
     std::vector<quna::octet_t> stream(data + 1, data + size);

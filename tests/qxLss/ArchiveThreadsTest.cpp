@@ -110,6 +110,36 @@ TEST_F(ArchivingThreads, TheArchiveFollowsWritersAndTheCleanerAndGivesEveryState
     }
 }
 
+// Neither 16 MiB nor 60 seconds come together here: without the hurry nothing would be archived before the close, and so
+// nothing could be cleaned.
+TEST(ArchivingInAHurryThreads, AFullDiskHasWhatWaitsArchivedSoThatItCanBeCleaned) {
+    constexpr int NUM_WRITES = 200;
+    SimSys sys;
+    sys.StopRecording();
+    TestLss lss(sys, ArchivedSettings(), OM_CREATE_NEW, DELTAS);
+    std::vector<Seid> seids;
+    for (int i = 0; i < 10; ++i) seids.push_back(lss.NewSeid());
+    const auto put = [&](int i) {
+        lss.Put(seids[static_cast<size_t>(i) % seids.size()], Pattern(1500, static_cast<unsigned>(i)), true);
+    };
+    for (int i = 0; i < NUM_WRITES; ++i) put(i);
+    EXPECT_TRUE(DeltaNames(sys).empty());
+    sys.FailCall(ESimCall::ALLOCATE, 1, ENOSPC, true);
+    int done = 0;
+    for (int tries = 0; done < NUM_WRITES && tries < 1000; ++tries) {
+        try {
+            put(done);
+            ++done;
+        } catch (const FileException& e) { // on a slow machine the wait for archive and cleaner may end too soon
+            EXPECT_EQ(e.GetErrno(), ENOSPC);
+        }
+    }
+    EXPECT_EQ(done, NUM_WRITES);
+    EXPECT_FALSE(DeltaNames(sys).empty());
+    sys.Heal();
+    lss.Close();
+}
+
 // Each call of Hurry begins an attempt at once, however long the archive would wait.
 TEST(ArchiveThreads, AnArchiveThatFailsSaysSoOnceAndGoesOnWhenItCan) {
     SimSys sys;

@@ -295,6 +295,69 @@ TEST_F(CleanerTest, MostOfTheFileIsGivenBackWhenMostOfTheStoreIsDeleted) {
     ExpectModel();
 }
 
+TEST_F(CleanerTest, WhatStandsAtTheFilesEndMovesForwardWhenTheStoreRests) {
+    Fill(6000, 200);
+    const ssize_t before = Store().SpaceForTest().NumSlots();
+    for (size_t i = 0; i + 300 < m_seids.size(); ++i) {
+        Lss().Delete(m_seids[i]);
+        m_model.erase(m_seids[i].value_);
+    }
+    for (int i = 0; i < 1000 && Store().BackgroundForTest() >= 0; ++i) {
+    }
+    EXPECT_GT(before, 300);
+    EXPECT_LT(Store().SpaceForTest().NumSlots(), UsedSegments() + 70);
+    EXPECT_LT(UsedSegments(), 40);
+    ExpectModel();
+    Store().Validate();
+    m_lss->Abandon(); // killed
+    Open();
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, ATransactionStopsTheMoveOfTheFilesEnd) {
+    Fill(6000, 200);
+    for (size_t i = 0; i + 2000 < m_seids.size(); ++i) {
+        Lss().Delete(m_seids[i]);
+        m_model.erase(m_seids[i].value_);
+    }
+    for (int i = 0; i < 2; ++i) Store().CheckpointForTest(); // what is empty becomes free
+    int steps = 0;
+    Store().SetStepHookForTest([&] {
+        if (++steps == 1) Overwrite(m_seids.back(), 200);
+    });
+    Store().PullInEndForTest();
+    Store().SetStepHookForTest(nullptr);
+    EXPECT_GT(steps, 1); // the checkpoint that ran was completed
+    const ssize_t interrupted = Store().SpaceForTest().NumSlots();
+    ExpectModel();
+    Store().PullInEndForTest();
+    EXPECT_LT(Store().SpaceForTest().NumSlots(), interrupted - 100);
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, ADamagedSegmentKeepsTheFilesEndWhereItIs) {
+    Fill(6000, 200);
+    const Seid damaged = m_seids.back();
+    for (int i = 0; i < 30; ++i) Overwrite(m_seids[0], 200); // ends the damaged one's segment
+    for (size_t i = 1; i + 300 < m_seids.size(); ++i) {
+        Lss().Delete(m_seids[i]);
+        m_model.erase(m_seids[i].value_);
+    }
+    Store().CheckpointForTest();
+    const ssize_t slot = SlotOf(damaged);
+    const int fd = m_sys.Open("d/store", O_RDWR, 0);
+    const octet_t wrong = 0xA5;
+    m_sys.Write(fd, &wrong, 1, LocationOffset(Store().IndexForTest().Get(damaged)) + 50);
+    m_sys.Close(fd);
+    for (int i = 0; i < 1000 && Store().BackgroundForTest() >= 0; ++i) {
+    }
+    EXPECT_EQ(SlotOf(damaged), slot);
+    EXPECT_GT(Store().SpaceForTest().NumSlots(), slot);
+    Lss().Delete(damaged);
+    m_model.erase(damaged.value_);
+    ExpectModel();
+}
+
 TEST_F(CleanerTest, AFailedWriteOfTheCleanerIsFinalAndReadingGoesOn) {
     Fill(100, 200);
     Store().CheckpointForTest();

@@ -1,8 +1,13 @@
 // Restoring from a copy and an archive: to each transaction, to a time, and the refusals.
 #include "qxLss/CorruptLSSException.h"
+#include "qxLss/src/TimeText.h"
 #include "qxUtils/Exceptions.h"
 #include "tests/qxLss/ArchivedStore.h"
+#include "tests/support/ForwardingSys.h"
+#include "tests/support/TempDir.h"
 
+#include <atomic>
+#include <filesystem>
 #include <functional>
 #include <set>
 
@@ -360,6 +365,64 @@ TEST_F(Restoring, AFailedCallEndsTheRestoreAndLeavesNothingBehind) {
             ASSERT_FALSE(HasFailure()) << "call " << static_cast<int>(kind) << " number " << n;
         }
     }
+}
+
+// Calls back before each change of a file, unless it is a change that the callback makes.
+class RivalSys final : public ForwardingSys {
+public:
+    std::function<void()> beforeChange;
+
+private:
+    void BeforeChange() override {
+        if (m_isCalling.exchange(true)) return;
+        beforeChange();
+        m_isCalling = false;
+    }
+
+    std::atomic<bool> m_isCalling{false};
+};
+
+TEST(RestoringBesideARival, WhoeverBeginsIsAloneUntilTheFileHasItsName) {
+    const TempDir dir;
+    const std::string deltas = dir.File("deltas");
+    const std::string restored = dir.File("new");
+    bool createdNew = false;
+    for (const EOpenMode mode : {OM_CREATE_NEW, OM_OPEN_EXISTING}) {
+        if (mode == OM_OPEN_EXISTING) std::filesystem::copy_file(dir.File("store"), dir.File("base"));
+        ILogStructuredStore* const lss =
+            CreateOrOpenLSS(dir.File("store").c_str(), deltas.c_str(), createdNew, mode, LssSettings());
+        if (createdNew) lss->AllocateSeidHigh();
+        {
+            AutoCloser<ILssTransaction> txn(lss->OpenTransaction());
+            TestLss::Write(*txn.Get(), lss->AllocateSeid(1), "content");
+            txn.Close();
+        }
+        lss->Close();
+    }
+    int refused = 0;
+    RivalSys sys;
+    sys.beforeChange = [&] {
+        if (!std::filesystem::exists(restored + ".part")) return;
+        EXPECT_THAT(
+            TextOf(
+                [&] { RestoreLss(dir.File("base").c_str(), deltas.c_str(), RestoreTarget::End(), restored.c_str()); }),
+            testing::HasSubstr("Can't restore the store '" + restored + "': another copy is being written there"));
+        ++refused;
+    };
+    const RestoredLss result =
+        RestoreLssForTest(sys, dir.File("base").c_str(), deltas.c_str(), RestoreTarget::End(), restored.c_str());
+    EXPECT_EQ(result.lastTransaction, 2u);
+    EXPECT_GT(refused, 5);
+    TestLss lss(RealSysCalls(), SmallSegments(), OM_OPEN_EXISTING_READ_ONLY, nullptr, restored.c_str());
+    EXPECT_EQ(lss->LastTransaction(), 2u);
+}
+
+TEST_F(Restoring, ATimeBeforeTheBaseIsRefusedInWords) {
+    Fill(3, 9);
+    EXPECT_THAT(ExpectRefusal<FileException>(RestoreTarget::Time(10'000'000)),
+                testing::HasSubstr("the time 1970-01-01T00:00:01Z is wanted, and its base 'd/base' already has "
+                                   "transaction " +
+                                   std::to_string(m_baseAt) + " of " + TimeText(m_store->times[m_baseAt])));
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 #include <string>
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace quna {
 namespace {
@@ -185,7 +186,8 @@ TEST_F(DiskTest, GarbageIsOnlyWhereSomethingWasBeingWritten) {
 }
 
 TEST_F(DiskTest, AnArenaHoldsWhatAMemoryFileHolds) {
-    for (const ESimMemory kind : {ESimMemory::ARENA, ESimMemory::SHARED, ESimMemory::ARENA}) {
+    for (const ESimMemory kind :
+         {ESimMemory::ARENA, ESimMemory::SHARED, ESimMemory::GUARDED, ESimMemory::ARENA, ESimMemory::GUARDED}) {
         SimSys sys({{"d/f", FileBytes(100, octet_t{'x'})}}, kind);
         File file(sys);
         file.Open("d/f", EFileAccess::READ_WRITE);
@@ -206,6 +208,29 @@ TEST_F(DiskTest, AnArenaHoldsWhatAMemoryFileHolds) {
         std::fill_n(expected.begin(), 50, octet_t{'x'});
         EXPECT_EQ(bytes, expected);
     }
+}
+
+TEST_F(DiskTest, PagesBehindTheEndOfAGuardedFileCanNotBeTouched) {
+    SimSys sys({{"d/f", FileBytes(5000, octet_t{'x'})}}, ESimMemory::GUARDED);
+    File file(sys);
+    file.Open("d/f", EFileAccess::READ_WRITE);
+    const octet_t* base = nullptr;
+    ASSERT_EQ(sys.Map(file.Descriptor(), 1 << 20, base), 0);
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    // The system says of an address whether it can be read.
+    const auto canRead = [&](int64 at) { return ::write(ends[1], base + at, 1) == 1; };
+    EXPECT_TRUE(canRead(4999));
+    EXPECT_FALSE(canRead(8192));
+    file.Write(12000, "abc", 3);
+    EXPECT_TRUE(canRead(12002));
+    EXPECT_FALSE(canRead(12288));
+    file.Truncate(4096);
+    EXPECT_TRUE(canRead(4095));
+    EXPECT_FALSE(canRead(4096));
+    ::close(ends[0]);
+    ::close(ends[1]);
+    EXPECT_EQ(sys.Unmap(base, 1 << 20), 0);
 }
 
 TEST_F(DiskTest, AFailedSyncLosesWhatWasPendingWhileReadsStillShowIt) {

@@ -28,7 +28,7 @@ using ElementMap = std::map<uint64, std::string>;
 // Opens the store "d/store" of a SimSys and abandons it at the end, as a kill would, unless it was closed.
 class TestLss {
 public:
-    explicit TestLss(SimSys& sys, LssSettings settings = SmallSegments(), EOpenMode mode = OM_OPEN_ALWAYS,
+    explicit TestLss(SysCalls& sys, LssSettings settings = SmallSegments(), EOpenMode mode = OM_OPEN_ALWAYS,
                      ConstStringZ deltasDirPath = nullptr, ConstStringZ path = "d/store",
                      EBackground background = EBackground::THREADS, int stampShift = STAMP_SHIFT) {
         bool createdNew = false;

@@ -1,4 +1,5 @@
 // Iterators: their positions, their steps in both directions, and what they refuse.
+#include "qxUtils/Exceptions.h"
 #include "tests/support/ExpectAssertion.h"
 #include "tests/support/TestTree.h"
 #include "tests/support/TestTreeStore.h"
@@ -154,6 +155,30 @@ TEST_F(BPlusTreeIteration, ItWorksWithoutInternalNodes) {
     ssize_t n = 0;
     for (Iterator i = m_tree.begin(); i != m_tree.end(); i.next()) ++n;
     EXPECT_EQ(150, n);
+}
+
+// The chain of a damaged tree may lead to any leaf. A walk along it ends all the same.
+TEST_F(BPlusTreeIteration, AChainThatLeadsBackIsRefused) {
+    Build({50, 50, 50});
+    const std::vector<LeafNode*> leaves = Leaves();
+    for (const std::size_t target : {0u, 1u, 2u}) {
+        leaves[2]->m_next = leaves[target];
+        ssize_t n = 0;
+        const auto walk = [&] {
+            for (Iterator i = m_tree.begin(); i.can_dereference(); i.next()) ++n;
+        };
+        EXPECT_THROW(walk(), RecordException) << target;
+        EXPECT_EQ(150, n);
+    }
+    for (const std::size_t target : {0u, 1u, 2u}) {
+        leaves[0]->m_prev = leaves[target];
+        ssize_t n = 0;
+        const auto walk = [&] {
+            for (Iterator i(leaves[2], 49); i.can_dereference(); i.prev()) ++n;
+        };
+        EXPECT_THROW(walk(), RecordException) << target;
+        EXPECT_EQ(150, n);
+    }
 }
 
 class BPlusTreePersistentIteration : public PersistentTreeTest {};

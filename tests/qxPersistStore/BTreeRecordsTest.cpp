@@ -110,7 +110,7 @@ TEST_F(BTreeRecords, ATreeOfOneEmptyLeafHasAHeightFieldOfOne) {
 
 TEST_F(BTreeRecords, AnImpossibleHeightIsRefused) {
     StoredInfo<uint8>();
-    for (const uint32 heightPlusOne : {1002u, 0xFFFFFFFFu}) {
+    for (const uint32 heightPlusOne : {14u, 1002u, 0xFFFFFFFFu}) {
         const Bytes height = Written([&](Archive& ar) { SerialiseVariableLengthUint32(ar, heightPlusOne); });
         BPlusTree read;
         EXPECT_THROW(Read(read, Bytes{2, 1, 0, 0, 0, 0, 0} + height), RecordException);

@@ -7,6 +7,7 @@
 #include "tests/support/DamageLab.h"
 #include "tests/support/MeteredNew.h"
 #include "tests/support/SimArguments.h"
+#include "tests/support/SimJobs.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -49,17 +50,17 @@ public:
             for (int64 at = range.from; at < std::min(range.to, Size()); ++at) {
                 if (at % share.of != share.part) continue;
                 for (int bit = 0; bit < 8; ++bit) {
-                    m_lab.Flip(at, bit);
-                    m_lab.TryWriting(m_totals, Where(at, bit));
+                    Flip(at, bit);
+                    m_lab.TryWriting(m_totals, m_where);
                 }
             }
         }
     }
 
     void One(int64 at, int bit) {
-        m_lab.Flip(at, bit);
-        m_lab.TryReading(m_totals, Where(at, bit));
-        m_lab.TryWriting(m_totals, Where(at, bit));
+        Flip(at, bit);
+        m_lab.TryReading(m_totals, m_where);
+        m_lab.TryWriting(m_totals, m_where);
     }
 
     int64 NumIdleBits() const { return m_idleBits; }
@@ -73,10 +74,16 @@ private:
                " bytes)";
     }
 
+    void Flip(int64 at, int bit) {
+        m_at = at;
+        m_bit = bit;
+        m_lab.Flip(at, bit);
+    }
+
     void FlipFresh(int64 at) {
         for (int bit = 0; bit < 8; ++bit) {
-            m_lab.Flip(at, bit);
-            m_lab.TryReading(m_totals, Where(at, bit));
+            Flip(at, bit);
+            m_lab.TryReading(m_totals, m_where);
             m_lab.Undo();
         }
     }
@@ -91,8 +98,8 @@ private:
                 const bool isOpened = i < opened.size() && opened[i].from <= at;
                 if (isOpened || at % share.of != share.part) continue;
                 for (int bit = 0; bit < 8; ++bit) {
-                    m_lab.Flip(at, bit);
-                    m_lab.TryElement(m_totals, packet.seid, Where(at, bit));
+                    Flip(at, bit);
+                    m_lab.TryElement(m_totals, packet.seid, m_where);
                     m_lab.Undo();
                 }
             }
@@ -118,9 +125,8 @@ private:
         FileBytes bytes(m_store.file.begin() + at, m_store.file.begin() + at + n);
         for (octet_t& byte : bytes) byte = static_cast<octet_t>(~byte);
         m_lab.Replace(at, bytes);
-        if (m_lab.TryReading(m_totals, Where(at, 0) + ", all bits of " + std::to_string(n) + " bytes") ==
-            ELabVerdict::HARMLESS)
-            m_idleBits += 8 * n;
+        const LabWhere where = [&] { return Where(at, 0) + ", all bits of " + std::to_string(n) + " bytes"; };
+        if (m_lab.TryReading(m_totals, where) == ELabVerdict::HARMLESS) m_idleBits += 8 * n;
         m_lab.Undo();
     }
 
@@ -128,13 +134,26 @@ private:
     DamageLab m_lab;
     LabTotals& m_totals;
     int64 m_idleBits = 0;
+    int64 m_at = 0; // the bit that is turned over
+    int m_bit = 0;
+    const LabWhere m_where = [this] { return Where(m_at, m_bit); };
+};
+
+struct Totals {
+    LabTotals reading;
+    LabTotals writing;
+    int64 idle = 0;
+
+    void Add(const Totals& other) {
+        reading.Add(other.reading);
+        writing.Add(other.writing);
+        idle += other.idle;
+    }
 };
 
 int Main(int argc, char** argv) {
     const ReliabilityArguments arguments(argc, argv);
-    LabTotals totals;
-    LabTotals writing;
-    int64 idle = 0;
+    Totals totals;
     // At full scale every bit of files of 4 MiB; without a checkpoint, when opening reads all of it, of 512 KiB. A long run
     // can be cut into pieces: --replay piece,pieces,kind.
     const bool full = arguments.scale >= 100;
@@ -143,15 +162,20 @@ int Main(int argc, char** argv) {
     const auto sweep = [&](ELabKind kind, const Share& share) {
         const int64 size = kind == ELabKind::NEW ? std::min<int64>(bytes, 524288) : bytes;
         const LabStore store = BuildLabStore(kind, arguments.seed, size, segment);
-        Sweep one(store, totals);
-        one.Read(share);
-        idle += one.NumIdleBits();
-        Sweep(store, writing).Write({share.part, share.of * (full ? 32 : 2)});
+        totals.Add(RunJobs<Totals>(arguments.jobs, [&](int job, int jobs) {
+            const Share mine{share.part + share.of * job, share.of * jobs};
+            Totals found;
+            Sweep one(store, found.reading);
+            one.Read(mine);
+            found.idle = one.NumIdleBits();
+            Sweep(store, found.writing).Write({mine.part, mine.of * (full ? 32 : 2)});
+            return found;
+        }));
     };
     if (arguments.replay && !full) {
         const auto kind = static_cast<ELabKind>(arguments.replayVariant / 8);
         const LabStore store = BuildLabStore(kind, arguments.replaySeed, bytes, segment);
-        Sweep(store, totals).One(arguments.replayPoint, static_cast<int>(arguments.replayVariant % 8));
+        Sweep(store, totals.reading).One(arguments.replayPoint, static_cast<int>(arguments.replayVariant % 8));
     } else if (arguments.replay) {
         sweep(static_cast<ELabKind>(arguments.replayVariant),
               {static_cast<int64>(arguments.replaySeed), arguments.replayPoint});
@@ -160,10 +184,12 @@ int Main(int argc, char** argv) {
         for (int kind = 0; kind < static_cast<int>(ELabKind::COUNT); ++kind)
             sweep(static_cast<ELabKind>(kind), {static_cast<int64>(arguments.seed % static_cast<uint64>(of)), of});
     }
-    const bool ok = totals.NumFaults() + writing.NumFaults() == 0 && totals.Of(ELabVerdict::DETECTED) > 0;
-    std::printf("for writing: %s\n", writing.Figures().c_str());
-    std::printf("reliability bitflip: %s idle_bits=%lld for_writing=%lld verdict=%s\n", totals.Figures().c_str(),
-                static_cast<long long>(idle), static_cast<long long>(writing.tried), ok ? "ok" : "FAIL");
+    const bool ok =
+        totals.reading.NumFaults() + totals.writing.NumFaults() == 0 && totals.reading.Of(ELabVerdict::DETECTED) > 0;
+    std::printf("for writing: %s\n", totals.writing.Figures().c_str());
+    std::printf("reliability bitflip: %s idle_bits=%lld for_writing=%lld verdict=%s\n",
+                totals.reading.Figures().c_str(), static_cast<long long>(totals.idle),
+                static_cast<long long>(totals.writing.tried), ok ? "ok" : "FAIL");
     return ok ? 0 : 1;
 }
 

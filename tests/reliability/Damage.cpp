@@ -80,8 +80,10 @@ struct Totals {
 };
 
 void TryOne(DamageLab& lab, uint64 seed, int64 k, Totals& totals) {
-    const std::string where = "--replay " + std::to_string(lab.Store().seed) + "," + std::to_string(k) + "," +
-                              std::to_string(static_cast<int>(lab.Store().kind));
+    const LabWhere where = [&] {
+        return "--replay " + std::to_string(lab.Store().seed) + "," + std::to_string(k) + "," +
+               std::to_string(static_cast<int>(lab.Store().kind));
+    };
     const auto damage = [&] { Damager(lab.Store(), seed * 1000003 + static_cast<uint64>(k)).Damage(lab); };
     damage();
     lab.TryReading(totals.reading, where);

@@ -7,6 +7,7 @@
 #include "tests/support/ForwardingSys.h"
 #include "tests/support/NumberedTransactions.h"
 #include "tests/support/SimArguments.h"
+#include "tests/support/SimJobs.h"
 #include "tests/support/TempDir.h"
 
 #include <atomic>
@@ -117,6 +118,14 @@ struct Totals {
     int64 closed = 0;
     int64 lost = 0;
     int64 wrong = 0;
+
+    void Add(const Totals& other) {
+        points += other.points;
+        recoveries += other.recoveries;
+        closed += other.closed;
+        lost += other.lost;
+        wrong += other.wrong;
+    }
 };
 
 class Killer {
@@ -239,11 +248,15 @@ int Main(int argc, char** argv) {
     } else {
         const int64 workloads = std::max<int64>(3, static_cast<int64>(3 * arguments.scale));
         const int64 step = arguments.scale > 1 ? 1 : 7; // at small scale every seventh call
-        for (int64 i = 0; i < workloads; ++i) {
-            Killer killer(arguments.seed + static_cast<uint64>(i), totals);
-            for (int64 n = 1 + i % step; killer.KillAt(n); n += step) {
+        totals = RunJobs<Totals>(arguments.jobs, [&](int job, int jobs) {
+            Totals found;
+            for (int64 i = job; i < workloads; i += jobs) {
+                Killer killer(arguments.seed + static_cast<uint64>(i), found);
+                for (int64 n = 1 + i % step; killer.KillAt(n); n += step) {
+                }
             }
-        }
+            return found;
+        });
     }
     const bool ok = totals.lost + totals.wrong == 0 && totals.points > 0;
     std::printf("reliability kill-points: points=%lld recoveries=%lld closed=%lld lost=%lld wrong=%lld verdict=%s\n",

@@ -6,6 +6,8 @@
 // --replay n,0,0 runs the n-th alone; --replay n,m,0 tells which of m seeds finds it soonest.
 #include "qxLss/src/Mutants.h"
 
+#include "qxUtils/Tracer.h"
+#include "tests/support/ArchiveSweep.h"
 #include "tests/support/SimArguments.h"
 #include "tests/support/SimCrashImage.h"
 #include "tests/support/SimSweep.h"
@@ -32,7 +34,8 @@ enum class EShape {
     LONG_BATCH,  // a batch inside a checkpoint
     FAILED_SYNC, // a sync fails once
     SHORT_WRITES,
-    DAMAGE, // one byte of the file changes afterwards
+    DAMAGE,  // one byte of the file changes afterwards
+    ARCHIVE, // the store has an archive, from which it is restored
     COUNT
 };
 
@@ -83,6 +86,8 @@ constexpr Mutant MUTANTS[] = {
     {EMutant::HORIZON_NOT_DURABLE, EShape::ANY, 35, "identifiers leave before their horizon is on the disk"},
     {EMutant::RING_NOT_ASKED, EShape::ANY, 1, "horizons come from the checkpoint alone"},
     {EMutant::RING_SET_EMPTIED, EShape::HIGHS, 9, "the ring's set is emptied at the header"},
+    {EMutant::ARCHIVE_NOT_AWAITED, EShape::ARCHIVE, 1, "segments that are not archived are cleaned and freed"},
+    {EMutant::DELTA_NOT_SYNCED, EShape::ARCHIVE, 1, "a delta gets its name before its bytes are on the disk"},
     {EMutant::SYNC_ERROR_IGNORED, EShape::FAILED_SYNC, 1, "a failed sync is ignored"},
     {EMutant::SYNC_ERROR_RETRIED, EShape::FAILED_SYNC, 1, "a failed sync is tried again"},
     {EMutant::SHORT_WRITE_IGNORED, EShape::SHORT_WRITES, 1, "a short write is taken for a whole one"},
@@ -182,9 +187,18 @@ void SweepDamage(const LssWorkload& workload, SweepTotals& totals, Result& resul
     }
 }
 
+// Each point is one crash and three restores.
+void SweepArchive(uint64 seed, SweepTotals& totals, Result& result) {
+    ArchiveSweepTotals archive;
+    ArchiveSweep(archive, seed).Run(20, -1, 0);
+    totals.states += archive.points + archive.restores;
+    if (archive.Sum() > 0) result.Catch(archive.examples.front());
+}
+
 void SweepOnce(EShape shape, uint64 seed, int64 mostStates, SweepTotals& totals, Result& result) {
     const LssWorkload workload = WorkloadOf(shape, seed);
     if (shape == EShape::DAMAGE) return SweepDamage(workload, totals, result);
+    if (shape == EShape::ARCHIVE) return SweepArchive(seed, totals, result);
     SweepPlan plan;
     plan.stopAtFirstFault = true;
     plan.mostStates = mostStates;
@@ -263,6 +277,7 @@ void PrintBest(const Mutant& mutant, int seeds) {
 
 int Main(int argc, char** argv) {
     const ReliabilityArguments arguments(argc, argv);
+    SetTraceSink({nullptr, [](void*, const char*, ssize_t) {}}); // a mistaken store has much to say
     const auto mostStates = [&](int64 states) {
         return std::max<int64>(1, static_cast<int64>(static_cast<double>(states) * arguments.scale));
     };

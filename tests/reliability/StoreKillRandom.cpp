@@ -8,14 +8,13 @@
 #include "qxPersistStore/src/ThreadPSpaceScope.h"
 #include "qxUtils/AutoCloser.h"
 #include "qxUtils/Tracer.h"
+#include "tests/support/KillLoop.h"
 #include "tests/support/SimArguments.h"
 #include "tests/support/SimStoreModel.h"
 #include "tests/support/SimStoreObjects.h"
-#include "tests/support/TempDir.h"
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -28,9 +27,6 @@
 #include <thread>
 #include <vector>
 
-#include <signal.h>
-#include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 namespace quna {
@@ -52,6 +48,12 @@ constexpr size_t NUM_THREADS = 4;
 constexpr uint64 NUM_KEYS = 300; // of each thread in each space
 constexpr size_t MAX_FOREST = 4; // trees of a thread in a space
 constexpr uint64 STEPS_BETWEEN_ACKS = 8;
+
+// A thread's changes up to a step are closed.
+struct Message {
+    uint64 thread;
+    uint64 step;
+};
 
 using Spaces = std::array<PSpace*, NUM_SIM_SPACES>;
 
@@ -212,8 +214,7 @@ private:
 
     void Acknowledge(uint64 number) {
         WriteAllDirtyObjectsToLss(m_store, m_random() % 4 == 0);
-        const std::array<uint64, 2> message{m_thread, number};
-        if (::write(m_pipe, message.data(), sizeof message) != static_cast<ssize_t>(sizeof message)) std::_Exit(3);
+        Tell(m_pipe, Message{m_thread, number});
     }
 
     PersistStore* m_store;
@@ -315,12 +316,9 @@ private:
     uint64 m_step = 0;
 };
 
-struct Totals {
-    int64 kills = 0;
-    int64 acknowledged = 0;
+struct Totals : KillTotals {
     int64 lost = 0;
     int64 sumBroken = 0;
-    int64 wrong = 0;
 };
 
 struct Wrong : std::runtime_error {
@@ -453,61 +451,25 @@ private:
 
 // --- the parent
 
-class Murderer {
+class Murderer final : public KillLoop<Message> {
 public:
-    Murderer(uint64 seed, Totals& totals)
-        : m_seed(seed), m_random(seed), m_totals(totals), m_path(m_dir.File("store")) {}
-
-    void Run(int kills) {
-        for (int i = 0; i < kills; ++i) {
-            KillOne();
-            if (!Check()) return;
-        }
-    }
+    Murderer(uint64 seed, Totals& totals) : KillLoop(seed, totals), m_totals(totals) {}
 
 private:
-    void KillOne() {
-        int pipe[2];
-        if (::pipe(pipe) != 0) std::abort();
-        const uint64 seed = m_random();
-        const pid_t child = ::fork();
-        if (child < 0) std::abort();
-        if (child == 0) {
-            ::close(pipe[0]);
-            Child(m_path, seed, pipe[1]);
+    [[noreturn]] void Work(uint64 seed, int pipe) override { Child(Path(), seed, pipe); }
+
+    void Take(const Message& message) override {
+        for (size_t i = 0; i < m_acknowledged.size(); ++i) {
+            uint64& known = m_acknowledged[i][message.thread];
+            known = std::max(known, Step::LastOf(message.thread, i, message.step));
         }
-        ::close(pipe[1]);
-        std::thread killer([&] {
-            // Often soon, so that recovery is met; the moment itself is the test.
-            const uint64 micros = 1000 + seed % (seed % 3 == 0 ? 20000 : 200000);
-            const timespec time{0, static_cast<long>(micros * 1000)};
-            ::nanosleep(&time, nullptr);
-            ::kill(child, SIGKILL);
-        });
-        std::array<uint64, 2> message{};
-        for (;;) {
-            const ssize_t n = ::read(pipe[0], message.data(), sizeof message);
-            if (n < 0 && errno == EINTR) continue;
-            if (n != static_cast<ssize_t>(sizeof message)) break;
-            for (size_t i = 0; i < m_acknowledged.size(); ++i) {
-                uint64& known = m_acknowledged[i][message[0]];
-                known = std::max(known, Step::LastOf(message[0], i, message[1]));
-            }
-            ++m_totals.acknowledged;
-        }
-        killer.join();
-        int status = 0;
-        ::waitpid(child, &status, 0);
-        ::close(pipe[0]);
-        ++m_totals.kills;
-        if (!WIFSIGNALED(status) || WTERMSIG(status) != SIGKILL) Report("the child ended by itself");
     }
 
     // Opened read-only, so that the next child meets the file as the killed one left it.
-    bool Check() {
+    bool Check() override {
         try {
-            if (::access(m_path.c_str(), F_OK) == 0)
-                Checker(m_path, m_models).Check(m_acknowledged, m_totals);
+            if (::access(Path().c_str(), F_OK) == 0)
+                Checker(Path(), m_models).Check(m_acknowledged, m_totals);
             else if (m_acknowledged != Checker::Steps{})
                 throw Wrong("the store has gone");
             return true;
@@ -518,35 +480,24 @@ private:
         }
     }
 
-    void Report(const char* fault) {
-        ++m_totals.wrong;
-        std::printf("FAULT seed %llu kill %lld: %s\n", static_cast<unsigned long long>(m_seed),
-                    static_cast<long long>(m_totals.kills), fault);
-    }
-
-    const uint64 m_seed;
-    std::mt19937_64 m_random;
     Totals& m_totals;
-    TempDir m_dir;
-    const std::string m_path;
     Checker::Steps m_acknowledged{};
     Checker::Models m_models;
 };
 
 int Main(int argc, char** argv) {
     const ReliabilityArguments arguments(argc, argv);
-    std::fflush(stdout);
     RegisterObjects();
     SetTraceSink({nullptr, [](void*, const char*, ssize_t) {}}); // a warning at each check
     Totals totals;
     const int stores = std::max(1, static_cast<int>(arguments.scale));
     for (int i = 0; i < stores; ++i) Murderer(arguments.seed + static_cast<uint64>(i), totals).Run(20);
-    const bool ok = totals.lost + totals.sumBroken + totals.wrong == 0 && totals.acknowledged > 0;
+    const bool ok = totals.lost + totals.sumBroken + totals.faults == 0 && totals.messages > 0;
     std::printf("reliability store-kill-random: kills=%lld acknowledged=%lld lost=%lld sum_broken=%lld wrong=%lld "
                 "verdict=%s\n",
-                static_cast<long long>(totals.kills), static_cast<long long>(totals.acknowledged),
+                static_cast<long long>(totals.kills), static_cast<long long>(totals.messages),
                 static_cast<long long>(totals.lost), static_cast<long long>(totals.sumBroken),
-                static_cast<long long>(totals.wrong), ok ? "ok" : "FAIL");
+                static_cast<long long>(totals.faults), ok ? "ok" : "FAIL");
     return ok ? 0 : 1;
 }
 

@@ -41,7 +41,7 @@ int Find(EStoreMutant mutant, uint64 seed, int workloads, std::string& kind) {
         sweep.SetStride(3);
         sweep.Run(6);
         if (totals.Sum() == 0) continue;
-        kind = totals.faults.begin()->first + (totals.points ? "" : ", without a crash");
+        kind = totals.AKind() + (totals.points ? "" : ", without a crash");
         g_storeMutant = EStoreMutant::NONE;
         return i + 1;
     }

@@ -54,6 +54,14 @@ int64 LabTotals::NumFaults() const {
     return sum;
 }
 
+void LabTotals::Add(const LabTotals& other) {
+    tried += other.tried;
+    for (size_t i = 0; i < static_cast<size_t>(ELabVerdict::COUNT); ++i) verdicts[i] += other.verdicts[i];
+    poorTexts += other.poorTexts;
+    mostMemory = std::max(mostMemory, other.mostMemory);
+    reported += other.reported;
+}
+
 std::string LabTotals::Figures() const {
     std::string figures = "tried=" + std::to_string(tried);
     for (size_t i = 0; i < static_cast<size_t>(ELabVerdict::COUNT); ++i)
@@ -64,8 +72,9 @@ std::string LabTotals::Figures() const {
     return figures + memory;
 }
 
-DamageLab::DamageLab(const LabStore& store) : m_store(store), m_size(std::ssize(store.file)) {
-    m_sys = std::make_unique<SimSys>(DiskImage{{PATH, store.file}});
+DamageLab::DamageLab(const LabStore& store)
+    : m_store(store), m_image({{PATH, SimBlocks(store.file)}}), m_size(std::ssize(store.file)) {
+    m_sys = std::make_unique<SimSys>(ESimMemory::GUARDED, m_image);
     bool createdNew = false;
     const Abandoning scope(Open(OM_OPEN_EXISTING_READ_ONLY, createdNew));
     m_packets = PacketsOf(*scope.store);
@@ -136,7 +145,7 @@ void DamageLab::Undo() {
 
 // --- trials
 
-ELabVerdict DamageLab::TryReading(LabTotals& totals, const std::string& where, bool thorough) {
+ELabVerdict DamageLab::TryReading(LabTotals& totals, const LabWhere& where, bool thorough) {
     std::string text;
     const int64 calls = m_sys->NumAllCalls();
     AllocationMeter::Begin();
@@ -172,7 +181,7 @@ double DamageLab::MemoryOverFile() const {
     return static_cast<double>(AllocationMeter::Peak()) / static_cast<double>(std::max(m_size, SMALLEST_FILE));
 }
 
-ELabVerdict DamageLab::TryWriting(LabTotals& totals, const std::string& where) {
+ELabVerdict DamageLab::TryWriting(LabTotals& totals, const LabWhere& where) {
     std::string text;
     ELabVerdict verdict = ELabVerdict::DETECTED;
     bool wasOpen = false;
@@ -201,7 +210,7 @@ ELabVerdict DamageLab::TryWriting(LabTotals& totals, const std::string& where) {
     return Note(totals, verdict, text, where);
 }
 
-ELabVerdict DamageLab::TryElement(LabTotals& totals, uint64 seid, const std::string& where) {
+ELabVerdict DamageLab::TryElement(LabTotals& totals, uint64 seid, const LabWhere& where) {
     std::optional<uint64> hash;
     std::string text;
     ELabVerdict verdict = ELabVerdict::DETECTED;
@@ -361,7 +370,8 @@ void DamageLab::RestoreAfterWriting() {
         if (isWrite) m_touched.push_back({call.offset, call.offset + std::ssize(call.data)});
     }
     if (!onlyWrites) {
-        m_sys = std::make_unique<SimSys>(DiskImage{{PATH, m_store.file}});
+        m_sys.reset();
+        m_sys = std::make_unique<SimSys>(ESimMemory::GUARDED, m_image);
         m_touched.clear();
         m_size = std::ssize(m_store.file);
         return;
@@ -369,13 +379,13 @@ void DamageLab::RestoreAfterWriting() {
     Undo();
 }
 
-ELabVerdict DamageLab::Note(LabTotals& totals, ELabVerdict verdict, const std::string& text, const std::string& where) {
+ELabVerdict DamageLab::Note(LabTotals& totals, ELabVerdict verdict, const std::string& text, const LabWhere& where) {
     ++totals.tried;
     ++totals.verdicts[static_cast<size_t>(verdict)];
     const bool poor = verdict == ELabVerdict::DETECTED && text.find(PATH) == std::string::npos;
     if (poor) ++totals.poorTexts;
     if ((IsFault(verdict) || poor) && totals.reported++ < MOST_REPORTS)
-        std::printf("FAULT %s, %s: %s%s\n", where.c_str(), NameOf(m_store.kind), NameOf(verdict),
+        std::printf("FAULT %s, %s: %s%s\n", where().c_str(), NameOf(m_store.kind), NameOf(verdict),
                     text.empty() ? "" : (": " + text).c_str());
     return verdict;
 }

@@ -4,6 +4,7 @@
 #include "tests/support/LabStore.h"
 #include "tests/support/SimSys.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -37,7 +38,11 @@ struct LabTotals {
     int64 NumFaults() const;
     // The keys and values of the last line.
     std::string Figures() const;
+    void Add(const LabTotals& other);
 };
+
+// For the report: tells how to replay.
+using LabWhere = std::function<std::string()>;
 
 // Threads: one.
 class DamageLab {
@@ -60,18 +65,18 @@ public:
     void Undo();
     const std::vector<LabRange>& Touched() const { return m_touched; }
 
-    // --- trials, of the file as it is now. `where` is for the report and tells how to replay
+    // --- trials, of the file as it is now
 
     // Opens for reading only; reads all elements, unless no packet is damaged and all are where they were. Not thorough: of
     // elements that are where they were, only those near an edge of the damage; if pages of the index are gone, some.
-    ELabVerdict TryReading(LabTotals& totals, const std::string& where, bool thorough = true);
+    ELabVerdict TryReading(LabTotals& totals, const LabWhere& where, bool thorough = true);
     // Opens for writing as an application that creates what is missing; identifiers of elements are not given again.
     // Undoes the damage. Requires: not shared.
-    ELabVerdict TryWriting(LabTotals& totals, const std::string& where);
+    ELabVerdict TryWriting(LabTotals& totals, const LabWhere& where);
     // Opens the undamaged file once, for TryElement.
     void Share();
     // Reads one element of the store that Share has opened.
-    ELabVerdict TryElement(LabTotals& totals, uint64 seid, const std::string& where);
+    ELabVerdict TryElement(LabTotals& totals, uint64 seid, const LabWhere& where);
 
     // --- what is read when
 
@@ -99,9 +104,10 @@ private:
     std::vector<Packet> PacketsOf(LssStore& store) const;
     double MemoryOverFile() const;
     void RestoreAfterWriting();
-    ELabVerdict Note(LabTotals& totals, ELabVerdict verdict, const std::string& text, const std::string& where);
+    ELabVerdict Note(LabTotals& totals, ELabVerdict verdict, const std::string& text, const LabWhere& where);
 
     const LabStore& m_store;
+    const SimImage m_image; // of the undamaged file
     std::unique_ptr<SimSys> m_sys;
     std::vector<LabRange> m_touched;
     int64 m_size;

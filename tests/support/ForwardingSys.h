@@ -3,6 +3,9 @@
 
 #include "qxLss/src/SysCalls.h"
 
+#include <string>
+#include <vector>
+
 #include <fcntl.h>
 
 namespace quna {
@@ -55,6 +58,13 @@ public:
     int Remove(const char* path) override {
         BeforeChange();
         return m_real.Remove(path);
+    }
+    int MakeDirectory(const char* path) override {
+        BeforeChange();
+        return m_real.MakeDirectory(path);
+    }
+    int ListDirectory(const char* path, std::vector<std::string>& names) override {
+        return m_real.ListDirectory(path, names);
     }
     int Lock(int fd, bool exclusive) override { return m_real.Lock(fd, exclusive); }
     int NamesFile(const char* path, int fd) override { return m_real.NamesFile(path, fd); }

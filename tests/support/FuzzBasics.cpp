@@ -1,5 +1,6 @@
 #include "tests/support/FuzzBasics.h"
 
+#include "qxLss/src/ZeroPages.h"
 #include "qxUtils/Tracer.h"
 
 #include <algorithm>
@@ -17,7 +18,9 @@
 #if defined(QX_COUNTS_MEMORY)
 // Most of the time went into the stacks of allocations and the memory that is kept back from reuse.
 extern "C" const char* __asan_default_options(); // NOLINT(bugprone-reserved-identifier): the sanitizer's name
-extern "C" const char* __asan_default_options() { return "malloc_context_size=5:quarantine_size_mb=16"; }
+extern "C" const char* __asan_default_options() {
+    return "malloc_context_size=5:quarantine_size_mb=4:thread_local_quarantine_size_kb=64";
+}
 #endif
 
 namespace quna {
@@ -28,8 +31,13 @@ void FuzzRequire(bool condition, const char* what) {
     std::abort();
 }
 
-void SilenceTraceForFuzz() {
-    SetTraceSink({nullptr, [](void*, const char*, ssize_t) {}});
+void PrepareForFuzz() {
+    static const bool prepared = [] {
+        SetTraceSink({nullptr, [](void*, const char*, ssize_t) {}});
+        ZeroPages::KeepForTest();
+        return true;
+    }();
+    static_cast<void>(prepared);
 }
 
 // --- memory

@@ -13,14 +13,15 @@
 namespace quna {
 
 // A file in few bytes, since most of a small store's file is zero: pieces of {zeros before it / 8 (u16), length (u16), bytes},
-// the last one as long as the input lasts. Any bytes mean a file.
-FileBytes DecodeSparseFile(const octet_t* p, ssize_t n);
+// the last one as long as the input lasts. Any bytes mean a file, which becomes that of `sys`.
+void DecodeSparseFile(const octet_t* p, ssize_t n, FuzzSys& sys);
 std::vector<octet_t> EncodeSparseFile(const FileBytes& file);
 
 // Gives headers, blocks of the ring, segment headers and packets the checksums that make them valid, as far as they can be
 // found in the file: what a reader then believes is up to the rest of the bytes. Packets are found one behind the other
 // from the segment's header, and again at the next nonzero word behind a gap.
 void MakeChecksumsRight(FileBytes& file);
+void MakeChecksumsRight(FuzzSys& sys);
 
 // How a store is opened and used, from a byte.
 struct FuzzUse {

@@ -9,13 +9,22 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#include <sanitizer/asan_interface.h>
+#define QX_POISONS 1
+#endif
+#endif
+
 namespace quna {
 namespace {
 
 constexpr int DESCRIPTOR = 1000;
-constexpr int64 PAGE_BYTES = 4096;
+int64 RoundedUp(int64 n) { return (n + 4095) / 4096 * 4096; }
 
-int64 RoundedUp(int64 n) { return (n + PAGE_BYTES - 1) / PAGE_BYTES * PAGE_BYTES; }
+void Protect(octet_t* p, int64 n, int protection) {
+    if (::mprotect(p, static_cast<size_t>(n), protection) != 0) throw std::runtime_error("FuzzSys: mprotect failed");
+}
 
 } // namespace
 
@@ -26,16 +35,32 @@ FuzzSys::FuzzSys() {
     m_base = static_cast<octet_t*>(p);
 }
 
-FuzzSys::~FuzzSys() { ::munmap(m_base, static_cast<size_t>(CAPACITY)); }
+FuzzSys::~FuzzSys() {
+    Allow(0, m_granted);
+    ::munmap(m_base, static_cast<size_t>(CAPACITY));
+}
 
 // --- content
 
 void FuzzSys::SetContent(const FileBytes& bytes) {
+    static const FileBytes zeros(PAGE_BYTES);
+    SetZeros(std::ssize(bytes));
+    for (int64 at = 0; at < m_size; at += PAGE_BYTES) {
+        const int64 n = std::min(PAGE_BYTES, m_size - at);
+        if (std::memcmp(bytes.data() + at, zeros.data(), static_cast<size_t>(n)) != 0) Put(at, bytes.data() + at, n);
+    }
+}
+
+void FuzzSys::SetZeros(int64 size) {
     Clear();
-    Resize(std::ssize(bytes));
-    if (!bytes.empty()) std::memcpy(m_base, bytes.data(), bytes.size());
-    m_highWater = m_size;
+    Resize(size);
     m_exists = true;
+}
+
+void FuzzSys::Put(int64 offset, const octet_t* p, int64 n) {
+    if (n <= 0) return;
+    NoteWritten(offset, n);
+    std::memcpy(m_base + offset, p, static_cast<size_t>(n));
 }
 
 void FuzzSys::Clear() {
@@ -62,28 +87,61 @@ void FuzzSys::LosePower() {
     m_exists = exists;
 }
 
+void FuzzSys::NoteWritten(int64 offset, int64 n) {
+    const size_t end = static_cast<size_t>(RoundedUp(offset + n) / PAGE_BYTES);
+    if (m_written.size() < end) m_written.resize(end);
+    for (size_t page = static_cast<size_t>(offset / PAGE_BYTES); page < end; ++page) m_written[page] = true;
+}
+
 void FuzzSys::Zero(int64 from, int64 to) {
-    to = std::min(to, m_highWater);
-    if (to > from) std::memset(m_base + from, 0, static_cast<size_t>(to - from));
+    to = std::min(to, std::ssize(m_written) * PAGE_BYTES);
+    for (int64 at = from; at < to;) {
+        const int64 page = at / PAGE_BYTES;
+        const int64 end = std::min(to, (page + 1) * PAGE_BYTES);
+        if (m_written[static_cast<size_t>(page)]) {
+            std::memset(m_base + at, 0, static_cast<size_t>(end - at));
+            if (end - at == PAGE_BYTES) m_written[static_cast<size_t>(page)] = false;
+        }
+        at = end;
+    }
+}
+
+// Pages come and go with every input. The sanitizer sees an access to a poisoned one as well as the hardware sees one without
+// memory, and poisoning is no system call.
+void FuzzSys::Forbid(int64 from, int64 to) {
+#if defined(QX_POISONS)
+    ASAN_POISON_MEMORY_REGION(m_base + from, static_cast<size_t>(to - from));
+#else
+    Protect(m_base + from, to - from, PROT_NONE);
+    m_granted = from;
+#endif
+}
+
+void FuzzSys::Allow(int64 from, int64 to) {
+    if (to > m_granted) {
+        Protect(m_base + m_granted, to - m_granted, PROT_READ | PROT_WRITE);
+        m_granted = to;
+    }
+#if defined(QX_POISONS)
+    ASAN_UNPOISON_MEMORY_REGION(m_base + from, static_cast<size_t>(to - from));
+#else
+    static_cast<void>(from);
+#endif
 }
 
 void FuzzSys::SetReach(int64 size) {
     const int64 reach = RoundedUp(size);
-    if (reach == m_reach) return;
-    const int64 from = std::min(reach, m_reach);
-    const int protection = reach > m_reach ? PROT_READ | PROT_WRITE : PROT_NONE;
-    if (::mprotect(m_base + from, static_cast<size_t>(std::max(reach, m_reach) - from), protection) != 0)
-        throw std::runtime_error("FuzzSys: mprotect failed");
+    if (reach > m_reach)
+        Allow(m_reach, reach);
+    else if (reach < m_reach)
+        Forbid(reach, m_reach);
     m_reach = reach;
 }
 
 // What is cut off is zero when the file comes to have it again.
 void FuzzSys::Resize(int64 size) {
     if (size > CAPACITY) throw std::runtime_error("FuzzSys: the file is too large");
-    if (size < m_size) {
-        Zero(size, m_size);
-        m_highWater = std::min(m_highWater, size);
-    }
+    if (size < m_size) Zero(size, RoundedUp(m_size));
     SetReach(size);
     m_size = size;
 }
@@ -112,8 +170,7 @@ ssize_t FuzzSys::Write(int, const void* p, size_t n, off_t at) {
     if (end > m_size) Resize(end);
     m_unsynced.push_back({at, FileBytes(m_base + at, m_base + end)});
     ++m_numChanges;
-    std::memcpy(m_base + at, p, n);
-    m_highWater = std::max(m_highWater, end);
+    Put(at, static_cast<const octet_t*>(p), static_cast<int64>(n));
     return static_cast<ssize_t>(n);
 }
 

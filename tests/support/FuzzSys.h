@@ -22,6 +22,10 @@ public:
 
     // The file as it shall be, all of it on the disk.
     void SetContent(const FileBytes& bytes);
+    // The same in two steps: a file of zeros, and what else it holds.
+    void SetZeros(int64 size);
+    void Put(int64 offset, const octet_t* p, int64 n); // inside the file
+    const octet_t* Bytes() const { return m_base; }
     // No file.
     void Clear();
     FileBytes Content() const { return FileBytes(m_base, m_base + m_size); }
@@ -60,6 +64,8 @@ public:
     int RandomBytes(void* p, size_t n) override;
 
 private:
+    static constexpr int64 PAGE_BYTES = 4096;
+
     // Bytes that a sync has not covered, as they are on the disk.
     struct Unsynced {
         int64 offset;
@@ -69,11 +75,15 @@ private:
     void Resize(int64 size);
     void SetReach(int64 size);
     void Zero(int64 from, int64 to);
+    void Forbid(int64 from, int64 to);
+    void Allow(int64 from, int64 to);
+    void NoteWritten(int64 offset, int64 n);
 
     octet_t* m_base = nullptr;
     int64 m_size = 0;
-    int64 m_reach = 0;     // bytes of the mapping that may be touched
-    int64 m_highWater = 0; // behind it the mapping is zero
+    int64 m_reach = 0;           // bytes of the mapping that may be touched
+    int64 m_granted = 0;         // bytes of it that have memory; those behind m_reach are poisoned for the sanitizer
+    std::vector<bool> m_written; // the pages that may not be zero
     bool m_exists = false;
     int64 m_numChanges = 0;
     std::vector<Unsynced> m_unsynced; // newest last

@@ -18,9 +18,10 @@ namespace quna {
 // What is the same for all transactions of a store.
 struct NumberedPlan {
     uint64 seed = 0;
-    uint32 numKeys = 300;   // elements with the lows 1..numKeys under high 1
-    int64 longest = 150000; // bytes of the longest elements, which are few
-    uint64 mostChanges = 8; // in a transaction
+    uint32 numKeys = 300;            // elements with the lows 1..numKeys under high 1
+    int64 longest = 150000;          // bytes of the longest elements, which are few
+    uint64 mostChanges = 8;          // in a transaction
+    bool dropsWhenUnwinding = false; // a transaction that an exception cuts short leaves nothing behind
 
     static constexpr Seid NUMBER_SEID = ROOT_SEID; // holds the number of the last transaction
 
@@ -56,6 +57,7 @@ struct NumberedPlan {
     uint64 RunNext(ILogStructuredStore& store, bool flush, const std::function<void(uint64)>& closing = {}) const {
         AutoCloser<ILssTransaction> transaction(store.OpenTransaction());
         if (flush) transaction->RequestFlushToDisk();
+        if (dropsWhenUnwinding) transaction->RequestDropWhenUnwinding();
         const uint64 number = ReadNumber(store) + 1; // nobody else writes while we have the transaction
         for (const auto& [key, size] : ChangesOf(number)) {
             if (size < 0)

@@ -1,7 +1,6 @@
 #include "tests/support/SimCrashImage.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace quna {
 namespace {
@@ -24,28 +23,17 @@ int64 NumBoundaries(const SimCall& call) {
     return n <= 0 ? 0 : (call.offset + n - 1) / SECTOR - call.offset / SECTOR;
 }
 
-bool IsZero(const octet_t* p, int64 n) {
-    return std::all_of(p, p + n, [](octet_t b) { return b == 0; });
-}
-
 } // namespace
-
-void OverwriteBytes(FileBytes& bytes, int64 offset, const octet_t* data, int64 n) {
-    if (n <= 0) return;
-    if (std::ssize(bytes) < offset + n) bytes.resize(static_cast<size_t>(offset + n));
-    std::memcpy(bytes.data() + offset, data, static_cast<size_t>(n));
-}
 
 uint64 NumTearsOf(const SimCall& call) {
     return IsWrite(call) ? WAYS * (static_cast<uint64>(NumBoundaries(call)) + PLACES_INSIDE) : 0;
 }
 
-CrashImageMaker::CrashImageMaker(const FileBytes& base, const FileBytes& old, const CrashVariant& variant)
+CrashImageMaker::CrashImageMaker(const SimBlocks& base, const SimBlocks& old, const CrashVariant& variant)
     : m_base(base), m_old(old), m_variant(variant), m_random(MixBits(variant.seed * 8191 + variant.index)) {}
 
-FileBytes CrashImageMaker::Make(Apply apply) {
+SimBlocks CrashImageMaker::Make(Apply apply) {
     m_apply = apply;
-    m_bytes.reserve(m_base.size() + SEGMENTS_AT);
     m_bytes = m_base;
     switch (m_variant.choice) {
     case EChoice::SUBSET: ApplySubset(); break;
@@ -145,8 +133,8 @@ void CrashImageMaker::ApplyTorn(const SimCall& call) {
     int64 b = cut();
     if (a > b) std::swap(a, b);
     const uint64 way = Pick(WAYS);
-    if (way != 1) OverwriteBytes(m_bytes, call.offset, call.data.data(), a);
-    if (way != 0) OverwriteBytes(m_bytes, call.offset + b, call.data.data() + b, n - b);
+    if (way != 1) m_bytes.Write(call.offset, call.data.data(), a);
+    if (way != 0) m_bytes.Write(call.offset + b, call.data.data() + b, n - b);
 }
 
 // One call is torn in the way that the index says. Those before it are whole; those behind it as chance wants it.
@@ -179,9 +167,9 @@ void CrashImageMaker::ApplyOneTear() {
             b = std::min(n, a + 8 + static_cast<int64>(Pick(first ? 32 : SECTOR)));
         }
         const uint64 way = number % WAYS;
-        if (way != 1) OverwriteBytes(m_bytes, call.offset, call.data.data(), a);
+        if (way != 1) m_bytes.Write(call.offset, call.data.data(), a);
         if (way == 1) b = a;
-        if (way != 0) OverwriteBytes(m_bytes, call.offset + b, call.data.data() + b, n - b);
+        if (way != 0) m_bytes.Write(call.offset + b, call.data.data() + b, n - b);
     }
 }
 
@@ -200,58 +188,59 @@ void CrashImageMaker::ApplySectors() {
             if (MixBits(m_variant.seed ^ (static_cast<uint64>(sector) * 0x9E3779B97F4A7C15u)) % (n + 1) <= i) continue;
             const int64 from = std::max(call.offset, sector * SECTOR);
             const int64 to = std::min(end, (sector + 1) * SECTOR);
-            OverwriteBytes(m_bytes, from, call.data.data() + (from - call.offset), to - from);
+            m_bytes.Write(from, call.data.data() + (from - call.offset), to - from);
         }
     }
     if (n == 0) return;
-    for (int64 at = std::ssize(m_base); at < std::ssize(m_bytes); at += SECTOR) {
-        const int64 size = std::min<int64>(SECTOR, std::ssize(m_bytes) - at);
-        if (IsZero(m_bytes.data() + at, size) && OneIn(4))
-            std::generate_n(m_bytes.begin() + at, size, [&] { return static_cast<octet_t>(m_random()); });
+    for (int64 at = m_base.Size(); at < m_bytes.Size(); at += SECTOR) {
+        const int64 size = std::min(SECTOR, m_bytes.Size() - at);
+        if (m_bytes.IsZero(at, size) && OneIn(4)) WriteRandom(at, size);
     }
 }
 
 // Sectors behind the durable end, and those of lost writes where nothing was before.
 void CrashImageMaker::FillNewSpace() {
     std::vector<int64> fresh;
-    for (int64 at = (std::ssize(m_base) + SECTOR - 1) / SECTOR * SECTOR; at < std::ssize(m_bytes); at += SECTOR)
+    for (int64 at = (m_base.Size() + SECTOR - 1) / SECTOR * SECTOR; at < m_bytes.Size(); at += SECTOR)
         fresh.push_back(at);
     for (const Call& c : m_calls) {
         if (c.durable || !IsWrite(*c.call)) continue;
-        const int64 end = std::min<int64>(c.call->offset + std::ssize(c.call->data), std::ssize(m_base));
+        const int64 end = std::min<int64>(c.call->offset + std::ssize(c.call->data), m_base.Size());
         for (int64 at = c.call->offset / SECTOR * SECTOR; at < end; at += SECTOR) fresh.push_back(at);
     }
     const uint64 kind = Pick(4);
+    octet_t sector[SECTOR];
     for (const int64 at : fresh) {
-        const int64 n = std::min<int64>(SECTOR, std::ssize(m_bytes) - at);
-        if (n <= 0 || !IsZero(m_bytes.data() + at, n)) continue;
+        const int64 n = std::min(SECTOR, m_bytes.Size() - at);
+        if (n <= 0 || !m_bytes.IsZero(at, n)) continue;
         const uint64 what = kind < 3 ? kind : Pick(4);
         if (what == 0) {
-            std::generate_n(m_bytes.begin() + at, n, [&] { return static_cast<octet_t>(m_random()); });
-        } else if (what == 1 && at + n <= std::ssize(m_old)) {
-            OverwriteBytes(m_bytes, at, m_old.data() + at, n);
+            WriteRandom(at, n);
+        } else if (what == 1 && at + n <= m_old.Size()) {
+            m_old.Read(at, sector, n);
+            m_bytes.Write(at, sector, n);
         } else if (what == 2 && at >= SEGMENTS_AT + BLOCK) {
             const int64 blocks = 1 + static_cast<int64>(Pick(static_cast<uint64>((at - SEGMENTS_AT) / BLOCK)));
-            OverwriteBytes(m_bytes, at, m_bytes.data() + at - blocks * BLOCK, n);
+            m_bytes.Read(at - blocks * BLOCK, sector, n);
+            m_bytes.Write(at, sector, n);
         }
     }
 }
 
 void CrashImageMaker::ChangeSize() {
-    const int64 size = std::ssize(m_bytes);
-    int64 least = std::min<int64>(std::ssize(m_base), size);
+    const int64 size = m_bytes.Size();
+    int64 least = std::min(m_base.Size(), size);
     for (const Call& c : m_calls) {
         const SimCall& call = *c.call;
         if (c.durable) least = std::max(least, call.offset + std::ssize(call.data));
     }
     if (least < size && !OneIn(3)) {
         const int64 at = least + static_cast<int64>(Pick(static_cast<uint64>(size - least)));
-        m_bytes.resize(static_cast<size_t>(OneIn(2) ? at : std::max(least, at / SECTOR * SECTOR)));
+        m_bytes.Resize(OneIn(2) ? at : std::max(least, at / SECTOR * SECTOR));
         return;
     }
-    m_bytes.resize(static_cast<size_t>(size) + 1 + Pick(3 * BLOCK));
-    if (OneIn(2))
-        std::generate(m_bytes.begin() + size, m_bytes.end(), [&] { return static_cast<octet_t>(m_random()); });
+    m_bytes.Resize(size + 1 + static_cast<int64>(Pick(3 * BLOCK)));
+    if (OneIn(2)) WriteRandom(size, m_bytes.Size() - size);
 }
 
 // What was being written holds random bytes, within one block.
@@ -263,8 +252,14 @@ void CrashImageMaker::Garble() {
     const SimCall& call = *writes[Pick(writes.size())];
     const int64 block = (call.offset + static_cast<int64>(Pick(call.data.size()))) / BLOCK * BLOCK;
     const int64 at = std::max(block, call.offset);
-    const int64 end = std::min<int64>({block + BLOCK, call.offset + std::ssize(call.data), std::ssize(m_bytes)});
-    for (int64 i = at; i < end; ++i) m_bytes[static_cast<size_t>(i)] = static_cast<octet_t>(m_random());
+    const int64 end = std::min<int64>({block + BLOCK, call.offset + std::ssize(call.data), m_bytes.Size()});
+    WriteRandom(at, end - at);
+}
+
+void CrashImageMaker::WriteRandom(int64 at, int64 n) {
+    FileBytes bytes(static_cast<size_t>(std::max<int64>(n, 0)));
+    for (octet_t& byte : bytes) byte = static_cast<octet_t>(m_random());
+    m_bytes.Write(at, bytes.data(), n);
 }
 
 } // namespace quna

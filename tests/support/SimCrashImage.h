@@ -16,20 +16,19 @@ inline uint64 MixBits(uint64 x) {
     return x ^ (x >> 31);
 }
 
-void OverwriteBytes(FileBytes& bytes, int64 offset, const octet_t* data, int64 n);
 // In how many ways a call can be torn; 0 for one that is no write.
 uint64 NumTearsOf(const SimCall& call);
 
 // Ownership: borrows everything. Threads: one.
 class CrashImageMaker {
 public:
-    using Apply = void (*)(FileBytes& bytes, const SimCall& call);
+    using Apply = void (*)(SimBlocks& bytes, const SimCall& call);
 
-    CrashImageMaker(const FileBytes& base, const FileBytes& old, const CrashVariant& variant);
+    CrashImageMaker(const SimBlocks& base, const SimBlocks& old, const CrashVariant& variant);
 
     // In the order in which the calls were made. `durable`: it is on the disk in any case.
     void Add(const SimCall& call, bool durable) { m_calls.push_back({&call, durable}); }
-    FileBytes Make(Apply apply);
+    SimBlocks Make(Apply apply);
 
 private:
     struct Call {
@@ -52,14 +51,15 @@ private:
     void FillNewSpace();
     void ChangeSize();
     void Garble();
+    void WriteRandom(int64 at, int64 n);
 
-    const FileBytes& m_base;
-    const FileBytes& m_old;
+    const SimBlocks& m_base;
+    const SimBlocks& m_old;
     const CrashVariant m_variant;
     std::vector<Call> m_calls;
     std::mt19937_64 m_random;
     Apply m_apply = nullptr;
-    FileBytes m_bytes;
+    SimBlocks m_bytes;
 };
 
 } // namespace quna

@@ -3,7 +3,6 @@
 #include "tests/support/SimCrashImage.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace quna {
 namespace {
@@ -19,24 +18,24 @@ bool IsSync(EKind kind) { return kind == EKind::SYNC || kind == EKind::FAILED_SY
 
 } // namespace
 
-SimDisk::SimDisk(const DiskImage& image) {
+SimDisk::SimDisk(const SimImage& image) {
     for (const auto& [name, bytes] : image) {
         m_names[name] = static_cast<int>(m_files.size());
         m_files.push_back({bytes, {}, {}});
     }
 }
 
-void SimDisk::ApplyTo(FileBytes& bytes, const SimCall& call) {
+void SimDisk::ApplyTo(SimBlocks& bytes, const SimCall& call) {
     switch (call.kind) {
     case EKind::WRITE:
-    case EKind::WRITE_DURABLE: OverwriteBytes(bytes, call.offset, call.data.data(), std::ssize(call.data)); break;
+    case EKind::WRITE_DURABLE: bytes.Write(call.offset, call.data.data(), std::ssize(call.data)); break;
     case EKind::ALLOCATE:
-        if (std::ssize(bytes) < call.offset + call.size) bytes.resize(static_cast<size_t>(call.offset + call.size));
+        if (bytes.Size() < call.offset + call.size) bytes.Resize(call.offset + call.size);
         break;
-    case EKind::TRUNCATE: bytes.resize(static_cast<size_t>(call.size)); break;
+    case EKind::TRUNCATE: bytes.Resize(call.size); break;
     case EKind::PUNCH: {
-        const int64 end = std::min<int64>(std::ssize(bytes), call.offset + call.size);
-        if (call.offset < end) std::memset(bytes.data() + call.offset, 0, static_cast<size_t>(end - call.offset));
+        const int64 end = std::min(bytes.Size(), call.offset + call.size);
+        if (call.offset < end) bytes.Zero(call.offset, end - call.offset);
         break;
     }
     default: break;
@@ -49,12 +48,16 @@ void SimDisk::ApplyToBase(File& file, const SimCall& call) {
     int64 to = 0;
     if (call.kind == EKind::TRUNCATE) {
         from = call.size;
-        to = std::ssize(file.base);
+        to = file.base.Size();
     } else if (call.kind == EKind::PUNCH) {
         from = call.offset;
-        to = std::min<int64>(call.offset + call.size, std::ssize(file.base));
+        to = std::min(call.offset + call.size, file.base.Size());
     }
-    if (from < to) OverwriteBytes(file.old, from, file.base.data() + from, to - from);
+    if (from < to) {
+        FileBytes gone(static_cast<size_t>(to - from));
+        file.base.Read(from, gone.data(), to - from);
+        file.old.Write(from, gone.data(), to - from);
+    }
     ApplyTo(file.base, call);
 }
 
@@ -116,14 +119,14 @@ SimDisk::Candidates SimDisk::CandidatesOf(int file, const SimCall* inFlight) con
     return candidates;
 }
 
-FileBytes SimDisk::FileImage(int number, const SimCall* inFlight, const CrashVariant& variant) const {
+SimBlocks SimDisk::FileImage(int number, const SimCall* inFlight, const CrashVariant& variant) const {
     const File& file = m_files[static_cast<size_t>(number)];
     CrashImageMaker maker(file.base, file.old, variant);
     for (const Candidate& candidate : CandidatesOf(number, inFlight)) maker.Add(*candidate.call, candidate.durable);
     return maker.Make(&SimDisk::ApplyTo);
 }
 
-DiskImage SimDisk::Image(const CrashVariant& variant, const SimCall* inFlight) const {
+SimImage SimDisk::Blocks(const CrashVariant& variant, const SimCall* inFlight) const {
     std::map<std::string, int> names = m_names;
     const bool namesInFlight = inFlight && IsNameChange(inFlight->kind);
     const ssize_t numPending = std::ssize(m_pendingNames) + namesInFlight;
@@ -141,16 +144,16 @@ DiskImage SimDisk::Image(const CrashVariant& variant, const SimCall* inFlight) c
         ApplyName(names, m_pendingNames[static_cast<size_t>(i)]);
     if (namesInFlight && numNames == numPending && inFlight->file < std::ssize(m_files)) ApplyName(names, *inFlight);
 
-    DiskImage image;
+    SimImage image;
     for (const auto& [name, file] : names) image[name] = FileImage(file, inFlight, variant);
     return image;
 }
 
 FileBytes SimDisk::Content(int file) const {
     const File& found = m_files[static_cast<size_t>(file)];
-    FileBytes bytes = found.base;
+    SimBlocks bytes = found.base;
     for (const Pending& pending : found.pending) ApplyTo(bytes, pending.call);
-    return bytes;
+    return bytes.Bytes();
 }
 
 ssize_t SimDisk::NumPending() const {

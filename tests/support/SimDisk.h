@@ -1,7 +1,7 @@
 // What is on an imagined disk after a given sequence of system calls, and what may be on it if the power fails there.
 #pragma once
 
-#include "qxUtils/BasicTypes.h"
+#include "tests/support/SimBlocks.h"
 
 #include <map>
 #include <string>
@@ -34,9 +34,6 @@ struct SimCall {
     std::string name2;
 };
 
-using FileBytes = std::vector<octet_t>;
-using DiskImage = std::map<std::string, FileBytes>; // name -> content
-
 // How to choose among what has not been synced. Call: a write or a change of size, one entry of the record.
 struct CrashVariant {
     enum class EChoice {
@@ -65,12 +62,16 @@ struct CrashVariant {
 class SimDisk {
 public:
     SimDisk() = default;
-    explicit SimDisk(const DiskImage& image);
+    explicit SimDisk(const SimImage& image);
 
     void Apply(const SimCall& call);
 
     // What a crash now leaves. `inFlight`, if not null, is the call under way: it may count as pending.
-    DiskImage Image(const CrashVariant& variant, const SimCall* inFlight = nullptr) const;
+    DiskImage Image(const CrashVariant& variant, const SimCall* inFlight = nullptr) const {
+        return BytesOf(Blocks(variant, inFlight));
+    }
+    // The same, sharing blocks with the disk and other images of it.
+    SimImage Blocks(const CrashVariant& variant, const SimCall* inFlight = nullptr) const;
 
     // The content that the disk holds for `file` with all pending changes, in order.
     FileBytes Content(int file) const;
@@ -86,9 +87,9 @@ private:
         bool durable; // a durable write: always there, but not before what is pending from earlier
     };
     struct File {
-        FileBytes base;
+        SimBlocks base;
         std::vector<Pending> pending;
-        FileBytes old; // what was cut off or punched
+        SimBlocks old; // what was cut off or punched
     };
     // One call that may be on the disk, in the order in which they were made.
     struct Candidate {
@@ -97,11 +98,11 @@ private:
     };
     using Candidates = std::vector<Candidate>;
 
-    static void ApplyTo(FileBytes& bytes, const SimCall& call);
+    static void ApplyTo(SimBlocks& bytes, const SimCall& call);
     static void ApplyName(std::map<std::string, int>& names, const SimCall& call);
     static void ApplyToBase(File& file, const SimCall& call);
     Candidates CandidatesOf(int file, const SimCall* inFlight) const;
-    FileBytes FileImage(int file, const SimCall* inFlight, const CrashVariant& variant) const;
+    SimBlocks FileImage(int file, const SimCall* inFlight, const CrashVariant& variant) const;
 
     std::vector<File> m_files;
     std::map<std::string, int> m_names; // durable

@@ -195,7 +195,11 @@ void LssDriver::Checkpoint() {
 
 void LssDriver::Clean() {
     Maintain(false, [this] { m_store->CleanForTest(1 + static_cast<ssize_t>(Pick(5))); });
-    if (Pick(3) == 0) m_store->ShrinkForTest();
+    if (Pick(3) != 0) return;
+    if (m_workload.pullsEndIn)
+        Maintain(true, [this] { m_store->PullInEndForTest(); });
+    else
+        m_store->ShrinkForTest();
 }
 
 // What the thread "Lss clean" does when it is woken.

@@ -59,6 +59,7 @@ struct LssWorkload {
     bool manyHighs = false;  // three steps in four allocate a high half; others do between the steps of a checkpoint
     bool checkpoints = true; // now and then
     bool killAtEnd = false;  // is not closed
+    bool pullsEndIn = false; // shrinking moves what stands at the end of the file
     int maintenance = 5;     // of 20 steps: a checkpoint or a batch of the cleaner
     int liveElements = 40;   // about so many, then more is deleted
     int stampShift = 9;      // of log stamps: 512 bytes, so that data of these short lives has ages

@@ -2,17 +2,33 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <numeric>
 
 namespace quna {
 
-int64 StoreSweepTotals::Sum() const {
-    int64 sum = 0;
-    for (const auto& [kind, count] : faults) sum += count;
-    return sum;
+int64 StoreSweepTotals::Sum() const { return std::accumulate(faults.begin(), faults.end(), int64{0}); }
+
+std::string StoreSweepTotals::AKind() const {
+    for (size_t i = 0; i < faults.size(); ++i)
+        if (faults[i]) return KINDS[i];
+    return {};
+}
+
+// Kinds that have no name here are "other", the last one.
+size_t StoreSweepTotals::IndexOf(const std::string& kind) {
+    return static_cast<size_t>(std::find(std::begin(KINDS), std::end(KINDS) - 1, kind) - std::begin(KINDS));
+}
+
+void StoreSweepTotals::Add(const StoreSweepTotals& other) {
+    points += other.points;
+    inMaintenance += other.inMaintenance;
+    states += other.states;
+    nested += other.nested;
+    for (size_t i = 0; i < faults.size(); ++i) faults[i] += other.faults[i];
 }
 
 void SimStoreSweep::Run(uint64 variants, int64 onlyPoint, int64 onlyVariant) {
-    SimSys sys;
+    SimSys sys({}, ESimMemory::ARENA);
     {
         StoreDriver driver(sys, m_workload);
         driver.Run();
@@ -22,7 +38,7 @@ void SimStoreSweep::Run(uint64 variants, int64 onlyPoint, int64 onlyVariant) {
         Report({"other", "the undisturbed workload failed: " + m_history.failure + m_history.fault}, -1, 0, 0);
         return;
     }
-    const std::vector<SimCall> record = sys.Record();
+    const std::vector<SimCall> record = sys.TakeRecord();
     SimDisk disk(sys.InitialImage());
     for (int64 k = 0; k <= std::ssize(record) && !(m_stopAtFirstFault && m_totals.Sum()); ++k) {
         if (k > 0) disk.Apply(record[static_cast<size_t>(k - 1)]);
@@ -48,7 +64,7 @@ void SimStoreSweep::CheckOne(const SimDisk& disk, const SimCall* next, int64 k, 
     check.lookFirst = (static_cast<uint64>(k) + v) % 4 == 1;
     check.thorough = (static_cast<uint64>(k) + v) % 4 == 0;
     // A torn call under way counts from the first random variant on.
-    SimSys sys(disk.Image(variant, v >= NUM_FIXED_VARIANTS ? next : nullptr));
+    SimSys sys(ESimMemory::ARENA, disk.Blocks(variant, v >= NUM_FIXED_VARIANTS ? next : nullptr));
     ssize_t found = -1;
     ++m_totals.states;
     const StoreFault fault = CheckStoreImage(sys, check, found);
@@ -67,7 +83,7 @@ void SimStoreSweep::Nested(SimSys& sys, StoreCheck check, int64 k, uint64 v, int
     const int64 point = static_cast<int64>(random() % static_cast<uint64>(std::ssize(record)));
     for (int64 i = 0; i < point; ++i) disk.Apply(record[static_cast<size_t>(i)]);
     const CrashVariant variant = CrashVariantOf(random(), point, random() % 12);
-    SimSys further(disk.Image(variant, &record[static_cast<size_t>(point)]));
+    SimSys further(ESimMemory::ARENA, disk.Blocks(variant, &record[static_cast<size_t>(point)]));
     ssize_t found = -1;
     check.thorough = depth == 3;
     check.processDeath = false;
@@ -80,7 +96,7 @@ void SimStoreSweep::Nested(SimSys& sys, StoreCheck check, int64 k, uint64 v, int
 }
 
 void SimStoreSweep::Report(const StoreFault& fault, int64 k, uint64 v, int depth) {
-    ++m_totals.faults[fault.kind];
+    m_totals.Note(fault.kind);
     if (m_totals.Sum() <= 20 && !m_stopAtFirstFault)
         std::printf("FAULT --replay %llu,%lld,%llu depth %d: %s: %s\n",
                     static_cast<unsigned long long>(m_workload.seed), static_cast<long long>(k),

@@ -4,19 +4,30 @@
 
 #include "tests/support/SimStoreCheck.h"
 
-#include <map>
+#include <array>
+#include <iterator>
 #include <string>
 
 namespace quna {
 
 struct StoreSweepTotals {
+    static constexpr const char* KINDS[] = {"lost", "sum_broken", "dangling", "tree_bad", "ids_repeated", "other"};
+
     int64 points = 0;
     int64 inMaintenance = 0; // of the points: inside the cleaner or a checkpoint
     int64 states = 0;
-    int64 nested = 0;                    // crashes of recoveries
-    std::map<std::string, int64> faults; // by kind
+    int64 nested = 0; // crashes of recoveries
+    std::array<int64, std::size(KINDS)> faults{};
 
     int64 Sum() const;
+    int64 NumOf(const std::string& kind) const { return faults[IndexOf(kind)]; }
+    // Of the first fault; empty if there is none.
+    std::string AKind() const;
+    void Note(const std::string& kind) { ++faults[IndexOf(kind)]; }
+    void Add(const StoreSweepTotals& other);
+
+private:
+    static size_t IndexOf(const std::string& kind);
 };
 
 class SimStoreSweep {

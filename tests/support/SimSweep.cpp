@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <numeric>
 
 namespace quna {
@@ -43,19 +42,9 @@ CrashVariant VariantOf(const SimDisk& disk, const SimCall* next, uint64 seed, in
     return variant;
 }
 
-uint64 HashOf(const DiskImage& image) {
+uint64 HashOf(const SimImage& image) {
     uint64 hash = image.size();
-    for (const auto& [name, bytes] : image) {
-        uint64 lanes[4] = {name.size(), 2, 3, bytes.size()};
-        size_t at = 0;
-        for (; at + 32 <= bytes.size(); at += 32) {
-            uint64 words[4];
-            std::memcpy(words, bytes.data() + at, sizeof words);
-            for (int i = 0; i < 4; ++i) lanes[i] = (lanes[i] ^ words[i]) * 0x9E3779B97F4A7C15u;
-        }
-        for (; at < bytes.size(); ++at) lanes[0] = (lanes[0] ^ bytes[at]) * 0x9E3779B97F4A7C15u;
-        for (const uint64 lane : lanes) hash = MixBits(hash ^ lane);
-    }
+    for (const auto& [name, content] : image) hash = MixBits(MixBits(hash ^ name.size()) ^ content.Hash());
     return hash;
 }
 
@@ -87,7 +76,7 @@ void SweepTotals::Add(const SweepTotals& other) {
 struct SimSweep::Crash {
     Place place;
     bool processDeath;
-    DiskImage image;
+    SimImage image;
     const std::set<uint64>* spent; // null: power loss
     bool mayBeMissing;
 };
@@ -136,14 +125,14 @@ void SimSweep::CheckPoint(const SimDisk& disk, const SimCall* next, const LssHis
         const CrashVariant variant = VariantOf(disk, inFlight, m_workload.seed, k, v);
         Crash crash{{k, v, 0, std::string(" ") + NAMES[static_cast<size_t>(variant.choice)]},
                     v == 0,
-                    disk.Image(variant, inFlight),
+                    disk.Blocks(variant, inFlight),
                     v == 0 && !m_plan.disturb ? &spent : nullptr,
                     true};
         if (!m_seen.insert(HashOf(crash.image)).second) continue;
         const uint64 chance = MixBits(m_workload.seed * 31 + static_cast<uint64>(k) * 1009 + v);
         const bool lives = m_plan.depth > 0 && chance % m_plan.oneLifeIn == 0 && !m_plan.disturb;
         ssize_t found = -1;
-        SimSys sys(lives ? crash.image : std::move(crash.image), ESimMemory::ARENA);
+        SimSys sys(ESimMemory::ARENA, crash.image);
         const std::string fault = CheckImage(crash, history, sys, chance / 64 % 4 == 0, found);
         if (!fault.empty()) {
             Report(crash.place, fault);
@@ -172,8 +161,8 @@ std::string SimSweep::CheckImage(const Crash& crash, const LssHistory& history, 
 }
 
 // The store that a crash left is opened again and worked on, and crashes again.
-void SimSweep::GoOnLiving(const DiskImage& image, const LssBeginning& beginning, Place place, uint64 seed) {
-    SimSys sys(image, ESimMemory::ARENA);
+void SimSweep::GoOnLiving(const SimImage& image, const LssBeginning& beginning, Place place, uint64 seed) {
+    SimSys sys(ESimMemory::ARENA, image);
     LssWorkload workload = m_workload;
     workload.script.clear();
     workload.seed = MixBits(seed);
@@ -218,9 +207,9 @@ void SimSweep::CrashLife(SimSys& sys, const LssHistory& history, const LssBeginn
         here.v = v;
         here.trail += " > " + std::to_string(k) + " of " + std::to_string(end) + " (" + std::to_string(history.opened) +
                       "), " + std::to_string(v) + " = " + NAMES[static_cast<size_t>(variant.choice)];
-        Crash crash{here, v == 0, disk.Image(variant, next), v == 0 ? &spent : nullptr, beginning.mayBeMissing};
+        Crash crash{here, v == 0, disk.Blocks(variant, next), v == 0 ? &spent : nullptr, beginning.mayBeMissing};
         ssize_t found = -1;
-        SimSys after(crash.image, ESimMemory::ARENA);
+        SimSys after(ESimMemory::ARENA, crash.image);
         const std::string fault = CheckImage(crash, history, after, random() % 4 == 0, found);
         here.k = place.k; // what replays it is where the first life ended
         here.v = place.v;
@@ -253,6 +242,7 @@ LssWorkload SimSweep::WorkloadOf(uint64 seed) {
     workload.uniform = seed % 11 == 10;
     workload.manyHighs = seed % 13 == 12;
     workload.stampShift = seed % 2 ? 9 : 20;
+    workload.pullsEndIn = seed % 3 == 0;
     workload.maintenance = seed % 3 == 2 ? 9 : 7;
     return workload;
 }

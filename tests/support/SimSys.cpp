@@ -23,8 +23,10 @@ std::string DirectoryOf(const std::string& path) {
 
 } // namespace
 
-SimSys::SimSys(DiskImage image, ESimMemory kind) : m_initial(std::move(image)), m_kind(kind) {
-    for (const auto& [name, bytes] : m_initial) m_names[name] = NewFile(bytes);
+SimSys::SimSys(const DiskImage& image, ESimMemory kind) : SimSys(kind, BlocksOf(image)) {}
+
+SimSys::SimSys(ESimMemory kind, SimImage image) : m_initial(std::move(image)), m_kind(kind) {
+    for (const auto& [name, content] : m_initial) m_names[name] = NewFile(content);
 }
 
 // --- disturbing and looking
@@ -205,18 +207,9 @@ SimSys::Inode& SimSys::FileOf(int fd) {
     return m_files[static_cast<size_t>(descriptor->file)];
 }
 
-int SimSys::NewFile(const FileBytes& bytes) {
+int SimSys::NewFile(const SimBlocks& content) {
     Inode inode;
-    inode.memory = std::make_unique<SimMemory>(m_kind);
-    inode.memory->Resize(std::ssize(bytes));
-    // Zero blocks are left out: a store's file begins with many.
-    constexpr size_t BLOCK = 4096;
-    static const std::array<octet_t, BLOCK> zeros{};
-    for (size_t at = 0; at < bytes.size(); at += BLOCK) {
-        const size_t n = std::min(BLOCK, bytes.size() - at);
-        if (std::memcmp(bytes.data() + at, zeros.data(), n) == 0) continue;
-        inode.memory->Write(bytes.data() + at, static_cast<ssize_t>(n), static_cast<int64>(at));
-    }
+    inode.memory = std::make_unique<SimMemory>(m_kind, content);
     m_files.push_back(std::move(inode));
     return static_cast<int>(m_files.size()) - 1;
 }
@@ -240,7 +233,7 @@ int SimSys::Open(const char* path, int flags, int) {
     auto name = m_names.find(path);
     if (name == m_names.end()) {
         if (!(flags & O_CREAT)) return -ENOENT;
-        const int file = NewFile({});
+        const int file = NewFile(SimBlocks());
         name = m_names.emplace(path, file).first;
         Note({.kind = EKind::CREATE, .file = file, .data = {}, .name = path, .name2 = {}});
     }
@@ -504,15 +497,20 @@ uint64 SimSys::WallClock100ns() {
     return FIRST_WALL_CLOCK + m_wallClock++;
 }
 
+// Another process draws other numbers.
+uint64 SimSys::IdentitySeed() const {
+    uint64 sum = 1;
+    for (const auto& [name, content] : m_initial)
+        for (int64 at = 0; at < content.Size(); at += 61) {
+            const SimBlocks::Ref& block = content.Blocks()[static_cast<size_t>(at / SimBlocks::BLOCK_BYTES)];
+            sum = sum * 31 + (block ? block->bytes[at % SimBlocks::BLOCK_BYTES] : 0u);
+        }
+    return sum;
+}
+
 int SimSys::RandomBytes(void* p, size_t n) {
     const std::lock_guard lock(m_mutex);
-    if (!m_identity) {
-        // Another process draws other numbers.
-        uint64 sum = 1;
-        for (const auto& [name, bytes] : m_initial)
-            for (size_t i = 0; i < bytes.size(); i += 61) sum = sum * 31 + bytes[i];
-        m_identity.emplace(sum);
-    }
+    if (!m_identity) m_identity.emplace(IdentitySeed());
     for (size_t i = 0; i < n; ++i) static_cast<octet_t*>(p)[i] = static_cast<octet_t>((*m_identity)());
     return 0;
 }

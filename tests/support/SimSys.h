@@ -52,7 +52,9 @@ class SimSys final : public SysCalls {
 public:
     SimSys() = default;
     // The files that a crash left.
-    explicit SimSys(DiskImage image, ESimMemory kind = ESimMemory::SHARED);
+    explicit SimSys(const DiskImage& image, ESimMemory kind = ESimMemory::SHARED);
+    // For sweeps.
+    SimSys(ESimMemory kind, SimImage image);
 
     // --- disturbing
 
@@ -76,7 +78,7 @@ public:
     std::vector<SimCall> Record() const;
     // The record itself, when no more calls come.
     std::vector<SimCall> TakeRecord();
-    const DiskImage& InitialImage() const { return m_initial; }
+    const SimImage& InitialImage() const { return m_initial; }
     // All files as a killed process leaves them.
     DiskImage CachedImage() const;
     // Does not record any more: for long runs whose images nobody wants.
@@ -155,7 +157,8 @@ private:
     size_t Shortened(size_t n);
     Inode& FileOf(int fd);
     Descriptor* Find(int fd);
-    int NewFile(const FileBytes& bytes);
+    int NewFile(const SimBlocks& content);
+    uint64 IdentitySeed() const;
     Inode& FileNamed(const std::string& name);
     const Inode& FileNamed(const std::string& name) const;
     ssize_t WriteTo(int fd, const void* p, size_t n, off_t at, SimCall::EKind kind, ESimCall call);
@@ -164,7 +167,7 @@ private:
     SimDisk Disk() const;
 
     mutable std::mutex m_mutex; // guards all below
-    DiskImage m_initial;
+    SimImage m_initial;
     const ESimMemory m_kind = ESimMemory::SHARED;
     std::vector<Inode> m_files;
     std::map<std::string, int> m_names;

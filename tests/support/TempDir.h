@@ -45,4 +45,10 @@ private:
     std::filesystem::path m_path;
 };
 
+// From here on temporary directories lie in memory, if there is such a place and TMPDIR does not say otherwise: for programs
+// that make many files and depend on no disk.
+inline void PreferFilesInMemory() {
+    if (::access("/dev/shm", W_OK) == 0) ::setenv("TMPDIR", "/dev/shm", 0);
+}
+
 } // namespace quna

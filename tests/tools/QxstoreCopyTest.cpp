@@ -194,7 +194,13 @@ TEST_F(QxstoreRestoreTest, RefusesWhatItCantReach) {
                  "Can't make the store 'base.store': it would be made of itself; name another file.");
     ExpectNoCopy("restore base.store deltas a.store", 6,
                  "Can't make the store 'a.store': there is a file of that name; --force replaces it.");
+    ExpectNoCopy("restore base.store deltas new.store --transaction -1", 2,
+                 "--transaction: '-1' is no number from 0 on; 'qxstore --help' and 'qxstore COMMAND --help' show the "
+                 "usage.");
     EXPECT_EQ(Qxstore("restore base.store deltas new.store --time yesterday").status, 2);
+    const ToolResult early = Qxstore("restore base.store deltas new.store --time 2001-09-09T01:46:40Z");
+    EXPECT_EQ(early.status, 6);
+    EXPECT_NE(early.err.find("the time 2001-09-09T01:46:40Z is wanted"), std::string::npos) << early.err;
     EXPECT_EQ(Qxstore("restore base.store deltas new.store --latest --transaction 3").status, 2);
     for (const auto& delta : std::filesystem::directory_iterator("deltas"))
         std::filesystem::resize_file(delta.path(), delta.file_size() - 10);

@@ -88,7 +88,12 @@ TEST_F(QxstoreDamageTest, WrongArgumentsAndHelp) {
     EXPECT_EQ(Qxstore("").status, 2);
     EXPECT_EQ(Qxstore("frobnicate packages.store").status, 2);
     EXPECT_EQ(Qxstore("info").status, 2);
-    EXPECT_EQ(Qxstore("dump packages.store 1:0 --bytes -1").status, 2);
+    EXPECT_EQ(Qxstore("dump packages.store 1:0 --bytes -1").err,
+              "qxstore: --bytes: '-1' is no number from 0 on; 'qxstore --help' and 'qxstore COMMAND --help' show the "
+              "usage.\n");
+    const ToolResult json = Qxstore("info --json");
+    EXPECT_EQ(json.status, 2);
+    EXPECT_EQ(nlohmann::json::parse(json.out)["exitStatus"], 2);
     EXPECT_EQ(Qxstore("--help").status, 0);
     for (const char* command : {"info", "stats", "spaces", "roots", "classes", "dump", "verify"}) {
         const ToolResult help = Qxstore(std::string(command) + " --help");

@@ -349,11 +349,14 @@ TEST_F(QxstoreTreesTest, AStoreWithoutSpacesAndClassesIsCheckedAsFarAsItGoes) {
             CreateOrOpenLSS(Path("plain.lss").c_str(), nullptr, createdNew, OM_CREATE_NEW, LssSettings()));
         lss->AllocateSeidHigh();
         for (int i = 0; i < 3; ++i) lss->AllocateSeid(1);
+        PutElement(*lss, Seid(0, 1),
+                   Bytes(4, 'x')); // where a store of objects has its root record and its map of spaces
+        PutElement(*lss, Seid(1, 1), Bytes());
         PutElement(*lss, Seid(2, 1), Bytes(1000000, 'x')); // in several packets
     }
     const Json json = JsonOf("verify plain.lss");
     EXPECT_EQ(json["sound"], true);
-    EXPECT_EQ(json["elementBytes"], 1000000);
+    EXPECT_EQ(json["elementBytes"], 1000004);
     EXPECT_FALSE(json.contains("objects"));
     EXPECT_EQ(JsonOf("stats plain.lss")["longElements"], 1);
     EXPECT_EQ(JsonOf("info plain.lss")["objectStore"], false);

@@ -1,9 +1,14 @@
 #include "tools/qxstore/CommandLine.h"
 
+#include "tools/qxstore/Report.h"
 #include "tools/qxstore/Times.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
 #include <optional>
+#include <string_view>
+#include <system_error>
 
 namespace quna::qxstore {
 
@@ -36,6 +41,14 @@ constexpr CommandEntry COMMANDS[] = {
     {"restore", "The store as it was after a transaction or at a time, from a copy and its archive", &RunRestore, true},
 };
 
+// CLI11's own texts for wrong numbers have hundreds of digits, and it takes -1 for a large one.
+std::string CheckNumber(const std::string& text) {
+    int64 number = 0;
+    const std::from_chars_result end = std::from_chars(text.data(), text.data() + text.size(), number);
+    const bool isGood = end.ec == std::errc() && end.ptr == text.data() + text.size() && number >= 0;
+    return isGood ? "" : "'" + text + "' is no number from 0 on";
+}
+
 void AddDumpOptions(CLI::App& app, Options& options) {
     app.add_option("OBJECT", options.object,
                    "An OID as high:low in hexadecimal (1:2a), or the name of a root, with its space before it if "
@@ -43,10 +56,10 @@ void AddDumpOptions(CLI::App& app, Options& options) {
         ->required();
     app.add_option("--space", options.space, "OBJECT is the name of a root of this space");
     app.add_option("--bytes", options.maxBytes, "The most bytes to show in hex; 0: all")
-        ->check(CLI::NonNegativeNumber)
+        ->check(CheckNumber, "")
         ->capture_default_str();
     app.add_option("--rows", options.maxRows, "The most rows of a table to show; 0: all")
-        ->check(CLI::NonNegativeNumber)
+        ->check(CheckNumber, "")
         ->capture_default_str();
     app.add_flag("--raw", options.raw, "Write the bytes of the record, and nothing else, to standard output");
 }
@@ -80,7 +93,7 @@ void AddRestoreOptions(CLI::App& app, Options& options) {
         "As at this time, in ISO 8601: 2026-11-21T20:15:00Z; without a zone in this machine's");
     CLI::Option* const latest = app.add_flag_callback(
         "--latest", [&options] { options.upTo = {}; }, "As far as the archive goes, which is the default");
-    transaction->type_name("NUMBER")->excludes(time)->excludes(latest);
+    transaction->check(CheckNumber, "")->type_name("NUMBER")->excludes(time)->excludes(latest);
     time->type_name("TIME")->excludes(latest);
 }
 
@@ -106,6 +119,10 @@ CommandLine ParseCommandLine(int argc, const char* const* argv, Console& console
     app.footer(STATUSES);
     app.require_subcommand(1);
     app.set_help_flag("-h,--help", "Print this help; 'qxstore COMMAND --help' for one command");
+    app.failure_message([](const CLI::App*, const CLI::Error& e) {
+        return std::string("qxstore: ") + e.what() +
+               "; 'qxstore --help' and 'qxstore COMMAND --help' show the usage.\n";
+    });
     for (const CommandEntry& entry : COMMANDS) {
         CLI::App* const sub = app.add_subcommand(entry.name, entry.about);
         sub->footer(STATUSES);
@@ -121,6 +138,8 @@ CommandLine ParseCommandLine(int argc, const char* const* argv, Console& console
     } catch (const CLI::ParseError& e) {
         line.command = nullptr;
         line.exitCode = app.exit(e, console.out, console.err) == 0 ? EXIT_GOOD : EXIT_USAGE;
+        const bool wantsJson = std::find(argv, argv + argc, std::string_view("--json")) != argv + argc;
+        if (wantsJson && line.exitCode) console.out << ErrorToJson("", "", e.what(), line.exitCode) << std::flush;
     }
     return line;
 }

@@ -34,7 +34,7 @@ BackupResult Copy(OpenedStore& store, const Options& options, const CopyKind& ki
         if (!result.completed) throw ToolError(EXIT_INTERRUPTED, "Interrupted; nothing was left behind");
         return result;
     } catch (const CorruptLSSException& e) {
-        throw ToolError(EXIT_DAMAGED, std::string(e.what()) +
+        throw ToolError(EXIT_DAMAGED, WithoutAdvice(e.what()) +
                                           "; nothing was left behind, 'qxstore verify' says what else is damaged, and "
                                           "'qxstore backup --as-is' copies a damaged store");
     } catch (const FileException& e) {

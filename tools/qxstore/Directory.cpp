@@ -27,11 +27,25 @@ Directory::Directory(OpenedStore& store, const OnProblem& onProblem)
     ReadSpaces();
 }
 
-// A log-structured store may be used without the layer above it. One whose index can't be read there is taken for a store
-// of objects, so that the damage is said.
+// A log-structured store may be used without the layer above it, and then has something of its own in these places: whole
+// elements, none of which is such a record. One of the two that can't be read is taken for a record, so that the damage is
+// said.
 bool Directory::HasFixedRecords() {
+    return IsRecord(ROOT_PERSISTSTORE_OBJECT_SEID, ParseRootRecord) || IsRecord(PSPACEMAP_SEID, ParseSpaceMap);
+}
+
+template <class Parse>
+bool Directory::IsRecord(OID oid, Parse&& parse) {
+    bool isRecord = true;
     try {
-        return m_store.Exists(ROOT_PERSISTSTORE_OBJECT_SEID) || m_store.Exists(PSPACEMAP_SEID);
+        const bool exists = m_store.WithElement(oid, [&](const ReadOnlyBuffer& element) {
+            try {
+                static_cast<void>(parse(element));
+            } catch (const IException&) {
+                isRecord = false;
+            }
+        });
+        return exists && isRecord;
     } catch (const IException&) {
         return true;
     }

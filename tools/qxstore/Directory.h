@@ -54,6 +54,8 @@ public:
 
 private:
     bool HasFixedRecords();
+    template <class Parse>
+    bool IsRecord(OID oid, Parse&& parse);
     void ReadRoot();
     void ReadSpaces();
     void ReadSpace(Space& space);

@@ -102,7 +102,7 @@ void OpenedStore::OpenLss() {
         m_closedCleanly =
             (m_header.flags & HEADER_FLAG_CLEAN) && ring.VouchesForCleanClose(m_header.checkpointSequence);
     } catch (const CorruptLSSException& e) {
-        throw ToolError(EXIT_DAMAGED, std::string(e.what()) + "; " + RESTORE);
+        throw ToolError(EXIT_DAMAGED, WithoutAdvice(e.what()) + "; " + RESTORE);
     } catch (const FileException& e) {
         throw ToolError(EXIT_NO_OPEN, std::string(e.what()) + "; check the disk and the permissions");
     }

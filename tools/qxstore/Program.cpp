@@ -32,7 +32,7 @@ int RunProgram(int argc, const char* const* argv, Console& console) {
     } catch (const FileException& e) {
         return fail(EXIT_NO_OPEN, std::string(e.what()) + "; check the disk and the permissions");
     } catch (const CorruptLSSException& e) {
-        return fail(EXIT_DAMAGED, std::string(e.what()) + "; 'qxstore verify' says what else is damaged");
+        return fail(EXIT_DAMAGED, WithoutAdvice(e.what()) + "; 'qxstore verify' says what else is damaged");
     } catch (const std::exception& e) {
         return fail(EXIT_INTERNAL,
                     std::string("This is not foreseen: ") + e.what() + "; keep the store and this text for its makers");

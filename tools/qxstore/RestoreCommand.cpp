@@ -63,7 +63,7 @@ RestoredLss RestoreTo(const std::string& newPath, const Options& options, Consol
     try {
         return RestoreLss(options.store.c_str(), options.deltas.c_str(), TargetOf(options.upTo), newPath.c_str());
     } catch (const CorruptLSSException& e) {
-        throw ToolError(EXIT_DAMAGED, std::string(e.what()) + "; nothing was left behind");
+        throw ToolError(EXIT_DAMAGED, WithoutAdvice(e.what()) + "; nothing was left behind");
     } catch (const FileException& e) {
         throw ToolError(EXIT_NO_TARGET, std::string(e.what()) + "; nothing was left behind");
     }

@@ -1,7 +1,6 @@
 #include "tools/qxstore/Times.h"
 
 #include <chrono>
-#include <cstdio>
 #include <ctime>
 
 namespace quna::qxstore {
@@ -101,19 +100,6 @@ bool AreInRange(const Parts& parts) {
 }
 
 } // namespace
-
-std::string TimeText(uint64 time) {
-    const std::time_t seconds = static_cast<std::time_t>(time / UNITS_A_SECOND);
-    std::tm tm{};
-    ::gmtime_r(&seconds, &tm);
-    char text[64];
-    std::string result(text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &tm));
-    if (const uint64 fraction = time % UNITS_A_SECOND) {
-        std::snprintf(text, sizeof text, ".%07u", static_cast<unsigned>(fraction));
-        result += text;
-    }
-    return result += 'Z';
-}
 
 std::optional<uint64> ParseTime(std::string_view text) {
     Reader reader(text);

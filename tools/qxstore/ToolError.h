@@ -1,6 +1,8 @@
 // How the tool fails.
 #pragma once
 
+#include "qxLss/src/StoreCore.h"
+
 #include <stdexcept>
 #include <string>
 
@@ -28,11 +30,16 @@ private:
     const EExit m_exitCode;
 };
 
-// How the library begins the text of a CorruptLSSException. A longer text says it once.
+// How the library begins and ends the text of a CorruptLSSException: a sentence of its own says what can be done. A longer
+// text says the beginning once, and has an end of its own.
 inline std::string DamagePrefix(const std::string& path) { return "The store '" + path + "' is damaged: "; }
+inline std::string WithoutAdvice(const std::string& text) {
+    const std::string advice = std::string(". ") + ADVICE_RESTORE;
+    return text.ends_with(advice) ? text.substr(0, text.size() - advice.size()) : text;
+}
 inline std::string WithoutDamagePrefix(const std::string& text, const std::string& path) {
     const std::string prefix = DamagePrefix(path);
-    return text.starts_with(prefix) ? text.substr(prefix.size()) : text;
+    return WithoutAdvice(text.starts_with(prefix) ? text.substr(prefix.size()) : text);
 }
 
 } // namespace quna::qxstore
