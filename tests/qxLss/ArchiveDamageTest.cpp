@@ -90,16 +90,16 @@ protected:
 TEST_F(ArchiveDamage, ADamagedPacketStopsTheArchiveAndIsTracedByTheClose) {
     const int64 at = OffsetOf(PutOne());
     Poke(at + 20, static_cast<octet_t>(Peek<octet_t>(at + 20) ^ 1));
-    ExpectStopped("a packet is not valid");
+    ExpectStopped("no valid packet");
     const TraceCatcher trace;
     m_store.Close();
-    EXPECT_TRUE(trace.Has("a packet is not valid")) << trace.Text();
+    EXPECT_TRUE(trace.Has("no valid packet")) << trace.Text();
     EXPECT_EQ(DeltaNames(m_sys).size(), 1u);
 }
 
 TEST_F(ArchiveDamage, APacketThatClaimsToBeLongerThanTheLogStopsTheArchive) {
     Poke(OffsetOf(PutOne()) + 4, PacketInfo(EPacketType::HEAD, 4000));
-    ExpectStopped("a packet is not valid");
+    ExpectStopped("no valid packet");
 }
 
 TEST_F(ArchiveDamage, ACommitThatIsNotTheNextOneStopsTheArchive) {
@@ -113,7 +113,7 @@ TEST_F(ArchiveDamage, ACommitThatIsNotTheNextOneStopsTheArchive) {
         const int64 at = Find(before, EPacketType::COMMIT);
         const FileBytes right = m_sys.Peek("d/store", at, 64);
         Rewrite(at, before.sequence, change);
-        ExpectStopped("or is not whole");
+        ExpectStopped("with all its packets before it");
         m_sys.Poke("d/store", at, right.data(), 48); // what stands behind it has changed since
         m_store.Archive();
     }
@@ -132,7 +132,7 @@ TEST_F(ArchiveDamage, ALogThatLeadsToNoSegmentOfItStopsTheArchive) {
         const int64 at = Find(before, EPacketType::LINK);
         const FileBytes right = m_sys.Peek("d/store", at, 24);
         Rewrite(at, before.sequence, change);
-        ExpectStopped("the segment that follows is not valid");
+        ExpectStopped("no valid segment behind this one");
         m_sys.Poke("d/store", at, right.data(), right.size());
         m_store.Archive();
     }
@@ -142,7 +142,7 @@ TEST_F(ArchiveDamage, ALogThatLeadsToNoSegmentOfItStopsTheArchive) {
     const ssize_t slot = Log().Position().slot;
     PutOne();
     RewriteHeader(slot, [](SegmentHeader& header) { header.clockAtOpening += 8; });
-    ExpectStopped("the segment that follows is not valid");
+    ExpectStopped("no valid segment behind this one");
 }
 
 TEST_F(ArchiveDamage, DamageWhereATransactionGoesOnInTheNextSegmentStopsTheArchive) {
@@ -153,7 +153,7 @@ TEST_F(ArchiveDamage, DamageWhereATransactionGoesOnInTheNextSegmentStopsTheArchi
     const ssize_t next = static_cast<ssize_t>(Peek<LinkPayload>(link + PACKET_HEADER_BYTES).slot);
     const int64 at = Core().m_segments->OffsetOf(next) + SEGMENT_HEADER_BYTES;
     Poke(at + 20, static_cast<octet_t>(Peek<octet_t>(at + 20) ^ 1));
-    ExpectStopped("a packet is not valid");
+    ExpectStopped("no valid packet");
 }
 
 // The sync came when the LINK had been written and the next segment not yet been begun.

@@ -193,5 +193,16 @@ TEST(FileMap, AnInterruptedLoadIsRepeated) {
     }
 }
 
+TEST(FileMap, ALengthThatIsRefusedAsInvalidIsHalvedToo) {
+    SimSys sys;
+    File file(sys);
+    file.Open("d/f", EFileAccess::CREATE);
+    Fill(file, CHUNK);
+    sys.FailCall(ESimCall::MAP, 1, EINVAL, false);
+    FileMap map(file);
+    EXPECT_EQ(map.MaxBytes(), FileMap::MAX_BYTES / 2);
+    EXPECT_TRUE(IsRight(map.Load(0, CHUNK), 0, CHUNK));
+}
+
 } // namespace
 } // namespace quna

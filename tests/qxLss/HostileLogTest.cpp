@@ -127,7 +127,7 @@ TEST_F(HostileLog, ADropOfWhatIsOutsideTheSegmentsIsRefused) {
             const Location outside = MakeLocation(64, 64);
             std::memcpy(Payload(at), &outside, sizeof outside);
         },
-        "the log drops a packet outside the segments");
+        "the log drops a packet");
 }
 
 TEST_F(HostileLog, ALongHeadThatContradictsItselfIsRefused) {
@@ -143,7 +143,7 @@ TEST_F(HostileLog, ALongHeadThatContradictsItselfIsRefused) {
         {[&](int64 at) { At<LongPrefix>(at + PACKET_HEADER_BYTES)->n = 1000; }, "the head of a long element"},
         {[&](int64 at) { ++At<LongPrefix>(at + PACKET_HEADER_BYTES)->totalBytes; }, "the head of a long element"},
         {[&](int64 at) { *At<Location>(at + PACKET_HEADER_BYTES + 16) = MakeLocation(64, 64); },
-         "a part outside the segments"}};
+         "a long element has a part"}};
     for (const auto& [change, text] : changes) {
         Take(LONG_KILLED);
         const int64 at = longHead();
@@ -220,7 +220,7 @@ TEST_F(HostileLog, ARelocationThatLeavesLivePacketsInItsVictimsIsRefused) {
     const int64 at = Reloc();
     RelocHead(at).flags |= RELOC_FLAG_LAST;
     Long(at).oldHead += 8; // the element has been overwritten since, it seems: it stays
-    ExpectRefused("a cleaned segment still holds live packets");
+    ExpectRefused("live packets in a cleaned segment, expected none");
 }
 
 TEST_F(HostileLog, ARelocationInsideATransactionEndsIt) {
@@ -305,7 +305,42 @@ TEST_F(HostileLog, ASegmentThatIsUsedAgainAlthoughItsPacketsAreLiveIsRefused) {
     header.sequence = 0x7777;
     header.kind = static_cast<uint32>(ESegmentKind::SURVIVORS);
     Range(at) = {static_cast<uint32>(used), SEGMENT_HEADER_BYTES, SEGMENT_HEADER_BYTES, 0, 0x7777}; // of nothing
-    ExpectRefused("a segment was used again although packets in it are live");
+    ExpectRefused("packets are live; expected none");
+}
+
+TEST_F(HostileLog, ARelocationOfARangeBehindTheEndOfTheFileEndsIt) {
+    Take(CLEANED_KILLED);
+    const ssize_t slot = (std::ssize(m_file) - FRONT_AREA_BYTES + SEGMENT_BYTES - 1) / SEGMENT_BYTES;
+    const int64 begin = FRONT_AREA_BYTES + slot * SEGMENT_BYTES;
+    m_file.resize(static_cast<size_t>(begin) + SEGMENT_HEADER_BYTES + 8);
+    auto& header = *At<SegmentHeader>(begin);
+    header = ReadPod<SegmentHeader>(m_file.data() + FRONT_AREA_BYTES + Range(Reloc()).slot * SEGMENT_BYTES);
+    header.sequence = 0x7777;
+    header.slot = static_cast<uint32>(slot);
+    Range(Reloc()) = {static_cast<uint32>(slot), SEGMENT_HEADER_BYTES, SEGMENT_HEADER_BYTES + 64, 0, 0x7777};
+    try {
+        Open();
+    } catch (const CorruptLSSException&) {
+        EXPECT_EQ(0, m_sys.NumChanges());
+    }
+}
+
+TEST_F(HostileLog, APartWhoseLengthIsNotWhatItsElementSaysIsRefusedWhenItIsRead) {
+    Take(CLEANED_CLOSED);
+    ForEachPacket([&](int64, int64 at, PacketHeader header) {
+        if (PacketType(header.info) != EPacketType::HEAD || !PacketFlags(header.info)) return;
+        auto* const part = At<Location>(at + PACKET_HEADER_BYTES + static_cast<int64>(sizeof(LongPrefix)));
+        *part = MakeLocation(LocationOffset(*part), LocationBytes(*part) - 8);
+    });
+    LssStore& store = Open(true);
+    int numRefused = 0;
+    store.VisitElements([&](Seid seid, Location l) {
+        if (!IsLong(l)) return;
+        const AutoCloser<IContiguousSerialElement> element(store.OpenSerialElement(seid));
+        EXPECT_THROW(element->GetBuffer(), CorruptLSSException);
+        ++numRefused;
+    });
+    EXPECT_GT(numRefused, 0);
 }
 
 } // namespace

@@ -450,5 +450,24 @@ TEST(LssStore, AForkedChildIsRefusedEveryCall) {
     lss->Close();
 }
 
+// A reader may still be looking at what stood there.
+TEST(LssStore, AFreeSlotThatIsPinnedStaysAtTheEndOfTheFile) {
+    SimSys sys;
+    TestLss lss(sys);
+    lss.Put("x");
+    lss->StopThreadsForTest();
+    SpaceManager& space = lss->SpaceForTest();
+    const ssize_t numSlots = space.NumSlots();
+    SegmentSlot& last = (*lss->CoreForTest().m_segments)[numSlots - 1];
+    ASSERT_EQ(last.sequence, 0u);
+    ++last.pins;
+    space.TrimEnd(1);
+    EXPECT_EQ(space.NumSlots(), numSlots);
+    --last.pins;
+    space.TrimEnd(1);
+    EXPECT_LT(space.NumSlots(), numSlots);
+    lss.Put("y");
+}
+
 } // namespace
 } // namespace quna

@@ -138,13 +138,13 @@ TEST_F(RestoreRefusal, AnotherRestoreAtWorkIsNotDisturbed) {
     File part(m_sys);
     part.Open("d/new.part", EFileAccess::CREATE);
     ASSERT_TRUE(part.TryLock(true));
-    ExpectRefused<FileException>("another restore of it is at work");
+    ExpectRefused<FileException>("another copy is being written there");
     EXPECT_TRUE(part.IsStillNamed());
 }
 
 TEST_F(RestoreRefusal, AFileThatAppearsMeanwhileIsNotReplaced) {
     m_sys.FailCall(ESimCall::RENAME, 1, EEXIST, false);
-    ExpectRefused<FileException>("a file of that name exists already");
+    ExpectRefused<FileException>("exists already");
     EXPECT_FALSE(Exists("d/new.part"));
 }
 
