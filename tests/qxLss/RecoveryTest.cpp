@@ -455,5 +455,50 @@ TEST(Recovery, KeepsTheCachedPagesOfACleanlyClosedStoreAndOfNoOther) {
     EXPECT_EQ(sys.NumCalls(ESimCall::DROP_CACHE), before + 2);
 }
 
+// The file as it was when the owner of `sys` lost power right before, or after, it wrote its last checkpoint header.
+FileBytes FileAtLastHeader(const SimSys& sys, bool after) {
+    const std::vector<SimCall> record = sys.Record();
+    ssize_t last = -1;
+    for (ssize_t k = 0; k < std::ssize(record); ++k) {
+        const SimCall& call = record[static_cast<size_t>(k)];
+        if (call.kind == SimCall::EKind::WRITE_DURABLE && call.offset <= 4096) last = k;
+    }
+    EXPECT_GE(last, 0);
+    SimDisk disk(sys.InitialImage());
+    for (ssize_t k = 0; k < last + after; ++k) disk.Apply(record[static_cast<size_t>(k)]);
+    return disk.Image({CrashVariant::EChoice::ALL, 0, 0}).at("d/store");
+}
+
+// What was torn in the middle has zeros there again, because the next owner lost power when it had written just that sector.
+TEST(Recovery, DoesNotTakeATornHeaderThatBecameValidUnderTheNextOwner) {
+    constexpr size_t MIDDLE = 2048;
+    SimSys sys;
+    ElementMap expected;
+    FileBytes file;
+    size_t headerAt = 0;
+    {
+        TestLss lss(sys);
+        for (int i = 0; i < 40; ++i) lss.Put(Pattern(200));
+        lss->CheckpointForTest();
+        for (int i = 0; i < 40; ++i) lss.Put(Pattern(300, static_cast<unsigned>(i)), true);
+        expected = lss.All();
+        lss->CheckpointForTest();
+        file = FileAtLastHeader(sys, true);
+        headerAt = static_cast<size_t>(HeaderOffset(HeaderOf(file).checkpointSequence));
+    }
+    file[headerAt + MIDDLE] ^= 0xFF;
+    SimSys next(DiskImage{{"d/store", file}});
+    {
+        const TestLss lss(next);
+        EXPECT_EQ(lss.All(), expected);
+    }
+    file = FileAtLastHeader(next, false);
+    file[headerAt + MIDDLE] = 0;
+    SimSys after(DiskImage{{"d/store", file}});
+    const TestLss lss(after);
+    EXPECT_EQ(lss.All(), expected);
+    lss->Validate();
+}
+
 } // namespace
 } // namespace quna
