@@ -72,11 +72,17 @@ HighIndex& Index::FindOrAddHigh(uint32 high) {
     if (HighIndex* const found = FindHigh(high)) return *found;
     std::lock_guard lock(m_nodesMutex);
     std::atomic<Directory::Chunk*>& top = m_directory->top.p[high >> 16];
-    if (!top.load(std::memory_order_relaxed)) {
-        m_directory->chunks.push_back(std::make_unique<Directory::Chunk>());
-        top.store(m_directory->chunks.back().get(), std::memory_order_release);
-    }
+    // The high first: what the destructor makes zero again is found through it.
     m_highs.push_back(std::make_unique<HighIndex>(high));
+    try {
+        if (!top.load(std::memory_order_relaxed)) {
+            m_directory->chunks.push_back(std::make_unique<Directory::Chunk>());
+            top.store(m_directory->chunks.back().get(), std::memory_order_release);
+        }
+    } catch (...) {
+        m_highs.pop_back();
+        throw;
+    }
     top.load(std::memory_order_relaxed)->p[high & 0xFFFF].store(m_highs.back().get(), std::memory_order_release);
     return *m_highs.back();
 }
