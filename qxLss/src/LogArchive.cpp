@@ -191,6 +191,11 @@ private:
             m_writer->MarkWhole();
         }
         if (!m_count.IsEmpty()) Copy(segment, from, m_openFrom, stopped); // a later segment may end the transaction
+        if (m_wholeTo >= 0) {
+            // What is durable may end within the next transaction.
+            m_safe = m_at;
+            m_safe.offset = m_wholeTo;
+        }
         m_at.offset = stopped;
         if (stopped != end && m_linkedTo == 0 && !IsFull())
             ThrowCorrupt(m_core,

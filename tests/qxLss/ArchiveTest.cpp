@@ -67,6 +67,30 @@ TEST_F(Archiving, ADeltaIsNamedByItsFirstTransactionAndHoldsWholeDurableOnes) {
     ExpectEveryState();
 }
 
+// The next pass begins behind the last whole transaction, though half of another one was durable behind it.
+TEST_F(Archiving, ASyncWithinATransactionEndsADeltaBeforeIt) {
+    m_store.Open();
+    TestLss& lss = m_store.Lss();
+    lss.Put("a");
+    lss.Put("b"); // in the segment that the next one fills
+    AutoCloser<ILssTransaction> half(lss->OpenTransaction());
+    AutoCloser<ICloseableOutputStream> os(half->WriteSerialElement(lss.NewSeid()));
+    const std::string content = Pattern(12000);
+    os->WriteStream(content.data(), std::ssize(content)); // beyond a segment, so that a part is handed over
+    lss->Flush();
+    lss->ArchiveForTest();
+    EXPECT_EQ(ArchivedUpTo(), 2u);
+    os.Close();
+    half.Close();
+    lss->Flush();
+    lss->ArchiveForTest();
+    EXPECT_EQ(ArchivedUpTo(), 3u);
+    const ElementMap expected = lss.All();
+    m_store.Close();
+    EXPECT_EQ(Restore(m_sys, RestoreTarget::Transaction(3)).lastTransaction, 3u);
+    EXPECT_EQ(ElementsOf(m_sys, "d/new"), expected);
+}
+
 TEST_F(Archiving, TheFirstBytesOfADeltaAreThoseOfTheFormat) {
     m_store.Open();
     m_store.Transaction();
