@@ -27,14 +27,15 @@ enum class EHeaderState {
     VALID
 };
 
+bool Verifies(const CheckpointHeader& header) { return header.crc == Crc32c(&header, offsetof(CheckpointHeader, crc)); }
+
 EHeaderState ReadHeader(File& file, int64 offset, CheckpointHeader& header) {
     header = CheckpointHeader{};
     const ssize_t n = file.ReadUpTo(offset, &header, sizeof header);
     if (n < static_cast<ssize_t>(sizeof header.magic) + 4) return EHeaderState::MISSING;
     if (std::memcmp(header.magic, CHECKPOINT_MAGIC, sizeof header.magic) != 0) return EHeaderState::FOREIGN;
-    if (header.version > FORMAT_VERSION) return EHeaderState::OTHER_VERSION; // its checksum may stand elsewhere
-    const bool verifies = header.crc == Crc32c(&header, offsetof(CheckpointHeader, crc)) ||
-                          IsMutant(EMutant::CHECKPOINT_CHECKSUM_IGNORED);
+    if (header.version > FORMAT_VERSION) return EHeaderState::OTHER_VERSION; // torn or not: see ChooseHeader
+    const bool verifies = Verifies(header) || IsMutant(EMutant::CHECKPOINT_CHECKSUM_IGNORED);
     if (n < static_cast<ssize_t>(sizeof header) || !verifies) return EHeaderState::BROKEN;
     if (header.version != FORMAT_VERSION) return EHeaderState::OTHER_VERSION;
     if (!IsValidSegmentSize(header.segmentSize) || HeaderOffset(header.checkpointSequence) != offset)
@@ -68,6 +69,11 @@ EHeaderState ChooseHeader(File& file, CheckpointHeader& newest) {
     for (auto [state, header] : {std::pair(&stateA, &a), std::pair(&stateB, &b)}) {
         if (*state == EHeaderState::VALID && IsLeftBehind(file, *header)) *state = EHeaderState::BROKEN;
     }
+    // A torn header may show any version. Beside a valid one only a checksum, which all versions have there, makes it count.
+    if (stateA == EHeaderState::OTHER_VERSION && stateB == EHeaderState::VALID && !Verifies(a))
+        stateA = EHeaderState::BROKEN;
+    if (stateB == EHeaderState::OTHER_VERSION && stateA == EHeaderState::VALID && !Verifies(b))
+        stateB = EHeaderState::BROKEN;
     const bool isNewer = (b.checkpointSequence > a.checkpointSequence) != IsMutant(EMutant::OLDER_HEADER_TAKEN);
     const bool useB = stateB == EHeaderState::VALID && (stateA != EHeaderState::VALID || isNewer);
     newest = useB ? b : a;
