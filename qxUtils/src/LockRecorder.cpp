@@ -6,10 +6,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <mutex>
+#include <new>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -20,26 +23,57 @@
 namespace quna::LockRecorder {
 namespace {
 
+// Taking a lock must not throw: std::lock_guard would leave it held for ever. Nor should the recorder take part in what a test
+// does to operator new.
+template <class T>
+struct OwnMemory {
+    using value_type = T;
+
+    OwnMemory() = default;
+    template <class U>
+    OwnMemory(const OwnMemory<U>& /*other*/) noexcept {} // NOLINT(google-explicit-constructor): as allocators are
+
+    T* allocate(size_t n) noexcept {
+        void* const p = std::malloc(n * sizeof(T));
+        if (!p) std::abort();
+        return static_cast<T*>(p);
+    }
+    void deallocate(T* p, size_t /*n*/) noexcept { std::free(p); }
+    friend bool operator==(const OwnMemory& /*a*/, const OwnMemory& /*b*/) noexcept { return true; }
+};
+
+template <class T>
+using Vector = std::vector<T, OwnMemory<T>>;
+template <class T>
+using Set = std::set<T, std::less<T>, OwnMemory<T>>;
+template <class K, class T>
+using Map = std::map<K, T, std::less<K>, OwnMemory<std::pair<const K, T>>>;
+
+template <class T>
+T* MakeForEver() {
+    return ::new (OwnMemory<T>().allocate(1)) T;
+}
+
 struct Held {
     const void* lock;
     ConstStringZ name;
 };
 
 // Several locks of these names may be held by one thread: their users order them themselves.
-bool MayNest(const std::string& name) { return name == "CSpace" || name == "DOS::mutex_" || name == "TurnLock"; }
+bool MayNest(std::string_view name) { return name == "CSpace" || name == "DOS::mutex_" || name == "TurnLock"; }
 
 // Never destroyed: threads may take locks until the process ends.
 class Recorder {
 public:
     static Recorder& Instance() {
-        static Recorder* const s_instance = new Recorder;
+        static Recorder* const s_instance = MakeForEver<Recorder>();
         return *s_instance;
     }
 
     // A pair that the thread has made before costs no lock of all threads.
     void Wants(const void* lock, ConstStringZ name) {
         Thread& mine = Mine();
-        std::vector<ConstStringZ> newlyBefore;
+        Vector<ConstStringZ> newlyBefore;
         {
             std::lock_guard guard(mine.mutex);
             for (const Held& held : mine.held) {
@@ -67,14 +101,14 @@ private:
     // Lives as long as the process, since another thread may give back what this one took. Others only remove.
     struct Thread {
         std::mutex mutex; // guards `held` against others
-        std::vector<Held> held;
-        std::set<std::pair<ConstStringZ, ConstStringZ>> pairs;
+        Vector<Held> held;
+        Set<std::pair<ConstStringZ, ConstStringZ>> pairs;
     };
 
     Thread& Mine() {
         thread_local Thread* t_mine = nullptr;
         if (!t_mine) {
-            t_mine = new Thread;
+            t_mine = MakeForEver<Thread>();
             std::lock_guard guard(m_mutex);
             m_threads.push_back(t_mine);
         }
@@ -84,40 +118,40 @@ private:
     // The last one taken, as with recursion.
     static bool Remove(Thread& thread, const void* lock) {
         std::lock_guard guard(thread.mutex);
-        std::vector<Held>& list = thread.held;
+        Vector<Held>& list = thread.held;
         const auto i = std::find_if(list.rbegin(), list.rend(), [&](const Held& held) { return held.lock == lock; });
         if (i == list.rend()) return false;
         list.erase(std::next(i).base());
         return true;
     }
 
-    void AddPair(const std::string& held, const std::string& wanted) {
+    void AddPair(std::string_view held, std::string_view wanted) {
         std::lock_guard guard(m_mutex);
         if (!m_after[held].insert(wanted).second) return;
-        std::vector<std::string> way;
+        Vector<std::string_view> way;
         if (held == wanted ? MayNest(held) : !FindWay(wanted, held, way)) return;
-        std::string text = "Locks are taken in a circle: " + held + " is held and " + wanted + " wanted; before:";
-        for (const std::string& name : way) text += " " + name;
-        text += "\n";
-        std::fputs(text.c_str(), stderr);
+        std::fprintf(stderr, "Locks are taken in a circle: %s is held and %s wanted; before:", held.data(),
+                     wanted.data());
+        for (const std::string_view name : way) std::fprintf(stderr, " %s", name.data());
+        std::fputs("\n", stderr);
         void* frames[64];
         ::backtrace_symbols_fd(frames, ::backtrace(frames, 64), STDERR_FILENO);
         std::abort();
     }
 
-    bool FindWay(const std::string& from, const std::string& to, std::vector<std::string>& way) {
-        std::set<std::string> seen{from};
-        std::map<std::string, std::string> cameFrom;
-        std::vector<std::string> open{from};
+    bool FindWay(std::string_view from, std::string_view to, Vector<std::string_view>& way) {
+        Set<std::string_view> seen{from};
+        Map<std::string_view, std::string_view> cameFrom;
+        Vector<std::string_view> open{from};
         while (!open.empty()) {
-            const std::string name = open.back();
+            const std::string_view name = open.back();
             open.pop_back();
             if (name == to) {
-                for (std::string n = to; n != from; n = cameFrom[n]) way.insert(way.begin(), n);
+                for (std::string_view n = to; n != from; n = cameFrom[n]) way.insert(way.begin(), n);
                 way.insert(way.begin(), from);
                 return true;
             }
-            for (const std::string& next : m_after[name]) {
+            for (const std::string_view next : m_after[name]) {
                 if (!seen.insert(next).second) continue;
                 cameFrom[next] = name;
                 open.push_back(next);
@@ -125,6 +159,8 @@ private:
         }
         return false;
     }
+
+    friend Recorder* MakeForEver<Recorder>();
 
     Recorder() {
         std::atexit([] { Instance().Append(); });
@@ -136,7 +172,7 @@ private:
         std::lock_guard guard(m_mutex);
         std::string text;
         for (const auto& [held, after] : m_after) {
-            for (const std::string& wanted : after) text += held + "\t" + wanted + "\n";
+            for (const std::string_view wanted : after) text.append(held).append("\t").append(wanted).append("\n");
         }
         const int fd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
         if (fd < 0) return;
@@ -145,8 +181,9 @@ private:
     }
 
     std::mutex m_mutex; // not recorded; outside those of the threads' lists
-    std::vector<Thread*> m_threads;
-    std::map<std::string, std::set<std::string>> m_after; // wanted while holding
+    Vector<Thread*> m_threads;
+    // Wanted while holding. The names are literals; equal ones may stand at several addresses.
+    Map<std::string_view, Set<std::string_view>> m_after;
 };
 
 } // namespace
