@@ -325,12 +325,10 @@ void Index::WriteNode(IndexNode& node, IIndexPageSink& sink, std::vector<IndexIn
     {
         std::lock_guard lock(m_snapshotMutex);
         std::unique_ptr<std::array<Location, LEAF_SLOTS>> copy;
-        if (node.IsLeaf()) {
-            IndexLeaf& leaf = static_cast<IndexLeaf&>(node);
-            copy = std::move(leaf.copy);
-            leaf.marked.store(false, std::memory_order_relaxed);
-        }
+        if (node.IsLeaf()) copy = std::move(static_cast<IndexLeaf&>(node).copy);
         n = Encode(node, copy.get(), payload);
+        // Only now: who finds no mark changes the leaf at once, without the mutex.
+        if (node.IsLeaf()) static_cast<IndexLeaf&>(node).marked.store(false, std::memory_order_release);
     }
     // An empty page needs no packet.
     const Location written = n ? sink.WritePage(node.Key(), payload, n) : 0;

@@ -90,7 +90,7 @@ public:
     // Stores the new location, 0 for a deletion; readers see it at once. Gives the old one.
     Location Publish(const IndexSlot& slot, Location l) {
         IndexLeaf& leaf = *slot.leaf;
-        if (leaf.marked.load(std::memory_order_relaxed)) [[unlikely]]
+        if (leaf.marked.load(std::memory_order_acquire)) [[unlikely]] // not before the leaf has been read for its page
             CopyForSnapshot(leaf);
         if (!leaf.dirty) {
             leaf.dirty = true;

@@ -3,7 +3,11 @@
 #include "qxLss/src/SegmentWriter.h"
 #include "tests/qxLss/TestLss.h"
 
+#include <atomic>
 #include <memory>
+#include <mutex>
+#include <random>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -137,6 +141,49 @@ TEST(Index, ASnapshotIsTheIndexAsItWasMarked) {
     pages.Reload(next, level);
     EXPECT_EQ((*pages).Get(Seid(0, 1)), Fake(2));
     EXPECT_EQ((*pages).Get(Seid(70000, 1)), Fake(3));
+}
+
+// A recovery repeats what was published after the mark: it would count an element twice whose page has it already.
+TEST(IndexThreads, WhatIsPublishedWhileItsPageIsBeingWrittenIsNotInTheSnapshot) {
+    constexpr uint32 NUM_LEAVES = 32;
+    constexpr int NUM_SNAPSHOTS = 500;
+    const auto numbered = [](uint64 n) { return MakeLocation(static_cast<int64>(n) * 8, 16); };
+    IndexPages pages;
+    std::mutex turn;
+    std::atomic<uint64> published{0}; // changed with the turn
+    for (uint32 leaf = 0; leaf < NUM_LEAVES; ++leaf) pages.Set(Seid(leaf * 256, 1), numbered(++published));
+    std::atomic<bool> stop{false};
+    std::thread publisher([&] {
+        std::mt19937 random(1);
+        while (!stop) {
+            const std::lock_guard lock(turn);
+            pages.Set(Seid(random() % (NUM_LEAVES * 256), 1), numbered(++published));
+        }
+    });
+    struct Sink final : IIndexPageSink {
+        Location WritePage(uint64, const void* payload, ssize_t n) override {
+            const octet_t* const bytes = static_cast<const octet_t*>(payload);
+            if (ReadPod<IndexPrefix>(bytes).level > 0) return Fake(1);
+            for (ssize_t i = sizeof(IndexPrefix); i < n; i += sizeof(Location))
+                numLater += LocationOffset(ReadPod<Location>(bytes + i)) / 8 > static_cast<int64>(marked);
+            return Fake(1);
+        }
+        void PageDied(Location) override {}
+        uint64 marked = 0;
+        int numLater = 0;
+    } sink;
+    for (int i = 0; i < NUM_SNAPSHOTS; ++i) {
+        {
+            const std::lock_guard lock(turn);
+            sink.marked = published;
+            (*pages).BeginSnapshot();
+        }
+        (*pages).WriteSnapshot(sink);
+        while (published < sink.marked + 2 * NUM_LEAVES) std::this_thread::yield();
+    }
+    stop = true;
+    publisher.join();
+    EXPECT_EQ(sink.numLater, 0);
 }
 
 TEST(Index, PagesThatHaveBecomeEmptyCostNothing) {
