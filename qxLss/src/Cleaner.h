@@ -40,8 +40,8 @@ public:
         return m_log.HandedClock() >= m_notBefore.load(std::memory_order_relaxed) && m_goal.IsMissed(Used(), Live());
     }
 
-    // One batch. With `urgent` also if there is not enough dead space: the disk is full. Throws FileException or CorruptLSSException; then the store must not write any more (the caller sees to
-    // that).
+    // One batch. With `urgent` also if there is not enough dead space: the disk is full. Throws FileException or
+    // CorruptLSSException; then the store must not write any more (the caller sees to that).
     EOutcome CleanOnce(bool urgent);
     // A batch also if there is little to win. How many segments it freed.
     ssize_t CleanForTest(ssize_t maxVictims);

@@ -21,9 +21,10 @@ constexpr int PUNCH_MILLISEC = 125; // 8 slots a second: a hole costs some 200 u
 
 // A slot that is cut off or punched is no loss if the power fails: nothing durable names it any more. Failing is none
 // either: the file is only larger than it need be.
-int Shrinker::Run() {
+int Shrinker::Run(bool isWoken) {
     const uint64 clock = m_log.HandedClock();
-    m_restMillisec = std::exchange(m_clockSeen, clock) == clock ? m_restMillisec + std::max(m_wait, 0) : 0;
+    const bool isQuiet = std::exchange(m_clockSeen, clock) == clock && !isWoken;
+    m_restMillisec = isQuiet ? m_restMillisec + std::max(m_wait, 0) : 0;
     m_wait = Step(m_restMillisec >= REST_MILLISEC);
     return m_wait;
 }

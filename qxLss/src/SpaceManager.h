@@ -75,7 +75,7 @@ public:
     // False if there is none, or the file system has no holes.
     bool PunchOne(ssize_t keep);
     // Ready slots that transactions and maintenance will want soon.
-    ssize_t Comfort() const { return m_lowWater.load(std::memory_order_relaxed); }
+    ssize_t Comfort() const { return m_comfort.load(std::memory_order_relaxed); }
 
     ssize_t NumSlots() const { return m_numSlots.load(std::memory_order_relaxed); }
     ssize_t NumReady() const { return m_numReady.load(std::memory_order_relaxed); }
@@ -104,7 +104,8 @@ private:
     std::set<ssize_t> m_freedHeld;                  // of these: free, but for that
     std::atomic<ssize_t> m_numSlots{0};
     std::atomic<ssize_t> m_numReady{0};
-    std::atomic<ssize_t> m_lowWater{0}; // ready slots below which growing ahead is worth it
+    std::atomic<ssize_t> m_comfort{0};
+    std::atomic<ssize_t> m_lowWater{0}; // ready slots below which growing ahead is worth it; none on a full disk
     std::atomic<ssize_t> m_reserve{0};
     uint64 m_nextSequence = 1;
 };
