@@ -9,8 +9,6 @@ namespace quna {
 
 namespace {
 
-// Free slots beyond these and 5 % of the file are given back while the store is at work, all but a few when it rests.
-constexpr ssize_t MANY_FREE_SLOTS = 64;
 constexpr ssize_t LEAST_COMFORT = 16;
 constexpr ssize_t SLOTS_WORTH_PULLING = 32; // by which the file becomes shorter
 constexpr ssize_t SEGMENTS_OF_REST = 64;    // of log after which moving the file's end again is worth it
@@ -36,7 +34,7 @@ int Shrinker::Step(bool rests) {
         PullInEndAtRest(std::max(m_space.Comfort(), LEAST_COMFORT));
     }
     const ssize_t comfort = std::max(m_space.Comfort(), LEAST_COMFORT);
-    const ssize_t keep = rests ? comfort : comfort + std::max(MANY_FREE_SLOTS, m_space.NumSlots() / 20);
+    const ssize_t keep = rests ? comfort : comfort + m_space.ManyFree();
     try {
         if (m_space.NumFree() > keep) m_space.TrimEnd(keep);
     } catch (const FileException&) {

@@ -6,12 +6,15 @@
 #include "qxUtils/Export.h"
 #include "qxUtils/Mutex.h"
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <set>
 #include <vector>
 
 namespace quna {
+
+inline constexpr ssize_t MANY_FREE_SLOTS = 64;
 
 // Slots that a transaction finds ready, besides those of a checkpoint.
 inline constexpr ssize_t SLOTS_FOR_TRANSACTION = 4;
@@ -74,6 +77,8 @@ public:
     // Gives the blocks of one free slot in the middle of the file back, the highest, if more than `keep` have theirs.
     // False if there is none, or the file system has no holes.
     bool PunchOne(ssize_t keep);
+    // So many free slots are worth giving back, also while the store is at work: 5 % of the file.
+    ssize_t ManyFree() const { return std::max(MANY_FREE_SLOTS, NumSlots() / 20); }
     // Ready slots that transactions and maintenance will want soon.
     ssize_t Comfort() const { return m_comfort.load(std::memory_order_relaxed); }
 
