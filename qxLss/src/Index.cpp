@@ -300,7 +300,7 @@ void Index::BeginSnapshot() {
     m_dirtyLeaves.clear();
     std::lock_guard lock(m_nodesMutex);
     for (const auto& h : m_highs) {
-        h->snapshotRoot = h->root.load(std::memory_order_relaxed);
+        h->snapshotRoot = h->root.load(std::memory_order_acquire); // a reader may have just loaded it
         h->snapshotLive = h->liveElements;
     }
 }
