@@ -169,11 +169,13 @@ TEST(CleanerThreads, ALongElementIsMovedWholeWhileTheBufferWithItsHeadIsUsedAgai
     // Four parts, which fill a segment, and a head in the next that is nearly as large as a part.
     const ssize_t bytes = 4 * OverflowBytes(SEGMENT_BYTES) + 120000;
     const std::string contents[] = {Pattern(bytes, 1), Pattern(bytes, 2)};
-    std::atomic<bool> go{false};
+    std::atomic<bool> go{false}; // until the writer is done
     std::atomic<bool> stop{false};
     std::thread writer([&] {
         while (!stop) {
-            if (go.exchange(false)) lss.Put(other, filler);
+            if (!go) continue;
+            lss.Put(other, filler);
+            go = false;
         }
     });
     const TraceCatcher trace; // a head that changes while it is verified is taken for damaged
@@ -189,6 +191,7 @@ TEST(CleanerThreads, ALongElementIsMovedWholeWhileTheBufferWithItsHeadIsUsedAgai
         });
         const ssize_t freed = lss->CleanForTest(64);
         lss->SetStepHookForTest(nullptr);
+        while (go) std::this_thread::yield();
         if (freed == 0 || lss.Get(seid) != contents[round % 2]) ++wrong;
     }
     stop = true;
