@@ -256,18 +256,23 @@ uint64 AllocRing::BeginCheckpoint(const std::function<void()>& copy, uint32& nex
     return m_ringSequence;
 }
 
+// So many highs may have moved meanwhile that the next checkpoint is wanted at once. Who moved them did not ask for it, since
+// one was wanted already.
 void AllocRing::EndCheckpoint(uint64 checkpointSequence, uint64 ringSequence, bool running) {
-    const std::lock_guard lock(m_mutex);
-    ThrowIfFailed();
-    for (Slot& slot : m_slots)
-        if (slot.block.ringSequence <= ringSequence) slot.sealed = false;
-    m_wantsCheckpoint.store(NumSealed() >= CHECKPOINT_WANTED_AT, std::memory_order_relaxed);
-    m_checkpointSequence = checkpointSequence;
-    if (IsMutant(EMutant::RING_SET_EMPTIED)) {
-        m_set.clear();
-        m_current = -1;
+    {
+        const std::lock_guard lock(m_mutex);
+        ThrowIfFailed();
+        for (Slot& slot : m_slots)
+            if (slot.block.ringSequence <= ringSequence) slot.sealed = false;
+        m_wantsCheckpoint.store(NumSealed() >= CHECKPOINT_WANTED_AT, std::memory_order_relaxed);
+        m_checkpointSequence = checkpointSequence;
+        if (IsMutant(EMutant::RING_SET_EMPTIED)) {
+            m_set.clear();
+            m_current = -1;
+        }
+        WriteBlock(running);
     }
-    WriteBlock(running);
+    if (running && WantsCheckpoint() && m_wakeCheckpoint) m_wakeCheckpoint();
 }
 
 int AllocRing::NumSealedForTest() const {

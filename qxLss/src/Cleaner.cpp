@@ -68,6 +68,7 @@ Cleaner::EOutcome Cleaner::CleanOnce(bool urgent) {
     std::unique_lock maintenance = m_checkpoint.Exclude();
     m_core.ThrowIfUnwritable();
     if (m_checkpoint.IsBeingCreated()) return EOutcome::AT_REST;
+    m_rousedAtLook = m_numRoused.load(std::memory_order_acquire);
     Survey survey = LookAround();
     VictimLimits limits{};
     limits.segmentSize = m_core.m_segmentSize;
@@ -135,9 +136,12 @@ ssize_t Cleaner::RunBatch(const std::vector<VictimCandidate>& victims) {
     return relocation.Run(victims, m_stop).numFreed;
 }
 
+// Who rouses the cleaner counts first and then changes m_notBefore as well. So either that change is the last one, or its
+// count is seen here.
 void Cleaner::Rest() {
-    m_notBefore.store(m_log.HandedClock() + static_cast<uint64>(REST_SEGMENTS * m_core.m_segmentSize),
-                      std::memory_order_relaxed);
+    m_notBefore.exchange(m_log.HandedClock() + static_cast<uint64>(REST_SEGMENTS * m_core.m_segmentSize),
+                         std::memory_order_acq_rel);
+    if (m_numRoused.load(std::memory_order_relaxed) != m_rousedAtLook) m_notBefore.store(0, std::memory_order_relaxed);
 }
 
 // --- slowing writers down

@@ -54,8 +54,12 @@ public:
     void SealSurvivorsFrom(ssize_t first);
     // After two looks without a batch between them: not again before the log has grown.
     void Rest();
-    // Segments may have become victims without any growth of the log.
-    void Rouse() { m_notBefore.store(0, std::memory_order_relaxed); }
+    // Segments may have become victims without any growth of the log. Also while the cleaner is about to rest because it has
+    // found none: see Rest.
+    void Rouse() {
+        m_numRoused.fetch_add(1, std::memory_order_release);
+        m_notBefore.exchange(0, std::memory_order_acq_rel);
+    }
 
     // The disk is full: the next round cleans whatever there is to win.
     void RequestUrgently() { m_urgent.store(true, std::memory_order_relaxed); }
@@ -113,6 +117,8 @@ private:
     std::atomic<bool> m_urgent{false};
     std::atomic<uint64> m_notBefore{0};  // log clock before which there is nothing to win
     std::atomic<uint64> m_lastWaitAt{0}; // log clock at which a writer last looked whether it should wait
+    std::atomic<uint64> m_numRoused{0};
+    uint64 m_rousedAtLook = 0; // m_numRoused when the cleaner last began to look for victims
 
     Mutex m_roundMutex{"Cleaner::m_roundMutex"}; // leaf
     ConditionVariable m_roundEnded;

@@ -68,6 +68,12 @@ void FileMap::SetBits(int64 first, int64 end) {
 }
 
 void FileMap::LoadMissing(int64 offset, ssize_t size) {
+    int64 ahead = READ_AHEAD_CHUNKS;
+    while (!TryLoadMissing(offset, size, ahead)) ahead = 0;
+}
+
+// False if it is worth another look without reading ahead: the file may have been cut behind what is asked for.
+bool FileMap::TryLoadMissing(int64 offset, ssize_t size, int64 ahead) {
     const int64 fileSize = m_file.Size();
     if (offset > m_maxBytes - size || offset + size > fileSize) {
         const std::string text = "Can't read " + std::to_string(size) + " bytes of file \"" + m_file.Path() +
@@ -85,27 +91,30 @@ void FileMap::LoadMissing(int64 offset, ssize_t size) {
         }
         // One run of missing chunks; at the end of the request go on a little if this looks like a scan.
         const bool scan = chunk > 0 && IsChunkLoaded(chunk - 1);
-        const int64 limit = std::min(fileEnd, scan ? std::max(end, chunk + READ_AHEAD_CHUNKS) : end);
+        const int64 limit = std::min(fileEnd, scan ? std::max(end, chunk + ahead) : end);
         int64 runEnd = chunk + 1;
         while (runEnd < limit && !IsChunkLoaded(runEnd)) ++runEnd;
-        LoadChunks(chunk, runEnd, fileSize);
+        if (!TryLoadChunks(chunk, runEnd, fileSize, runEnd > end)) return false;
         chunk = runEnd;
     }
+    return true;
 }
 
-// Chunks [first, end), of which the last may be cut by the end of the file.
-void FileMap::LoadChunks(int64 first, int64 end, int64 fileSize) {
+// Chunks [first, end), of which the last may be cut by the end of the file. `isAhead`: not all of them are asked for.
+bool FileMap::TryLoadChunks(int64 first, int64 end, int64 fileSize, bool isAhead) {
     const int64 page = PageBytes();
     const int64 from = first << CHUNK_SHIFT;
     const int64 to = std::min(end << CHUNK_SHIFT, (fileSize + page - 1) / page * page);
     int result;
     do result = m_file.Sys().Load(m_file.Descriptor(), m_base, from, static_cast<size_t>(to - from));
     while (result == -EINTR || result == -EAGAIN);
+    if (result == -EFAULT && (isAhead || m_file.Size() < fileSize)) return false;
     if (result < 0)
         // The populating call says EFAULT where an access would have raised SIGBUS: the disk could not be read.
         ThrowFileError("read", m_file.Path(), result == -EFAULT ? EIO : -result, from);
     // A chunk that the end of the file cuts stays unmarked, so that a request beyond the end is never taken for loaded.
     SetBits(first, std::min(end, fileSize >> CHUNK_SHIFT));
+    return true;
 }
 
 } // namespace quna

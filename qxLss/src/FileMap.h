@@ -18,7 +18,7 @@ namespace quna {
 //
 // Ownership: borrows the file, which must stay open; owns the mapping and the bitmap.
 // Threads:   Load and MarkLoaded from any number of threads. Two threads that meet at one chunk may both load it, which
-//            is harmless.
+//            is harmless. The file may be cut behind what is being loaded, also where reading ahead would reach.
 // Invariant: a set bit means that the whole chunk lies in the file and has been read without an error.
 class QX_API FileMap {
 public:
@@ -74,7 +74,8 @@ public:
 private:
     std::atomic<uint64>& Word(int64 chunk) const { return m_bits[chunk >> 6]; }
     void LoadMissing(int64 offset, ssize_t size);
-    void LoadChunks(int64 first, int64 end, int64 fileSize);
+    bool TryLoadMissing(int64 offset, ssize_t size, int64 ahead);
+    bool TryLoadChunks(int64 first, int64 end, int64 fileSize, bool isAhead);
     void SetBits(int64 first, int64 end);
 
     File& m_file;

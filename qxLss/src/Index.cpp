@@ -203,20 +203,41 @@ const std::atomic<Location>* Index::Find(Seid seid) const {
 
 IndexSlot Index::PrepareSlowly(Seid seid) {
     HighIndex& high = FindOrAddHigh(seid.high_);
+    IndexNode* const root = Root(high);
+    IndexLeaf* leaf = nullptr;
+    try {
+        leaf = LeafFor(high, seid.low_);
+    } catch (...) {
+        // A new root without a dirty leaf below it would never be written.
+        if (root && high.root.load(std::memory_order_relaxed) != root) ResetRoot(high, *root);
+        throw;
+    }
+    m_lastLeaf = leaf;
+    m_lastHigh = &high;
+    return {leaf, static_cast<int>(SlotAt(seid.low_, 0)), &high};
+}
+
+// Makes it if there is none.
+IndexLeaf* Index::LeafFor(HighIndex& high, uint32 low) {
     int level = 0;
-    while (PageAt(seid.low_, level) != 0) ++level;
-    IndexNode* node = Root(high);
+    while (PageAt(low, level) != 0) ++level;
+    IndexNode* node = high.root.load(std::memory_order_relaxed);
     if (!node || node->level < level) GrowRoot(high, level);
     node = high.root.load(std::memory_order_relaxed);
     while (!node->IsLeaf()) {
         IndexInner& inner = static_cast<IndexInner&>(*node);
-        const size_t i = SlotAt(seid.low_, node->level);
+        const size_t i = SlotAt(low, node->level);
         IndexNode* const child = Child(inner, i);
         node = child ? child : AddChild(inner, i);
     }
-    m_lastLeaf = static_cast<IndexLeaf*>(node);
-    m_lastHigh = &high;
-    return {m_lastLeaf, static_cast<int>(SlotAt(seid.low_, 0)), &high};
+    return static_cast<IndexLeaf*>(node);
+}
+
+// Readers may be on their way through the roots that go: these stay in memory, and lead on to the old one.
+void Index::ResetRoot(HighIndex& high, IndexNode& root) {
+    std::lock_guard lock(m_snapshotMutex);
+    root.parent = nullptr;
+    high.root.store(&root, std::memory_order_release);
 }
 
 // The snapshot mutex keeps a checkpoint that is just writing the old root from missing its new parent.
@@ -300,7 +321,7 @@ void Index::BeginSnapshot() {
     m_dirtyLeaves.clear();
     std::lock_guard lock(m_nodesMutex);
     for (const auto& h : m_highs) {
-        h->snapshotRoot = h->root.load(std::memory_order_relaxed);
+        h->snapshotRoot = h->root.load(std::memory_order_acquire); // a reader may have just loaded it
         h->snapshotLive = h->liveElements;
     }
 }

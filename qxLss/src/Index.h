@@ -137,6 +137,8 @@ private:
     IndexNode* LoadPage(uint32 high, int level, uint32 page, Location l) const;
     IndexNode* MakeNode(uint32 high, int level, uint32 page) const;
     IndexSlot PrepareSlowly(Seid seid);
+    IndexLeaf* LeafFor(HighIndex& high, uint32 low);
+    void ResetRoot(HighIndex& high, IndexNode& root);
     void GrowRoot(HighIndex& high, int level);
     IndexNode* AddChild(IndexInner& inner, size_t i);
     void CopyForSnapshot(IndexLeaf& leaf);

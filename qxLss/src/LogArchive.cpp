@@ -413,6 +413,13 @@ void LogArchive::WriteDue() {
     m_failure.clear();
     m_retryAt = m_retryDelay = 0;
     m_core.m_archive.isStalled.store(false, std::memory_order_relaxed);
+    while (!PlanNext()) {
+    }
+}
+
+// With m_wakeMutex. When to look again, and of what to be told. False: more has become durable meanwhile, and whoever made it
+// so may have gone by the old m_wakeAt and told nobody.
+bool LogArchive::PlanNext() {
     // What is left begins to wait now. A transaction that is not complete is looked at again no earlier.
     const uint64 clock = m_flusher.DurableClock();
     const bool rests = clock <= m_positionClock.load(std::memory_order_relaxed);
@@ -421,7 +428,8 @@ void LogArchive::WriteDue() {
     // Not again at every sync while one large transaction is being written.
     const uint64 enough = std::max(m_positionClock.load(std::memory_order_relaxed) + static_cast<uint64>(m_deltaBytes),
                                    clock + static_cast<uint64>(m_deltaBytes) / 4);
-    m_wakeAt.store(rests ? clock + 1 : enough, std::memory_order_relaxed);
+    m_wakeAt.exchange(rests ? clock + 1 : enough, std::memory_order_acq_rel); // see NoteDurable
+    return m_flusher.DurableClock() == clock;
 }
 
 void LogArchive::NoteFailure(const char* what) {

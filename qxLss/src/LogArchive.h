@@ -52,9 +52,11 @@ public:
     void Start();
     void Stop();
 
-    // The log is durable up to this clock.
+    // The log is durable up to this clock, which Flusher::DurableClock says already. Read by a read-modify-write: either the
+    // thread's new m_wakeAt is seen here, or the thread, which looks at the durable clock once more after it has set that,
+    // sees the clock.
     void NoteDurable(uint64 clock) {
-        if (clock >= m_wakeAt.load(std::memory_order_relaxed)) [[unlikely]]
+        if (clock >= m_wakeAt.fetch_add(0, std::memory_order_acq_rel)) [[unlikely]]
             Wake(clock);
     }
     // The disk is full: what waits is archived now, so that its segments can be cleaned. Returns when that is done or has
@@ -87,6 +89,7 @@ private:
     void ThreadMain();
     int64 DueAt() const;
     void WriteDue();
+    bool PlanNext();
     void NoteFailure(const char* what);
 
     StoreCore& m_core;

@@ -27,6 +27,19 @@ ssize_t LongEntryBytes(ssize_t numPairs) {
     return static_cast<ssize_t>(sizeof(RelocLong)) + numPairs * 2 * static_cast<ssize_t>(sizeof(Location));
 }
 
+// As long as it lives, what stands in the slot can be read: no segment is written there, and the buffer that has the bytes of
+// the open user segment with enableFileBuffering is not used for the next one.
+class SlotPin {
+public:
+    explicit SlotPin(SegmentSlot& slot) : m_slot(slot) { m_slot.pins.fetch_add(1, std::memory_order_seq_cst); }
+    SlotPin(const SlotPin&) = delete;
+    SlotPin& operator=(const SlotPin&) = delete;
+    ~SlotPin() { m_slot.pins.fetch_sub(1, std::memory_order_release); }
+
+private:
+    SegmentSlot& m_slot;
+};
+
 void Put(std::vector<octet_t>& to, const void* p, size_t n) {
     const octet_t* const bytes = static_cast<const octet_t*>(p);
     to.insert(to.end(), bytes, bytes + n);
@@ -198,10 +211,13 @@ bool Relocation::CopyMove(Move& move) {
 }
 
 // Moves those parts that lie in victims and gives the element a new head that names their new places: in one RELOC, so that
-// recovery finds either the old list with the old parts or the new one with the new.
+// recovery finds either the old list with the old parts or the new one with the new. The head need not lie in a victim: it
+// may be in the open user segment, which a transaction may end at any moment.
 bool Relocation::CopyLong(const Move& source) {
     const Location oldHead = m_index.Get(Seid(source.seid));
     if (!IsLong(oldHead)) return false;
+    const SlotPin pin((*m_core.m_segments)[m_core.m_segments->SlotOf(oldHead)]);
+    if (m_index.Get(Seid(source.seid)) != oldHead) return false; // written anew since
     const octet_t* const packet = Load(oldHead, EPacketType::HEAD, source.seid);
     if (!packet) return false;
     LongHead head;

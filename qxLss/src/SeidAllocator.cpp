@@ -33,11 +33,11 @@ constexpr uint32 NextOf(uint64 block) { return static_cast<uint32>(block); }
 constexpr uint32 EndOf(uint64 block) { return static_cast<uint32>(block >> 32); }
 
 // The next low of the block, or false. Never steps beyond the end: at the end of a high that would carry into the other
-// half of the word.
+// half of the word. Who takes a low sees the horizon above it, as whoever stored the block did.
 bool TakeFromBlock(std::atomic<uint64>& block, uint32& low) {
     uint64 word = block.load(std::memory_order_relaxed);
     while (NextOf(word) < EndOf(word)) {
-        if (block.compare_exchange_weak(word, word + 1, std::memory_order_relaxed)) {
+        if (block.compare_exchange_weak(word, word + 1, std::memory_order_acquire, std::memory_order_relaxed)) {
             low = NextOf(word);
             return true;
         }
@@ -259,7 +259,7 @@ Seid SeidAllocator::AllocateSeidSlowly(SeidHigh high) {
                 throw FileException(text.c_str());
             }
             state.m_nextBlock = std::min(2 * state.m_nextBlock, LAST_INCREMENTAL_BLOCK);
-            state.m_block.store(PackBlock(low + 1, end), std::memory_order_relaxed);
+            state.m_block.store(PackBlock(low + 1, end), std::memory_order_release);
             wake = QueueForTopUp(state);
         }
     }

@@ -48,8 +48,9 @@ void StoreCore::Fail(const char* what) noexcept {
             std::lock_guard lock(m_failureMutex);
             if (!m_failure.empty()) return;
             m_failure = "The store '" + m_file.Path() + "' has stopped writing after a failure: " + what;
+            // Under the mutex: whoever comes second goes on at once, and must not write or sync again.
+            m_hasFailed.store(true, std::memory_order_release);
         }
-        m_hasFailed.store(true, std::memory_order_release);
         TracerX() << m_failure << "\n";
     } catch (...) {
         m_hasFailed.store(true, std::memory_order_release);

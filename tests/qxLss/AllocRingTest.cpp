@@ -437,6 +437,40 @@ TEST(AllocRingThreads, RaisingFromManyThreadsKeepsTheLargestOfEach) {
     for (auto& [high, horizon] : durable) EXPECT_EQ(contents.horizons.at(high), horizon.load());
 }
 
+TEST(AllocRingThreads, WhatFillsTheRingDuringACheckpointAsksForTheNextOne) {
+    constexpr uint32 SETS_BEFORE = 8;
+    constexpr uint32 SETS_MEANWHILE = 9;
+    constexpr uint32 ENTRIES = AllocRingBlock::MAX_ENTRIES;
+    std::atomic<int> wakes{0};
+    SimSys sys;
+    File file(sys);
+    std::atomic<uint32> durable[(SETS_BEFORE + SETS_MEANWHILE) * ENTRIES + 3] = {};
+    file.Open(PATH, EFileAccess::CREATE);
+    file.Allocate(0, 131072);
+    sys.StopRecording();
+    AllocRing ring(file, TestId(), [&] { ++wakes; });
+    ring.BeginOwner(1, {}, 20000, 5, false);
+    uint32 high = 0;
+    const auto raise = [&](uint32 n) {
+        while (n-- > 0) {
+            ++high;
+            ring.RaiseHorizon(high, 4096, durable[high]);
+        }
+    };
+    raise(SETS_BEFORE * ENTRIES + 1);
+    EXPECT_EQ(wakes, 1);
+    uint32 nextHigh = 0;
+    const uint64 sequence = ring.BeginCheckpoint([] {}, nextHigh);
+    std::thread(raise, SETS_MEANWHILE * ENTRIES + 1).join();
+    EXPECT_EQ(wakes, 1); // one is on its way
+    ring.EndCheckpoint(2, sequence, true);
+    EXPECT_TRUE(ring.WantsCheckpoint());
+    EXPECT_EQ(wakes, 2);
+    ring.EndCheckpoint(3, ring.BeginCheckpoint([] {}, nextHigh), true);
+    EXPECT_FALSE(ring.WantsCheckpoint());
+    EXPECT_EQ(wakes, 2);
+}
+
 // Its checksum is right, and no ring has written it.
 TEST(AllocRing, BlocksOfImpossibleNumbersCountAsEmpty) {
     RingFile ring;

@@ -1,9 +1,12 @@
 // The cleaner at work while others read and write.
 #include "qxLss/src/LssStore.h"
 #include "qxUtils/AutoCloser.h"
+#include "tests/qxLss/TestLss.h"
 #include "tests/support/Sanitized.h"
 #include "tests/support/SimSys.h"
+#include "tests/support/TraceCatcher.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <random>
@@ -142,6 +145,60 @@ TEST(CleanerThreads, AStoreCanBeClosedAndAbandonedInTheMiddleOfCleaning) {
         }
         life % 2 ? store->Close() : store->Abandon();
     }
+}
+
+// The element's head stands in the buffer of the open segment, its parts in one that is cleaned. While the head is being
+// read another thread ends the segment and fills the next one, which takes over the buffer.
+TEST(CleanerThreads, ALongElementIsMovedWholeWhileTheBufferWithItsHeadIsUsedAgain) {
+    constexpr ssize_t SEGMENT_BYTES = 1 << 19;
+    constexpr int NUM_ROUNDS = 60;
+    SimSys sys;
+    sys.StopRecording();
+    LssSettings settings = SmallSegments();
+    settings.segmentSize = SEGMENT_BYTES;
+    settings.enableFileBuffering = true;
+    TestLss lss(sys, settings);
+    lss->StopThreadsForTest();
+    const Seid seid = lss.NewSeid();
+    const Seid other = lss.NewSeid();
+    const std::string filler = Pattern(100000);
+    const auto fill = [&] { // what is left of the open segment
+        for (ssize_t room = 0; (room = lss->LogForTest().ElementRoom()) > 2000;)
+            lss.Put(other, filler.substr(0, static_cast<size_t>(std::min<ssize_t>(room, 100000))));
+    };
+    // Four parts, which fill a segment, and a head in the next that is nearly as large as a part.
+    const ssize_t bytes = 4 * OverflowBytes(SEGMENT_BYTES) + 120000;
+    const std::string contents[] = {Pattern(bytes, 1), Pattern(bytes, 2)};
+    std::atomic<bool> go{false}; // until the writer is done
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        while (!stop) {
+            if (!go) continue;
+            lss.Put(other, filler);
+            go = false;
+        }
+    });
+    const TraceCatcher trace; // a head that changes while it is verified is taken for damaged
+    int wrong = 0;
+    for (int round = 0; round < NUM_ROUNDS; ++round) {
+        fill();
+        lss.Put(seid, contents[round % 2]);
+        fill();
+        lss->CheckpointForTest();
+        int step = 0;
+        lss->SetStepHookForTest([&] {
+            if (++step == 1) go = true;
+        });
+        const ssize_t freed = lss->CleanForTest(64);
+        lss->SetStepHookForTest(nullptr);
+        while (go) std::this_thread::yield();
+        if (freed == 0 || lss.Get(seid) != contents[round % 2]) ++wrong;
+    }
+    stop = true;
+    writer.join();
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(trace.Text(), "");
+    lss->Validate();
 }
 
 } // namespace

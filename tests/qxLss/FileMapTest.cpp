@@ -1,5 +1,6 @@
 #include "qxLss/src/FileMap.h"
 
+#include "qxUtils/Exceptions.h"
 #include "tests/support/ExpectAssertion.h"
 #include "tests/support/SimSys.h"
 #include "tests/support/TempDir.h"
@@ -202,6 +203,36 @@ TEST(FileMap, ALengthThatIsRefusedAsInvalidIsHalvedToo) {
     FileMap map(file);
     EXPECT_EQ(map.MaxBytes(), FileMap::MAX_BYTES / 2);
     EXPECT_TRUE(IsRight(map.Load(0, CHUNK), 0, CHUNK));
+}
+
+// Free segments at the file's end are cut off, and come back, while what stands in front of them is read.
+TEST(FileMapThreads, WhatIsCutOffBehindTheBytesThatAreAskedForIsNotMissed) {
+    constexpr int NUM_ROUNDS = 1000;
+    TempDir dir;
+    File file(RealSysCalls());
+    file.Open(dir.File("f"), EFileAccess::CREATE);
+    Fill(file, 4 * CHUNK);
+    std::atomic<bool> stop{false};
+    std::thread cutter([&] {
+        while (!stop) {
+            file.Truncate(8 * CHUNK);
+            file.Truncate(4 * CHUNK);
+        }
+    });
+    int failures = 0;
+    for (int round = 0; round < NUM_ROUNDS; ++round) {
+        FileMap map(file, int64{1} << 30);
+        try {
+            map.Load(2 * CHUNK, 1);
+            if (!IsRight(map.Load(3 * CHUNK, 64), 3 * CHUNK, 64))
+                ++failures; // looks like a scan, which is read ahead for
+        } catch (const FileException&) {
+            ++failures;
+        }
+    }
+    stop = true;
+    cutter.join();
+    EXPECT_EQ(failures, 0);
 }
 
 } // namespace

@@ -1,7 +1,9 @@
 #include "tests/qxLss/TestLss.h"
+#include "tests/support/TraceCatcher.h"
 
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -100,6 +102,36 @@ TEST(LssStoreThreads, TransactionsOfSeveralThreadsAreServedInTurn) {
     uint64 count = 0;
     std::memcpy(&count, lss.Get(seid)->data(), sizeof count);
     EXPECT_EQ(count, 400u);
+}
+
+// A second failure returns at once, and its thread goes on as the first one's does: by then nothing may be written.
+TEST(StoreCoreThreads, WhoeverHasReportedAFailureFindsThatTheStoreHasFailed) {
+    constexpr int NUM_ROUNDS = 4000;
+    const TraceCatcher trace;
+    SimSys sys;
+    std::atomic<int> begun{0};
+    std::atomic<int> ended{0};
+    std::atomic<int> wrong{0};
+    std::unique_ptr<StoreCore> core;
+    const auto fail = [&] {
+        core->Fail("no disk");
+        if (!core->HasFailed()) ++wrong;
+    };
+    std::thread other([&] {
+        for (int i = 1; i <= NUM_ROUNDS; ++i) {
+            while (begun < i) std::this_thread::yield();
+            fail();
+            ended = i;
+        }
+    });
+    for (int i = 1; i <= NUM_ROUNDS; ++i) {
+        core = std::make_unique<StoreCore>(sys);
+        begun = i;
+        fail();
+        while (ended < i) std::this_thread::yield();
+    }
+    other.join();
+    EXPECT_EQ(wrong, 0);
 }
 
 } // namespace
