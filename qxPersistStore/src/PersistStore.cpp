@@ -152,10 +152,7 @@ bool PersistStore::IsOwnRecord(OID oid) {
 }
 
 TypeOpsId PersistStore::GetTypeOpsId(ReflectionByteCodeValue const& rbcv, TypeOps const& ops) {
-    bool newEntry = false;
-    const TypeOpsId tid = m_rootObject.m_typeOpsMap.GetTypeOpsId(rbcv, ops, newEntry);
-    if (newEntry) m_rootObject.m_dirty.store(true, std::memory_order_release);
-    return tid;
+    return m_rootObject.m_typeOpsMap.GetTypeOpsId(rbcv, ops, m_rootObject.m_dirty);
 }
 
 BcTypeOps PersistStore::GetTypeOps(TypeOpsId tid) { return m_rootObject.m_typeOpsMap.GetTypeOps(tid); }
