@@ -135,7 +135,10 @@ ptr<IPersistable> ROT::FindOrLoadAmongReaders(OID oid) {
         const Delivery delivery = TakeDelivery(*node);
         if (delivery.settled) continue;
         node->UpdateRot();
-        if (!delivery.failed) return delivery.po;
+        // Not the object delivered: a reader that was loading it himself may have settled the node since, and the one
+        // delivered goes with the node.
+        if (delivery.po) continue;
+        if (!delivery.failed) return null;
         lock.lock();
         return LoadAmongReaders(oid, lock);
     }
