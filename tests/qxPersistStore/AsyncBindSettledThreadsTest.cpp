@@ -64,5 +64,50 @@ TEST_F(AsyncBindSettledThreads, WhoIsAnsweredPendingHearsOfALoadThatEndsMeanwhil
     EXPECT_EQ(Bound, Ask(oids.back()));
 }
 
+// The end of a request runs code of the application, on the update thread and as the last thing before the space closes.
+TEST_F(AsyncBindSettledThreads, WhatTheApplicationAsksForAtTheEndOfARequestSurvivesTheClose) {
+    const OID doomed = StoredLeaf();
+    const OID promised = MissingOid();
+    const OID dqOid = m_ps->m_roots.m_dqOid;
+    m_handler->Answer(promised, Pending);
+    m_handler->m_onEnd = [&](OID) { m_ps->AsyncPermanentlyDeleteObject(m_ps->BindObject(doomed)); };
+    SetHandler();
+    // The update thread stands in a handler of another space.
+    PSpace* const blocker = OpenSpace("blocker");
+    TestHandler blocking(blocker);
+    AutoResetEvent isBlocked, mayGoOn;
+    const OID blocked = MissingOid(blocker);
+    blocking.Answer(blocked, [&](OID) {
+        isBlocked.Signal();
+        mayGoOn.Wait();
+        return MAsyncBind();
+    });
+    {
+        const SpaceScope scope(blocker);
+        blocker->SetAsyncBindRequestHandler(&blocking);
+        blocker->AsyncBind2(blocked);
+    }
+    isBlocked.Wait();
+    {
+        AsyncReader reader(m_ps, promised);
+        {
+            const SpaceScope scope(m_ps);
+            EXPECT_EQ(Pending, reader.Read().result);
+            WaitForLoads();
+            EXPECT_FALSE(m_ps->TryBindObject(promised)); // asks the handler, before the update thread can
+        }
+        std::thread afterEviction([&] {
+            reader.WaitForChange();
+            { const CSpaceLock lock(Domain(), Exclusive); }
+            mayGoOn.Signal();
+        });
+        m_store.CloseSpace(m_ps);
+        afterEviction.join();
+    }
+    EXPECT_EQ(1, m_handler->NumEnds(promised));
+    EXPECT_EQ((Bytes{1, 0, 1} + BytesOfOid(doomed)), m_store.Element(dqOid));
+    m_store.CloseSpace(blocker);
+}
+
 } // namespace
 } // namespace quna
