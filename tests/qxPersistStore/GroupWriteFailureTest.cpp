@@ -1,0 +1,63 @@
+// What a group write that fails leaves behind.
+#include "qxPersistStore/src/DosWriter.h"
+#include "qxPersistStore/src/PSpace.h"
+#include "qxUtils/Exceptions.h"
+#include "tests/support/TestStore.h"
+
+#include <memory>
+
+#include <gtest/gtest.h>
+
+namespace quna {
+namespace {
+
+// A disk that has no room for a transaction while `full` is set.
+class FullDisk final : public ILogStructuredStore {
+public:
+    explicit FullDisk(ILogStructuredStore* inner) : m_inner(inner) {}
+
+    ILssTransaction* OpenTransaction() override {
+        if (full) throw FileException("no room");
+        return m_inner->OpenTransaction();
+    }
+    void Close() override { m_inner->Close(); }
+    SeidHigh AllocateSeidHigh() override { return m_inner->AllocateSeidHigh(); }
+    Seid AllocateSeid(SeidHigh high) override { return m_inner->AllocateSeid(high); }
+    bool AllocateAffiliateSeid(Seid& seid) override { return m_inner->AllocateAffiliateSeid(seid); }
+    IContiguousSerialElement* OpenSerialElement(Seid seid) override { return m_inner->OpenSerialElement(seid); }
+    void GetStats(LssStats& stats) override { m_inner->GetStats(stats); }
+    void Flush() override { m_inner->Flush(); }
+
+    bool full = false;
+
+private:
+    ILogStructuredStore* m_inner;
+};
+
+OID AddLeaf(PSpace* ps) {
+    const SpaceScope scope(ps);
+    TestLeaf* const leaf = NewObject<TestLeaf>(1);
+    ps->MakeObjectPersist(leaf, false);
+    return GetOid(leaf);
+}
+
+TEST(GroupWriteFailure, ATransactionThatFoundNoRoomStaysTied) {
+    std::unique_ptr<FullDisk> disk;
+    TestStore store;
+    disk = std::make_unique<FullDisk>(store->m_lss);
+    store->m_lss = disk.get();
+    PSpace* const a = store.OpenSpace("a");
+    PSpace* const b = store.OpenSpace("b");
+    AddLeaf(a);
+    AddLeaf(b);
+    store->GetPSpaceTxnGroupMgr().MergeTwoPSpaceTxnGroups(a, b);
+    disk->full = true;
+    EXPECT_THROW(a->WriteDirtyObjectsToLss(false), FileException);
+    disk->full = false;
+    RecordingLss& lss = store.Record();
+    store->m_dosWriter.ProcessAllGroups(false);
+    EXPECT_EQ(1, lss.Count("open")); // and not one for each
+}
+
+} // namespace
+} // namespace quna
