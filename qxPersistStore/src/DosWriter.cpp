@@ -199,9 +199,11 @@ void DosWriter::WriteGroup(const GROUP& group, bool flush) {
     try {
         for (PSpace* pspace : group) WriteMember(pspace, *txn);
     } catch (...) {
-        // What is complete is committed when the transaction closes, and may need class ids that are new.
+        // What is complete is committed when the transaction closes, and may need class ids, or the name of its space, that
+        // are new.
         try {
             m_ps.m_rootObject.WriteIfDirty(*txn);
+            m_ps.m_spaceMap.WriteIfDirty(*txn);
         } catch (...) {
             TraceSwallowedException("DosWriter::WriteGroup");
         }

@@ -4,6 +4,7 @@
 #include "qxUtils/Exceptions.h"
 #include "tests/support/TestStore.h"
 
+#include <algorithm>
 #include <memory>
 
 #include <gtest/gtest.h>
@@ -57,6 +58,29 @@ TEST(GroupWriteFailure, ATransactionThatFoundNoRoomStaysTied) {
     RecordingLss& lss = store.Record();
     store->m_dosWriter.ProcessAllGroups(false);
     EXPECT_EQ(1, lss.Count("open")); // and not one for each
+}
+
+// The space's objects are committed and will not be written again.
+TEST(GroupWriteFailure, ANewSpaceWhosePartWasCompletedIsNamed) {
+    TestStore store;
+    PSpace* const a = store.OpenSpace("complete");
+    PSpace* const b = store.OpenSpace("failing");
+    AddLeaf(a);
+    const OID failing = AddLeaf(b);
+    store->GetPSpaceTxnGroupMgr().MergeTwoPSpaceTxnGroups(a, b);
+    RecordingLss& lss = store.Record();
+    lss.m_onWrite = [&](Seid seid) {
+        if (seid == failing) throw FileException("on the second space");
+    };
+    EXPECT_THROW(a->WriteDirtyObjectsToLss(false), FileException);
+    lss.m_onWrite = nullptr;
+    const Bytes map = store.Element(PSPACEMAP_SEID);
+    const Bytes complete = BytesOfString("complete"), incomplete = BytesOfString("failing");
+    EXPECT_NE(map.end(), std::search(map.begin(), map.end(), complete.begin(), complete.end()));
+    EXPECT_EQ(map.end(), std::search(map.begin(), map.end(), incomplete.begin(), incomplete.end()));
+    const SpaceScope scope(b);
+    if (const ptr<IPersistable> lost = b->BindObjectIfMemoryResident(failing))
+        SetIObjectFlag(lost, PERSISTABLE_DIRTY, false);
 }
 
 } // namespace
