@@ -179,6 +179,8 @@ bool DosWriter::ProcessGroup(PSpace* first, bool flush, CleanMember cleanMember)
 
 // Before anything is written, so that nothing of the group is half committed.
 void DosWriter::HandleCleanMembers(const GROUP& group, CleanMember cleanMember) {
+    for (PSpace* pspace : group)
+        if (pspace->m_dq.HaveRequests()) pspace->m_dos.MarkAsDirty(); // which it has to write
     const auto clean = std::find_if_not(group.begin(), group.end(), IsDirty);
     if (clean == group.end()) return;
     if (cleanMember == CleanMember::IsMarked) {

@@ -1,11 +1,14 @@
-// What a group write that fails leaves behind.
+// What a group write that fails leaves behind, and what a transaction ties although the writer has been there.
 #include "qxPersistStore/src/DosWriter.h"
 #include "qxPersistStore/src/PSpace.h"
+#include "qxPersistStore/src/PersistStoreTxn.h"
 #include "qxUtils/Exceptions.h"
+#include "tests/support/DeletionFixture.h"
 #include "tests/support/TestStore.h"
 
 #include <algorithm>
 #include <memory>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -81,6 +84,35 @@ TEST(GroupWriteFailure, ANewSpaceWhosePartWasCompletedIsNamed) {
     const SpaceScope scope(b);
     if (const ptr<IPersistable> lost = b->BindObjectIfMemoryResident(failing))
         SetIObjectFlag(lost, PERSISTABLE_DIRTY, false);
+}
+
+class GroupWriteThreads : public DeletionFixture {};
+
+// The writer has looked at the group before the transaction had changed anything.
+TEST_F(GroupWriteThreads, ARequestForADeletionIsTiedToTheOtherChangesOfItsTransaction) {
+    const OID doomed = WrittenTrees(1).front();
+    PSpace* const other = Open("other");
+    AddLeaf(other);
+    other->WriteDirtyObjectsToLss(false);
+    PSpaceLockMode members[] = {{m_ps, Exclusive}, {other, Exclusive}};
+    {
+        const SpaceScope scope(m_ps);
+        const CSpaceLock lock(other->GetCSpace(), Exclusive);
+        PersistStoreTxn* const txn = m_store->OpenTxn(members, 2);
+        std::thread([&] { other->WriteDirtyObjectsToLss(false); }).join();
+        EXPECT_EQ(m_ps, m_ps->m_nextInTxnGrp);
+        {
+            const SpaceScope inOther(other);
+            TestLeaf* const leaf = NewObject<TestLeaf>(2);
+            other->MakeObjectPersist(leaf, false);
+        }
+        m_ps->AsyncPermanentlyDeleteSubTree(m_ps->BindObject(doomed));
+        txn->Close();
+    }
+    RecordingLss& lss = m_store.Record();
+    other->WriteDirtyObjectsToLss(false);
+    EXPECT_EQ(1, lss.Count("open"));
+    EXPECT_EQ((Bytes{1, 1} + BytesOfOid(doomed) + Bytes{0}), Image());
 }
 
 } // namespace
