@@ -83,16 +83,19 @@ AllocRing::AllocRing(File& file, const StoreId& storeId, std::function<void()> w
 
 // --- opening
 
+bool AllocRing::ReadBlock(File& file, const StoreId& storeId, int i, AllocRingBlock& block) {
+    octet_t bytes[AllocRingBlock::BYTES] = {};
+    file.ReadUpTo(FILE_OFFSET + i * AllocRingBlock::BYTES, bytes, AllocRingBlock::BYTES);
+    return block.Decode(bytes) && block.storeId == storeId && block.ringSequence != 0 &&
+           block.ringSequence <= MAX_SEQUENCE;
+}
+
 AllocRing::Contents AllocRing::Read() {
     const std::lock_guard lock(m_mutex);
     Contents contents;
     for (int i = 0; i < NUM_BLOCKS; ++i) {
-        octet_t bytes[AllocRingBlock::BYTES];
-        const ssize_t got = m_file.ReadUpTo(FILE_OFFSET + i * AllocRingBlock::BYTES, bytes, AllocRingBlock::BYTES);
-        std::fill(bytes + got, bytes + AllocRingBlock::BYTES, octet_t{0});
         AllocRingBlock block;
-        if (!block.Decode(bytes) || block.storeId != m_storeId || block.ringSequence == 0 ||
-            block.ringSequence > MAX_SEQUENCE) {
+        if (!ReadBlock(m_file, m_storeId, i, block)) {
             m_slots[static_cast<size_t>(i)] = Slot();
             continue;
         }
@@ -113,10 +116,8 @@ AllocRing::Contents AllocRing::Read() {
 AllocRing::Marks AllocRing::MarksIn(File& file, const StoreId& storeId) {
     Marks marks;
     for (int i = 0; i < NUM_BLOCKS; ++i) {
-        octet_t bytes[AllocRingBlock::BYTES] = {};
-        file.ReadUpTo(FILE_OFFSET + i * AllocRingBlock::BYTES, bytes, AllocRingBlock::BYTES);
         AllocRingBlock block;
-        if (!block.Decode(bytes) || block.storeId != storeId) continue;
+        if (!ReadBlock(file, storeId, i, block)) continue;
         marks.newestCheckpoint = std::max(marks.newestCheckpoint, block.checkpointSequence);
         marks.sequenceBase = std::max(marks.sequenceBase, block.sequenceBase);
     }

@@ -148,6 +148,9 @@ private:
         bool sealed = false;
     };
 
+    // False if the block is not valid, or of another store.
+    static bool ReadBlock(File& file, const StoreId& storeId, int i, AllocRingBlock& block);
+
     // All with m_mutex held.
     void WriteBlock(bool running);
     int ChooseSlot() const;

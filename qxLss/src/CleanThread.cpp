@@ -9,7 +9,7 @@ namespace quna {
 
 CleanThread::~CleanThread() { Stop(); }
 
-void CleanThread::Start(std::function<int()> work, std::function<void()> failed) {
+void CleanThread::Start(std::function<int(bool isWoken)> work, std::function<void()> failed) {
     m_work = std::move(work);
     m_failed = std::move(failed);
     m_thread = std::thread([this] { ThreadMain(); });
@@ -44,10 +44,10 @@ void CleanThread::ThreadMain() {
         else
             m_wake.wait_for(lock, std::chrono::milliseconds(wait), isWanted);
         if (m_stop) return;
-        m_woken = false;
+        const bool isWoken = std::exchange(m_woken, false);
         lock.unlock();
         try {
-            wait = m_work();
+            wait = m_work(isWoken);
         } catch (...) {
             wait = -1;
             m_failed();

@@ -12,7 +12,7 @@
 namespace quna {
 
 // Calls its work whenever it has been woken, and again after as many milliseconds as the work returned (below 0: not
-// before it is woken). What the work throws goes to `failed`.
+// before it is woken). The work is told which of the two it was. What it throws goes to `failed`.
 //
 // Ownership: owns the thread. Threads: Wake from any thread; Start and Stop by one.
 class QX_API CleanThread {
@@ -22,7 +22,7 @@ public:
     CleanThread& operator=(const CleanThread&) = delete;
     ~CleanThread();
 
-    void Start(std::function<int()> work, std::function<void()> failed);
+    void Start(std::function<int(bool isWoken)> work, std::function<void()> failed);
     void Stop();
     void Wake();
     bool IsRunning() const { return m_thread.joinable(); }
@@ -30,7 +30,7 @@ public:
 private:
     void ThreadMain();
 
-    std::function<int()> m_work;
+    std::function<int(bool isWoken)> m_work;
     std::function<void()> m_failed;        // called inside the catch block
     Mutex m_mutex{"CleanThread::m_mutex"}; // leaf
     ConditionVariable m_wake;

@@ -11,9 +11,8 @@ namespace quna {
 
 namespace {
 
-constexpr ssize_t SLOTS_A_LOOK = 4096;  // of the usage table read in one hold of the turn, about 20 us
-constexpr ssize_t REST_SEGMENTS = 4;    // of log after which a fruitless look is worth another
-constexpr ssize_t MANY_FREE_SLOTS = 64; // beyond these and 5 % of the file its end is cleaned first, to be cut
+constexpr ssize_t SLOTS_A_LOOK = 4096; // of the usage table read in one hold of the turn, about 20 us
+constexpr ssize_t REST_SEGMENTS = 4;   // of log after which a fruitless look is worth another
 constexpr ssize_t SLOTS_BESIDE_A_BATCH = NUM_AGE_CLASSES + 1; // an open segment for each class, and one for the RELOC
 constexpr auto LONGEST_WAIT = std::chrono::milliseconds(100);
 
@@ -76,7 +75,8 @@ Cleaner::EOutcome Cleaner::CleanOnce(bool urgent) {
     const ssize_t numCandidates = static_cast<ssize_t>(survey.candidates.size());
     limits.maxLiveBytes = RoomFor(limits.maxVictims);
     const ssize_t numSlots = m_space.NumSlots();
-    if (m_space.NumFree() > std::max(MANY_FREE_SLOTS, numSlots / 20)) limits.preferFrom = numSlots - numSlots / 10;
+    // The file's end first, to be cut.
+    if (m_space.NumFree() > m_space.ManyFree()) limits.preferFrom = numSlots - numSlots / 10;
     const std::vector<VictimCandidate> victims = ChooseVictims(std::move(survey.candidates), limits);
 
     // With few old segments the best of them are not good. What was written since the checkpoint may be better.

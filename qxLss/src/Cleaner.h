@@ -40,13 +40,13 @@ public:
         return m_log.HandedClock() >= m_notBefore.load(std::memory_order_relaxed) && m_goal.IsMissed(Used(), Live());
     }
 
-    // One batch. With `urgent` also if there is not enough dead space: the disk is full. Throws FileException or CorruptLSSException; then the store must not write any more (the caller sees to
-    // that).
+    // One batch. With `urgent` also if there is not enough dead space: the disk is full. Throws FileException or
+    // CorruptLSSException; then the store must not write any more (the caller sees to that).
     EOutcome CleanOnce(bool urgent);
     // A batch also if there is little to win. How many segments it freed.
     ssize_t CleanForTest(ssize_t maxVictims);
     // One batch of segments in slots from `first` on, however full they are, into lower ones. How many became free. Throws as
-    // CleanOnce. Requires: SlotsForBatch ready slots below `first`.
+    // CleanOnce. It moves as much as fits into the free slots below `first`.
     ssize_t EmptyFrom(ssize_t first);
     // Slots that a batch and a checkpoint beside it may take.
     ssize_t SlotsForBatch() const;

@@ -124,7 +124,7 @@ void LssStore::StartThreads() {
     hooks.topUp = [this] { m_allocator.TopUp(); };
     if (m_archive) hooks.durable = [this](uint64 clock) { m_archive->NoteDurable(clock); };
     m_flusher.Start(std::move(hooks));
-    m_cleanThread.Start([this] { return DoBackgroundWork(); },
+    m_cleanThread.Start([this](bool isWoken) { return DoBackgroundWork(isWoken); },
                         [this] {
                             m_core->FailWithCurrentException();
                             m_cleaner.NoteRoundEnded();
@@ -291,10 +291,10 @@ void LssStore::HandOverBuffered() {
 
 // --- in the background
 
-int LssStore::DoBackgroundWork() {
+int LssStore::DoBackgroundWork(bool isWoken) {
     if (m_core->HasFailed()) return -1;
     CleanUntilAtRest();
-    return m_shrinker.Run();
+    return m_shrinker.Run(isWoken);
 }
 
 void LssStore::CleanUntilAtRest() {

@@ -101,9 +101,9 @@ public:
         StopThreads();
         m_cleaner.AllowAgainForTest();
     }
-    // What the thread "Lss clean" does when it is woken; when that is stopped. In how many milliseconds again, below 0: when
-    // it is woken.
-    int BackgroundForTest() { return DoBackgroundWork(); }
+    // What the thread "Lss clean" does when it is woken, or after its time; when that is stopped. In how many milliseconds
+    // again, below 0: when it is woken.
+    int BackgroundForTest(bool isWoken = false) { return DoBackgroundWork(isWoken); }
     // Recounts everything; throws CorruptLSSException at a difference. Requires: no transaction open in this thread.
     void Validate();
     // Calls visit(seid, location) for every element.
@@ -140,7 +140,7 @@ private:
     void AttachArchive();
     void FinishArchive();
     void OnTransactionClosed(bool unwinding);
-    int DoBackgroundWork();
+    int DoBackgroundWork(bool isWoken);
     void CleanUntilAtRest();
     void MakeRoomForTransaction();
     void HandOverBuffered();

@@ -66,17 +66,20 @@ EHeaderState ChooseHeader(File& file, CheckpointHeader& newest) {
     CheckpointHeader b{};
     EHeaderState stateA = ReadHeader(file, 0, a);
     EHeaderState stateB = ReadHeader(file, 4096, b);
-    for (auto [state, header] : {std::pair(&stateA, &a), std::pair(&stateB, &b)}) {
-        if (*state == EHeaderState::VALID && IsLeftBehind(file, *header)) *state = EHeaderState::BROKEN;
-    }
+    const auto isBNewest = [&] {
+        const bool isNewer = (b.checkpointSequence > a.checkpointSequence) != IsMutant(EMutant::OLDER_HEADER_TAKEN);
+        return stateB == EHeaderState::VALID && (stateA != EHeaderState::VALID || isNewer);
+    };
+    // Of two valid ones the older was durable before the newer was begun.
+    EHeaderState& newestState = isBNewest() ? stateB : stateA;
+    if (newestState == EHeaderState::VALID && IsLeftBehind(file, isBNewest() ? b : a))
+        newestState = EHeaderState::BROKEN;
     // A torn header may show any version. Beside a valid one only a checksum, which all versions have there, makes it count.
     if (stateA == EHeaderState::OTHER_VERSION && stateB == EHeaderState::VALID && !Verifies(a))
         stateA = EHeaderState::BROKEN;
     if (stateB == EHeaderState::OTHER_VERSION && stateA == EHeaderState::VALID && !Verifies(b))
         stateB = EHeaderState::BROKEN;
-    const bool isNewer = (b.checkpointSequence > a.checkpointSequence) != IsMutant(EMutant::OLDER_HEADER_TAKEN);
-    const bool useB = stateB == EHeaderState::VALID && (stateA != EHeaderState::VALID || isNewer);
-    newest = useB ? b : a;
+    newest = isBNewest() ? b : a;
     if (stateA == EHeaderState::OTHER_VERSION || stateB == EHeaderState::OTHER_VERSION) {
         newest = stateA == EHeaderState::OTHER_VERSION ? a : b;
         return EHeaderState::OTHER_VERSION;

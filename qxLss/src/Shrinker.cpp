@@ -9,8 +9,6 @@ namespace quna {
 
 namespace {
 
-// Free slots beyond these and 5 % of the file are given back while the store is at work, all but a few when it rests.
-constexpr ssize_t MANY_FREE_SLOTS = 64;
 constexpr ssize_t LEAST_COMFORT = 16;
 constexpr ssize_t SLOTS_WORTH_PULLING = 32; // by which the file becomes shorter
 constexpr ssize_t SEGMENTS_OF_REST = 64;    // of log after which moving the file's end again is worth it
@@ -21,9 +19,10 @@ constexpr int PUNCH_MILLISEC = 125; // 8 slots a second: a hole costs some 200 u
 
 // A slot that is cut off or punched is no loss if the power fails: nothing durable names it any more. Failing is none
 // either: the file is only larger than it need be.
-int Shrinker::Run() {
+int Shrinker::Run(bool isWoken) {
     const uint64 clock = m_log.HandedClock();
-    m_restMillisec = std::exchange(m_clockSeen, clock) == clock ? m_restMillisec + std::max(m_wait, 0) : 0;
+    const bool isQuiet = std::exchange(m_clockSeen, clock) == clock && !isWoken;
+    m_restMillisec = isQuiet ? m_restMillisec + std::max(m_wait, 0) : 0;
     m_wait = Step(m_restMillisec >= REST_MILLISEC);
     return m_wait;
 }
@@ -35,7 +34,7 @@ int Shrinker::Step(bool rests) {
         PullInEndAtRest(std::max(m_space.Comfort(), LEAST_COMFORT));
     }
     const ssize_t comfort = std::max(m_space.Comfort(), LEAST_COMFORT);
-    const ssize_t keep = rests ? comfort : comfort + std::max(MANY_FREE_SLOTS, m_space.NumSlots() / 20);
+    const ssize_t keep = rests ? comfort : comfort + m_space.ManyFree();
     try {
         if (m_space.NumFree() > keep) m_space.TrimEnd(keep);
     } catch (const FileException&) {

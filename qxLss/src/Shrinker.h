@@ -22,12 +22,12 @@ public:
     Shrinker(StoreCore& core, SpaceManager& space, UserLog& log, Checkpoint& checkpoint, Cleaner& cleaner)
         : m_core(core), m_space(space), m_log(log), m_checkpoint(checkpoint), m_cleaner(cleaner) {}
 
-    // One step. Returns the milliseconds after which the next one is worth it, or -1 if only new work makes it so. Throws
-    // FileException or CorruptLSSException; then the store must not write any more.
-    int Run();
+    // One step. Returns the milliseconds after which the next one is worth it, or -1 if only new work makes it so. Called
+    // earlier, `isWoken`, it takes nothing for rest: somebody may be waiting for room on a full disk. Throws FileException or
+    // CorruptLSSException; then the store must not write any more.
+    int Run(bool isWoken);
     // Moves what stands behind the used slots and `keep` more. False if it ended early because a transaction committed, or
-    // the store closes. Throws
-    // likewise.
+    // the store closes. Throws likewise.
     bool PullInEnd(ssize_t keep);
 
 private:
@@ -47,7 +47,7 @@ private:
     Cleaner& m_cleaner;
     uint64 m_clockSeen = 0;     // the log clock at the last look
     int m_restMillisec = 0;     // for which that has not changed
-    int m_wait = 0;             // what Run returned; who wakes the thread earlier has written to the log
+    int m_wait = 0;             // what Run returned
     uint64 m_restedAt = 0;      // at the last checkpoint because nothing was written
     uint64 m_pullNotBefore = 0; // a second attempt is worth it only when the log has grown
     bool m_canShrink = true;

@@ -87,7 +87,8 @@ void SpaceManager::ReleaseAll() {
 
 void SpaceManager::EnsureReady(ssize_t n) {
     n += m_reserve.load(std::memory_order_relaxed);
-    m_lowWater.store(n + MIN_GROWTH / 2, std::memory_order_relaxed);
+    m_comfort.store(n + MIN_GROWTH / 2, std::memory_order_relaxed);
+    m_lowWater.store(Comfort(), std::memory_order_relaxed);
     if (NumReady() >= n) return;
     std::lock_guard lock(m_fileMutex);
     while (NumReady() < n) MakeOneReady();

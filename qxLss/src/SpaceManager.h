@@ -6,12 +6,15 @@
 #include "qxUtils/Export.h"
 #include "qxUtils/Mutex.h"
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <set>
 #include <vector>
 
 namespace quna {
+
+inline constexpr ssize_t MANY_FREE_SLOTS = 64;
 
 // Slots that a transaction finds ready, besides those of a checkpoint.
 inline constexpr ssize_t SLOTS_FOR_TRANSACTION = 4;
@@ -74,8 +77,10 @@ public:
     // Gives the blocks of one free slot in the middle of the file back, the highest, if more than `keep` have theirs.
     // False if there is none, or the file system has no holes.
     bool PunchOne(ssize_t keep);
+    // So many free slots are worth giving back, also while the store is at work: 5 % of the file.
+    ssize_t ManyFree() const { return std::max(MANY_FREE_SLOTS, NumSlots() / 20); }
     // Ready slots that transactions and maintenance will want soon.
-    ssize_t Comfort() const { return m_lowWater.load(std::memory_order_relaxed); }
+    ssize_t Comfort() const { return m_comfort.load(std::memory_order_relaxed); }
 
     ssize_t NumSlots() const { return m_numSlots.load(std::memory_order_relaxed); }
     ssize_t NumReady() const { return m_numReady.load(std::memory_order_relaxed); }
@@ -104,7 +109,8 @@ private:
     std::set<ssize_t> m_freedHeld;                  // of these: free, but for that
     std::atomic<ssize_t> m_numSlots{0};
     std::atomic<ssize_t> m_numReady{0};
-    std::atomic<ssize_t> m_lowWater{0}; // ready slots below which growing ahead is worth it
+    std::atomic<ssize_t> m_comfort{0};
+    std::atomic<ssize_t> m_lowWater{0}; // ready slots below which growing ahead is worth it; none on a full disk
     std::atomic<ssize_t> m_reserve{0};
     uint64 m_nextSequence = 1;
 };

@@ -274,6 +274,42 @@ TEST_F(CleanerTest, AFullDiskIsCleanedFromTheReserve) {
     ExpectModel();
 }
 
+// Another process may have taken the blocks before the next transaction asks for them.
+TEST_F(CleanerTest, AStoreWhoseThreadIsWokenAgainAndAgainIsNotAtRest) {
+    Fill(2000, 200);
+    for (size_t i = 50; i < m_seids.size(); ++i) {
+        Lss().Delete(m_seids[i]);
+        m_model.erase(m_seids[i].value_);
+    }
+    Store().CheckpointForTest();
+    for (int i = 0; i < 300; ++i) Store().BackgroundForTest(true); // what is too much also at work goes
+    const SpaceManager& space = Store().SpaceForTest();
+    const ssize_t numSlots = space.NumSlots();
+    const int64 punched = m_sys.NumCalls(ESimCall::PUNCH);
+    for (int i = 0; i < 300; ++i) Store().BackgroundForTest(true);
+    EXPECT_EQ(space.NumSlots(), numSlots);
+    EXPECT_EQ(m_sys.NumCalls(ESimCall::PUNCH), punched);
+    EXPECT_GT(space.NumFree(), space.Comfort() + 20);
+    for (int i = 0; i < 300; ++i) Store().BackgroundForTest();
+    EXPECT_LT(space.NumSlots(), numSlots);
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, AtRestWhatATransactionNeedsStaysReadyAlsoOnAFullDisk) {
+    Fill(2000, 200);
+    for (size_t i = 50; i < m_seids.size(); ++i) {
+        Lss().Delete(m_seids[i]);
+        m_model.erase(m_seids[i].value_);
+    }
+    Store().CheckpointForTest();
+    m_sys.FailCall(ESimCall::ALLOCATE, 1, ENOSPC, true);
+    for (int i = 0; i < 1000 && Store().BackgroundForTest() >= 0; ++i) {
+    }
+    EXPECT_LE(Store().SpaceForTest().NumFree(), Store().SpaceForTest().Comfort());
+    for (int i = 0; i < 3; ++i) Overwrite(m_seids[0], 200);
+    ExpectModel();
+}
+
 TEST_F(CleanerTest, MostOfTheFileIsGivenBackWhenMostOfTheStoreIsDeleted) {
     Fill(2000, 200);
     const int64 before = Lss().Stats().fileSize;

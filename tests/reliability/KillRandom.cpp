@@ -2,6 +2,7 @@
 // durable; it is killed at a random moment. Whatever it said was closed must be there, whole and in order. The file is used
 // for 20 kills, so that recovery is killed as well.
 #include "qxLss/ILogStructuredStore.h"
+#include "qxLss/src/LssStore.h"
 #include "qxUtils/AutoCloser.h"
 #include "tests/support/KillLoop.h"
 #include "tests/support/NumberedTransactions.h"
@@ -95,6 +96,7 @@ private:
             } else {
                 m_model.RollTo(number);
                 fault = m_model.Compare(*store.Get());
+                static_cast<LssStore&>(*store.Get()).Validate(); // what the cleaner goes by
                 m_closed = number;
             }
         } catch (const std::exception& e) {
