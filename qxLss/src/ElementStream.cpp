@@ -1,6 +1,6 @@
 #include "qxLss/src/ElementStream.h"
 
-#include "qxLss/src/Transaction.h"
+#include "qxLss/src/LssTransaction.h"
 #include "qxUtils/Assert.h"
 #include "qxUtils/Exceptions.h"
 
@@ -17,7 +17,7 @@ constexpr ssize_t PART_PREFIX_BYTES = sizeof(OverflowPrefix);
 
 } // namespace
 
-ElementStream::ElementStream(Transaction& transaction, UserLog& log, ssize_t segmentSize)
+ElementStream::ElementStream(LssTransaction& transaction, UserLog& log, ssize_t segmentSize)
     : m_transaction(transaction), m_log(log), m_segmentSize(segmentSize) {}
 
 ElementStream::~ElementStream() noexcept(false) = default;

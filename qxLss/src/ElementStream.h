@@ -11,7 +11,7 @@
 
 namespace quna {
 
-class Transaction;
+class LssTransaction;
 
 // The bytes of an element go behind a hole of 16 bytes, where Close puts the packet header, so that they are copied once.
 // If the room ends while the element is shorter than a quarter of a segment, what there is moves to the next segment;
@@ -21,7 +21,7 @@ class Transaction;
 // Threads:   as its transaction.
 class QX_API ElementStream final : public ICloseableOutputStream {
 public:
-    ElementStream(Transaction& transaction, UserLog& log, ssize_t segmentSize);
+    ElementStream(LssTransaction& transaction, UserLog& log, ssize_t segmentSize);
     ElementStream(const ElementStream&) = delete;
     ElementStream& operator=(const ElementStream&) = delete;
     ~ElementStream() noexcept(false) override;
@@ -44,7 +44,7 @@ private:
     void EndPart();
     Location EndLong();
 
-    Transaction& m_transaction;
+    LssTransaction& m_transaction;
     UserLog& m_log;
     const ssize_t m_segmentSize;
     Seid m_seid;

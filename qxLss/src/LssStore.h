@@ -10,13 +10,13 @@
 #include "qxLss/src/Flusher.h"
 #include "qxLss/src/Index.h"
 #include "qxLss/src/LogArchive.h"
+#include "qxLss/src/LssTransaction.h"
 #include "qxLss/src/Overlay.h"
 #include "qxLss/src/Recovery.h"
 #include "qxLss/src/SeidAllocator.h"
 #include "qxLss/src/Shrinker.h"
 #include "qxLss/src/SpaceManager.h"
 #include "qxLss/src/StoreCore.h"
-#include "qxLss/src/Transaction.h"
 #include "qxLss/src/UserLog.h"
 #include "qxUtils/BasicTypes.h"
 #include "qxUtils/Export.h"
@@ -158,7 +158,7 @@ private:
     Checkpoint m_checkpoint;
     Cleaner m_cleaner;
     Shrinker m_shrinker;
-    Transaction m_transaction;
+    LssTransaction m_transaction;
     Overlay m_overlay; // of a read-only store
     std::unique_ptr<OverlayTransaction> m_overlayTransaction;
     std::unique_ptr<const CopyOrigin> m_origin; // of a read-only store

@@ -1,4 +1,4 @@
-#include "qxLss/src/Transaction.h"
+#include "qxLss/src/LssTransaction.h"
 
 #include "qxLss/src/Mutants.h"
 #include "qxLss/src/SeidAllocator.h"
@@ -24,12 +24,12 @@ void UsageDelta::AddTo(StoreCounters& counters) const {
     counters.liveBytes.fetch_add(bytes, std::memory_order_relaxed);
 }
 
-Transaction::Transaction(StoreCore& core, UserLog& log, Index& index, Flusher& flusher, SeidAllocator& allocator,
-                         ClosedHook closed)
+LssTransaction::LssTransaction(StoreCore& core, UserLog& log, Index& index, Flusher& flusher, SeidAllocator& allocator,
+                               ClosedHook closed)
     : m_core(core), m_log(log), m_index(index), m_flusher(flusher), m_allocator(allocator), m_closed(std::move(closed)),
       m_stream(*this, log, core.m_segmentSize) {}
 
-void Transaction::Open() {
+void LssTransaction::Open() {
     ++m_number;
     m_uncaughtAtOpen = std::uncaught_exceptions();
     m_flushRequested = false;
@@ -43,12 +43,12 @@ void Transaction::Open() {
     m_numMapped = 0;
 }
 
-void Transaction::RequestFlushToDisk() { m_flushRequested = true; }
+void LssTransaction::RequestFlushToDisk() { m_flushRequested = true; }
 
 // --- changes
 
 // An identifier that is not from here may be from another store, which sent the object with it.
-void Transaction::CheckSeid(Seid seid) {
+void LssTransaction::CheckSeid(Seid seid) {
     QX_ASSERT(seid);
     if (m_allocator.IsAllocated(seid)) [[likely]]
         return;
@@ -56,7 +56,7 @@ void Transaction::CheckSeid(Seid seid) {
     QX_ASSERT_TEXT(m_allocator.TakeOver(seid), "m_allocator.IsAllocated(seid)");
 }
 
-ICloseableOutputStream* Transaction::WriteSerialElement(Seid seid) {
+ICloseableOutputStream* LssTransaction::WriteSerialElement(Seid seid) {
     QX_ASSERT(!m_stream.IsOpen());
     CheckSeid(seid);
     m_core.ThrowIfUnwritable();
@@ -70,7 +70,7 @@ ICloseableOutputStream* Transaction::WriteSerialElement(Seid seid) {
     return &m_stream;
 }
 
-bool Transaction::DeleteSerialElement(Seid seid) {
+bool LssTransaction::DeleteSerialElement(Seid seid) {
     QX_ASSERT(!m_stream.IsOpen());
     m_core.ThrowIfUnwritable();
     if (!m_index.Find(seid)) // also an identifier never written: no leaf is made for it
@@ -89,7 +89,7 @@ bool Transaction::DeleteSerialElement(Seid seid) {
 }
 
 // Loads now what the commit will need, so that it cannot fail there: the leaf, and the list of an old long element.
-void Transaction::PrepareChange(Seid seid) {
+void LssTransaction::PrepareChange(Seid seid) {
     m_preparedDead.clear();
     m_preparedSlot = m_index.Prepare(seid);
     const Location old = m_preparedSlot.Get();
@@ -99,13 +99,13 @@ void Transaction::PrepareChange(Seid seid) {
     }
 }
 
-bool Transaction::IsWritten(const IndexSlot& slot) const {
+bool LssTransaction::IsWritten(const IndexSlot& slot) const {
     const size_t i = static_cast<size_t>(slot.index);
     return slot.leaf->transaction == m_number && (slot.leaf->written[i / 64] >> (i % 64) & 1);
 }
 
 // The last change of the Seid decides. A map of the changes is made only when this question comes up.
-bool Transaction::ExistsInside(Seid seid) {
+bool LssTransaction::ExistsInside(Seid seid) {
     for (; m_numMapped < m_changes.size(); ++m_numMapped) {
         const IndexSlot& slot = m_changes[m_numMapped].slot;
         const Seid changed(slot.leaf->page << LEAF_SHIFT | static_cast<uint32>(slot.index), slot.leaf->high);
@@ -114,7 +114,7 @@ bool Transaction::ExistsInside(Seid seid) {
     return m_changes[m_lastChange.at(seid.value_)].location != 0;
 }
 
-void Transaction::AddElement(Location l, const std::vector<Location>& parts) {
+void LssTransaction::AddElement(Location l, const std::vector<Location>& parts) {
     uint32 partsIndex = NO_PARTS;
     if (!parts.empty()) {
         partsIndex = static_cast<uint32>(m_parts.size());
@@ -123,7 +123,7 @@ void Transaction::AddElement(Location l, const std::vector<Location>& parts) {
     AddChange(l, partsIndex);
 }
 
-void Transaction::AddChange(Location l, uint32 parts) {
+void LssTransaction::AddChange(Location l, uint32 parts) {
     if (IsMutant(EMutant::GROUP_IN_TWO_FRAMES) && m_changes.size() == 1) {
         m_log.AppendCommit(0);
         m_log.NoteCommitted();
@@ -149,7 +149,7 @@ void Transaction::AddChange(Location l, uint32 parts) {
 
 // --- end
 
-void Transaction::Break() noexcept {
+void LssTransaction::Break() noexcept {
     if (m_broken) return;
     m_broken = true;
     try {
@@ -160,11 +160,11 @@ void Transaction::Break() noexcept {
     m_core.FailWithCurrentException();
 }
 
-bool Transaction::WantsSync() const {
+bool LssTransaction::WantsSync() const {
     return m_flushRequested || m_core.m_settings.enableWriteThrough || m_core.m_settings.flushTimeMilliSec == 0;
 }
 
-void Transaction::Close() {
+void LssTransaction::Close() {
     const bool unwinding = std::uncaught_exceptions() > m_uncaughtAtOpen;
     const bool streamLeftOpen = m_stream.IsOpen();
     m_stream.Drop();
@@ -193,7 +193,7 @@ void Transaction::Close() {
     if (!unwinding) QX_ASSERT(!streamLeftOpen);
 }
 
-void Transaction::Commit(bool unwinding) {
+void LssTransaction::Commit(bool unwinding) {
     if (m_broken) {
         m_core.ThrowIfUnwritable();
         return;
@@ -231,7 +231,7 @@ void Transaction::Commit(bool unwinding) {
 }
 
 // Leaves only the last change of each Seid. Uses up the bits in the leaves.
-void Transaction::MarkSuperseded() {
+void LssTransaction::MarkSuperseded() {
     std::vector<Change> last;
     last.reserve(m_changes.size());
     for (size_t i = m_changes.size(); i-- > 0;) {
@@ -245,7 +245,7 @@ void Transaction::MarkSuperseded() {
     m_changes.swap(last);
 }
 
-void Transaction::Publish() {
+void LssTransaction::Publish() {
     const SegmentTable& segments = *m_core.m_segments;
     UsageDelta delta;
     for (const Change& change : m_changes) {

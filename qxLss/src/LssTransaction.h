@@ -32,13 +32,13 @@ struct UsageDelta {
 // Threads:   one at a time, not always the same.
 // Invariant: m_changes holds one entry for each finished write or deletion, in order; the last of a Seid counts. The bit of
 //            a Seid in its leaf (IndexLeaf::written) is set exactly if it has an entry.
-class QX_API Transaction final : public ILssTransaction {
+class QX_API LssTransaction final : public ILssTransaction {
 public:
     // Called by Close when the turn has been given back.
     using ClosedHook = std::function<void(bool unwinding)>;
 
-    Transaction(StoreCore& core, UserLog& log, Index& index, Flusher& flusher, SeidAllocator& allocator,
-                ClosedHook closed);
+    LssTransaction(StoreCore& core, UserLog& log, Index& index, Flusher& flusher, SeidAllocator& allocator,
+                   ClosedHook closed);
 
     // Requires: the caller has taken the turn.
     void Open();
