@@ -286,6 +286,31 @@ bool DGGraph::CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept
     return found;
 }
 
+bool DGGraph::IsCalculatedHere(const DGDepNode& node) noexcept {
+    for (const DGCalculation* c = t_calculation; c; c = c->m_outer)
+        if (&c->m_node == &node) return true;
+    return false;
+}
+
+// The same for what depends on a node whose calculation has failed, except what this thread calculates: that fails too, or
+// it knows.
+bool DGGraph::CollectStaleElsewhere(const DGBaseNode& node, DGNodeLink& pending) noexcept {
+    bool found = false;
+    for (const DGEdge* edge = node.m_outEdges; edge;) {
+        const DGDepNode& dep = *edge->dep;
+        if (IsCalculatedHere(dep)) {
+            edge = edge->nextOut;
+            continue;
+        }
+        MakeStale(dep);
+        if (IsAlone(dep.m_pending)) LinkAtEnd(pending, dep.m_pending);
+        CollectStale(dep, pending);
+        found = true;
+        edge = node.m_outEdges; // this one is gone, and perhaps others
+    }
+    return found;
+}
+
 void DGGraph::NotifyPending(DGNodeLink& pending) {
     std::unique_lock guard(GraphMutex());
     // An exception of a node must not leave links to this stack behind.
@@ -373,10 +398,22 @@ void DGGraph::BeginCalculation(DGCalculation& calculation) {
 
 bool DGGraph::EndCalculation(DGCalculation& calculation, bool complete) noexcept {
     t_calculation = calculation.m_outer;
-    Guard guard(GraphMutex());
-    if (calculation.m_node.m_version.load(std::memory_order_relaxed) != calculation.m_version) return false;
-    if (!complete) MakeStale(calculation.m_node);
-    return complete;
+    DGNodeLink pending;
+    {
+        Guard guard(GraphMutex());
+        if (calculation.m_node.m_version.load(std::memory_order_relaxed) != calculation.m_version) return false;
+        if (complete) return true;
+        // Another thread may have completed the same calculation beside this one, and others have read its result: without
+        // the node's inputs they would not hear of a change.
+        MakeStale(calculation.m_node);
+        if (!CollectStaleElsewhere(calculation.m_node, pending)) return false;
+    }
+    try {
+        NotifyPending(pending);
+    } catch (...) {
+        TraceSwallowedException("the end of a calculation that failed");
+    }
+    return false;
 }
 
 DGCalculation::DGCalculation(const DGDepNode& node) : m_node(node) { DGGraph::BeginCalculation(*this); }

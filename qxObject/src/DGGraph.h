@@ -52,6 +52,8 @@ private:
     static void DropInEdges(const DGDepNode& node) noexcept;
     static void MakeStale(const DGDepNode& node) noexcept;
     static bool CollectStale(const DGBaseNode& node, DGNodeLink& pending) noexcept;
+    static bool CollectStaleElsewhere(const DGBaseNode& node, DGNodeLink& pending) noexcept;
+    static bool IsCalculatedHere(const DGDepNode& node) noexcept;
     static void NotifyPending(DGNodeLink& pending);
     static void Unlist(const DGBaseNode& node) noexcept;
 };

@@ -64,8 +64,13 @@ void DeletionBatch::TakeSubTrees() {
         const OID oid = m_dq.PopBack(DeletionQueue::QUEUE);
         m_dq.MarkAsDirty();
         ptr<IPersistable> po = m_pspace.rot_.FindOrLoadResidentObject(oid);
-        if (po && po->GetSysState().GetFlag(PERSISTABLE_DELETED)) continue; // goes with the dirty set
-        if (!po) po = m_pspace.BindObject(oid);                             // which says that it dangles
+        if (po && po->GetSysState().GetFlag(PERSISTABLE_DELETED)) {
+            // Alone, without what lies below it. It is in the dirty set too, but may not leave the durable queue before its
+            // element is gone: this process may die before that set is written.
+            m_oidsToDelete.push_back(oid);
+            continue;
+        }
+        if (!po) po = m_pspace.BindObject(oid); // which says that it dangles
         QX_ASSERT(po);
         TakeSubTree(oid, po, stack);
     }
@@ -102,7 +107,8 @@ void DeletionBatch::DeleteElement(ILssTransaction& txn, OID oid) const {
     if (txn.DeleteSerialElement(oid)) [[likely]]
         return;
     const ptr<IPersistable> po = m_pspace.rot_.FindResidentObject(oid);
-    QX_ASSERT_TEXT(po && WasNeverWritten(po, oid), "txn->DeleteSerialElement(*i)");
+    const bool isDeleted = po && po->GetSysState().GetFlag(PERSISTABLE_DELETED); // otherwise, at once
+    QX_ASSERT_TEXT(isDeleted || (po && WasNeverWritten(po, oid)), "txn->DeleteSerialElement(*i)");
 }
 
 bool DeletionBatch::DeletesUnloaded(const prefbase& pref) const {

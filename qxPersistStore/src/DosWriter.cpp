@@ -66,6 +66,33 @@ private:
     int m_uncaught = std::uncaught_exceptions();
 };
 
+// A group that has been taken off. When an exception ends the scope, such as that of a disk without room for the
+// transaction, what is dirty of it is tied again: the next write takes it together. A destructor and no catch block, which
+// would let the writer's thread close the transaction before the exception ends the process.
+class DosWriter::StaysTied {
+public:
+    // mutex_ is held for the scope. `group` may grow meanwhile.
+    StaysTied(PSpaceTxnGroupMgr& grpMgr, const GROUP& group) : m_grpMgr(grpMgr), m_group(&group) {}
+    StaysTied(const StaysTied&) = delete;
+    StaysTied& operator=(const StaysTied&) = delete;
+    ~StaysTied() {
+        if (!m_group) return;
+        PSpace* firstDirty = nullptr;
+        for (PSpace* pspace : *m_group) {
+            if (!IsDirty(pspace)) continue;
+            if (firstDirty)
+                m_grpMgr.MergeTwoPSpaceTxnGroups(firstDirty, pspace);
+            else
+                firstDirty = pspace;
+        }
+    }
+    void Release() { m_group = nullptr; }
+
+private:
+    PSpaceTxnGroupMgr& m_grpMgr;
+    const GROUP* m_group;
+};
+
 // ---- The thread -----------------------------------------------------------------------------------------------------
 
 void DosWriter::Start() {
@@ -137,6 +164,7 @@ bool DosWriter::ProcessGroup(PSpace* first, bool flush, CleanMember cleanMember)
     group.push_back(first);
     m_grpMgr.RetrieveGroup(group);
     if (std::none_of(group.begin(), group.end(), IsDirty)) return false;
+    StaysTied tie(m_grpMgr, group);
     for (;;) {
         const GroupLocks locks(group);
         const ssize_t size = group.size();
@@ -144,26 +172,20 @@ bool DosWriter::ProcessGroup(PSpace* first, bool flush, CleanMember cleanMember)
         if (group.size() != size) continue;
         HandleCleanMembers(group, cleanMember);
         WriteGroup(group, flush);
+        tie.Release();
         return true;
     }
 }
 
 // Before anything is written, so that nothing of the group is half committed.
 void DosWriter::HandleCleanMembers(const GROUP& group, CleanMember cleanMember) {
+    for (PSpace* pspace : group)
+        if (pspace->m_dq.HaveRequests()) pspace->m_dos.MarkAsDirty(); // which it has to write
     const auto clean = std::find_if_not(group.begin(), group.end(), IsDirty);
     if (clean == group.end()) return;
     if (cleanMember == CleanMember::IsMarked) {
         for (PSpace* pspace : group) pspace->m_dos.MarkAsDirty();
         return;
-    }
-    // The changes that were tied stay tied: the next call writes them together.
-    PSpace* firstDirty = nullptr;
-    for (PSpace* pspace : group) {
-        if (!IsDirty(pspace)) continue;
-        if (firstDirty)
-            m_grpMgr.MergeTwoPSpaceTxnGroups(firstDirty, pspace);
-        else
-            firstDirty = pspace;
     }
     (*clean)->m_dos.AssertDirty();
 }
@@ -179,9 +201,11 @@ void DosWriter::WriteGroup(const GROUP& group, bool flush) {
     try {
         for (PSpace* pspace : group) WriteMember(pspace, *txn);
     } catch (...) {
-        // What is complete is committed when the transaction closes, and may need class ids that are new.
+        // What is complete is committed when the transaction closes, and may need class ids, or the name of its space, that
+        // are new.
         try {
             m_ps.m_rootObject.WriteIfDirty(*txn);
+            m_ps.m_spaceMap.WriteIfDirty(*txn);
         } catch (...) {
             TraceSwallowedException("DosWriter::WriteGroup");
         }

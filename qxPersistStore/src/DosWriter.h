@@ -44,7 +44,8 @@ public:
     void SetSleepTime(int milliSecs) { m_sleepTime.Set(milliSecs); }
 
     // With `flush` everything closed earlier is on disk on return, also when nothing was dirty. A clean member of a
-    // group that is to be written fails "m_dirty" (path src/DOS) before anything is; the group stays tied.
+    // group that is to be written fails "m_dirty" (path src/DOS) before anything is. What is dirty of a group that was
+    // not written stays tied, whatever failed.
     void ProcessPSpaceTxnGroup(PSpace* pspace, bool flush);
     void ProcessAllGroups(bool flush);
     // Requires: mutex_ is held. False when the group had nothing to write.
@@ -86,6 +87,7 @@ private:
     class Timer;
     class Turn;
     class GroupLocks;
+    class StaysTied;
 
     void Run();
     bool DeleteUntilPeriodIsOver(const Timer& timer);

@@ -171,9 +171,11 @@ void PSpace::EndAsyncBinds() {
     do {
         const CSpaceLock lock(m_cspace, Exclusive);
         EvictAllDgsNodes(m_cspace);
-        MarkAsDirtyWhereAnythingIsUnwritten();
     } while (!rot_.WaitForPlaceholders(MILLISECS_UNTIL_NEXT_LOOK));
     rot_.Close();
+    // Last: what the application did at the end of a request counts.
+    const CSpaceLock lock(m_cspace, Exclusive);
+    MarkAsDirtyWhereAnythingIsUnwritten();
 }
 
 // Changes that mark nothing themselves, such as a request for a deletion, or a new space without objects, must not be

@@ -108,9 +108,9 @@ void PersistStore::WriteAllDirtyObjectsToLss(bool flushToDisk) {
 int32 PersistStore::GetDosPeriod() const { return m_dosWriter.GetSleepTime(); }
 
 void PersistStore::SetDosPeriod(int32 time) {
-    // In this order: a writer that wakes on the signal may read the old period for one more sleep.
-    m_dosWriter.SignalWriteDirtyObjectSet();
+    // In this order: a writer that woke before the new period stood there would sleep through the old one once more.
     m_dosWriter.SetSleepTime(time);
+    m_dosWriter.SignalWriteDirtyObjectSet();
 }
 
 ssize_t PersistStore::GetNumPersistableObjects() const {
@@ -152,10 +152,7 @@ bool PersistStore::IsOwnRecord(OID oid) {
 }
 
 TypeOpsId PersistStore::GetTypeOpsId(ReflectionByteCodeValue const& rbcv, TypeOps const& ops) {
-    bool newEntry = false;
-    const TypeOpsId tid = m_rootObject.m_typeOpsMap.GetTypeOpsId(rbcv, ops, newEntry);
-    if (newEntry) m_rootObject.m_dirty.store(true, std::memory_order_release);
-    return tid;
+    return m_rootObject.m_typeOpsMap.GetTypeOpsId(rbcv, ops, m_rootObject.m_dirty);
 }
 
 BcTypeOps PersistStore::GetTypeOps(TypeOpsId tid) { return m_rootObject.m_typeOpsMap.GetTypeOps(tid); }

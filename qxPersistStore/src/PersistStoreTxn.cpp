@@ -118,7 +118,8 @@ void PersistStoreTxn::Close() {
 void PersistStoreTxn::TieWhatHasChanges() {
     PSpace* first = nullptr;
     const auto tie = [&](PSpace* p) {
-        if (!p->HaveChangesToWriteToLss()) return;
+        // A request for a deletion marks nothing, and is a change like any other.
+        if (!p->HaveChangesToWriteToLss() && !p->m_dq.HaveRequests()) return;
         if (first)
             Merge(first, p);
         else

@@ -135,7 +135,10 @@ ptr<IPersistable> ROT::FindOrLoadAmongReaders(OID oid) {
         const Delivery delivery = TakeDelivery(*node);
         if (delivery.settled) continue;
         node->UpdateRot();
-        if (!delivery.failed) return delivery.po;
+        // Not the object delivered: a reader that was loading it himself may have settled the node since, and the one
+        // delivered goes with the node.
+        if (delivery.po) continue;
+        if (!delivery.failed) return null;
         lock.lock();
         return LoadAmongReaders(oid, lock);
     }
@@ -299,17 +302,28 @@ MAsyncBind ROT::BeginAsyncLoad(OID oid, TableLock& lock) {
         throw;
     }
     if (lock.owns_lock()) lock.unlock();
+    bool settled = false;
     try {
-        ReadBarrierOf(*node); // no reader can have settled it: nothing loads it yet
-        AsyncLoadJob job;
-        job.node = node;
-        pspace_.m_ps.asyncLoadThread_.Push(job);
+        {
+            // A reader that was loading the object already may settle the node as soon as it stands in the table. Then it
+            // is out of the graph, and must not come back: it would be evicted again, and nobody would hear of it.
+            const std::lock_guard oidLock(GetMutexForOid(oid));
+            settled = node->IsSettled();
+            if (!settled) ReadBarrierOf(*node);
+        }
+        if (!settled) {
+            AsyncLoadJob job;
+            job.node = node;
+            pspace_.m_ps.asyncLoadThread_.Push(job);
+        }
     } catch (...) {
         node->AbandonLoad();
         node->DecRef();
         throw;
     }
-    return Pending();
+    if (!settled) return Pending();
+    node->DecRef();
+    return AsyncBindAmongReaders(oid); // the object is there
 }
 
 // The node is listed in its own domain, whichever the thread works in: there it is evicted when the space closes.

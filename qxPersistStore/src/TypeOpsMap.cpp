@@ -17,9 +17,8 @@ constexpr int TypeOpsMap_SCHEMA = 1;
 
 } // namespace
 
-TypeOpsId TypeOpsMap::GetTypeOpsId(const ReflectionByteCodeValue& rbcv, const TypeOps& ops, bool& dirty) {
+TypeOpsId TypeOpsMap::GetTypeOpsId(const ReflectionByteCodeValue& rbcv, const TypeOps& ops, std::atomic<bool>& dirty) {
     const std::lock_guard lock(mutex_);
-    dirty = false;
     if (const auto i = m_rbcvToTypeOpsId.find(rbcv); i != m_rbcvToTypeOpsId.end()) {
         const TypeOpsId tid = i->second;
         QX_ASSERT_TEXT(1 <= tid && tid <= static_cast<ssize_t>(m_entrys.size()), "1 <= tid && tid <= m_entrys.size()");
@@ -33,7 +32,7 @@ TypeOpsId TypeOpsMap::GetTypeOpsId(const ReflectionByteCodeValue& rbcv, const Ty
         m_entrys.pop_back();
         throw;
     }
-    dirty = true;
+    dirty.store(true, std::memory_order_release);
     return tid;
 }
 
