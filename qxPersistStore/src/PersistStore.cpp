@@ -108,9 +108,9 @@ void PersistStore::WriteAllDirtyObjectsToLss(bool flushToDisk) {
 int32 PersistStore::GetDosPeriod() const { return m_dosWriter.GetSleepTime(); }
 
 void PersistStore::SetDosPeriod(int32 time) {
-    // In this order: a writer that woke before the new period stood there would sleep through the old one once more.
-    m_dosWriter.SetSleepTime(time);
+    // In this order: a writer that wakes on the signal may read the old period for one more sleep.
     m_dosWriter.SignalWriteDirtyObjectSet();
+    m_dosWriter.SetSleepTime(time);
 }
 
 ssize_t PersistStore::GetNumPersistableObjects() const {
