@@ -50,18 +50,23 @@ void SegmentWriter::End() {
 }
 
 // A reader that has the slot pinned may have found the buffer there. The look at the count is a read-modify-write, so
-// that a reader who pins after it finds the new base.
+// that a reader who pins after it finds the new base. Without memory the writer keeps its buffer: it has to end the
+// transaction with it.
 void SegmentWriter::RetireBuffer() {
-    m_retired.push_back({m_slot, std::move(m_buffer)});
+    const auto isUnpinned = [&](ssize_t slot) {
+        return (*m_core.m_segments)[slot].pins.fetch_add(0, std::memory_order_acq_rel) == 0;
+    };
+    if (isUnpinned(m_slot)) return;
     for (Retired& retired : m_retired) {
-        if ((*m_core.m_segments)[retired.slot].pins.fetch_add(0, std::memory_order_acq_rel) == 0) {
-            m_buffer = std::move(retired.buffer);
-            retired = std::move(m_retired.back());
-            m_retired.pop_back();
-            return;
-        }
+        if (!isUnpinned(retired.slot)) continue;
+        std::swap(retired.buffer, m_buffer);
+        retired.slot = m_slot;
+        return;
     }
-    m_buffer = std::make_unique<octet_t[]>(static_cast<size_t>(m_segmentSize));
+    auto fresh = std::make_unique<octet_t[]>(static_cast<size_t>(m_segmentSize));
+    m_retired.reserve(m_retired.size() + 1);
+    m_retired.push_back({m_slot, std::move(m_buffer)});
+    m_buffer = std::move(fresh);
 }
 
 void SegmentWriter::HandOver() {

@@ -17,7 +17,15 @@ constexpr int TypeOpsMap_SCHEMA = 1;
 
 } // namespace
 
-TypeOpsId TypeOpsMap::GetTypeOpsId(const ReflectionByteCodeValue& rbcv, const TypeOps& ops, std::atomic<bool>& dirty) {
+TypeOpsId TypeOpsMap::GetTypeOpsId(const ReflectionByteCodeValue& rbcv, const TypeOps& ops, bool& dirty) {
+    std::atomic<bool> made{false};
+    const TypeOpsId tid = GetTypeOpsId(rbcv, ops, made);
+    dirty = made.load(std::memory_order_relaxed);
+    return tid;
+}
+
+TypeOpsId TypeOpsMap::GetTypeOpsId(const ReflectionByteCodeValue& rbcv, const TypeOps& ops,
+                                   std::atomic<bool>& recordDirty) {
     const std::lock_guard lock(mutex_);
     if (const auto i = m_rbcvToTypeOpsId.find(rbcv); i != m_rbcvToTypeOpsId.end()) {
         const TypeOpsId tid = i->second;
@@ -32,7 +40,7 @@ TypeOpsId TypeOpsMap::GetTypeOpsId(const ReflectionByteCodeValue& rbcv, const Ty
         m_entrys.pop_back();
         throw;
     }
-    dirty.store(true, std::memory_order_release);
+    recordDirty.store(true, std::memory_order_release);
     return tid;
 }
 

@@ -31,10 +31,12 @@ public:
     TypeOpsMap(const TypeOpsMap&) = delete;
     TypeOpsMap& operator=(const TypeOpsMap&) = delete;
 
-    // The id of the description, made if need be. `dirty` is set when an entry is made, since the record must be written
-    // then, and before any other thread can get the id: whoever writes an object that names it finds the flag set. An entry
-    // that is there already keeps the operations that it has.
-    TypeOpsId GetTypeOpsId(const ReflectionByteCodeValue& rbcv, const TypeOps& ops, std::atomic<bool>& dirty);
+    // The id of the description, made if need be. `dirty` says whether an entry was made: the record must be written then.
+    // An entry that is there already keeps the operations that it has.
+    TypeOpsId GetTypeOpsId(const ReflectionByteCodeValue& rbcv, const TypeOps& ops, bool& dirty);
+    // The same, but the flag of the record is only set, and before any other thread can get the id: whoever writes an object
+    // that names it finds it set.
+    TypeOpsId GetTypeOpsId(const ReflectionByteCodeValue& rbcv, const TypeOps& ops, std::atomic<bool>& recordDirty);
 
     // BadTypeOpsIdException if there is no such entry; TypeOpsNotFoundException if this process has no operations for
     // the description. The result is valid for the life of the map.

@@ -9,7 +9,6 @@
 #include "qxUtils/RecordLimits.h"
 #include "tests/support/ExpectAssertion.h"
 
-#include <atomic>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -63,11 +62,11 @@ Bytes Record(const std::vector<ReflectionByteCodeValue>& descriptions) {
 
 TEST(TypeOpsMap, NumbersTypesInTheOrderOfTheirFirstUse) {
     TypeOpsMap map;
-    std::atomic<bool> dirty = false;
+    bool dirty = false;
     EXPECT_EQ(1, map.GetTypeOpsId(Describe<int32>(), GetTypeOps<int32>(), dirty));
-    EXPECT_TRUE(dirty.exchange(false));
+    EXPECT_TRUE(dirty);
     EXPECT_EQ(2, map.GetTypeOpsId(Describe<xstring>(), GetTypeOps<xstring>(), dirty));
-    EXPECT_TRUE(dirty.exchange(false));
+    EXPECT_TRUE(dirty);
     EXPECT_EQ(1, map.GetTypeOpsId(Describe<int32>(), GetTypeOps<int32>(), dirty));
     EXPECT_FALSE(dirty);
     EXPECT_EQ(&GetTypeOps<xstring>(), map.GetTypeOps(2).typeops);
@@ -76,7 +75,7 @@ TEST(TypeOpsMap, NumbersTypesInTheOrderOfTheirFirstUse) {
 
 TEST(TypeOpsMap, AnEntryKeepsTheOperationsItHas) {
     TypeOpsMap map;
-    std::atomic<bool> dirty = false;
+    bool dirty = false;
     map.GetTypeOpsId(Describe<int32>(), GetTypeOps<int32>(), dirty);
     map.GetTypeOpsId(Describe<int32>(), GetTypeOps<uint32>(), dirty);
     EXPECT_EQ(&GetTypeOps<int32>(), map.GetTypeOps(1).typeops);
@@ -93,7 +92,7 @@ TEST(TypeOpsMap, TheEmptyMapIsItsSchemaAndACountOfZero) { EXPECT_EQ((Bytes{1, 0}
 
 TEST(TypeOpsMap, TheRecordHoldsTheDescriptionsInOrder) {
     TypeOpsMap map;
-    std::atomic<bool> dirty = false;
+    bool dirty = false;
     map.GetTypeOpsId(Describe<xstring>(), GetTypeOps<xstring>(), dirty);
     map.GetTypeOpsId(Describe<int32>(), GetTypeOps<int32>(), dirty);
     EXPECT_EQ(Record({Describe<xstring>(), Describe<int32>()}), Serialised(map));
@@ -104,7 +103,7 @@ TEST(TypeOpsMap, AfterReadingTheOperationsAreFoundByDescription) {
     ASSERT_TRUE(Read(map, Record({Describe<int64>(), Describe<xstring>()})));
     EXPECT_EQ(&GetTypeOps<xstring>(), map.GetTypeOps(2).typeops);
     EXPECT_EQ(map.GetTypeOps(2).typeops, map.GetTypeOps(2).typeops);
-    std::atomic<bool> dirty = false;
+    bool dirty = true;
     EXPECT_EQ(1, map.GetTypeOpsId(Describe<int64>(), GetTypeOps<int64>(), dirty));
     EXPECT_FALSE(dirty);
     EXPECT_EQ(3, map.GetTypeOpsId(Describe<bool>(), GetTypeOps<bool>(), dirty));
@@ -130,7 +129,7 @@ TEST(TypeOpsMap, ATypeThatThisProcessDoesNotHaveFailsWhenItIsAskedFor) {
 TEST(TypeOpsMap, OfTwoEqualDescriptionsInARecordTheLaterGivesTheId) {
     TypeOpsMap map;
     ASSERT_TRUE(Read(map, Record({Describe<int32>(), Describe<int32>()})));
-    std::atomic<bool> dirty = false;
+    bool dirty = true;
     EXPECT_EQ(2, map.GetTypeOpsId(Describe<int32>(), GetTypeOps<int32>(), dirty));
     EXPECT_FALSE(dirty);
     EXPECT_EQ(Describe<int32>(), *map.GetTypeOps(1).rbcv);
@@ -138,7 +137,7 @@ TEST(TypeOpsMap, OfTwoEqualDescriptionsInARecordTheLaterGivesTheId) {
 
 TEST(TypeOpsMap, DescriptionsHandedOutStayWhereTheyAre) {
     TypeOpsMap map;
-    std::atomic<bool> dirty = false;
+    bool dirty = false;
     map.GetTypeOpsId(Describe<int32>(), GetTypeOps<int32>(), dirty);
     const BcTypeOps first = map.GetTypeOps(1);
     std::vector<xstring> names;
@@ -148,7 +147,7 @@ TEST(TypeOpsMap, DescriptionsHandedOutStayWhereTheyAre) {
         const ConstStringZ table[] = {name.c_str()};
         map.GetTypeOpsId(ReflectionByteCodeValue(ReflectionByteCode(s_code, table, nullptr), false),
                          GetTypeOps<int32>(), dirty);
-        ASSERT_TRUE(dirty.exchange(false));
+        ASSERT_TRUE(dirty);
     }
     EXPECT_EQ(first.rbcv, map.GetTypeOps(1).rbcv);
     EXPECT_EQ(Describe<int32>(), *first.rbcv);
