@@ -67,14 +67,17 @@ void FileMap::SetBits(int64 first, int64 end) {
     }
 }
 
-void FileMap::LoadMissing(int64 offset, ssize_t size) {
+void FileMap::LoadMissing(int64 offset, ssize_t size, ssize_t behind) {
     int64 ahead = READ_AHEAD_CHUNKS;
-    while (!TryLoadMissing(offset, size, ahead)) ahead = 0;
+    while (!TryLoadMissing(offset, size, behind, ahead)) ahead = 0;
 }
 
 // False if it is worth another look without reading ahead: the file may have been cut behind what is asked for.
-bool FileMap::TryLoadMissing(int64 offset, ssize_t size, int64 ahead) {
+bool FileMap::TryLoadMissing(int64 offset, ssize_t size, ssize_t behind, int64 ahead) {
     const int64 fileSize = m_file.Size();
+    const int64 mappedSize = (fileSize + PageBytes() - 1) / PageBytes() * PageBytes();
+    const bool isCut = offset + size <= fileSize && fileSize < offset + size + behind;
+    size = isCut && offset + size + behind <= mappedSize ? static_cast<ssize_t>(fileSize - offset) : size + behind;
     if (offset > m_maxBytes - size || offset + size > fileSize) {
         const std::string text = "Can't read " + std::to_string(size) + " bytes of file \"" + m_file.Path() +
                                  "\" at offset " + std::to_string(offset) + ": the file has " +

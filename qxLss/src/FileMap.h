@@ -52,13 +52,14 @@ public:
     // The address of a file offset. Not loaded: only for bytes that Load has returned or that were marked as loaded.
     const octet_t* At(int64 offset) const { return m_base + offset; }
 
-    // Makes sure that `size` >= 1 bytes at `offset` are in memory and returns their address. Throws FileException if
-    // they cannot be read or lie beyond the end of the file; then nothing is remembered.
-    const octet_t* Load(int64 offset, ssize_t size) {
-        const int64 last = (offset + size - 1) >> CHUNK_SHIFT;
+    // Makes sure that `size` >= 1 bytes at `offset`, and `behind` more, are in memory and returns their address. Throws
+    // FileException if they cannot be read or lie beyond the end of the file; then nothing is remembered. Of those behind
+    // the file may lack what its last page shows as zeros.
+    const octet_t* Load(int64 offset, ssize_t size, ssize_t behind = 0) {
+        const int64 last = (offset + size + behind - 1) >> CHUNK_SHIFT;
         for (int64 chunk = offset >> CHUNK_SHIFT; chunk <= last; ++chunk) {
             if (!IsChunkLoaded(chunk)) [[unlikely]] {
-                LoadMissing(offset, size);
+                LoadMissing(offset, size, behind);
                 break;
             }
         }
@@ -73,8 +74,8 @@ public:
 
 private:
     std::atomic<uint64>& Word(int64 chunk) const { return m_bits[chunk >> 6]; }
-    void LoadMissing(int64 offset, ssize_t size);
-    bool TryLoadMissing(int64 offset, ssize_t size, int64 ahead);
+    void LoadMissing(int64 offset, ssize_t size, ssize_t behind);
+    bool TryLoadMissing(int64 offset, ssize_t size, ssize_t behind, int64 ahead);
     bool TryLoadChunks(int64 first, int64 end, int64 fileSize, bool isAhead);
     void SetBits(int64 first, int64 end);
 

@@ -83,6 +83,7 @@ void LssStore::Recover(const CheckpointHeader& header) {
     }
     // The first checkpoint would find it, but by then the file has been written to.
     if (!log.clean && m_core->m_settings.validateSUTDuringCheckPoint) m_checkpoint.Validate();
+    if (!log.clean) CompleteLastSlot();
     std::vector<AllocHorizon> known;
     for (const HighAllocation& high : log.highs) known.push_back({high.high, high.horizon});
     m_ring.BeginOwner(header.checkpointSequence, known, log.nextHigh, log.nextSequence, log.clean);
@@ -102,6 +103,13 @@ void LssStore::Recover(const CheckpointHeader& header) {
         }
     }
     if (m_archive) AttachArchive();
+}
+
+// A crash may have taken the file's end from it right behind an element, and readers may look a little further.
+void LssStore::CompleteLastSlot() {
+    const int64 size = m_core->m_file.Size();
+    const int64 inLastSlot = (size - m_core->m_segments->DataStartOffset()) % m_core->m_segmentSize;
+    if (inLastSlot > 0) m_core->m_file.Truncate(size - inLastSlot + m_core->m_segmentSize);
 }
 
 // A chain that begins anew is made known by a checkpoint: else, after a crash, it would begin anew once more, with a gap.

@@ -139,6 +139,7 @@ private:
     void StopThreads();
     void AttachArchive();
     void FinishArchive();
+    void CompleteLastSlot();
     void OnTransactionClosed(bool unwinding);
     int DoBackgroundWork(bool isWoken);
     void CleanUntilAtRest();

@@ -101,7 +101,7 @@ const octet_t* TouchPacket(const StoreCore& core, Location l, ssize_t loadBehind
                      "found a free segment, expected a packet of " + std::to_string(LocationBytes(l)) + " bytes in it",
                      LocationOffset(l));
     if (base == core.m_map->At(segments.OffsetOf(slot)))
-        core.m_map->Load(LocationOffset(l), LocationBytes(l) + loadBehind);
+        core.m_map->Load(LocationOffset(l), LocationBytes(l), loadBehind);
     return base + segments.OffsetIn(l);
 }
 

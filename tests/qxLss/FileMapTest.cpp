@@ -130,6 +130,21 @@ TEST(FileMap, ARangeBeyondTheEndOfTheFileIsAnExceptionAndNoSignal) {
     EXPECT_THROW(map.Load(map.MaxBytes() - 1, 8), FileException);
 }
 
+TEST(FileMap, BehindWhatIsAskedForTheLastPageMayGoOnWhereTheFileDoesNot) {
+    TempDir dir;
+    File file(RealSysCalls());
+    file.Open(dir.File("f"), EFileAccess::CREATE);
+    Fill(file, CHUNK);
+    file.Truncate(CHUNK - 10);
+    FileMap map(file);
+    const octet_t* const p = map.Load(CHUNK - 110, 100, 10);
+    EXPECT_TRUE(IsRight(p, CHUNK - 110, 100));
+    for (int i = 100; i < 110; ++i) EXPECT_EQ(p[i], 0);
+    EXPECT_THROW(map.Load(CHUNK - 110, 101, 9), FileException);
+    EXPECT_THROW(map.Load(CHUNK - 110, 100, 11), FileException); // in the next page
+    EXPECT_THROW(map.Load(CHUNK - 110, 110), FileException);
+}
+
 TEST(FileMap, AReadErrorIsAnExceptionWithTheOffsetAndTheNextTouchTriesAgain) {
     SimSys sys;
     File file(sys);

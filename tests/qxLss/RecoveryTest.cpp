@@ -278,6 +278,31 @@ TEST(Recovery, IdentifiersOfElementsInTheLogAreSpentWhateverTheRingSays) {
     for (int i = 0; i < 8000; ++i) EXPECT_FALSE(written.contains(lss.NewSeid().value_));
 }
 
+// A crash may lose a part of what was reserved at the file's end. An element right before it could not be read: readers may
+// look a little beyond its bytes.
+TEST(Recovery, AFileThatACrashHasCutWithinItsLastSlotIsMadeWholeByWritersOnly) {
+    SimSys sys;
+    ElementMap expected;
+    {
+        TestLss lss(sys);
+        for (int i = 0; i < 10; ++i) lss.Put(Pattern(300));
+        expected = lss.All();
+    }
+    FileBytes file = StoreFile(sys);
+    ASSERT_EQ(std::ssize(file) % 4096, 0);
+    file.resize(file.size() - 1000);
+    for (const EOpenMode mode : {OM_OPEN_EXISTING_READ_ONLY, OM_OPEN_EXISTING}) {
+        SimSys after(ImageOf(file));
+        TestLss lss(after, SmallSegments(), mode);
+        EXPECT_EQ(lss.All(), expected);
+        const FileBytes opened = StoreFile(after);
+        if (mode == OM_OPEN_EXISTING_READ_ONLY)
+            EXPECT_EQ(opened, file);
+        else
+            EXPECT_EQ(std::ssize(opened) % 4096, 0);
+    }
+}
+
 TEST(Recovery, IdentifiersAreNotHandedOutAgainAfterAKill) {
     SimSys sys;
     std::set<uint64> given;
