@@ -463,12 +463,18 @@ private:
             OpenStore(m_sys, OM_OPEN_EXISTING, LssDriver::Settings(4096, false), false, m_check.stampShift, createdNew);
     }
 
+    // A transaction that the first open took for unfinished may be whole for the next one: the file has grown meanwhile, and
+    // what it lacked were zeros.
     std::string FindState(ssize_t& found) const {
         const std::vector<uint64>& digests = m_check.history->digests;
         const uint64 digest = DigestOf(m_state);
         for (ssize_t i = m_check.ceiling; i >= m_check.floor && found < 0; --i)
             if (digests[static_cast<size_t>(i)] == digest) found = i;
         if (found >= 0) return {};
+        if (m_check.earlier && m_check.earlier->contains(digest)) {
+            found = FOUND_EARLIER;
+            return {};
+        }
         for (ssize_t i = 0; i < std::ssize(digests); ++i)
             if (digests[static_cast<size_t>(i)] == digest)
                 return "lost: the state is S" + std::to_string(i) + ", the floor S" + std::to_string(m_check.floor) +

@@ -71,6 +71,7 @@ struct LssBeginning {
     LssState state;
     bool mayBeMissing = true;                // the crash may have left no store
     const std::set<uint64>* spent = nullptr; // identifiers not to be handed out again
+    std::set<uint64> mayHaveLeft{};          // digests of the states that the crash might have left
 };
 
 // Opens the store "d/store" and works on it. One thread.
@@ -151,7 +152,10 @@ struct LssCheck {
     // Also commit a further transaction and open twice more.
     bool thorough = true;
     int stampShift = 20; // of the workload
+    // The crash cut an open short: what the crash before it might have left may come to light. `found` is then FOUND_EARLIER.
+    const std::set<uint64>* earlier = nullptr; // digests
 };
+inline constexpr ssize_t FOUND_EARLIER = -2;
 std::string CheckLssImage(SimSys& sys, const LssCheck& check, ssize_t& found);
 
 // Reads all elements of an open store and validates it.

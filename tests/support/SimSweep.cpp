@@ -79,6 +79,7 @@ struct SimSweep::Crash {
     SimImage image;
     const std::set<uint64>* spent; // null: power loss
     bool mayBeMissing;
+    const std::set<uint64>* earlier; // see LssCheck; null: not in an open
 };
 
 void SimSweep::Run() {
@@ -127,7 +128,8 @@ void SimSweep::CheckPoint(const SimDisk& disk, const SimCall* next, const LssHis
                     v == 0,
                     disk.Blocks(variant, inFlight),
                     v == 0 && !m_plan.disturb ? &spent : nullptr,
-                    true};
+                    true,
+                    nullptr};
         if (!m_seen.insert(HashOf(crash.image)).second) continue;
         const uint64 chance = MixBits(m_workload.seed * 31 + static_cast<uint64>(k) * 1009 + v);
         const bool lives = m_plan.depth > 0 && chance % m_plan.oneLifeIn == 0 && !m_plan.disturb;
@@ -139,13 +141,13 @@ void SimSweep::CheckPoint(const SimDisk& disk, const SimCall* next, const LssHis
         } else if (lives) {
             LssBeginning beginning{{}, found < 0, crash.spent};
             if (found >= 0) beginning.state = history.states[static_cast<size_t>(found)];
+            beginning.mayHaveLeft = MayHaveLeft(crash, history);
             GoOnLiving(crash.image, beginning, crash.place, chance / 256);
         }
     }
 }
 
-std::string SimSweep::CheckImage(const Crash& crash, const LssHistory& history, SimSys& sys, bool thorough,
-                                 ssize_t& found) {
+LssCheck SimSweep::CheckOf(const Crash& crash, const LssHistory& history) const {
     LssCheck check;
     check.history = &history;
     // A failed sync loses closed transactions even if only the process dies.
@@ -153,8 +155,22 @@ std::string SimSweep::CheckImage(const Crash& crash, const LssHistory& history, 
     check.ceiling = std::max(check.floor, history.Ceiling(crash.place.k));
     check.mayBeMissing = crash.mayBeMissing;
     check.spent = crash.spent;
-    check.thorough = thorough;
     check.stampShift = m_workload.stampShift;
+    check.earlier = crash.earlier;
+    return check;
+}
+
+std::set<uint64> SimSweep::MayHaveLeft(const Crash& crash, const LssHistory& history) const {
+    const LssCheck check = CheckOf(crash, history);
+    std::set<uint64> digests = crash.earlier ? *crash.earlier : std::set<uint64>();
+    for (ssize_t i = check.floor; i <= check.ceiling; ++i) digests.insert(history.digests[static_cast<size_t>(i)]);
+    return digests;
+}
+
+std::string SimSweep::CheckImage(const Crash& crash, const LssHistory& history, SimSys& sys, bool thorough,
+                                 ssize_t& found) {
+    LssCheck check = CheckOf(crash, history);
+    check.thorough = thorough;
     ++m_totals.states;
     m_totals.nested += crash.place.depth > 0;
     return CheckLssImage(sys, check, found);
@@ -207,16 +223,22 @@ void SimSweep::CrashLife(SimSys& sys, const LssHistory& history, const LssBeginn
         here.v = v;
         here.trail += " > " + std::to_string(k) + " of " + std::to_string(end) + " (" + std::to_string(history.opened) +
                       "), " + std::to_string(v) + " = " + NAMES[static_cast<size_t>(variant.choice)];
-        Crash crash{here, v == 0, disk.Blocks(variant, next), v == 0 ? &spent : nullptr, beginning.mayBeMissing};
+        Crash crash{here,
+                    v == 0,
+                    disk.Blocks(variant, next),
+                    v == 0 ? &spent : nullptr,
+                    beginning.mayBeMissing,
+                    k < history.opened ? &beginning.mayHaveLeft : nullptr};
         ssize_t found = -1;
         SimSys after(ESimMemory::ARENA, crash.image);
         const std::string fault = CheckImage(crash, history, after, random() % 4 == 0, found);
         here.k = place.k; // what replays it is where the first life ended
         here.v = place.v;
         if (!fault.empty()) return Report(here, fault);
-        if (i != lucky || place.depth >= m_plan.depth) continue;
+        if (i != lucky || place.depth >= m_plan.depth || found == FOUND_EARLIER) continue;
         LssBeginning further{{}, found < 0, crash.spent};
         if (found >= 0) further.state = history.states[static_cast<size_t>(found)];
+        further.mayHaveLeft = MayHaveLeft(crash, history);
         GoOnLiving(crash.image, further, here, random());
     }
 }

@@ -78,6 +78,8 @@ private:
     }
     void CheckPoint(const SimDisk& disk, const SimCall* next, const LssHistory& history, const std::set<uint64>& spent,
                     int64 k);
+    LssCheck CheckOf(const Crash& crash, const LssHistory& history) const;
+    std::set<uint64> MayHaveLeft(const Crash& crash, const LssHistory& history) const;
     std::string CheckImage(const Crash& crash, const LssHistory& history, SimSys& sys, bool thorough, ssize_t& found);
     void GoOnLiving(const SimImage& image, const LssBeginning& beginning, Place place, uint64 seed);
     void CrashLife(SimSys& sys, const LssHistory& history, const LssBeginning& beginning, Place place, uint64 seed);
