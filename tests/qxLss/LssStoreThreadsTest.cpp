@@ -2,6 +2,7 @@
 #include "tests/support/TraceCatcher.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <thread>
@@ -107,6 +108,7 @@ TEST(LssStoreThreads, TransactionsOfSeveralThreadsAreServedInTurn) {
 // A second failure returns at once, and its thread goes on as the first one's does: by then nothing may be written.
 TEST(StoreCoreThreads, WhoeverHasReportedAFailureFindsThatTheStoreHasFailed) {
     constexpr int NUM_ROUNDS = 4000;
+    constexpr std::chrono::seconds LONGEST{2}; // a round waits for its turn twice, which takes long on a busy machine
     const TraceCatcher trace;
     SimSys sys;
     std::atomic<int> begun{0};
@@ -117,19 +119,23 @@ TEST(StoreCoreThreads, WhoeverHasReportedAFailureFindsThatTheStoreHasFailed) {
         core->Fail("no disk");
         if (!core->HasFailed()) ++wrong;
     };
+    std::atomic<bool> over{false};
     std::thread other([&] {
-        for (int i = 1; i <= NUM_ROUNDS; ++i) {
-            while (begun < i) std::this_thread::yield();
+        for (int i = 1;; ++i) {
+            while (begun < i && !over) std::this_thread::yield();
+            if (over) return;
             fail();
             ended = i;
         }
     });
-    for (int i = 1; i <= NUM_ROUNDS; ++i) {
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 1; i <= NUM_ROUNDS && std::chrono::steady_clock::now() - start < LONGEST; ++i) {
         core = std::make_unique<StoreCore>(sys);
         begun = i;
         fail();
         while (ended < i) std::this_thread::yield();
     }
+    over = true;
     other.join();
     EXPECT_EQ(wrong, 0);
 }

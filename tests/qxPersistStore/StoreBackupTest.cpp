@@ -23,8 +23,8 @@ std::vector<std::string> ChainIn(const std::string& path) {
 
 TEST(StoreBackup, HoldsWhatWasWrittenBeforeAndNothingOfWhatIsOnlyInMemory) {
     TestStore store;
+    store->SetDosPeriod(1 << 30); // before the start: the signal would make a thread that runs write once more
     store->StartObjectDeletion();
-    store->SetDosPeriod(1 << 30);
     PSpace* const space = store.OpenSpace("s");
     TestNode* head = nullptr;
     {
