@@ -84,11 +84,14 @@ bool Shrinker::PullInEnd(ssize_t keep) {
 template <class IsInterrupted>
 ssize_t Shrinker::PullInOnce(ssize_t end, IsInterrupted isInterrupted) {
     if (m_space.NumSlots() - m_space.NumFreeAtEnd() <= end || !LeaveOpenSegment(end)) return 0;
-    // The first checkpoint makes victims of the segments just left, the second one moves the tables of the first.
+    // The first checkpoint makes victims of the segments just left, the second one moves the tables of the first. What it
+    // has moved takes room that a batch would want, but the few that are left need less.
+    ssize_t needed = m_cleaner.SlotsForBatch();
     ssize_t left = 0;
-    for (ssize_t before = m_space.NumSlots(); !isInterrupted() && HasRoomBelow(end); before = left) {
+    for (ssize_t before = m_space.NumSlots(); !isInterrupted() && HasRoomBelow(end, needed); before = left) {
         left = m_checkpoint.RunAndEmpty(end);
         if (left == 0 || left >= before) break;
+        needed = std::min(needed, left + m_checkpoint.SlotsNeeded());
     }
     ssize_t emptied = 0;
     while (!isInterrupted()) {
@@ -99,14 +102,13 @@ ssize_t Shrinker::PullInOnce(ssize_t end, IsInterrupted isInterrupted) {
     return isInterrupted() ? 0 : emptied;
 }
 
-bool Shrinker::HasRoomBelow(ssize_t end) {
-    const ssize_t needed = m_cleaner.SlotsForBatch();
+bool Shrinker::HasRoomBelow(ssize_t end, ssize_t needed) {
     return m_space.PrepareReadyBelow(end, needed) >= needed;
 }
 
 // False if there is no room below.
 bool Shrinker::LeaveOpenSegment(ssize_t first) {
-    if (!HasRoomBelow(first)) return false;
+    if (!HasRoomBelow(first, m_cleaner.SlotsForBatch())) return false;
     m_cleaner.SealSurvivorsFrom(first);
     TurnScope turn(m_log.Turn());
     m_core.ThrowIfUnwritable();

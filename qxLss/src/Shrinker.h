@@ -37,7 +37,7 @@ private:
     ssize_t EndFor(ssize_t keep) const { return m_space.NumSlots() - m_space.NumFree() + keep; }
     template <class IsInterrupted>
     ssize_t PullInOnce(ssize_t end, IsInterrupted isInterrupted);
-    bool HasRoomBelow(ssize_t end);
+    bool HasRoomBelow(ssize_t end, ssize_t needed);
     bool LeaveOpenSegment(ssize_t first);
 
     StoreCore& m_core;
