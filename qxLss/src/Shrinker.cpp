@@ -102,9 +102,7 @@ ssize_t Shrinker::PullInOnce(ssize_t end, IsInterrupted isInterrupted) {
     return isInterrupted() ? 0 : emptied;
 }
 
-bool Shrinker::HasRoomBelow(ssize_t end, ssize_t needed) {
-    return m_space.PrepareReadyBelow(end, needed) >= needed;
-}
+bool Shrinker::HasRoomBelow(ssize_t end, ssize_t needed) { return m_space.PrepareReadyBelow(end, needed) >= needed; }
 
 // False if there is no room below.
 bool Shrinker::LeaveOpenSegment(ssize_t first) {
