@@ -115,6 +115,7 @@ public:
     StoreCore& CoreForTest() { return *m_core; }
     SpaceManager& SpaceForTest() { return m_space; }
     UserLog& LogForTest() { return m_log; }
+    Cleaner& CleanerForTest() { return m_cleaner; }
     LogArchive* ArchiverForTest() { return m_archive.get(); }
     Index& IndexForTest() { return m_index; }
 

@@ -240,6 +240,20 @@ TEST(AllocRing, A14112HighsFitBetweenTwoCheckpointsAndOneMoreIsRefused) {
     last.RaiseHorizon(14113, 4096, durable[14113]);
 }
 
+TEST(AllocRing, ARingThatFilledDuringACheckpointWantsAnotherOne) {
+    RingFile ring;
+    ring->BeginOwner(1, {}, 10, 5, false);
+    uint32 nextHigh = 0;
+    const uint64 sequence = ring->BeginCheckpoint([] {}, nextHigh);
+    for (uint32 high = 1; !ring->WantsCheckpoint(); ++high) ring.Raise(high, 4096);
+    ring->EndCheckpoint(2, sequence, true); // nobody is to be woken
+    EXPECT_TRUE(ring->WantsCheckpoint());
+    const uint64 next = ring->BeginCheckpoint([] {}, nextHigh);
+    ring->EndCheckpoint(3, next, true);
+    EXPECT_FALSE(ring->WantsCheckpoint());
+    EXPECT_EQ(ring->NumSealedForTest(), 0);
+}
+
 TEST(AllocRing, AHorizonThatMovesAfterTheCopyOutlivesTheHeader) {
     RingFile ring;
     ring->BeginOwner(1, {}, 10, 5, false);

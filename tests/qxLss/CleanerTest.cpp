@@ -56,6 +56,14 @@ protected:
         Write(*txn.Get(), seid, bytes);
         txn.Close();
     }
+    void Delete(Seid seid) {
+        Lss().Delete(seid);
+        m_model.erase(seid.value_);
+    }
+    // The last `n` elements stay.
+    void DeleteAllBut(size_t n) {
+        for (size_t i = 0; i + n < m_seids.size(); ++i) Delete(m_seids[i]);
+    }
     Seid SomeSeid() { return m_seids[m_random() % m_seids.size()]; }
 
     void ExpectModel() {
@@ -347,6 +355,103 @@ TEST_F(CleanerTest, WhatStandsAtTheFilesEndMovesForwardWhenTheStoreRests) {
     Store().Validate();
     m_lss->Abandon(); // killed
     Open();
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, TheMoveOfTheFilesEndTakesTheSegmentAlongThatTheCleanerIsFilling) {
+    Fill(1500, 200);
+    for (size_t i = 0; i < m_seids.size(); i += 2) Overwrite(m_seids[i], 200);
+    Store().CheckpointForTest();
+    EXPECT_GT(Store().CleanForTest(4), 0); // into new segments at the end
+    DeleteAllBut(300);
+    for (int i = 0; i < 2; ++i) Store().CheckpointForTest();
+    const ssize_t before = Store().SpaceForTest().NumSlots();
+    for (int i = 0; i < 2; ++i) Store().PullInEndForTest();
+    EXPECT_GT(before, 150);
+    EXPECT_LT(Store().SpaceForTest().NumSlots(), UsedSegments() + 20);
+    EXPECT_LT(UsedSegments(), 40);
+    ExpectModel();
+    m_lss->Abandon();
+    Open();
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, ManyTablesMoveForwardToo) {
+    Fill(8000, 20);
+    for (int i = 0; i < 8000; ++i) {
+        Overwrite(SomeSeid(), 20);
+        if (i % 50 == 0) Store().BackgroundForTest();
+    }
+    const ssize_t before = Store().SpaceForTest().NumSlots();
+    for (int i = 0; i < 1000 && Store().BackgroundForTest() >= 0; ++i) {
+    }
+    for (int i = 0; i < 2; ++i) Store().PullInEndForTest();
+    EXPECT_GT(before, UsedSegments() + 100);
+    EXPECT_LT(Store().SpaceForTest().NumSlots(), UsedSegments() + 20);
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, TheFilesEndMovesIntoSlotsWhoseBlocksAreNotKnown) {
+    Fill(2000, 200);
+    DeleteAllBut(100);
+    for (int i = 0; i < 2; ++i) Store().CheckpointForTest();
+    m_lss->Abandon();
+    Open();
+    const ssize_t before = Store().SpaceForTest().NumSlots();
+    m_sys.FailCall(ESimCall::ALLOCATE, 1, ENOSPC, true);
+    Store().PullInEndForTest(); // a full disk: nothing can move
+    EXPECT_GT(Store().SpaceForTest().NumSlots(), 60);
+    m_sys.FailCall(ESimCall::ALLOCATE, 0, 0, false);
+    Store().PullInEndForTest();
+    EXPECT_GT(before, 100);
+    EXPECT_LT(Store().SpaceForTest().NumSlots(), UsedSegments() + 20);
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, FreeSlotsAtTheEndAreCutOffWithoutAMove) {
+    Fill(6000, 200);
+    for (size_t i = 1000; i < m_seids.size(); ++i) Delete(m_seids[i]);
+    const ssize_t slot = SlotOf(m_seids[999]);
+    for (int i = 0; i < 1000 && Store().BackgroundForTest() >= 0; ++i) {
+    }
+    EXPECT_EQ(SlotOf(m_seids[999]), slot);
+    EXPECT_LT(Store().SpaceForTest().NumSlots(), UsedSegments() + 70);
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, ATransactionAlsoStopsAMoveAtRest) {
+    Fill(6000, 200);
+    DeleteAllBut(2000);
+    bool begun = false;
+    Store().SetStepHookForTest([&] {
+        if (!begun && Store().SpaceForTest().NumFree() > 100) begun = true, Overwrite(m_seids.back(), 200);
+    });
+    for (int i = 0; i < 20; ++i) Store().BackgroundForTest();
+    Store().SetStepHookForTest(nullptr);
+    EXPECT_TRUE(begun);
+    for (int i = 0; i < 1000 && Store().BackgroundForTest() >= 0; ++i) {
+    }
+    EXPECT_LT(Store().SpaceForTest().NumSlots(), UsedSegments() + 100);
+    ExpectModel();
+}
+
+TEST_F(CleanerTest, TheEndOfTheStoreStopsTheMoveOfTheFilesEnd) {
+    Fill(6000, 200);
+    DeleteAllBut(2000);
+    for (int i = 0; i < 2; ++i) Store().CheckpointForTest();
+    int steps = 0;
+    Store().SetStepHookForTest([&] {
+        if (++steps == 1) Store().CleanerForTest().RequestStop();
+    });
+    Store().PullInEndForTest();
+    Store().SetStepHookForTest(nullptr);
+    EXPECT_GT(steps, 0);
+    const ssize_t stopped = Store().SpaceForTest().NumSlots();
+    Store().PullInEndForTest();
+    EXPECT_EQ(Store().SpaceForTest().NumSlots(), stopped);
+    Store().CleanerForTest().AllowAgainForTest();
+    Store().PullInEndForTest();
+    EXPECT_LT(Store().SpaceForTest().NumSlots(), stopped - 100);
     ExpectModel();
 }
 

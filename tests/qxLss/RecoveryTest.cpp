@@ -231,6 +231,27 @@ TEST(Recovery, AnOlderFormatVersionIsRefusedByNumberAndTheFileKept) {
     EXPECT_EQ(StoreFile(after), file);
 }
 
+// Neither by its checksum nor by its version is it a header; which of the two places it stands in makes no difference.
+TEST(Recovery, ATornHeaderThatShowsAnotherVersionIsLeftOutBesideAWholeOne) {
+    for (const int numCheckpoints : {1, 2}) {
+        SimSys sys;
+        {
+            TestLss lss(sys);
+            lss.Put("x");
+            for (int i = 0; i < numCheckpoints; ++i) lss->CheckpointForTest();
+        }
+        FileBytes file = StoreFile(sys);
+        CheckpointHeader older{};
+        const auto offset = static_cast<std::ptrdiff_t>(HeaderOffset(HeaderOf(file).checkpointSequence + 1));
+        std::memcpy(static_cast<void*>(&older), file.data() + offset, sizeof older);
+        older.version = 9; // and the checksum of another version
+        std::memcpy(file.data() + offset, &older, sizeof older);
+        SimSys after(ImageOf(file));
+        TestLss lss(after);
+        EXPECT_EQ(lss.All().size(), 1u) << numCheckpoints;
+    }
+}
+
 // The COMMIT that names the mark comes only many segments behind the break.
 TEST(Recovery, DamageBeforeALongTransactionIsNeverPassedOver) {
     SimSys sys;

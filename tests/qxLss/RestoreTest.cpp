@@ -94,6 +94,17 @@ TEST_F(Restoring, ACopyAndTheDeltasSinceGiveTheStoreAfterTheLastTransaction) {
     EXPECT_FALSE(Exists("d/new.part"));
 }
 
+TEST_F(Restoring, ABaseWithEmptySegmentsAtItsEndIsCopied) {
+    Fill(20, 40);
+    {
+        File base(*m_sys);
+        base.Open("d/base", EFileAccess::READ_WRITE);
+        base.Truncate(base.Size() + (3 << 20));
+    }
+    EXPECT_EQ(RestoreTo(RestoreTarget::End()).numReplayed, m_store->Last() - m_baseAt);
+    ExpectState(m_store->Last());
+}
+
 TEST_F(Restoring, EveryTransactionFromTheBaseOnCanBeRestored) {
     for (uint64 seed = 1; seed <= 3; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));

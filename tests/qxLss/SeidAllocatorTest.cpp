@@ -358,11 +358,12 @@ TEST(SeidAllocator, HighsBeyondTheFirstThousandAreFound) {
         EXPECT_EQ(allocator.Affiliate(0, high), 320u);
     }
     EXPECT_EQ(allocator->AllocateSeid(5000), Seid(0, 5000));
+    EXPECT_EQ(allocator->AllocateSeid(7u << 20), Seid(0, 7u << 20)); // of a range in which there is none yet
     std::vector<HighAllocation> exported;
     uint32 nextHigh = 0;
     allocator->BeginCheckpoint(false, exported, nextHigh);
     EXPECT_EQ(nextHigh, 0xFFFFFFFEu);
-    EXPECT_EQ(exported.size(), some.size() + 1);
+    EXPECT_EQ(exported.size(), some.size() + 2);
     EXPECT_TRUE(std::is_sorted(exported.begin(), exported.end(),
                                [](const HighAllocation& a, const HighAllocation& b) { return a.high < b.high; }));
 }
