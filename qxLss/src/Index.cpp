@@ -249,6 +249,9 @@ void Index::GrowRoot(HighIndex& high, int level) {
         high.root.store(root, std::memory_order_release);
         return;
     }
+    // Of the nodes made here only the new root gets a new leaf below it. Those between are written with a leaf of the old
+    // root's; without them all that it leads to would be missing in the next snapshot.
+    if (IndexLeaf* const leaf = old->level + 1 < level ? FirstLeafBelow(old) : nullptr) MarkDirty(*leaf);
     while (old->level < level) {
         IndexInner* const root = static_cast<IndexInner*>(MakeNode(high.high, old->level + 1, 0));
         {
@@ -410,12 +413,16 @@ void Index::TouchPage(uint64 key, int level, Location l) {
     while (node && node->level > level) node = Child(static_cast<IndexInner&>(*node), SlotAt(low, node->level));
     if (!node || node->own != l || node->page != static_cast<uint32>(key)) return;
     // An inner node is written when a leaf below it is.
+    if (IndexLeaf* const leaf = FirstLeafBelow(node)) MarkDirty(*leaf);
+}
+
+IndexLeaf* Index::FirstLeafBelow(IndexNode* node) const {
     while (node && !node->IsLeaf()) {
         IndexInner& inner = static_cast<IndexInner&>(*node);
         node = nullptr;
         for (size_t i = 0; !node && i < static_cast<size_t>(LEAF_SLOTS); ++i) node = Child(inner, i);
     }
-    if (node) MarkDirty(static_cast<IndexLeaf&>(*node));
+    return static_cast<IndexLeaf*>(node);
 }
 
 } // namespace quna

@@ -143,6 +143,8 @@ private:
     IndexNode* AddChild(IndexInner& inner, size_t i);
     void CopyForSnapshot(IndexLeaf& leaf);
     void MarkDirty(IndexLeaf& leaf);
+    // The node itself if it is one; null if there is none.
+    IndexLeaf* FirstLeafBelow(IndexNode* node) const;
     void WriteNode(IndexNode& node, IIndexPageSink& sink, std::vector<IndexInner*>& parents);
     static ssize_t Encode(const IndexNode& node, const std::array<Location, LEAF_SLOTS>* copy, octet_t* payload);
     Mutex& LoadMutex(uint32 page) const { return m_loadMutexes[page & 15]; }

@@ -144,6 +144,47 @@ TEST(Index, ASnapshotIsTheIndexAsItWasMarked) {
 }
 
 // A recovery repeats what was published after the mark: it would count an element twice whose page has it already.
+// All that was there is reached through nodes that have no changed leaf below them.
+TEST(Index, ARootThatGrowsByMoreThanOneLevelKeepsWhatWasBelowIt) {
+    constexpr uint32 SMALL[] = {5, 300, 70000};
+    constexpr uint32 LARGE[] = {600, 65536, 70001, 0xFFFFFF, 0x1000000, 0xFFFFFFFE};
+    for (const uint32 before : SMALL) {
+        for (const uint32 after : LARGE) {
+            for (const bool isReloaded : {false, true}) {
+                SCOPED_TRACE(std::to_string(before) + " then " + std::to_string(after));
+                IndexPages pages;
+                int level = 0;
+                pages.Set(Seid(before, 1), Fake(1));
+                Location root = pages.Checkpoint(level);
+                if (isReloaded) pages.Reload(root, level);
+                pages.Set(Seid(after, 1), Fake(2));
+                root = pages.Checkpoint(level);
+                pages.Reload(root, level);
+                EXPECT_EQ((*pages).Get(Seid(before, 1)), Fake(1));
+                EXPECT_EQ((*pages).Get(Seid(after, 1)), Fake(2));
+            }
+        }
+    }
+}
+
+TEST(Index, ARootThatGrowsByTwoLevelsInsideASnapshotKeepsWhatWasBelowIt) {
+    IndexPages pages;
+    pages.Set(Seid(5, 1), Fake(1));
+    int level = 0;
+    pages.Checkpoint(level);
+    (*pages).BeginSnapshot();
+    pages.Set(Seid(0x1000000, 1), Fake(2));
+    struct Sink final : IIndexPageSink {
+        Location WritePage(uint64, const void*, ssize_t) override { return Fake(100); }
+        void PageDied(Location) override {}
+    } sink;
+    (*pages).WriteSnapshot(sink); // nothing was dirty when it began
+    const Location root = pages.Checkpoint(level);
+    pages.Reload(root, level);
+    EXPECT_EQ((*pages).Get(Seid(5, 1)), Fake(1));
+    EXPECT_EQ((*pages).Get(Seid(0x1000000, 1)), Fake(2));
+}
+
 TEST(IndexThreads, WhatIsPublishedWhileItsPageIsBeingWrittenIsNotInTheSnapshot) {
     constexpr uint32 NUM_LEAVES = 32;
     constexpr int NUM_SNAPSHOTS = 500;

@@ -231,6 +231,28 @@ TEST(Recovery, AnOlderFormatVersionIsRefusedByNumberAndTheFileKept) {
     EXPECT_EQ(StoreFile(after), file);
 }
 
+TEST(Recovery, ElementsSurviveOneWhoseIdentifierIsFarAboveTheirs) {
+    SimSys sys;
+    Seid first;
+    Seid far;
+    {
+        TestLss lss(sys);
+        first = lss.Put("first");
+        lss->CheckpointForTest();
+        far = Seid(0x1000000, first.high_);
+        ASSERT_TRUE(lss->AllocateAffiliateSeid(far));
+        AutoCloser<ILssTransaction> txn(lss->OpenTransaction());
+        TestLss::Write(*txn.Get(), far, "far");
+        txn.Close();
+    }
+    for (int i = 0; i < 3; ++i) {
+        TestLss lss(sys);
+        EXPECT_EQ(lss.Get(first), "first");
+        EXPECT_EQ(lss.Get(far), "far");
+        lss->Validate();
+    }
+}
+
 // Neither by its checksum nor by its version is it a header; which of the two places it stands in makes no difference.
 TEST(Recovery, ATornHeaderThatShowsAnotherVersionIsLeftOutBesideAWholeOne) {
     for (const int numCheckpoints : {1, 2}) {
