@@ -358,11 +358,11 @@ TEST_F(CleanerTest, WhatStandsAtTheFilesEndMovesForwardWhenTheStoreRests) {
     ExpectModel();
 }
 
-TEST_F(CleanerTest, TheMoveOfTheFilesEndTakesTheSegmentAlongThatTheCleanerIsFilling) {
+TEST_F(CleanerTest, TheFilesEndMovesForwardAfterABatchOfTheCleaner) {
     Fill(1500, 200);
     for (size_t i = 0; i < m_seids.size(); i += 2) Overwrite(m_seids[i], 200);
     Store().CheckpointForTest();
-    EXPECT_GT(Store().CleanForTest(4), 0); // into new segments at the end
+    EXPECT_GT(Store().CleanForTest(4), 0);
     DeleteAllBut(300);
     for (int i = 0; i < 2; ++i) Store().CheckpointForTest();
     const ssize_t before = Store().SpaceForTest().NumSlots();
