@@ -91,6 +91,7 @@ ssize_t Shrinker::PullInOnce(ssize_t end, IsInterrupted isInterrupted) {
     for (ssize_t before = m_space.NumSlots(); !isInterrupted() && HasRoomBelow(end, needed); before = left) {
         left = m_checkpoint.RunAndEmpty(end);
         if (left == 0 || left >= before) break;
+        TurnScope turn(m_log.Turn()); // for the count of dirty leaves
         needed = std::min(needed, left + m_checkpoint.SlotsNeeded());
     }
     ssize_t emptied = 0;
