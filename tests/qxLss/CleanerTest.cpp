@@ -342,10 +342,7 @@ TEST_F(CleanerTest, MostOfTheFileIsGivenBackWhenMostOfTheStoreIsDeleted) {
 TEST_F(CleanerTest, WhatStandsAtTheFilesEndMovesForwardWhenTheStoreRests) {
     Fill(6000, 200);
     const ssize_t before = Store().SpaceForTest().NumSlots();
-    for (size_t i = 0; i + 300 < m_seids.size(); ++i) {
-        Lss().Delete(m_seids[i]);
-        m_model.erase(m_seids[i].value_);
-    }
+    DeleteAllBut(300);
     for (int i = 0; i < 1000 && Store().BackgroundForTest() >= 0; ++i) {
     }
     EXPECT_GT(before, 300);
@@ -419,22 +416,6 @@ TEST_F(CleanerTest, FreeSlotsAtTheEndAreCutOffWithoutAMove) {
     ExpectModel();
 }
 
-TEST_F(CleanerTest, ATransactionAlsoStopsAMoveAtRest) {
-    Fill(6000, 200);
-    DeleteAllBut(2000);
-    bool begun = false;
-    Store().SetStepHookForTest([&] {
-        if (!begun && Store().SpaceForTest().NumFree() > 100) begun = true, Overwrite(m_seids.back(), 200);
-    });
-    for (int i = 0; i < 20; ++i) Store().BackgroundForTest();
-    Store().SetStepHookForTest(nullptr);
-    EXPECT_TRUE(begun);
-    for (int i = 0; i < 1000 && Store().BackgroundForTest() >= 0; ++i) {
-    }
-    EXPECT_LT(Store().SpaceForTest().NumSlots(), UsedSegments() + 100);
-    ExpectModel();
-}
-
 TEST_F(CleanerTest, TheEndOfTheStoreStopsTheMoveOfTheFilesEnd) {
     Fill(6000, 200);
     DeleteAllBut(2000);
@@ -457,10 +438,7 @@ TEST_F(CleanerTest, TheEndOfTheStoreStopsTheMoveOfTheFilesEnd) {
 
 TEST_F(CleanerTest, ATransactionStopsTheMoveOfTheFilesEnd) {
     Fill(6000, 200);
-    for (size_t i = 0; i + 2000 < m_seids.size(); ++i) {
-        Lss().Delete(m_seids[i]);
-        m_model.erase(m_seids[i].value_);
-    }
+    DeleteAllBut(2000);
     for (int i = 0; i < 2; ++i) Store().CheckpointForTest(); // what is empty becomes free
     int steps = 0;
     Store().SetStepHookForTest([&] {
